@@ -1,0 +1,219 @@
+// Everything that differs between Windows and POSIX lives behind this header. Nothing outside
+// platform/ may test _WIN32 or include a system header that only one side has.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#if defined(_WIN32)
+#define KV_EXPORT __declspec(dllexport)
+#define KV_IMPORT __declspec(dllimport)
+#define KV_APIENTRY __stdcall
+#else
+#define KV_EXPORT __attribute__((visibility("default")))
+#define KV_IMPORT
+#define KV_APIENTRY
+#endif
+
+#define KV_LIKELY(x) __builtin_expect(!!(x), 1)
+#define KV_UNLIKELY(x) __builtin_expect(!!(x), 0)
+#define KV_NOINLINE __attribute__((noinline))
+#define KV_ALWAYS_INLINE inline __attribute__((always_inline))
+
+namespace kv::platform {
+
+// ---- Modules ---------------------------------------------------------------------------------
+
+using ModuleHandle = void *;
+
+// Loads a module and resolves its references (LoadLibraryA / dlopen RTLD_NOW).
+ModuleHandle loadLibrary(const char *path);
+// Loads a module only to learn where it lives (LoadLibraryExA with DONT_RESOLVE_DLL_REFERENCES /
+// dlopen RTLD_LAZY|RTLD_LOCAL).
+ModuleHandle loadLibraryNoResolve(const char *path);
+void freeLibrary(ModuleHandle module);
+void *getSymbol(ModuleHandle module, const char *name);
+// Full path of a loaded module; empty when it cannot be told.
+std::string moduleFileName(ModuleHandle module);
+// The module that holds the given code or data address; null when none does.
+ModuleHandle moduleContaining(const void *address);
+// The handle by which this library's own loader registration can be compared with others.
+ModuleHandle ownModule();
+// Path of the running executable; empty when it cannot be told.
+std::string executablePath();
+// The file name of a path: what follows the last '/' or '\\'.
+std::string baseName(const std::string &path);
+// The directories a bare library name is searched in, in the loader's order (for finding the real
+// driver libraries when our front libraries shadow them).
+std::vector<std::string> librarySearchDirectories();
+// True when both paths name the same file (same device and inode / same file index).
+bool sameFile(const std::string &a, const std::string &b);
+bool fileExists(const std::string &path);
+std::string currentDirectory();
+// The driver library file names of this platform, by API: 0 EGL, 1 OpenGL ES 1, 2 OpenGL ES 2/3,
+// 3 OpenCL.
+const char *driverLibraryName(int api);
+// Finds the file that a bare library name stands for, passing over the files in `excluded` (our
+// own front libraries, which may shadow the real drivers on the search path). Returns the full
+// path, or an empty string when nothing was found.
+std::string locateLibrary(const char *name, const std::vector<std::string> &excluded);
+std::string getEnv(const char *name);
+
+// ---- Threads, locks and thread-local slots ---------------------------------------------------
+
+uint64_t processId();
+uint64_t threadId();
+void sleepMs(uint32_t milliseconds);
+uint64_t tickCountMs();
+uint64_t perfCounter();
+uint64_t perfFrequency();
+
+// A thread-local slot whose non-null value is handed to `cleanup` when its thread ends.
+class TlsSlot {
+public:
+    using Cleanup = void (*)(void *);
+    explicit TlsSlot(Cleanup cleanup = nullptr);
+    ~TlsSlot();
+    TlsSlot(const TlsSlot &) = delete;
+    TlsSlot &operator=(const TlsSlot &) = delete;
+    bool valid() const { return valid_; }
+    void *get() const;
+    void set(void *value);
+
+private:
+    uintptr_t key_ = 0;
+    bool valid_ = false;
+};
+
+// Runs the clean-ups of the calling thread's slots now (Windows calls this from the library's
+// thread-detach notification; POSIX runs them itself when the thread ends).
+void runThreadCleanups();
+
+// A plain mutex, usable from static storage before any constructor has run.
+class Mutex {
+public:
+    Mutex();
+    ~Mutex();
+    Mutex(const Mutex &) = delete;
+    Mutex &operator=(const Mutex &) = delete;
+    void lock();
+    void unlock();
+
+private:
+    alignas(8) unsigned char storage_[64];
+};
+
+// The recursive lock that serialises trace records: it knows its owner thread and how often that
+// thread holds it.
+class RecursiveLock {
+public:
+    RecursiveLock();
+    ~RecursiveLock();
+    RecursiveLock(const RecursiveLock &) = delete;
+    RecursiveLock &operator=(const RecursiveLock &) = delete;
+    void lock();
+    void unlock();
+    uint64_t owner() const;
+    uint32_t count() const;
+
+private:
+    Mutex mutex_;
+    uint64_t owner_ = 0;
+    uint32_t count_ = 0;
+};
+
+template <class L>
+class LockGuard {
+public:
+    explicit LockGuard(L &lock) : lock_(lock) { lock_.lock(); }
+    ~LockGuard() { lock_.unlock(); }
+    LockGuard(const LockGuard &) = delete;
+    LockGuard &operator=(const LockGuard &) = delete;
+
+private:
+    L &lock_;
+};
+
+// ---- Diagnostics and process -----------------------------------------------------------------
+
+// The debugger channel: OutputDebugStringA on Windows; on POSIX the file named by
+// KALVOREN_DEBUG_LOG (appended to), and nothing when the variable is unset.
+void debugOutput(const char *text);
+// The console channel for the library's progress lines. Windows writes them to standard output;
+// POSIX writes them to standard error so that a traced program's own standard output stays its own.
+void consoleOut(const char *text);
+void consoleErr(const char *text);
+// A blocking message box on Windows; elsewhere the text goes to standard error.
+void messageBox(const char *text, const char *caption);
+[[noreturn]] void exitProcess(int code);
+// Operating system identity for the trace header: major and minor version and a free text.
+struct OsVersion {
+    int major = 0;
+    int minor = 0;
+    std::string extra;
+    const char *family = "";
+};
+OsVersion osVersion();
+
+// ---- Memory ----------------------------------------------------------------------------------
+
+// Installs the fault guard used by guardedCopy; idempotent, cheap to call again (it checks that
+// the guard is still the first to see access faults and re-installs it when someone replaced it).
+void installFaultGuard();
+// Copies n bytes from application memory that may be unmapped or protected. Returns the number of
+// bytes copied: n on success, less when an access fault stopped the copy. Costs a memcpy when the
+// memory is readable.
+size_t guardedCopy(void *dst, const void *src, size_t n);
+// Length of a 0-terminated string in application memory, reading at most `limit` bytes; returns
+// false (and the length read so far) when the memory faults before a terminator is found.
+bool guardedStrlen(const char *s, size_t limit, size_t *length);
+
+// ---- Files -----------------------------------------------------------------------------------
+
+// A file mapped for writing that grows in chunks; the bytes written through the mapping reach the
+// file even when the process dies without closing it.
+class MappedFile {
+public:
+    MappedFile() = default;
+    ~MappedFile();
+    MappedFile(const MappedFile &) = delete;
+    MappedFile &operator=(const MappedFile &) = delete;
+    // Creates or truncates the file. Returns false when it cannot be created or mapped.
+    bool create(const char *path, uint64_t initialCapacity);
+    // Makes sure at least `capacity` bytes are backed on disk and mapped. Returns false when the
+    // file cannot grow (disk full, size limit); the old mapping then stays valid.
+    bool reserve(uint64_t capacity);
+    uint8_t *data() const { return data_; }
+    uint64_t capacity() const { return capacity_; }
+    // Sets the final length, unmaps and closes.
+    void close(uint64_t finalSize);
+    bool isOpen() const { return data_ != nullptr; }
+
+private:
+    uint8_t *data_ = nullptr;
+    uint64_t capacity_ = 0;
+    intptr_t fd_ = -1;
+    intptr_t mapping_ = 0;
+};
+
+// 64-bit tell and seek on a standard file.
+int64_t fileTell(std::FILE *file);
+bool fileSeek(std::FILE *file, int64_t offset, int origin);
+
+// Runs a function when a process forks (in the child), so that cached process identities can be
+// refreshed without a system call per API call. A no-op where fork does not exist.
+void onForkChild(void (*handler)());
+
+// The library entry routine. platform/ maps the loader's notifications (DllMain on Windows; load and
+// unload hooks and thread-exit destructors elsewhere) onto these, which the library defines.
+struct EntryRoutine {
+    static bool processAttach();
+    static bool threadAttach();
+    static void threadDetach();
+    static void processDetach();
+};
+
+} // namespace kv::platform
