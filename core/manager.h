@@ -1,0 +1,40 @@
+// The recording manager: the process-wide singleton that holds per-thread data and the state the
+// recorder keeps about the trace file it writes.
+#pragma once
+
+#include "core/thread_local_pointer.h"
+#include "core/zand_string.h"
+
+#include <cstdint>
+#include <map>
+
+namespace kv {
+
+class CTraceRecordManager {
+public:
+    struct ThreadData {
+        uint32_t value = 0;
+        uint32_t currentFunction = 0;
+        // The partial render-state snapshot of this thread was written.
+        bool stateSaved = false;
+    };
+
+    static CTraceRecordManager &get();
+
+    ThreadData &threadData() { return threadData_.getOrCreate(); }
+    const CZandString &buildString() const { return build_; }
+
+private:
+    CTraceRecordManager();
+    CZandString empty_;
+    CZandString build_;
+    ThreadLocalPointer<ThreadData> threadData_;
+    std::map<uint64_t, uint64_t> map_;
+};
+
+// Stores the id of the function the calling thread is executing.
+KV_ALWAYS_INLINE void setCurrentFunction(uint16_t id) {
+    CTraceRecordManager::get().threadData().currentFunction = id;
+}
+
+} // namespace kv

@@ -1,0 +1,72 @@
+#include "core/settings.h"
+
+#include "config/config.h"
+#include "core/lifecycle.h"
+#include "core/messages.h"
+#include "trace/trace_writer.h"
+
+namespace kv {
+
+namespace detail {
+Settings *g_settings = nullptr;
+std::atomic<uint64_t> g_settingsPid{0};
+
+namespace {
+platform::Mutex g_buildLock;
+// The thread that is building the settings gets the record being built when it asks again.
+thread_local bool t_building = false;
+} // namespace
+
+Settings &buildSettings() {
+    if (t_building) return *g_settings;
+    platform::LockGuard<platform::Mutex> guard(g_buildLock);
+    uint64_t pid = platform::processId();
+    if (g_settingsPid.load(std::memory_order_acquire) == pid) return *g_settings;
+    t_building = true;
+    if (!g_settings) {
+        // Never freed: entry points of other threads may still read it while the process ends.
+        g_settings = new Settings();
+    } else {
+        // A child process after fork, or a trace that was closed for good: start afresh. A trace
+        // file inherited from the parent is the parent's to finish.
+        g_settings->reset();
+    }
+    Settings &s = *g_settings;
+    s.cachedProcessId = pid;
+    config::applyConfigFile(s);
+    searchDefaultHostLibraries();
+    if (s.recordingEnabled && !trace::openForRecording(s))
+        msg::emit(msg::kDebugger | msg::kOut, "", "ERROR: Failed to open record trace file.");
+    // Keep the OpenGL ES libraries loaded for the rest of the process.
+    platform::loadLibrary(platform::driverLibraryName(kHostEs2));
+    platform::loadLibrary(platform::driverLibraryName(kHostEs1));
+    g_settingsPid.store(pid, std::memory_order_release);
+    t_building = false;
+    return s;
+}
+} // namespace detail
+
+Settings &getSettings() {
+    return fastSettings();
+}
+
+void invalidateSettings() {
+    detail::g_settingsPid.store(0, std::memory_order_release);
+}
+
+CZandString &configuredHostLibraryPath(int api) {
+    static CZandString *paths = new CZandString[4];
+    return paths[api & 3];
+}
+
+CZandString &defaultHostLibraryPath(int api) {
+    static CZandString *paths = new CZandString[4];
+    return paths[api & 3];
+}
+
+const CZandString &hostLibraryPath(int api) {
+    const CZandString &configured = configuredHostLibraryPath(api);
+    return configured.empty() ? defaultHostLibraryPath(api) : configured;
+}
+
+} // namespace kv

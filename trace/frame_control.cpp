@@ -1,0 +1,91 @@
+#include "trace/frame_control.h"
+
+#include "core/manager.h"
+#include "core/messages.h"
+#include "core/settings.h"
+#include "trace/trace_writer.h"
+
+#include <atomic>
+
+namespace kv::frames {
+
+namespace {
+std::atomic<SnapshotWriter> g_snapshotWriter{nullptr};
+
+void report(const char *fmt, int value) {
+    msg::info(fmt, value);
+}
+
+// Runs `body` while calls are recorded without reaching the host.
+template <class Body>
+void withSnapshotInProgress(Settings &s, Body body) {
+    s.snapshotInProgress = true;
+    s.forwardToHost = false;
+    body();
+    s.snapshotInProgress = false;
+    s.forwardToHost = true;
+}
+} // namespace
+
+void setSnapshotWriter(SnapshotWriter writer) {
+    g_snapshotWriter.store(writer);
+}
+
+void saveRenderState(Settings &s, bool full) {
+    CTraceRecordManager::ThreadData &thread = CTraceRecordManager::get().threadData();
+    if (!full && thread.stateSaved) return;
+    (void)s;
+    trace::writeSnapshotMarker();
+    if (SnapshotWriter writer = g_snapshotWriter.load()) writer(full);
+    thread.stateSaved = true;
+    trace::writeSnapshotMarker();
+}
+
+bool shouldRecord(Settings &s) {
+    if (!s.recordingEnabled) return false;
+    const uint32_t f = s.currentFrame.load(std::memory_order_relaxed);
+    if (f >= s.startFrame) {
+        if (f > s.endFrame) {
+            if (!s.endMarkerWritten.load()) {
+                if (s.snapshotInProgress.load()) return true;
+                if (!s.endMarkerWritten.exchange(true)) trace::writeEndMarker(s);
+            }
+            if (!s.exitOnLastFrame) return false;
+            if (s.debugLevel >= 1) msg::info("Exit. Last frame has been reached");
+            trace::close(s, false);
+            platform::exitProcess(0);
+        }
+        if (s.debugLevel >= 1 && static_cast<int32_t>(f) != s.lastReportedFrame) {
+            s.lastReportedFrame = static_cast<int32_t>(f);
+            report("Recording... Current frame: %d", static_cast<int>(f));
+        }
+        if (s.startFrame != 0) {
+            if (s.snapshotPending.load()) {
+                if (s.debugLevel >= 2) msg::info("Saving Render State");
+                withSnapshotInProgress(s, [&] { saveRenderState(s, true); });
+                s.snapshotPending = false;
+            } else if (!CTraceRecordManager::get().threadData().stateSaved) {
+                // A thread's first recorded call after the full snapshot brings its own state.
+                withSnapshotInProgress(s, [&] { saveRenderState(s, false); });
+            }
+        }
+        if (f == s.endFrame && s.debugLevel >= 1 && static_cast<int32_t>(f) != s.lastReportedFrame) {
+            s.lastReportedFrame = static_cast<int32_t>(f);
+            msg::info("Recording Last Frame");
+        }
+        return true;
+    }
+    if (s.debugLevel >= 2 && static_cast<int32_t>(f) != s.lastReportedFrame) {
+        s.lastReportedFrame = static_cast<int32_t>(f);
+        report("Current frame... %d", static_cast<int>(f));
+    }
+    s.snapshotPending = true;
+    return false;
+}
+
+void frameEnded(Settings &s) {
+    s.currentFrame.fetch_add(1, std::memory_order_relaxed);
+    s.swapSeen = true;
+}
+
+} // namespace kv::frames

@@ -1,0 +1,41 @@
+// Where the trace's bytes go. Callers see one small interface; two mechanisms stand behind it:
+// buffered standard file I/O flushed after every record, and a file mapping that needs no system
+// call per record (bytes written into the mapping reach the file even when the process dies).
+#pragma once
+
+#include "platform/platform.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+#include <string>
+
+namespace kv {
+
+class OutputStream {
+public:
+    virtual ~OutputStream() = default;
+    // Writes all n bytes or nothing useful; returns false on failure.
+    virtual bool write(const void *bytes, size_t n) = 0;
+    // Copies n bytes of application memory, which may be unreadable: what cannot be read is
+    // written as zeros so that the record keeps its length. Stores the number of readable bytes in
+    // `readable`; returns false when the write itself failed.
+    virtual bool writeClient(const void *bytes, size_t n, size_t *readable) = 0;
+    virtual uint64_t tell() = 0;
+    // Reads back n bytes written earlier at `position`; the write position is kept.
+    virtual bool read(uint64_t position, void *out, size_t n) = 0;
+    virtual bool seek(uint64_t position) = 0;
+    // Makes everything written so far survive the process.
+    virtual bool flush() = 0;
+    virtual void close() = 0;
+    virtual bool isOpen() const = 0;
+};
+
+enum class StreamKind { Buffered, Mapped };
+
+// Opens (truncating) a trace file. Mapped falls back to Buffered where the file cannot be mapped
+// (a pipe, a device). Returns null when the file cannot be opened.
+std::unique_ptr<OutputStream> openOutputStream(const char *path, StreamKind kind);
+
+} // namespace kv

@@ -1,0 +1,123 @@
+#include "trace/record.h"
+
+#include "core/messages.h"
+#include "platform/platform.h"
+
+#include <cstdlib>
+
+namespace kv {
+
+namespace {
+// No text the recorder stores is larger than this; an unterminated string stops here.
+constexpr size_t kMaxTextLength = 64u << 20;
+
+uint32_t textLength(const char *text) {
+    size_t length = 0;
+    if (!platform::guardedStrlen(text, kMaxTextLength, &length))
+        msg::error("The string at %p could not be read to its end; %u characters were recorded.",
+                   static_cast<const void *>(text), static_cast<unsigned>(length));
+    return static_cast<uint32_t>(length);
+}
+
+// Copies a client array of n elements into the record's scratch memory; unreadable elements read
+// as zero. Returns null for a null array.
+template <class T>
+const T *copyArray(RecordHandle &h, const T *array, uint32_t n) {
+    if (!array || n == 0) return nullptr;
+    T *copy = static_cast<T *>(h.scratch(sizeof(T) * n));
+    size_t got = platform::guardedCopy(copy, array, sizeof(T) * n);
+    if (got < sizeof(T) * n) {
+        std::memset(reinterpret_cast<uint8_t *>(copy) + got, 0, sizeof(T) * n - got);
+        msg::error("The array at %p could not be read; the unreadable part was recorded as zeros.",
+                   static_cast<const void *>(array));
+    }
+    return copy;
+}
+} // namespace
+
+RecordScratch::~RecordScratch() {
+    for (auto &c : chunks_)
+        std::free(c.data);
+}
+
+void *RecordScratch::allocate(size_t bytes) {
+    bytes = (bytes + 15) & ~size_t(15);
+    while (current_ < chunks_.size()) {
+        Chunk &c = chunks_[current_];
+        if (c.size - c.used >= bytes) {
+            void *p = c.data + c.used;
+            c.used += bytes;
+            return p;
+        }
+        ++current_;
+    }
+    size_t size = bytes > (256u << 10) ? bytes : (256u << 10);
+    auto *data = static_cast<uint8_t *>(std::malloc(size));
+    if (!data) std::abort();
+    chunks_.push_back(Chunk{data, size, bytes});
+    current_ = chunks_.size() - 1;
+    return data;
+}
+
+void RecordScratch::reset() {
+    if (chunks_.empty()) return;
+    // Keep the first chunk; let go of the ones a large record needed.
+    for (uint32_t i = 1; i < chunks_.size(); ++i)
+        std::free(chunks_[i].data);
+    Chunk first = chunks_[0];
+    first.used = 0;
+    chunks_.clear();
+    if (first.size <= (4u << 20)) {
+        chunks_.push_back(first);
+    } else {
+        std::free(first.data);
+    }
+    current_ = 0;
+}
+
+void RecordHandle::appendString(const char *text) {
+    ptr(text);
+    uint32_t length = text ? textLength(text) : 0;
+    u32(length);
+    addBlock(length, text, false);
+}
+
+void RecordHandle::appendStringArrayGL(const char *const *strings, int32_t count, const int32_t *lengths) {
+    uint32_t n = strings && count > 0 ? static_cast<uint32_t>(count) : 0;
+    const char *const *names = copyArray(*this, strings, n);
+    const int32_t *given = copyArray(*this, lengths, n);
+    ptr(strings);
+    u32(n);
+    for (uint32_t i = 0; i < n; ++i) {
+        const char *s = names[i];
+        uint32_t length = 0;
+        if (given && given[i] >= 0)
+            length = static_cast<uint32_t>(given[i]);
+        else if (s)
+            length = textLength(s);
+        ptr(s);
+        u32(length);
+        addBlock(length, s, false);
+    }
+}
+
+void RecordHandle::appendStringArrayCL(const char *const *strings, uint32_t count, const size_t *lengths) {
+    uint32_t n = strings ? count : 0;
+    const char *const *names = copyArray(*this, strings, n);
+    const size_t *given = copyArray(*this, lengths, n);
+    ptr(strings);
+    u32(n);
+    for (uint32_t i = 0; i < n; ++i) {
+        const char *s = names[i];
+        uint32_t length;
+        if (given && given[i] != 0)
+            length = static_cast<uint32_t>(given[i]);
+        else
+            length = s ? textLength(s) + 1 : 0;
+        ptr(s);
+        u32(length);
+        addBlock(length, s, false);
+    }
+}
+
+} // namespace kv

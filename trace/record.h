@@ -1,0 +1,95 @@
+// One call record as it is assembled on its thread: the inline bytes (id and values) and the data
+// blocks of client memory, referenced and not copied until the record is finished.
+#pragma once
+
+#include "core/dyn_array.h"
+
+#include <cstdint>
+#include <cstring>
+
+namespace kv {
+
+struct SDataBlock {
+    uint32_t position; // logical size of the record when the block was added
+    uint32_t size;     // 0 when the pointer is null
+    const void *data;
+    bool compressible;
+};
+
+// Scratch memory that lives until the record is finished (gathered vertex data, copies of values
+// the library derives). Chunks are kept for the next record.
+class RecordScratch {
+public:
+    ~RecordScratch();
+    void *allocate(size_t bytes);
+    void reset();
+
+private:
+    struct Chunk {
+        uint8_t *data;
+        size_t size;
+        size_t used;
+    };
+    DynArray<Chunk> chunks_;
+    uint32_t current_ = 0;
+};
+
+// The per-thread call record.
+struct CallRecord {
+    uint64_t threadId = 0;
+    uint32_t logicalSize = 0; // bytes as if every block were stored inline
+    bool inRecord = false;
+    DynArray<SDataBlock> blocks;
+    DynArray<uint8_t> inlineBytes;
+    RecordScratch scratch;
+};
+
+class RecordHandle {
+public:
+    RecordHandle() = default;
+    explicit RecordHandle(CallRecord *record) : r_(record) {}
+    explicit operator bool() const { return r_ != nullptr; }
+    CallRecord *record() const { return r_; }
+
+    void append(const void *bytes, uint32_t n) {
+        r_->inlineBytes.append(static_cast<const uint8_t *>(bytes), n);
+        r_->logicalSize += n;
+    }
+    template <class T>
+    void value(T v) {
+        append(&v, sizeof(T));
+    }
+    void u8(uint8_t v) { value(v); }
+    void u16(uint16_t v) { value(v); }
+    void u32(uint32_t v) { value(v); }
+    void i32(int32_t v) { value(v); }
+    void u64(uint64_t v) { value(v); }
+    void f32(float v) { value(v); }
+    void ptr(const void *p) { value(static_cast<uint64_t>(reinterpret_cast<uintptr_t>(p))); }
+
+    // Registers client memory to be stored at the current position. Size 0 registers nothing; a
+    // null pointer is stored with size 0.
+    void addBlock(uint32_t size, const void *data, bool compressible) {
+        if (size == 0) return;
+        uint32_t stored = data ? size : 0;
+        r_->blocks.push_back(SDataBlock{r_->logicalSize, stored, data, compressible});
+        r_->logicalSize += stored;
+    }
+
+    // The text's pointer (8), its length (4) and a block of the text without its terminator.
+    void appendString(const char *text);
+    // Array pointer (8) and count (4), then per string its pointer (8), length (4) and block;
+    // OpenGL ES rules: a length entry of 0 or more is used as it is, else the text's own length.
+    void appendStringArrayGL(const char *const *strings, int32_t count, const int32_t *lengths);
+    // OpenCL rules: a non-zero length entry is used as it is, else the text's length plus its
+    // terminator.
+    void appendStringArrayCL(const char *const *strings, uint32_t count, const size_t *lengths);
+
+    uint32_t size() const { return r_ ? r_->logicalSize : 0; }
+    void *scratch(size_t bytes) { return r_->scratch.allocate(bytes); }
+
+private:
+    CallRecord *r_ = nullptr;
+};
+
+} // namespace kv

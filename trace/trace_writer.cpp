@@ -1,0 +1,346 @@
+#include "trace/trace_writer.h"
+
+#include "core/lifecycle.h"
+#include "core/messages.h"
+#include "core/settings.h"
+#include "trace/format.h"
+
+#include <zlib.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <memory>
+#include <mutex>
+
+namespace kv::trace {
+
+namespace {
+
+platform::RecursiveLock g_recordLock;
+std::atomic<MirrorFn> g_mirror{nullptr};
+CZandString g_description;
+std::unique_ptr<OutputStream> g_stream;
+
+// The compression scratch: one z_stream, a 2 MiB output buffer and a staging buffer for reading
+// application memory safely, used only under the record lock.
+constexpr size_t kDeflateOut = 0x200000;
+constexpr size_t kDeflateIn = 256 * 1024;
+uint8_t *g_deflateOut = nullptr;
+uint8_t *g_deflateIn = nullptr;
+
+uint32_t g_writeFailures = 0;
+
+void reportWriteFailure(size_t bytes) {
+    // A full disk fails every record; say so a few times, then once that we stop saying it.
+    ++g_writeFailures;
+    if (g_writeFailures > 8) return;
+    CZandString text = CZandString::format("ERROR: Writing to trace file failed. Size attempted: %u\n",
+                                           static_cast<unsigned>(bytes));
+    msg::emit(msg::kDebugger | msg::kErr, "ERROR: ", text.c_str());
+    if (g_writeFailures == 8)
+        msg::emit(msg::kDebugger | msg::kErr,
+                  "ERROR: ", "Further trace write failures will not be reported.");
+}
+
+void reportUnreadable(const void *at, size_t bytes) {
+    msg::error("Application memory at %p could not be read while recording; %u bytes were recorded as zeros.",
+               at, static_cast<unsigned>(bytes));
+}
+
+void putU32(uint8_t *p, uint32_t v) {
+    std::memcpy(p, &v, 4);
+}
+
+// Deflates one block of application memory into the stream; returns the bytes stored, or 0 when
+// the compressor could not start (the block is then left out of the record).
+uint32_t writeCompressed(Settings &s, const SDataBlock &block) {
+    if (!g_deflateOut) {
+        g_deflateOut = static_cast<uint8_t *>(std::malloc(kDeflateOut));
+        g_deflateIn = static_cast<uint8_t *>(std::malloc(kDeflateIn));
+        if (!g_deflateOut || !g_deflateIn) return 0;
+    }
+    z_stream zs;
+    std::memset(&zs, 0, sizeof(zs));
+    if (deflateInit_(&zs, 1, "1.2.8", static_cast<int>(sizeof(z_stream))) != Z_OK) return 0;
+    uint32_t stored = 0;
+    bool faulted = false;
+    const uint8_t *src = static_cast<const uint8_t *>(block.data);
+    auto drain = [&](int flush) {
+        int rc;
+        do {
+            zs.next_out = g_deflateOut;
+            zs.avail_out = static_cast<uInt>(kDeflateOut);
+            rc = deflate(&zs, flush);
+            size_t produced = kDeflateOut - zs.avail_out;
+            if (produced) {
+                write(s, g_deflateOut, produced, 1);
+                stored += static_cast<uint32_t>(produced);
+            }
+        } while (zs.avail_out == 0 || (flush == Z_FINISH && rc == Z_OK));
+        return rc;
+    };
+    for (uint32_t done = 0; done < block.size;) {
+        uint32_t piece = static_cast<uint32_t>(std::min<size_t>(kDeflateIn, block.size - done));
+        size_t got = faulted ? 0 : platform::guardedCopy(g_deflateIn, src + done, piece);
+        if (got < piece) {
+            if (!faulted) reportUnreadable(src + done + got, block.size - done - got);
+            faulted = true;
+            std::memset(g_deflateIn + got, 0, piece - got);
+        }
+        zs.next_in = g_deflateIn;
+        zs.avail_in = piece;
+        while (zs.avail_in > 0)
+            drain(Z_NO_FLUSH);
+        done += piece;
+    }
+    drain(Z_FINISH);
+    deflateEnd(&zs);
+    return stored;
+}
+
+uint32_t writeRaw(Settings &s, const SDataBlock &block) {
+    OutputStream *out = s.traceFile;
+    if (!out) return block.size;
+    if (s.networkStreaming && g_mirror.load()) {
+        // The mirror needs the bytes themselves; go through the ordinary path with a safe copy.
+        std::unique_ptr<uint8_t[]> copy(new uint8_t[block.size]);
+        size_t got = platform::guardedCopy(copy.get(), block.data, block.size);
+        if (got < block.size) std::memset(copy.get() + got, 0, block.size - got);
+        write(s, copy.get(), block.size, 1);
+        return block.size;
+    }
+    if (!s.recordingEnabled) return block.size;
+    size_t got = 0;
+    if (!out->writeClient(block.data, block.size, &got)) {
+        reportWriteFailure(block.size);
+        return block.size;
+    }
+    if (got < block.size) reportUnreadable(static_cast<const uint8_t *>(block.data) + got, block.size - got);
+    s.bytesWritten += block.size;
+    return block.size;
+}
+
+} // namespace
+
+platform::RecursiveLock &recordLock() {
+    return g_recordLock;
+}
+
+void setMirror(MirrorFn mirror) {
+    g_mirror.store(mirror);
+}
+
+void setDescription(const char *text) {
+    g_description = CZandString(text ? text : "");
+}
+
+StreamKind streamKind() {
+    static const StreamKind kind = [] {
+        std::string v = platform::getEnv("KALVOREN_TRACE_STREAM");
+        return v == "buffered" ? StreamKind::Buffered : StreamKind::Mapped;
+    }();
+    return kind;
+}
+
+bool write(Settings &s, const void *bytes, size_t size, size_t count) {
+    if (s.networkStreaming) {
+        if (MirrorFn mirror = g_mirror.load()) mirror(bytes, size * count);
+    }
+    if (!s.recordingEnabled || !s.traceFile || size == 0 || count == 0) return false;
+    if (s.traceFile->write(bytes, size * count)) {
+        s.bytesWritten += size * count;
+        return true;
+    }
+    reportWriteFailure(size * count);
+    return false;
+}
+
+uint64_t tell(Settings &s) {
+    return s.traceFile ? s.traceFile->tell() : 0;
+}
+
+bool seek(Settings &s, uint64_t position) {
+    return s.traceFile && s.traceFile->seek(position);
+}
+
+bool readBack(Settings &s, uint64_t position, void *out, size_t n) {
+    return s.traceFile && s.traceFile->read(position, out, n);
+}
+
+RecordHandle begin(uint16_t id) {
+    g_recordLock.lock();
+    CallRecord &r = threadRecord();
+    if (r.inRecord) return RecordHandle(); // the lock stays taken: see finish()
+    r.inRecord = true;
+    r.blocks.clear();
+    r.inlineBytes.clear();
+    r.scratch.reset();
+    r.logicalSize = 0;
+    RecordHandle h(&r);
+    h.u16(id);
+    return h;
+}
+
+void finish(RecordHandle handle, uint64_t *lengthPosition) {
+    // A null handle comes from a nested begin, which took the lock without a record; it is not
+    // released here, so the thread's hold on the lock stays raised for the outer record.
+    if (!handle) return;
+    CallRecord &r = *handle.record();
+    Settings &s = getSettings();
+
+    uint64_t thread = r.threadId;
+    if (thread != s.lastThread) {
+        s.lastThread = thread;
+        uint8_t marker[14];
+        putU32(marker, 8);
+        uint16_t id = format::kThreadMarkerId;
+        std::memcpy(marker + 4, &id, 2);
+        std::memcpy(marker + 6, &thread, 8);
+        write(s, marker, sizeof(marker), 1);
+    }
+
+    uint64_t lengthAt = tell(s);
+    if (lengthPosition) *lengthPosition = lengthAt;
+    uint8_t length[4];
+    putU32(length, r.logicalSize - 2);
+    write(s, length, 4, 1);
+
+    const uint8_t *inlineBytes = r.inlineBytes.data();
+    uint32_t inlinePos = 0;  // next inline byte to write
+    uint32_t logicalPos = 0; // logical offset reached
+    uint64_t storedTotal = 0;
+    for (const SDataBlock &block : r.blocks) {
+        uint32_t before = block.position - logicalPos;
+        if (before) write(s, inlineBytes + inlinePos, before, 1);
+        inlinePos += before;
+        logicalPos = block.position;
+        storedTotal += before;
+        uint32_t stored;
+        if (block.compressible && s.useCompression)
+            stored = writeCompressed(s, block);
+        else
+            stored = writeRaw(s, block);
+        storedTotal += stored;
+        logicalPos += block.size;
+    }
+    uint32_t rest = r.inlineBytes.size() - inlinePos;
+    if (rest) write(s, inlineBytes + inlinePos, rest, 1);
+    storedTotal += rest;
+
+    if (storedTotal != r.logicalSize) {
+        uint64_t end = tell(s);
+        putU32(length, static_cast<uint32_t>(storedTotal - 2));
+        if (seek(s, lengthAt)) {
+            write(s, length, 4, 1);
+            seek(s, end);
+        }
+    }
+
+    r.inRecord = false;
+    if (s.traceFile && !s.traceFile->flush()) reportWriteFailure(0);
+    g_recordLock.unlock();
+}
+
+void writeSnapshotMarker() {
+    finish(begin(format::kSnapshotMarkerId));
+}
+
+bool writeHeader(Settings &s) {
+    uint8_t buf[512];
+    size_t n = 0;
+    auto put = [&](const void *p, size_t k) {
+        std::memcpy(buf + n, p, k);
+        n += k;
+    };
+    auto putText = [&](const char *text, size_t maxLen) {
+        size_t len = std::min(std::strlen(text), maxLen);
+        uint8_t l = static_cast<uint8_t>(len);
+        put(&l, 1);
+        if (len == 0) {
+            uint8_t zero = 0;
+            put(&zero, 1);
+        } else {
+            put(text, len);
+        }
+    };
+    put(format::kMagic, 8);
+    uint32_t bom = format::kByteOrderMark, version = format::kVersion;
+    put(&bom, 4);
+    put(&version, 4);
+    uint8_t flags = static_cast<uint8_t>((s.recordData ? format::kFlagRecordData : 0) |
+                                         (s.useCompression ? format::kFlagCompression : 0) |
+                                         (s.disableBinaries ? format::kFlagDisableBinaries : 0));
+    put(&flags, 1);
+    uint8_t saveFb = s.saveFrameBuffer ? 1 : 0;
+    put(&saveFb, 1);
+    putText(kRecorderVersion, 255);
+    platform::OsVersion os = platform::osVersion();
+    CZandString platformText =
+        CZandString::format("%s - Int. Ver %d.%d %s ", os.family, os.major, os.minor, os.extra.c_str());
+    putText(platformText.c_str(), format::kMaxPlatformText);
+    putText(g_description.c_str(), format::kMaxDescriptionText);
+    uint8_t network = s.networkEnabled ? 1 : 0;
+    put(&network, 1);
+    put(&s.startFrame, 4);
+    put(&s.endFrame, 4);
+    uint32_t constant = format::kHeaderConstant;
+    put(&constant, 4);
+    uint8_t tableLength = sizeof(format::kTypeWidthTable);
+    put(&tableLength, 1);
+    put(format::kTypeWidthTable, sizeof(format::kTypeWidthTable));
+    uint8_t reservedLength = format::kReservedLengthByte;
+    put(&reservedLength, 1);
+    uint8_t zeros[format::kReservedBytes + 8] = {};
+    put(zeros, sizeof(zeros));
+    bool ok = write(s, buf, n, 1);
+    if (s.traceFile) s.traceFile->flush();
+    return ok;
+}
+
+bool openForRecording(Settings &s) {
+    if (s.traceFile) {
+        s.traceFile->close();
+        g_stream.reset();
+        s.traceFile = nullptr;
+    }
+    const char *path = s.outputFilename.c_str();
+    msg::info("Opening trace file '%s' for recording.", path);
+    if (std::FILE *probe = std::fopen(path, "r")) {
+        std::fclose(probe);
+        msg::info("'%s' already exists so will be overwritten.", path);
+    }
+    g_stream = openOutputStream(path, streamKind());
+    if (!g_stream) return false;
+    s.traceFile = g_stream.get();
+    s.bytesWritten = 0;
+    s.lastThread = 0;
+    g_writeFailures = 0;
+    if (!s.networkEnabled && !writeHeader(s))
+        msg::emit(msg::kDebugger | msg::kOut, "", "ERROR: Failed to open trace file.");
+    return true;
+}
+
+void writeEndMarker(Settings &s) {
+    platform::LockGuard<platform::RecursiveLock> guard(g_recordLock);
+    write(s, format::kEndMarker, sizeof(format::kEndMarker), 1);
+    if (s.traceFile) s.traceFile->flush();
+}
+
+void close(Settings &s, bool full) {
+    {
+        platform::LockGuard<platform::RecursiveLock> guard(g_recordLock);
+        if (s.traceFile) {
+            s.traceFile->flush();
+            s.traceFile->close();
+        }
+        s.traceFile = nullptr;
+        g_stream.reset();
+    }
+    if (full) {
+        // Network control shuts down with the trace (it exists only with network control).
+        invalidateSettings();
+    }
+}
+
+} // namespace kv::trace
