@@ -1,0 +1,50 @@
+# Third-party dependencies, all from Debian packages: zlib and jsoncpp, and the Khronos headers.
+find_package(Threads REQUIRED)
+
+if(WIN32)
+  # zlib comes from libz-mingw-w64-dev; link it statically so the DLLs need no zlib1.dll.
+  set(ZLIB_USE_STATIC_LIBS ON)
+  find_package(ZLIB REQUIRED)
+
+  # jsoncpp is built from Debian's source package (scripts/fetch-sources puts it in .deps/).
+  set(KV_JSONCPP_SOURCE "${CMAKE_SOURCE_DIR}/.deps/jsoncpp" CACHE PATH "jsoncpp source tree")
+  if(NOT EXISTS "${KV_JSONCPP_SOURCE}/CMakeLists.txt")
+    message(FATAL_ERROR "No jsoncpp sources in ${KV_JSONCPP_SOURCE}: run scripts/fetch-sources")
+  endif()
+  set(BUILD_SHARED_LIBS OFF CACHE BOOL "" FORCE)
+  set(BUILD_STATIC_LIBS ON CACHE BOOL "" FORCE)
+  set(BUILD_OBJECT_LIBS OFF CACHE BOOL "" FORCE)
+  set(JSONCPP_WITH_TESTS OFF CACHE BOOL "" FORCE)
+  set(JSONCPP_WITH_POST_BUILD_UNITTEST OFF CACHE BOOL "" FORCE)
+  set(JSONCPP_WITH_PKGCONFIG_SUPPORT OFF CACHE BOOL "" FORCE)
+  set(JSONCPP_WITH_CMAKE_PACKAGE OFF CACHE BOOL "" FORCE)
+  set(JSONCPP_WITH_EXAMPLE OFF CACHE BOOL "" FORCE)
+  add_subdirectory(${KV_JSONCPP_SOURCE} ${CMAKE_BINARY_DIR}/jsoncpp EXCLUDE_FROM_ALL)
+  add_library(kv_jsoncpp INTERFACE)
+  target_link_libraries(kv_jsoncpp INTERFACE jsoncpp_static)
+
+  # The Khronos headers of the Debian packages, seen through a directory of their own so that the
+  # cross compiler does not see the rest of /usr/include.
+  set(KV_KHRONOS_STAGE ${CMAKE_BINARY_DIR}/khronos-include)
+  file(MAKE_DIRECTORY ${KV_KHRONOS_STAGE})
+  foreach(dir EGL GLES GLES2 GLES3 KHR CL)
+    if(NOT EXISTS ${KV_KHRONOS_STAGE}/${dir})
+      file(CREATE_LINK /usr/include/${dir} ${KV_KHRONOS_STAGE}/${dir} SYMBOLIC)
+    endif()
+  endforeach()
+  add_library(kv_khronos INTERFACE)
+  target_include_directories(kv_khronos SYSTEM INTERFACE ${KV_KHRONOS_STAGE})
+else()
+  find_package(ZLIB REQUIRED)
+  find_package(jsoncpp CONFIG REQUIRED)
+  add_library(kv_jsoncpp INTERFACE)
+  target_link_libraries(kv_jsoncpp INTERFACE jsoncpp_lib)
+  add_library(kv_khronos INTERFACE)
+endif()
+
+add_library(kv_zlib INTERFACE)
+target_link_libraries(kv_zlib INTERFACE ZLIB::ZLIB)
+
+add_library(KV::jsoncpp ALIAS kv_jsoncpp)
+add_library(KV::zlib ALIAS kv_zlib)
+add_library(KV::khronos ALIAS kv_khronos)

@@ -1,0 +1,82 @@
+#include "core/call.h"
+
+#include "core/messages.h"
+#include "trace/frame_control.h"
+
+namespace kv {
+
+uint32_t g_lastErrorEs1 = 0;
+uint32_t g_lastErrorEs2 = 0;
+
+namespace {
+bool g_clInitialised = false;
+
+bool isClId(uint16_t id) {
+    return (id >= 6000 && id <= 6089) || (id >= 6500 && id <= 6515);
+}
+
+void fill(uint16_t id, CallDecision &d, ParamDesc *params, bool full) {
+    Settings &s = getSettings();
+    if (s.mode.load(std::memory_order_relaxed) == kModeDisabled) {
+        d = CallDecision();
+        d.callHost = true;
+        return;
+    }
+    d.checkErrors = s.checkErrors;
+    d.callHost = s.forwardToHost.load(std::memory_order_relaxed);
+    if (s.profilingEnabled) {
+        d.profiler = s.profiler.get();
+        // The profiler's per-call answer would go here (full form only); this build has none.
+        (void)params;
+        (void)full;
+    } else {
+        const uint32_t frame = s.currentFrame.load(std::memory_order_relaxed);
+        d.beforeStartFrame = s.networkEnabled ? d.callHost : frame < s.startFrame;
+        if (!s.recordingEnabled)
+            d.record = false;
+        else if (!d.callHost)
+            d.record = true;
+        else
+            d.record = frames::shouldRecord(s);
+        d.saveFrameBuffer = d.record && s.saveFrameBuffer;
+        d.recordData = (d.record || d.beforeStartFrame) ? s.recordData : false;
+        d.disableBinaries = s.disableBinaries;
+        d.disableBlobCache = s.disableBlobCache;
+        d.uniformBufferOffsetAlignment = s.uniformBufferOffsetAlignment;
+        d.shaderStorageBufferOffsetAlignment = s.shaderStorageBufferOffsetAlignment;
+        d.clientBufferRecordFrequency = d.recordData ? s.clientBufferRecordFrequency : 0;
+    }
+    if (d.record && d.recordData && isClId(id) && !g_clInitialised) {
+        // The OpenCL platform description is written by the OpenCL family once it records.
+        g_clInitialised = true;
+    }
+    if (KV_UNLIKELY(s.debugLevel >= 2)) {
+        if (const char *name = api::functionName(id))
+            msg::emit(msg::kDebugger | msg::kOut, "",
+                      CZandString::format("Calling function %s", name).c_str());
+        else
+            msg::emit(
+                msg::kDebugger | msg::kOut, "",
+                CZandString::format("Calling function with unknown ID %i", static_cast<int>(id)).c_str());
+    }
+}
+} // namespace
+
+void fillDecision(uint16_t id, CallDecision &d, ParamDesc *params) {
+    fill(id, d, params, true);
+}
+void fillDecision(uint16_t id, CallDecision &d) {
+    fill(id, d, nullptr, false);
+}
+
+CTraceRecordManager &CTraceRecordManager::get() {
+    // Never destroyed: threads may still call in while the process ends.
+    static CTraceRecordManager *manager = new CTraceRecordManager();
+    return *manager;
+}
+
+CTraceRecordManager::CTraceRecordManager() : build_(kRecorderVersion) {
+    platform::installFaultGuard();
+}
+
+} // namespace kv

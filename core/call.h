@@ -1,0 +1,165 @@
+// The call wrapper protocol, written once: every exported entry point is an instance of Entry.
+//
+//   mode 0 (disabled)      call the host function, nothing else
+//   modes 1 and 2          decide; call the host; read the host's error; run the function's hooks
+//                          (state updates, answers the library changes); write the call record
+//   any other mode         return without calling anything
+//
+// What is special about one function lives in a specialisation of Hooks<F> (entry/*/hooks_*.h);
+// what its record holds is generated from the API description (F::write).
+#pragma once
+
+#include "core/api/functions_autogen.h"
+#include "core/call_types.h"
+#include "core/manager.h"
+#include "core/settings.h"
+#include "host/hosts.h"
+#include "trace/trace_writer.h"
+
+#include <type_traits>
+
+namespace kv {
+
+// Fills the decision for a call (Part of every wrapper): whether to call the host, check its
+// error, record, and record data. The full form lets the profiler veto the call.
+void fillDecision(uint16_t id, CallDecision &d, ParamDesc *params);
+void fillDecision(uint16_t id, CallDecision &d);
+
+// The per-API last error values (the host's error after the latest call of that API).
+extern uint32_t g_lastErrorEs1;
+extern uint32_t g_lastErrorEs2;
+
+// The API a host table belongs to: how to reach it and what its errors look like.
+struct GlesApi {
+    static constexpr uint32_t kSuccess = GL_NO_ERROR;
+    static const GLESPPHost &host() { return GLESPPHost::get(); }
+    static void clearLastError() { g_lastErrorEs2 = 0; }
+    static uint32_t queryError() { return host().fn.glGetError(); }
+    static bool failed(uint32_t error) { return error != GL_NO_ERROR; }
+    // Keeps the error for the application's own glGetError, which the check consumed.
+    static void noteError(uint32_t error);
+};
+
+struct EglApi {
+    static constexpr uint32_t kSuccess = EGL_SUCCESS;
+    static const SEglHost &host() { return SEglHost::get(); }
+    static void clearLastError() {}
+    static uint32_t queryError() { return static_cast<uint32_t>(host().fn.eglGetError()); }
+    static bool failed(uint32_t error) { return error != EGL_SUCCESS; }
+    // EGL reports the error of the latest call of the thread; the library answers eglGetError
+    // from its own copy, since the check consumed the host's.
+    static void noteError(uint32_t error);
+};
+
+// No value, for functions that return nothing.
+struct Void {};
+
+template <class T>
+using ValueOf = std::conditional_t<std::is_void_v<T>, Void, T>;
+
+// The default hooks: nothing special.
+struct HookDefaults {
+    // True when the call is to go to the host untouched and unrecorded.
+    template <class... A>
+    static bool bypass(CallCtx &, A...) {
+        return false;
+    }
+    // Before the host call (only when the host is called).
+    template <class... A>
+    static void before(CallCtx &, A...) {}
+    // After the host call and the error check: state updates and changed answers.
+    template <class R, class... A>
+    static void after(CallCtx &, R &, A...) {}
+    // After the record is written.
+    template <class R, class... A>
+    static void done(CallCtx &, R &, A...) {}
+    // When set, Hooks::host(ctx, args...) replaces the host call.
+    static constexpr bool kReplacesHost = false;
+};
+
+template <class F>
+struct Hooks : HookDefaults {};
+
+template <class T>
+KV_ALWAYS_INLINE uint64_t toSlot(T v) {
+    if constexpr (std::is_pointer_v<T>) {
+        return static_cast<uint64_t>(reinterpret_cast<uintptr_t>(v));
+    } else if constexpr (std::is_floating_point_v<T>) {
+        uint64_t bits = 0;
+        std::memcpy(&bits, &v, sizeof(v));
+        return bits;
+    } else {
+        return static_cast<uint64_t>(v);
+    }
+}
+
+template <class Api, class F>
+struct Entry {
+    using Ret = typename F::Ret;
+    using Value = ValueOf<Ret>;
+    using H = Hooks<F>;
+
+    template <class... A>
+    static Ret call(A... args) {
+        const int32_t mode = runMode();
+        if (KV_LIKELY(mode == kModeRecording || mode == kModeProfiling)) return wrapped(args...);
+        if (mode == kModeDisabled) return (Api::host().fn.*F::slot)(args...);
+        return Ret();
+    }
+
+private:
+    template <class... A>
+    static Value callHost(CallCtx &c, A... args) {
+        if constexpr (H::kReplacesHost) {
+            return H::host(c, args...);
+        } else if constexpr (std::is_void_v<Ret>) {
+            (Api::host().fn.*F::slot)(args...);
+            return Value{};
+        } else {
+            return (Api::host().fn.*F::slot)(args...);
+        }
+    }
+
+    template <class... A>
+    KV_NOINLINE static Ret wrapped(A... args) {
+        CallCtx c;
+        c.id = F::id;
+        uint64_t slots[sizeof...(A) + 1] = {toSlot(args)...};
+        ParamDesc params{slots, static_cast<uint32_t>(sizeof...(A))};
+        setCurrentFunction(F::id);
+        fillDecision(F::id, c.d, &params);
+        if (H::bypass(c, args...)) return (Api::host().fn.*F::slot)(args...);
+
+        Api::clearLastError();
+        c.error = Api::kSuccess;
+        Value result{};
+        if (c.d.callHost) {
+            H::before(c, args...);
+            result = callHost(c, args...);
+            if (c.d.checkErrors) {
+                c.error = Api::queryError();
+                c.failed = Api::failed(c.error);
+                Api::noteError(c.error);
+            }
+        } else {
+            c.error = Api::kSuccess;
+        }
+        H::after(c, result, args...);
+        if constexpr (!std::is_void_v<Ret>) c.result = toSlot(result);
+        if (c.d.record) {
+            RecordHandle h = trace::begin(F::id);
+            if (h) {
+                c.record = &h;
+                h.u32(c.error);
+                if constexpr (!std::is_void_v<Ret>) rec::put<F::result>(h, result);
+                F::write(h, c, args...);
+                c.record = nullptr;
+            }
+            trace::finish(h, &c.recordPosition);
+        }
+        H::done(c, result, args...);
+        if constexpr (!std::is_void_v<Ret>) return result;
+    }
+};
+
+} // namespace kv

@@ -1,0 +1,192 @@
+// The functions that are special: each specialisation of Hooks<F> names what its function does
+// beyond the common protocol (state updates, answers the library changes, frame ends). Everything
+// not named here is handled by HookDefaults.
+#pragma once
+
+#include "core/call.h"
+#include "entry/capture.h"
+
+namespace kv {
+
+// ---- EGL ---------------------------------------------------------------------------------------
+
+template <>
+struct Hooks<fn::eglGetError> : HookDefaults {
+    static constexpr bool kReplacesHost = true;
+    static EGLint host(CallCtx &c);
+};
+
+template <>
+struct Hooks<fn::eglGetProcAddress> : HookDefaults {
+    static void after(CallCtx &c, __eglMustCastToProperFunctionPointerType &result, const char *procname);
+};
+
+template <>
+struct Hooks<fn::eglQueryString> : HookDefaults {
+    static void after(CallCtx &c, const char *&result, EGLDisplay dpy, EGLint name);
+};
+
+template <>
+struct Hooks<fn::eglInitialize> : HookDefaults {
+    static void after(CallCtx &c, EGLBoolean &result, EGLDisplay dpy, EGLint *major, EGLint *minor);
+    static void done(CallCtx &c, EGLBoolean &result, EGLDisplay dpy, EGLint *major, EGLint *minor);
+};
+
+template <>
+struct Hooks<fn::eglBindAPI> : HookDefaults {
+    static void after(CallCtx &c, EGLBoolean &result, EGLenum api);
+};
+
+template <>
+struct Hooks<fn::eglCreateContext> : HookDefaults {
+    static void after(CallCtx &c, EGLContext &result, EGLDisplay dpy, EGLConfig config, EGLContext share,
+                      const EGLint *attrib_list);
+    static void done(CallCtx &c, EGLContext &result, EGLDisplay dpy, EGLConfig config, EGLContext share,
+                     const EGLint *attrib_list);
+};
+
+template <>
+struct Hooks<fn::eglDestroyContext> : HookDefaults {
+    static void after(CallCtx &c, EGLBoolean &result, EGLDisplay dpy, EGLContext ctx);
+};
+
+template <>
+struct Hooks<fn::eglMakeCurrent> : HookDefaults {
+    static void after(CallCtx &c, EGLBoolean &result, EGLDisplay dpy, EGLSurface draw, EGLSurface read,
+                      EGLContext ctx);
+};
+
+template <>
+struct Hooks<fn::eglReleaseThread> : HookDefaults {
+    static void after(CallCtx &c, EGLBoolean &result);
+};
+
+template <>
+struct Hooks<fn::eglDestroySurface> : HookDefaults {
+    static void after(CallCtx &c, EGLBoolean &result, EGLDisplay dpy, EGLSurface surface);
+};
+
+template <>
+struct Hooks<fn::eglSwapInterval> : HookDefaults {
+    static void after(CallCtx &c, EGLBoolean &result, EGLDisplay dpy, EGLint interval);
+};
+
+// Surface creation: the surface is entered in its display's table, and its creation record's
+// position kept so that a later swap can correct the size written there.
+struct SurfaceCreationHooks : HookDefaults {
+    static void noteCreated(CallCtx &c, EGLSurface surface, EGLDisplay dpy, EGLConfig config, int kind,
+                            uint64_t native, const EGLint *attributes);
+    static void noteCreated64(CallCtx &c, EGLSurface surface, EGLDisplay dpy, EGLConfig config, int kind,
+                              uint64_t native, const EGLAttrib *attributes);
+    static void noteRecorded(CallCtx &c, EGLSurface surface);
+};
+
+template <>
+struct Hooks<fn::eglCreateWindowSurface> : SurfaceCreationHooks {
+    static void after(CallCtx &c, EGLSurface &r, EGLDisplay dpy, EGLConfig config, EGLNativeWindowType win,
+                      const EGLint *attrib_list);
+    static void done(CallCtx &c, EGLSurface &r, EGLDisplay, EGLConfig, EGLNativeWindowType, const EGLint *) {
+        noteRecorded(c, r);
+    }
+};
+
+template <>
+struct Hooks<fn::eglCreatePbufferSurface> : SurfaceCreationHooks {
+    static void after(CallCtx &c, EGLSurface &r, EGLDisplay dpy, EGLConfig config, const EGLint *attrib_list);
+    static void done(CallCtx &c, EGLSurface &r, EGLDisplay, EGLConfig, const EGLint *) { noteRecorded(c, r); }
+};
+
+template <>
+struct Hooks<fn::eglCreatePixmapSurface> : SurfaceCreationHooks {
+    static void after(CallCtx &c, EGLSurface &r, EGLDisplay dpy, EGLConfig config, EGLNativePixmapType pixmap,
+                      const EGLint *attrib_list);
+    static void done(CallCtx &c, EGLSurface &r, EGLDisplay, EGLConfig, EGLNativePixmapType, const EGLint *) {
+        noteRecorded(c, r);
+    }
+};
+
+template <>
+struct Hooks<fn::eglCreatePbufferFromClientBuffer> : SurfaceCreationHooks {
+    static void after(CallCtx &c, EGLSurface &r, EGLDisplay dpy, EGLenum buftype, EGLClientBuffer buffer,
+                      EGLConfig config, const EGLint *attrib_list);
+    static void done(CallCtx &c, EGLSurface &r, EGLDisplay, EGLenum, EGLClientBuffer, EGLConfig,
+                     const EGLint *) {
+        noteRecorded(c, r);
+    }
+};
+
+template <>
+struct Hooks<fn::eglCreatePlatformWindowSurface> : SurfaceCreationHooks {
+    static void after(CallCtx &c, EGLSurface &r, EGLDisplay dpy, EGLConfig config, void *native,
+                      const EGLAttrib *attrib_list);
+    static void done(CallCtx &c, EGLSurface &r, EGLDisplay, EGLConfig, void *, const EGLAttrib *) {
+        noteRecorded(c, r);
+    }
+};
+
+template <>
+struct Hooks<fn::eglCreatePlatformPixmapSurface> : SurfaceCreationHooks {
+    static void after(CallCtx &c, EGLSurface &r, EGLDisplay dpy, EGLConfig config, void *native,
+                      const EGLAttrib *attrib_list);
+    static void done(CallCtx &c, EGLSurface &r, EGLDisplay, EGLConfig, void *, const EGLAttrib *) {
+        noteRecorded(c, r);
+    }
+};
+
+template <>
+struct Hooks<fn::eglCreatePlatformWindowSurfaceEXT> : SurfaceCreationHooks {
+    static void after(CallCtx &c, EGLSurface &r, EGLDisplay dpy, EGLConfig config, void *native,
+                      const EGLint *attrib_list);
+    static void done(CallCtx &c, EGLSurface &r, EGLDisplay, EGLConfig, void *, const EGLint *) {
+        noteRecorded(c, r);
+    }
+};
+
+template <>
+struct Hooks<fn::eglCreatePlatformPixmapSurfaceEXT> : SurfaceCreationHooks {
+    static void after(CallCtx &c, EGLSurface &r, EGLDisplay dpy, EGLConfig config, void *native,
+                      const EGLint *attrib_list);
+    static void done(CallCtx &c, EGLSurface &r, EGLDisplay, EGLConfig, void *, const EGLint *) {
+        noteRecorded(c, r);
+    }
+};
+
+// The swaps end a frame: the frame buffer may be read back first, the surface's recorded size is
+// corrected after, and the frame counter advances.
+struct SwapHooks : HookDefaults {
+    static void beforeSwap(CallCtx &c, EGLDisplay dpy, EGLSurface surface);
+    static void afterSwap(CallCtx &c, EGLBoolean result, EGLDisplay dpy, EGLSurface surface);
+};
+
+template <>
+struct Hooks<fn::eglSwapBuffers> : SwapHooks {
+    static void before(CallCtx &c, EGLDisplay dpy, EGLSurface surface) { beforeSwap(c, dpy, surface); }
+    static void done(CallCtx &c, EGLBoolean &r, EGLDisplay dpy, EGLSurface surface) {
+        afterSwap(c, r, dpy, surface);
+    }
+};
+
+template <>
+struct Hooks<fn::eglSwapBuffersWithDamageEXT> : SwapHooks {
+    static void before(CallCtx &c, EGLDisplay dpy, EGLSurface surface, const EGLint *, EGLint) {
+        beforeSwap(c, dpy, surface);
+    }
+    static void done(CallCtx &c, EGLBoolean &r, EGLDisplay dpy, EGLSurface surface, const EGLint *, EGLint) {
+        afterSwap(c, r, dpy, surface);
+    }
+};
+
+namespace capture {
+// Shared values of the swap and surface creation records.
+uint32_t swapFrame(CallCtx &c);
+int32_t swapWidth(CallCtx &c);
+int32_t swapHeight(CallCtx &c);
+rec::Blob swapPixels(CallCtx &c);
+uint64_t createdSurface(CallCtx &c);
+int32_t createdWidth(CallCtx &c);
+int32_t createdHeight(CallCtx &c);
+} // namespace capture
+
+} // namespace kv
+
+#include "entry/gles/gles_hooks.h"

@@ -1,0 +1,26 @@
+#include "entry/proc_table.h"
+
+#include "platform/platform.h"
+
+#include <algorithm>
+#include <cstring>
+#include <set>
+#include <string>
+
+namespace kv {
+
+ProcAddress lookupProc(const char *name) {
+    const ProcEntry *end = kProcTable + kProcTableSize;
+    const ProcEntry *it = std::lower_bound(
+        kProcTable, end, name, [](const ProcEntry &e, const char *n) { return std::strcmp(e.name, n) < 0; });
+    return it != end && std::strcmp(it->name, name) == 0 ? it->address : nullptr;
+}
+
+bool noteUnknownProc(const char *name) {
+    static platform::Mutex lock;
+    static auto *seen = new std::set<std::string>();
+    platform::LockGuard<platform::Mutex> guard(lock);
+    return seen->insert(name).second;
+}
+
+} // namespace kv

@@ -1,0 +1,102 @@
+#include "host/hosts.h"
+
+#include "core/messages.h"
+#include "core/settings.h"
+
+#include <cstring>
+
+namespace kv {
+
+namespace {
+
+// Resolves the version groups that follow a table's core, in order. The groups are cumulative: the
+// first group with a missing function is reported once and leaves it and every later group
+// unresolved (null), and the table stays usable for the versions before it.
+void resolveVersions(SHostLib &host, void *fns, const HostGroup *groups, uint32_t first, uint32_t count,
+                     const char *const *warnings) {
+    for (uint32_t g = first; g < count; ++g) {
+        host.resolveGroup(groups[g], fns);
+        if (host.failed()) {
+            host.failure &= static_cast<uint8_t>(~1u);
+            // Nothing of a failed group may be used: a part-resolved group is as good as absent.
+            for (uint32_t later = g; later < count; ++later)
+                for (uint32_t i = 0; i < groups[later].count; ++i)
+                    std::memset(static_cast<uint8_t *>(fns) + groups[later].symbols[i].offset, 0,
+                                sizeof(void *));
+            msg::info("%s", warnings[g - first]);
+            return;
+        }
+    }
+}
+
+} // namespace
+
+SEglHost::SEglHost() : SHostLib(hostLibraryPath(kHostEgl).c_str()) {
+    const HostGroup *groups = kSEglHostGroups;
+    resolveGroup(groups[0], &fn);
+    if (!failed() && fn.eglGetProcAddress) {
+        // Extensions come from the host's own eglGetProcAddress; what it does not know stays null.
+        auto *base = reinterpret_cast<uint8_t *>(&fn);
+        for (uint32_t i = 0; i < groups[1].count; ++i) {
+            void *address = reinterpret_cast<void *>(fn.eglGetProcAddress(groups[1].symbols[i].name));
+            std::memcpy(base + groups[1].symbols[i].offset, &address, sizeof(address));
+        }
+    }
+    if (failed()) return;
+    static const char *const warnings[] = {"Warning failed to find EGL 1.1 functions",
+                                           "Warning failed to find EGL 1.2 functions",
+                                           "Warning failed to find EGL 1.5 functions"};
+    resolveVersions(*this, &fn, groups, 2, kSEglHostGroupCount, warnings);
+}
+
+const SEglHost &SEglHost::get() {
+    static const SEglHost *host = new SEglHost();
+    return *host;
+}
+
+SEs1Host::SEs1Host() : SHostLib(hostLibraryPath(kHostEs1).c_str()) {
+    if (!module) {
+        msg::emit(msg::kDebugger | msg::kOut, "", "Could not load OGLES host library.\n");
+        return;
+    }
+    for (uint32_t g = 0; g < kSEs1HostGroupCount; ++g)
+        resolveGroup(kSEs1HostGroups[g], &fn);
+    if (failed())
+        msg::emit(msg::kDebugger | msg::kOut, "",
+                  "Kalvoren ES1 - ERROR: failed to load entry points from host library\n");
+}
+
+const SEs1Host &SEs1Host::get() {
+    static const SEs1Host *host = new SEs1Host();
+    return *host;
+}
+
+GLESPPHost::GLESPPHost() : SHostLib(hostLibraryPath(kHostEs2).c_str()) {
+    resolveGroup(kGLESPPHostGroups[0], &fn);
+    if (failed()) return;
+    static const char *const warnings[] = {"Warning failed to find OGLES 3 functions",
+                                           "Warning failed to find OGLES 3.1 functions",
+                                           "Warning failed to find OGLES 3.2 functions"};
+    resolveVersions(*this, &fn, kGLESPPHostGroups, 1, kGLESPPHostGroupCount, warnings);
+}
+
+const GLESPPHost &GLESPPHost::get() {
+    static const GLESPPHost *host = new GLESPPHost();
+    return *host;
+}
+
+SClHost::SClHost() : SHostLib(hostLibraryPath(kHostCl).c_str()) {
+    resolveGroup(kSClHostGroups[0], &fn);
+    // The GL sharing functions are optional; the extension entries are filled when an application
+    // asks for them by name.
+    quiet = 1;
+    resolveGroup(kSClHostGroups[1], &fn);
+    quiet = 0;
+}
+
+const SClHost &SClHost::get() {
+    static const SClHost *host = new SClHost();
+    return *host;
+}
+
+} // namespace kv

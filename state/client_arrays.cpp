@@ -1,0 +1,331 @@
+#include "state/client_arrays.h"
+
+#include "core/api/functions_autogen.h"
+#include "core/messages.h"
+#include "core/zand_string.h"
+#include "state/egl_state.h"
+
+#include <algorithm>
+#include <cstring>
+#include <emmintrin.h>
+
+namespace kv::arrays {
+
+namespace {
+
+constexpr uintptr_t kLowestClientAddress = 0x4000;
+
+void reportCrash() {
+    const char *text = "Failed to save all the VertexAttribPointer data due to a crash while accessing the "
+                       "aforementioned data.";
+    msg::emit(msg::kDebugger, "", text);
+    msg::emit(msg::kErr, "ERROR: ", text);
+}
+
+void reportInaccessible(const void *pointer) {
+    CZandString text =
+        CZandString::format("VertexAttribPointer data is inaccessible at address 0x%x. Please check "
+                            "your VertexAttribPointer and BindBuffer use.",
+                            static_cast<unsigned>(reinterpret_cast<uintptr_t>(pointer)));
+    msg::emit(msg::kDebugger, "", text.c_str());
+    msg::emit(msg::kErr, "ERROR: ", text.c_str());
+}
+
+// Whether every page of [p, p + n) can be read: one byte per page through the guarded copy, so
+// that a block read straight from the application later cannot fault.
+bool readable(const void *p, uint64_t n) {
+    if (n == 0) return true;
+    const uint8_t *bytes = static_cast<const uint8_t *>(p);
+    uint8_t probe;
+    uint64_t step = 4096 - (reinterpret_cast<uintptr_t>(bytes) & 4095);
+    for (uint64_t at = 0; at < n; at += step, step = 4096)
+        if (platform::guardedCopy(&probe, bytes + at, 1) != 1) return false;
+    return platform::guardedCopy(&probe, bytes + n - 1, 1) == 1;
+}
+
+void handOver(RecordHandle &h, uint32_t index, const void *pointer, uint32_t bytes, const void *data) {
+    h.u32(index);
+    h.ptr(pointer);
+    h.u32(bytes);
+    h.addBlock(bytes, data, true);
+}
+
+uint32_t indexSize(GLenum type) {
+    switch (type) {
+    case GL_UNSIGNED_BYTE:
+        return 1;
+    case GL_UNSIGNED_SHORT:
+        return 2;
+    case GL_UNSIGNED_INT:
+        return 4;
+    default:
+        return 0;
+    }
+}
+
+} // namespace
+
+uint32_t maxIndexPlain(GLenum type, const void *indices, size_t count) {
+    uint32_t m = 0;
+    if (type == GL_UNSIGNED_BYTE) {
+        const auto *p = static_cast<const uint8_t *>(indices);
+        for (size_t i = 0; i < count; ++i)
+            m = std::max<uint32_t>(m, p[i]);
+    } else if (type == GL_UNSIGNED_SHORT) {
+        const auto *p = static_cast<const uint16_t *>(indices);
+        for (size_t i = 0; i < count; ++i)
+            m = std::max<uint32_t>(m, p[i]);
+    } else if (type == GL_UNSIGNED_INT) {
+        const auto *p = static_cast<const uint32_t *>(indices);
+        for (size_t i = 0; i < count; ++i)
+            m = std::max<uint32_t>(m, p[i]);
+    }
+    return m;
+}
+
+uint32_t maxIndexUnchecked(GLenum type, const void *indices, size_t count) {
+    // 16 bytes at a time with SSE2; unsigned 16-bit lanes are compared as signed after flipping
+    // their top bit, unsigned 32-bit lanes likewise.
+    const auto *bytes = static_cast<const uint8_t *>(indices);
+    size_t width = indexSize(type);
+    if (width == 0) return 0;
+    size_t perVector = 16 / width;
+    size_t vectors = count / perVector;
+    uint32_t m = 0;
+    if (vectors > 0) {
+        if (type == GL_UNSIGNED_BYTE) {
+            __m128i acc = _mm_setzero_si128();
+            for (size_t v = 0; v < vectors; ++v)
+                acc = _mm_max_epu8(acc, _mm_loadu_si128(reinterpret_cast<const __m128i *>(bytes + 16 * v)));
+            alignas(16) uint8_t lanes[16];
+            _mm_store_si128(reinterpret_cast<__m128i *>(lanes), acc);
+            for (uint8_t l : lanes)
+                m = std::max<uint32_t>(m, l);
+        } else if (type == GL_UNSIGNED_SHORT) {
+            const __m128i flip = _mm_set1_epi16(static_cast<short>(0x8000));
+            __m128i acc = _mm_set1_epi16(static_cast<short>(0x8000));
+            for (size_t v = 0; v < vectors; ++v) {
+                __m128i x =
+                    _mm_xor_si128(_mm_loadu_si128(reinterpret_cast<const __m128i *>(bytes + 16 * v)), flip);
+                acc = _mm_max_epi16(acc, x);
+            }
+            alignas(16) uint16_t lanes[8];
+            _mm_store_si128(reinterpret_cast<__m128i *>(lanes), _mm_xor_si128(acc, flip));
+            for (uint16_t l : lanes)
+                m = std::max<uint32_t>(m, l);
+        } else {
+            const __m128i flip = _mm_set1_epi32(static_cast<int>(0x80000000u));
+            __m128i acc = flip;
+            for (size_t v = 0; v < vectors; ++v) {
+                __m128i x =
+                    _mm_xor_si128(_mm_loadu_si128(reinterpret_cast<const __m128i *>(bytes + 16 * v)), flip);
+                __m128i greater = _mm_cmpgt_epi32(x, acc);
+                acc = _mm_or_si128(_mm_and_si128(greater, x), _mm_andnot_si128(greater, acc));
+            }
+            alignas(16) uint32_t lanes[4];
+            _mm_store_si128(reinterpret_cast<__m128i *>(lanes), _mm_xor_si128(acc, flip));
+            for (uint32_t l : lanes)
+                m = std::max(m, l);
+        }
+    }
+    size_t done = vectors * perVector;
+    return std::max(m, maxIndexPlain(type, bytes + done * width, count - done));
+}
+
+bool maxIndex(GLenum type, const void *indices, uint32_t count, uint32_t *maximum) {
+    uint32_t width = indexSize(type);
+    *maximum = 0;
+    if (width == 0 || count == 0) return true;
+    alignas(16) uint8_t chunk[16384];
+    const uint8_t *src = static_cast<const uint8_t *>(indices);
+    uint64_t total = uint64_t(count) * width;
+    for (uint64_t done = 0; done < total;) {
+        size_t piece = static_cast<size_t>(std::min<uint64_t>(sizeof(chunk), total - done));
+        if (platform::guardedCopy(chunk, src + done, piece) != piece) return false;
+        *maximum = std::max(*maximum, maxIndexUnchecked(type, chunk, piece / width));
+        done += piece;
+    }
+    return true;
+}
+
+bool captureAttributes(RecordHandle &h, CEs2ContextState &state, uint32_t range, uint32_t instances) {
+    VaoRecord &vao = state.currentVao();
+    for (auto &entry : vao.attributes) {
+        const AttributeRecord &attribute = entry.second;
+        if (!attribute.enabled) continue;
+        auto bindingIndex = vao.attributeBinding.find(entry.first);
+        uint32_t b = bindingIndex == vao.attributeBinding.end() ? entry.first : bindingIndex->second;
+        auto found = vao.bindings.find(b);
+        if (found == vao.bindings.end()) continue;
+        const BindingRecord &binding = found->second;
+        if (binding.buffer != 0 || !binding.clientPointer || binding.stride == 0) continue;
+
+        uint64_t element =
+            static_cast<uint64_t>(std::max(attribute.size, 0)) * componentTypeSize(attribute.type);
+        uint64_t elements = range;
+        bool instanced = instances != 0 && binding.divisor != 0;
+        if (instanced) elements = (uint64_t(instances) + binding.divisor - 1) / binding.divisor;
+        uint64_t bytes = element * elements;
+        if (bytes > 0xFFFFFFF0ull - h.size()) bytes = 0;
+        const uint8_t *pointer = static_cast<const uint8_t *>(binding.clientPointer);
+
+        if (binding.stride == element) {
+            if (!readable(pointer, bytes)) {
+                reportCrash();
+                return false;
+            }
+            handOver(h, entry.first, pointer, static_cast<uint32_t>(bytes), pointer);
+            continue;
+        }
+        if (!instances && reinterpret_cast<uintptr_t>(pointer) < kLowestClientAddress) {
+            reportInaccessible(pointer);
+            handOver(h, entry.first, nullptr, 0, nullptr);
+            continue;
+        }
+        auto *gathered = static_cast<uint8_t *>(h.scratch(static_cast<size_t>(bytes)));
+        for (uint64_t i = 0; i < elements; ++i) {
+            if (platform::guardedCopy(gathered + i * element, pointer + i * binding.stride, element) !=
+                element) {
+                reportCrash();
+                return false;
+            }
+        }
+        handOver(h, entry.first, pointer, static_cast<uint32_t>(bytes), gathered);
+    }
+    return true;
+}
+
+bool captureArrays(RecordHandle &h, CallCtx &c, const GLint *firsts, const GLsizei *counts, uint32_t draws,
+                   uint32_t instances) {
+    if (!firsts || !counts || c.failed) return false;
+    CEs2ContextState *state = egl::currentEs2State();
+    if (!state) return false;
+    uint32_t range = 0;
+    for (uint32_t i = 0; i < draws; ++i)
+        range = std::max(range, static_cast<uint32_t>(firsts[i]) + static_cast<uint32_t>(counts[i]));
+    platform::LockGuard<platform::Mutex> guard(stateLock());
+    return captureAttributes(h, *state, range, instances);
+}
+
+bool captureElements(RecordHandle &h, CallCtx &c, const GLsizei *counts, GLenum type,
+                     const void *const *indices, uint32_t draws, uint32_t instances, uint32_t knownMaximum,
+                     const GLint *baseVertices) {
+    if ((!counts && !indices) || c.failed) return false;
+    CEs2ContextState *state = egl::currentEs2State();
+    if (!state) return false;
+    platform::LockGuard<platform::Mutex> guard(stateLock());
+    uint32_t width = indexSize(type);
+    GLuint elementBuffer = state->currentVao().elementArrayBuffer;
+    const std::vector<uint8_t> *contents = nullptr;
+    if (elementBuffer) contents = &state->shared().buffers[elementBuffer].contents;
+
+    uint32_t maximum = knownMaximum;
+    bool scan = knownMaximum == 0;
+    for (uint32_t d = 0; d < draws; ++d) {
+        uint64_t count = counts && counts[d] > 0 ? static_cast<uint64_t>(counts[d]) : 0;
+        const void *given = indices ? indices[d] : nullptr;
+        const uint8_t *data = nullptr;
+        uint64_t available = count;
+        if (contents) {
+            uint64_t offset = reinterpret_cast<uintptr_t>(given);
+            if (offset <= contents->size()) {
+                data = contents->data() + offset;
+                available =
+                    std::min<uint64_t>(count, (contents->size() - offset) / std::max<uint32_t>(width, 1));
+            }
+        } else {
+            data = static_cast<const uint8_t *>(given);
+        }
+        if (!data && count > 0) {
+            const char *text = "VertexAttribPointer data is inaccessible as we failed to obtain a valid "
+                               "pointer for the indices.";
+            msg::emit(msg::kDebugger, "", text);
+            msg::emit(msg::kErr, "ERROR: ", text);
+            h.ptr(nullptr);
+            h.u32(0);
+            h.ptr(nullptr);
+            return false;
+        }
+        uint32_t indexBytes = contents ? 0 : static_cast<uint32_t>(count * width);
+        h.ptr(given);
+        h.u32(indexBytes);
+        if (indexBytes && !readable(data, indexBytes)) {
+            reportCrash();
+            h.addBlock(0, nullptr, false);
+            h.ptr(given);
+            return false;
+        }
+        h.addBlock(indexBytes, data, true);
+        h.ptr(given);
+        if (scan && available) {
+            uint32_t m = 0;
+            bool ok = contents ? (m = maxIndexUnchecked(type, data, available), true)
+                               : maxIndex(type, data, static_cast<uint32_t>(available), &m);
+            if (!ok) {
+                reportCrash();
+                return false;
+            }
+            uint32_t base = baseVertices ? static_cast<uint32_t>(baseVertices[d]) : 0;
+            maximum = std::max(maximum, m + base);
+        }
+    }
+    if (draws > 1) h.u64(draws);
+    return captureAttributes(h, *state, maximum + 1, instances);
+}
+
+} // namespace kv::arrays
+
+// ---- The draws' record tails ----------------------------------------------------------------
+
+namespace kv::capture {
+
+using arrays::captureArrays;
+using arrays::captureElements;
+
+void glDrawArrays_tail(RecordHandle &h, CallCtx &c, GLenum, GLint first, GLsizei count) {
+    if (c.d.recordData) captureArrays(h, c, &first, &count, 1, 0);
+}
+
+void glDrawArraysInstanced_tail(RecordHandle &h, CallCtx &c, GLenum, GLint first, GLsizei count,
+                                GLsizei instances) {
+    if (c.d.recordData)
+        captureArrays(h, c, &first, &count, 1, instances > 0 ? static_cast<uint32_t>(instances) : 0);
+}
+
+void glDrawElements_tail(RecordHandle &h, CallCtx &c, GLenum, GLsizei count, GLenum type,
+                         const void *indices) {
+    if (c.d.recordData) captureElements(h, c, &count, type, &indices, 1, 0, 0, nullptr);
+}
+
+void glDrawRangeElements_tail(RecordHandle &h, CallCtx &c, GLenum, GLuint, GLuint end, GLsizei count,
+                              GLenum type, const void *indices) {
+    // The range names the largest index: no scan needed.
+    if (c.d.recordData) captureElements(h, c, &count, type, &indices, 1, 0, end, nullptr);
+}
+
+void glDrawElementsInstanced_tail(RecordHandle &h, CallCtx &c, GLenum, GLsizei count, GLenum type,
+                                  const void *indices, GLsizei instances) {
+    if (c.d.recordData)
+        captureElements(h, c, &count, type, &indices, 1, instances > 0 ? static_cast<uint32_t>(instances) : 0,
+                        0, nullptr);
+}
+
+void glDrawElementsBaseVertex_tail(RecordHandle &h, CallCtx &c, GLenum, GLsizei count, GLenum type,
+                                   const void *indices, GLint basevertex) {
+    if (c.d.recordData) captureElements(h, c, &count, type, &indices, 1, 0, 0, &basevertex);
+}
+
+void glDrawRangeElementsBaseVertex_tail(RecordHandle &h, CallCtx &c, GLenum, GLuint, GLuint end,
+                                        GLsizei count, GLenum type, const void *indices, GLint basevertex) {
+    if (c.d.recordData)
+        captureElements(h, c, &count, type, &indices, 1, 0, end + static_cast<GLuint>(basevertex), nullptr);
+}
+
+void glDrawElementsInstancedBaseVertex_tail(RecordHandle &h, CallCtx &c, GLenum, GLsizei count, GLenum type,
+                                            const void *indices, GLsizei instances, GLint basevertex) {
+    if (c.d.recordData)
+        captureElements(h, c, &count, type, &indices, 1, instances > 0 ? static_cast<uint32_t>(instances) : 0,
+                        0, &basevertex);
+}
+
+} // namespace kv::capture

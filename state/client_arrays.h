@@ -1,0 +1,37 @@
+// Client array capture: the vertex data (and indices) a draw reads from the application's own
+// memory, copied into the draw's record so that a player elsewhere can draw the same thing.
+//
+// Per captured attribute the record gets: attribute index (4), the application's pointer (8; 0 when
+// its data is inaccessible), byte count (4) and the data block. An indexed draw first gets, per
+// draw: the index pointer (8), the index byte count (4; 0 with an element array buffer bound), the
+// index block and the index pointer once more (8); a multi-draw then gets its draw count (8).
+#pragma once
+
+#include "core/call_types.h"
+#include "state/context_state.h"
+
+#include <cstddef>
+#include <cstdint>
+
+namespace kv::arrays {
+
+// Largest index of `count` indices of a GL index type, reading through the guarded copy. Returns
+// false when the indices could not be read.
+bool maxIndex(GLenum type, const void *indices, uint32_t count, uint32_t *maximum);
+// The same over memory known to be readable (the scan itself).
+uint32_t maxIndexUnchecked(GLenum type, const void *indices, size_t count);
+uint32_t maxIndexPlain(GLenum type, const void *indices, size_t count);
+
+// Array draws. `firsts` and `counts` hold one entry per draw.
+bool captureArrays(RecordHandle &h, CallCtx &c, const GLint *firsts, const GLsizei *counts, uint32_t draws,
+                   uint32_t instances);
+// Indexed draws; `baseVertices` may be null; `knownMaximum` 0 when unknown.
+bool captureElements(RecordHandle &h, CallCtx &c, const GLsizei *counts, GLenum type,
+                     const void *const *indices, uint32_t draws, uint32_t instances, uint32_t knownMaximum,
+                     const GLint *baseVertices);
+
+// The attributes of a vertex array object for a vertex range (shared by both draw kinds); `state`
+// is locked by the caller.
+bool captureAttributes(RecordHandle &h, CEs2ContextState &state, uint32_t vertexRange, uint32_t instances);
+
+} // namespace kv::arrays

@@ -1,0 +1,86 @@
+// The EGL objects the recorder knows about: displays with their contexts and surfaces, and per
+// thread the bound API, the EGL error of the latest call and the current context.
+#pragma once
+
+#include "core/api/khronos.h"
+#include "platform/platform.h"
+#include "state/context_state.h"
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <vector>
+
+namespace kv::egl {
+
+// One EGL context and its shadow state.
+struct ContextRecord {
+    EGLContext context = EGL_NO_CONTEXT;
+    EGLDisplay display = EGL_NO_DISPLAY;
+    EGLConfig config = nullptr;
+    EGLContext shareContext = EGL_NO_CONTEXT;
+    std::vector<EGLint> contextAttributes; // up to and including EGL_NONE
+    std::vector<EGLint> configAttributes;  // captured from the host (up to and including EGL_NONE)
+    uint32_t apiVersion = 2;               // 1 = ES1, 2 = ES2, 3 = ES3.0, 4 = ES3.1, 5 = ES3.2
+    std::unique_ptr<CEs2ContextState> es2;
+    bool destroyed = false;
+};
+
+enum class SurfaceKind : uint8_t { Window, Pbuffer, Pixmap, ClientBuffer };
+
+struct SurfaceRecord {
+    EGLSurface surface = EGL_NO_SURFACE;
+    EGLConfig config = nullptr;
+    SurfaceKind kind = SurfaceKind::Window;
+    uint64_t native = 0;
+    std::vector<EGLint> attributes;
+    EGLint swapInterval = 1;
+};
+
+struct DisplayRecord {
+    EGLDisplay display = EGL_NO_DISPLAY;
+    EGLint major = 0;
+    EGLint minor = 0;
+    bool initialised = false;
+    platform::Mutex lock; // guards the two tables
+    std::map<EGLContext, std::shared_ptr<ContextRecord>> contexts;
+    std::map<EGLSurface, SurfaceRecord> surfaces;
+};
+
+struct ThreadState {
+    EGLint error = EGL_SUCCESS;
+    EGLenum boundApi = EGL_OPENGL_ES_API;
+    std::shared_ptr<ContextRecord> current;
+    EGLDisplay display = EGL_NO_DISPLAY;
+    EGLSurface draw = EGL_NO_SURFACE;
+    EGLSurface read = EGL_NO_SURFACE;
+};
+
+// The calling thread's EGL state (made on first use).
+ThreadState &threadState();
+// The calling thread's EGL state if it has one.
+ThreadState *threadStateIfAny();
+
+// The record of a display; made when `create` is set.
+DisplayRecord *display(EGLDisplay handle, bool create);
+// Every display record, in ascending handle order.
+std::vector<DisplayRecord *> displays();
+
+// The API version code of a context from its attribute list and its config's attributes.
+uint32_t apiVersionCode(const EGLint *contextAttributes, const std::vector<EGLint> &configAttributes);
+
+// Enters a context created by the host; shares resources with `share` when it is a context of the
+// same display. Returns the record.
+std::shared_ptr<ContextRecord> addContext(EGLDisplay display, EGLConfig config, EGLContext share,
+                                          EGLContext context, const EGLint *attributes,
+                                          std::vector<EGLint> configAttributes);
+void removeContext(EGLDisplay display, EGLContext context);
+std::shared_ptr<ContextRecord> findContext(EGLDisplay display, EGLContext context);
+
+// The ES2/3 state of the calling thread's current context, or null after the messages that say
+// why (no current context; a context without ES2/3 state).
+CEs2ContextState *currentEs2State();
+// The same without messages.
+CEs2ContextState *currentEs2StateQuiet();
+
+} // namespace kv::egl
