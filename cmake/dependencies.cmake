@@ -34,6 +34,9 @@ if(WIN32)
   endforeach()
   add_library(kv_khronos INTERFACE)
   target_include_directories(kv_khronos SYSTEM INTERFACE ${KV_KHRONOS_STAGE})
+  # On Windows khrplatform.h declares every API function dllimport; the front DLLs define and export
+  # those names themselves, and nothing here imports them from a driver DLL at link time.
+  target_compile_definitions(kv_khronos INTERFACE KHRONOS_STATIC=1)
 else()
   find_package(ZLIB REQUIRED)
   find_package(jsoncpp CONFIG REQUIRED)
