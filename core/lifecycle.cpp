@@ -1,4 +1,5 @@
 #include "core/lifecycle.h"
+#include "core/no_destructor.h"
 
 #include "core/manager.h"
 #include "core/messages.h"
@@ -18,7 +19,7 @@ std::map<uint64_t, uint32_t> &handleRegistry() {
     static auto *registry = new std::map<uint64_t, uint32_t>();
     return *registry;
 }
-platform::Mutex g_registryLock;
+NoDestructor<platform::Mutex> g_registryLock;
 
 platform::TlsSlot *g_recordSlot = nullptr;
 
@@ -47,14 +48,14 @@ void announceEntry() {
 } // namespace
 
 bool isLibraryHandle(uint64_t handle) {
-    platform::LockGuard<platform::Mutex> guard(g_registryLock);
+    platform::LockGuard<platform::Mutex> guard(*g_registryLock);
     return handleRegistry().count(handle) != 0;
 }
 
 std::vector<std::string> registeredModuleFiles() {
     std::vector<std::string> files;
     {
-        platform::LockGuard<platform::Mutex> guard(g_registryLock);
+        platform::LockGuard<platform::Mutex> guard(*g_registryLock);
         for (const auto &entry : handleRegistry())
             files.push_back(platform::moduleFileName(reinterpret_cast<platform::ModuleHandle>(entry.first)));
     }
@@ -79,10 +80,14 @@ CallRecord &threadRecord() {
 
 void searchDefaultHostLibraries() {
     std::vector<std::string> excluded = registeredModuleFiles();
+    // The front libraries are installed next to the library; a front that is not loaded yet is not
+    // registered and carries no marker we could see.
+    std::vector<std::string> ownDirectory = {
+        platform::directoryName(platform::moduleFileName(platform::ownModule()))};
     for (int api = 0; api < 4; ++api) {
         if (!configuredHostLibraryPath(api).empty()) continue;
         const char *name = platform::driverLibraryName(api);
-        std::string found = platform::locateLibrary(name, excluded);
+        std::string found = platform::locateLibrary(name, excluded, ownDirectory);
         defaultHostLibraryPath(api) = CZandString(found.empty() ? std::string(name) : found);
     }
 }
@@ -92,12 +97,12 @@ void searchDefaultHostLibraries() {
 extern "C" {
 
 KV_EXPORT void AddLibHandle(uint64_t handle) {
-    kv::platform::LockGuard<kv::platform::Mutex> guard(kv::g_registryLock);
+    kv::platform::LockGuard<kv::platform::Mutex> guard(*kv::g_registryLock);
     ++kv::handleRegistry()[handle];
 }
 
 KV_EXPORT void ReleaseLibHandle(uint64_t handle) {
-    kv::platform::LockGuard<kv::platform::Mutex> guard(kv::g_registryLock);
+    kv::platform::LockGuard<kv::platform::Mutex> guard(*kv::g_registryLock);
     auto &registry = kv::handleRegistry();
     auto it = registry.find(handle);
     if (it == registry.end()) return;
@@ -150,7 +155,10 @@ void EntryRoutine::processDetach() {
             trace::writeEndMarker(s);
             s.endMarkerWritten = true;
         }
-        trace::close(s, true);
+        trace::close(s, false);
+        // Calls that still arrive (other threads, later unload routines) go straight to the host: a
+        // rebuilt settings record would open the finished trace again and truncate it.
+        s.mode = kModeDisabled;
     }
     if (g_recordSlot) {
         if (void *r = g_recordSlot->get()) {

@@ -56,10 +56,14 @@ std::string currentDirectory();
 // The driver library file names of this platform, by API: 0 EGL, 1 OpenGL ES 1, 2 OpenGL ES 2/3,
 // 3 OpenCL.
 const char *driverLibraryName(int api);
-// Finds the file that a bare library name stands for, passing over the files in `excluded` (our
-// own front libraries, which may shadow the real drivers on the search path). Returns the full
-// path, or an empty string when nothing was found.
-std::string locateLibrary(const char *name, const std::vector<std::string> &excluded);
+// Finds the file that a bare library name stands for, passing over the files in `excludedFiles`
+// and every file in `excludedDirectories` (our own front libraries, which shadow the real drivers on
+// the search path and sit next to the library). Returns the full path, or an empty string when
+// nothing was found.
+std::string locateLibrary(const char *name, const std::vector<std::string> &excludedFiles,
+                          const std::vector<std::string> &excludedDirectories);
+// The directory part of a path (without its last separator); empty when there is none.
+std::string directoryName(const std::string &path);
 std::string getEnv(const char *name);
 
 // ---- Threads, locks and thread-local slots ---------------------------------------------------

@@ -149,6 +149,12 @@ bool sameFile(const std::string &a, const std::string &b) {
     return sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
 }
 
+static bool sameDirectory(const std::string &a, const std::string &b) {
+    struct stat sa, sb;
+    if (stat(a.c_str(), &sa) != 0 || stat(b.c_str(), &sb) != 0) return false;
+    return S_ISDIR(sa.st_mode) && sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
+}
+
 bool fileExists(const std::string &path) {
     struct stat st;
     return stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
@@ -165,8 +171,13 @@ const char *driverLibraryName(int api) {
     return api >= 0 && api < 4 ? names[api] : "";
 }
 
-std::string locateLibrary(const char *name, const std::vector<std::string> &excluded) {
+std::string locateLibrary(const char *name, const std::vector<std::string> &excluded,
+                          const std::vector<std::string> &excludedDirectories) {
     for (const auto &dir : librarySearchDirectories()) {
+        bool ownDirectory = false;
+        for (const auto &ex : excludedDirectories)
+            if (!ex.empty() && sameDirectory(dir, ex)) ownDirectory = true;
+        if (ownDirectory) continue;
         std::string candidate = dir + "/" + name;
         if (!fileExists(candidate)) continue;
         // A front library that is already mapped (its entry routine may not have run yet, so it

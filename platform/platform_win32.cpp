@@ -118,12 +118,18 @@ static bool excludedPath(const std::string &path, const std::vector<std::string>
     return false;
 }
 
-std::string locateLibrary(const char *name, const std::vector<std::string> &excluded) {
+std::string locateLibrary(const char *name, const std::vector<std::string> &excluded,
+                          const std::vector<std::string> &excludedDirectories) {
+    auto inExcludedDirectory = [&](const std::string &path) {
+        for (const auto &dir : excludedDirectories)
+            if (!dir.empty() && sameFile(directoryName(path), dir)) return true;
+        return false;
+    };
     HMODULE h = LoadLibraryExA(name, nullptr, DONT_RESOLVE_DLL_REFERENCES);
     if (h) {
         std::string path = moduleFileName(reinterpret_cast<ModuleHandle>(h));
         FreeLibrary(h);
-        if (!path.empty() && !excludedPath(path, excluded)) return path;
+        if (!path.empty() && !excludedPath(path, excluded) && !inExcludedDirectory(path)) return path;
     }
     // The loader found one of our own front libraries first; the drivers of the system live in
     // the system directory.
