@@ -1,4 +1,5 @@
 #include "core/settings.h"
+#include "core/no_destructor.h"
 
 #include "config/config.h"
 #include "core/lifecycle.h"
@@ -12,14 +13,14 @@ Settings *g_settings = nullptr;
 std::atomic<uint64_t> g_settingsPid{0};
 
 namespace {
-platform::Mutex g_buildLock;
+NoDestructor<platform::Mutex> g_buildLock;
 // The thread that is building the settings gets the record being built when it asks again.
 thread_local bool t_building = false;
 } // namespace
 
 Settings &buildSettings() {
     if (t_building) return *g_settings;
-    platform::LockGuard<platform::Mutex> guard(g_buildLock);
+    platform::LockGuard<platform::Mutex> guard(*g_buildLock);
     uint64_t pid = platform::processId();
     if (g_settingsPid.load(std::memory_order_acquire) == pid) return *g_settings;
     t_building = true;

@@ -1,4 +1,5 @@
 #include "entry/proc_table.h"
+#include "core/no_destructor.h"
 
 #include "platform/platform.h"
 
@@ -17,9 +18,9 @@ ProcAddress lookupProc(const char *name) {
 }
 
 bool noteUnknownProc(const char *name) {
-    static platform::Mutex lock;
+    static NoDestructor<platform::Mutex> lock;
     static auto *seen = new std::set<std::string>();
-    platform::LockGuard<platform::Mutex> guard(lock);
+    platform::LockGuard<platform::Mutex> guard(*lock);
     return seen->insert(name).second;
 }
 

@@ -1,4 +1,5 @@
 #include "entry/reported_strings.h"
+#include "core/no_destructor.h"
 
 #include "core/settings.h"
 
@@ -8,7 +9,7 @@ namespace kv {
 
 namespace {
 
-platform::Mutex g_lock;
+NoDestructor<platform::Mutex> g_lock;
 
 bool isDisabled(const std::string &name, const std::string &disabled) {
     size_t start = 0;
@@ -60,7 +61,7 @@ std::string filterExtensions(const char *list, const std::string &disabled) {
 
 const char *reportedEglString(EGLint name, const char *host) {
     Settings &s = getSettings();
-    platform::LockGuard<platform::Mutex> guard(g_lock);
+    platform::LockGuard<platform::Mutex> guard(*g_lock);
     switch (name) {
     case EGL_VENDOR:
         return s.reported[kEGLVendor].empty() ? host : s.reported[kEGLVendor].c_str();
@@ -77,7 +78,7 @@ const char *reportedEglString(EGLint name, const char *host) {
 const char *reportedGlString(GLenum name, const char *host, uint32_t majorVersion) {
     Settings &s = getSettings();
     const int base = majorVersion >= 3 ? kES3Vendor : kES2Vendor;
-    platform::LockGuard<platform::Mutex> guard(g_lock);
+    platform::LockGuard<platform::Mutex> guard(*g_lock);
     CZandString &vendor = s.reported[base], &renderer = s.reported[base + 1], &version = s.reported[base + 2],
                 &extensions = s.reported[base + 3];
     switch (name) {

@@ -1,4 +1,5 @@
 #include "state/egl_state.h"
+#include "core/no_destructor.h"
 
 #include "core/messages.h"
 #include "core/thread_local_pointer.h"
@@ -12,7 +13,7 @@ ThreadLocalPointer<ThreadState> &threadSlot() {
     return *slot;
 }
 
-platform::Mutex g_displaysLock;
+NoDestructor<platform::Mutex> g_displaysLock;
 
 std::map<EGLDisplay, std::unique_ptr<DisplayRecord>> &displayTable() {
     static auto *table = new std::map<EGLDisplay, std::unique_ptr<DisplayRecord>>();
@@ -40,7 +41,7 @@ ThreadState *threadStateIfAny() {
 }
 
 DisplayRecord *display(EGLDisplay handle, bool create) {
-    platform::LockGuard<platform::Mutex> guard(g_displaysLock);
+    platform::LockGuard<platform::Mutex> guard(*g_displaysLock);
     auto &table = displayTable();
     auto it = table.find(handle);
     if (it != table.end()) return it->second.get();
@@ -53,7 +54,7 @@ DisplayRecord *display(EGLDisplay handle, bool create) {
 }
 
 std::vector<DisplayRecord *> displays() {
-    platform::LockGuard<platform::Mutex> guard(g_displaysLock);
+    platform::LockGuard<platform::Mutex> guard(*g_displaysLock);
     std::vector<DisplayRecord *> out;
     for (auto &entry : displayTable())
         out.push_back(entry.second.get());

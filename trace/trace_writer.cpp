@@ -1,4 +1,5 @@
 #include "trace/trace_writer.h"
+#include "core/no_destructor.h"
 
 #include "core/lifecycle.h"
 #include "core/messages.h"
@@ -17,10 +18,11 @@ namespace kv::trace {
 
 namespace {
 
-platform::RecursiveLock g_recordLock;
+NoDestructor<platform::RecursiveLock> g_recordLock;
 std::atomic<MirrorFn> g_mirror{nullptr};
-CZandString g_description;
-std::unique_ptr<OutputStream> g_stream;
+NoDestructor<CZandString> g_description;
+// The open stream; deleted only when the trace is closed.
+OutputStream *g_stream = nullptr;
 
 // The compression scratch: one z_stream, a 2 MiB output buffer and a staging buffer for reading
 // application memory safely, used only under the record lock.
@@ -124,7 +126,7 @@ uint32_t writeRaw(Settings &s, const SDataBlock &block) {
 } // namespace
 
 platform::RecursiveLock &recordLock() {
-    return g_recordLock;
+    return *g_recordLock;
 }
 
 void setMirror(MirrorFn mirror) {
@@ -132,7 +134,7 @@ void setMirror(MirrorFn mirror) {
 }
 
 void setDescription(const char *text) {
-    g_description = CZandString(text ? text : "");
+    *g_description = CZandString(text ? text : "");
 }
 
 StreamKind streamKind() {
@@ -169,7 +171,7 @@ bool readBack(Settings &s, uint64_t position, void *out, size_t n) {
 }
 
 RecordHandle begin(uint16_t id) {
-    g_recordLock.lock();
+    g_recordLock->lock();
     CallRecord &r = threadRecord();
     if (r.inRecord) return RecordHandle(); // the lock stays taken: see finish()
     r.inRecord = true;
@@ -239,7 +241,7 @@ void finish(RecordHandle handle, uint64_t *lengthPosition) {
 
     r.inRecord = false;
     if (s.traceFile && !s.traceFile->flush()) reportWriteFailure(0);
-    g_recordLock.unlock();
+    g_recordLock->unlock();
 }
 
 void writeSnapshotMarker() {
@@ -279,7 +281,7 @@ bool writeHeader(Settings &s) {
     CZandString platformText =
         CZandString::format("%s - Int. Ver %d.%d %s ", os.family, os.major, os.minor, os.extra.c_str());
     putText(platformText.c_str(), format::kMaxPlatformText);
-    putText(g_description.c_str(), format::kMaxDescriptionText);
+    putText(g_description->c_str(), format::kMaxDescriptionText);
     uint8_t network = s.networkEnabled ? 1 : 0;
     put(&network, 1);
     put(&s.startFrame, 4);
@@ -301,7 +303,8 @@ bool writeHeader(Settings &s) {
 bool openForRecording(Settings &s) {
     if (s.traceFile) {
         s.traceFile->close();
-        g_stream.reset();
+        delete g_stream;
+        g_stream = nullptr;
         s.traceFile = nullptr;
     }
     const char *path = s.outputFilename.c_str();
@@ -310,9 +313,9 @@ bool openForRecording(Settings &s) {
         std::fclose(probe);
         msg::info("'%s' already exists so will be overwritten.", path);
     }
-    g_stream = openOutputStream(path, streamKind());
+    g_stream = openOutputStream(path, streamKind()).release();
     if (!g_stream) return false;
-    s.traceFile = g_stream.get();
+    s.traceFile = g_stream;
     s.bytesWritten = 0;
     s.lastThread = 0;
     g_writeFailures = 0;
@@ -322,20 +325,21 @@ bool openForRecording(Settings &s) {
 }
 
 void writeEndMarker(Settings &s) {
-    platform::LockGuard<platform::RecursiveLock> guard(g_recordLock);
+    platform::LockGuard<platform::RecursiveLock> guard(*g_recordLock);
     write(s, format::kEndMarker, sizeof(format::kEndMarker), 1);
     if (s.traceFile) s.traceFile->flush();
 }
 
 void close(Settings &s, bool full) {
     {
-        platform::LockGuard<platform::RecursiveLock> guard(g_recordLock);
+        platform::LockGuard<platform::RecursiveLock> guard(*g_recordLock);
         if (s.traceFile) {
             s.traceFile->flush();
             s.traceFile->close();
         }
         s.traceFile = nullptr;
-        g_stream.reset();
+        delete g_stream;
+        g_stream = nullptr;
     }
     if (full) {
         // Network control shuts down with the trace (it exists only with network control).

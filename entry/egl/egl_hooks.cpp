@@ -2,6 +2,7 @@
 // surfaces entered in the state tracker, the strings the library changes, the entry points it hands
 // out by name, and the swaps that end frames.
 #include "core/messages.h"
+#include "core/no_destructor.h"
 #include "entry/hooks.h"
 #include "entry/proc_table.h"
 #include "entry/reported_strings.h"
@@ -26,7 +27,7 @@ struct SurfacePosition {
     int32_t height = 0;
 };
 
-platform::Mutex g_positionsLock;
+NoDestructor<platform::Mutex> g_positionsLock;
 std::map<EGLDisplay, std::map<EGLSurface, SurfacePosition>> &surfacePositions() {
     static auto *table = new std::map<EGLDisplay, std::map<EGLSurface, SurfacePosition>>();
     return *table;
@@ -179,7 +180,7 @@ void Hooks<fn::eglDestroySurface>::after(CallCtx &c, EGLBoolean &result, EGLDisp
         platform::LockGuard<platform::Mutex> guard(d->lock);
         d->surfaces.erase(surface);
     }
-    platform::LockGuard<platform::Mutex> guard(g_positionsLock);
+    platform::LockGuard<platform::Mutex> guard(*g_positionsLock);
     auto it = surfacePositions().find(dpy);
     if (it != surfacePositions().end()) it->second.erase(surface);
 }
@@ -227,7 +228,7 @@ void SurfaceCreationHooks::noteRecorded(CallCtx &c, EGLSurface surface) {
     p.surface = reinterpret_cast<uintptr_t>(surface);
     p.width = static_cast<int32_t>(c.scratch[kCreatedWidth]);
     p.height = static_cast<int32_t>(c.scratch[kCreatedHeight]);
-    platform::LockGuard<platform::Mutex> guard(g_positionsLock);
+    platform::LockGuard<platform::Mutex> guard(*g_positionsLock);
     if (g_positionsFile != s.traceFile) {
         // A new trace: the old positions point into a file that is gone.
         surfacePositions().clear();
@@ -346,7 +347,7 @@ bool readFrameBuffer(int32_t width, int32_t height, uint8_t *pixels) {
 void correctSurfaceSize(EGLDisplay dpy, EGLSurface surface, int32_t width, int32_t height) {
     Settings &s = getSettings();
     platform::LockGuard<platform::RecursiveLock> recordGuard(trace::recordLock());
-    platform::LockGuard<platform::Mutex> guard(g_positionsLock);
+    platform::LockGuard<platform::Mutex> guard(*g_positionsLock);
     if (g_positionsFile != s.traceFile) return;
     auto d = surfacePositions().find(dpy);
     if (d == surfacePositions().end()) return;
