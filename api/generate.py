@@ -958,6 +958,91 @@ def emit_front(funcs, families_wanted, tables, title):
 
 
 # ---------------------------------------------------------------------------------------------
+# The test host: a stand-in driver for the tests, exporting what the host tables resolve
+
+
+# The tables the test host stands in for: the table, the name of its API in switches, the family
+# constant of its functions and how its version groups are labelled.
+TEST_HOST_TABLES = [("SEglHost", "EGL", "kEgl", "egl"), ("GLESPPHost", "GLES", "kGles", "es")]
+# What a function returns when the test has not programmed anything, by result type (0 otherwise).
+TEST_HOST_DEFAULTS = {"EGLBoolean": "EGL_TRUE"}
+TEST_HOST_MAX_ARGS = 16
+
+
+def test_host_guards(tables):
+    """One preprocessor switch per host group: KVTH_OMIT_EGL12 or KVTH_OMIT_ES30 for a version
+    group, KVTH_OMIT_<API>_<LABEL> (KVTH_OMIT_EGL_CORE) for the others."""
+    guards = {}
+    for table, api, _, version in TEST_HOST_TABLES:
+        for label, _ in tables[table]:
+            name = label if label.startswith(version) else f"{api}_{label}"
+            guards[(table, label)] = f"KVTH_OMIT_{cpp_ident(name).upper()}"
+    return guards
+
+
+def emit_test_host(tables):
+    guards = test_host_guards(tables)
+    out = [BANNER, "// The test host library: every function of the EGL and OpenGL ES 2.0 to 3.2 host tables,",
+           "// exported under its plain name and handed to the dispatcher (tests/host/test_host.cpp), which",
+           "// logs the call and answers it. A group of functions is left out when its KVTH_OMIT_ switch is",
+           "// set, to build hosts of older API versions.\n",
+           '#include "tests/host/test_host_dispatch.h"\n']
+    for guard in guards.values():
+        out.append(f"#ifndef {guard}\n#define {guard} 0\n#endif")
+    out.append('\nextern "C" {\n')
+    for table, _, _, _ in TEST_HOST_TABLES:
+        for label, members in tables[table]:
+            out.append(f"// {table} {label}")
+            out.append(f"#if !{guards[(table, label)]}")
+            for f in members:
+                if len(f.params) > TEST_HOST_MAX_ARGS:
+                    fail(f"{f.name}: more than {TEST_HOST_MAX_ARGS} parameters for the test host")
+                args = ", ".join(p.declaration() for p in f.params)
+                slots = ", ".join(f"kvth::slot({p.name})" for p in f.params)
+                ret = "void" if f.ret in ("void", "GLvoid") else f.ret
+                fallback = f", {TEST_HOST_DEFAULTS[ret]}" if ret in TEST_HOST_DEFAULTS else ""
+                out.append(f"KV_EXPORT {f.ret} KV_APIENTRY {f.name}({args}) {{")
+                out.append(f"    return kvth::call<{ret}>({f.id}, {{{slots}}}{fallback});")
+                out.append("}")
+            out.append("#endif\n")
+    out.append('} // extern "C"\n')
+    out.append("namespace kvth {\n")
+    out.append("const Function kFunctions[] = {")
+    for table, _, family, _ in TEST_HOST_TABLES:
+        for label, members in tables[table]:
+            out.append(f"#if !{guards[(table, label)]}")
+            for f in members:
+                out.append(f'    {{{f.id}, "{f.name}", {family}, {len(f.params)}, reinterpret_cast<void (*)()>(&{f.name})}},')
+            out.append("#endif")
+    out.append("    {0, nullptr, kEgl, 0, nullptr},")
+    out.append("};")
+    out.append("const uint32_t kFunctionCount = sizeof(kFunctions) / sizeof(kFunctions[0]) - 1;\n")
+    out.append("} // namespace kvth")
+    return "\n".join(out) + "\n"
+
+
+def emit_all_entries(funcs, tables):
+    """Calls of every exported EGL and OpenGL ES entry point with zero and null arguments."""
+    fams = {"egl": ({"egl", "eglext"}, "Egl"), "gles": ({"gles20", "gles30", "gles31", "gles32"}, "Gles")}
+    out = [BANNER, "// Calls every EGL and OpenGL ES entry point the library exports once, with zero and null",
+           "// arguments, and lists them by function id.\n",
+           '#include "tests/host/all_entries.h"\n', '#include "entry/entries_autogen.h"\n', "namespace kvth {\n"]
+    for ns, (wanted, title) in fams.items():
+        members = [f for f in funcs if f.family in wanted and f.params is not None and host_table_of(f, tables)]
+        out.append(f"const EntryId k{title}Entries[] = {{")
+        for f in members:
+            out.append(f'    {{{f.id}, "{f.name}"}},')
+        out.append("};")
+        out.append(f"const uint32_t k{title}EntryCount = {len(members)};\n")
+        out.append(f"void callEvery{title}Entry() {{")
+        for f in members:
+            out.append(f"    {ns}::{entry_name(f)}({', '.join('{}' for _ in f.params)});")
+        out.append("}\n")
+    out.append("} // namespace kvth")
+    return "\n".join(out) + "\n"
+
+
+# ---------------------------------------------------------------------------------------------
 
 
 def main():
@@ -1030,6 +1115,8 @@ def main():
         "front/egl_front_autogen.cpp": emit_front(funcs, {"egl", "eglext"}, tables, "The EGL front library"),
         "front/gles2_front_autogen.cpp": emit_front(funcs, {"gles20", "gles30", "gles31", "gles32"}, tables,
                                                     "The OpenGL ES 2.0 to 3.2 front library"),
+        "tests/host/test_host_autogen.cpp": emit_test_host(tables),
+        "tests/host/all_entries_autogen.cpp": emit_all_entries(funcs, tables),
     }
     stale = []
     for rel, text in outputs.items():

@@ -1,0 +1,326 @@
+// The call wrapper protocol, through the library's exported entry points with the test host as
+// the driver: pass-through, error checking and recording, the recursion guard, and every wrapper
+// running once. Each configuration runs in a process of its own (the library reads its settings
+// once per process); the trace is read back once the process has ended.
+#include "core/api/functions_autogen.h"
+#include "entry/entries_autogen.h"
+#include "tests/host/all_entries.h"
+#include "tests/host/host_test_support.h"
+#include "tests/host/test_host.h"
+#include "trace/format.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <set>
+#include <string>
+#include <vector>
+
+using namespace kvth::test;
+
+namespace {
+
+constexpr const char *kRecursionMessage =
+    "FATAL ERROR: Kalvoren - ERROR: attempted to recursively load trace DLL.";
+
+LibraryConfig recording() {
+    LibraryConfig config;
+    config.eglHost = testHostPath();
+    config.es2Host = testHostPath();
+    config.traceFile = workPath("trace.kalvoren");
+    return config;
+}
+
+template <class T>
+T handle(uint64_t value) {
+    return reinterpret_cast<T>(static_cast<uintptr_t>(value));
+}
+
+uint64_t slotOf(float value) {
+    uint32_t bits = 0;
+    std::memcpy(&bits, &value, sizeof(bits));
+    return bits;
+}
+
+struct HostCall {
+    std::string name;
+    std::vector<uint64_t> arguments;
+};
+
+// The host's log from entry `first` on.
+std::vector<HostCall> hostCalls(uint32_t first = 0) {
+    std::vector<HostCall> calls;
+    KvthCall call;
+    for (uint32_t i = first; kvth_log_entry(i, &call); ++i) {
+        const char *name = kvth_function_name(call.id);
+        calls.push_back(
+            {name ? name : "?", std::vector<uint64_t>(call.arguments, call.arguments + call.argumentCount)});
+    }
+    return calls;
+}
+
+std::string describe(const std::vector<HostCall> &calls) {
+    std::string text;
+    for (const HostCall &c : calls) {
+        text += c.name + "(";
+        for (size_t i = 0; i < c.arguments.size(); ++i)
+            text += (i ? ", " : "") + std::to_string(c.arguments[i]);
+        text += ") ";
+    }
+    return text.empty() ? "nothing" : text;
+}
+
+// In the child: the host saw exactly `expected` since log entry `first`.
+void checkHostSaw(uint32_t first, const std::vector<HostCall> &expected, int line) {
+    std::vector<HostCall> seen = hostCalls(first);
+    bool same = seen.size() == expected.size();
+    for (size_t i = 0; same && i < seen.size(); ++i)
+        same = seen[i].name == expected[i].name && seen[i].arguments == expected[i].arguments;
+    if (!same)
+        childFailure(__FILE__, line, "the host saw " + describe(seen) + "; expected " + describe(expected));
+}
+
+// In the child: an initialised display and an OpenGL ES 3 context current on a pbuffer, made
+// through the library as an application would.
+struct CurrentContext {
+    EGLDisplay display = EGL_NO_DISPLAY;
+    EGLConfig config = nullptr;
+    EGLContext context = EGL_NO_CONTEXT;
+    EGLSurface surface = EGL_NO_SURFACE;
+};
+
+CurrentContext makeContextCurrent() {
+    kvth_set_result("eglGetDisplay", 0xD15);
+    kvth_set_result("eglCreateContext", 0xC7C);
+    kvth_set_result("eglCreatePbufferSurface", 0x5F5);
+    CurrentContext c;
+    c.display = egl::getDisplay(EGL_DEFAULT_DISPLAY);
+    EGLint major = 0, minor = 0;
+    KVTH_CHILD_CHECK(egl::initialize(c.display, &major, &minor) == EGL_TRUE);
+    const EGLint configAttributes[] = {EGL_RENDERABLE_TYPE, EGL_OPENGL_ES3_BIT, EGL_NONE};
+    EGLint configs = 0;
+    KVTH_CHILD_CHECK(egl::chooseConfig(c.display, configAttributes, &c.config, 1, &configs) == EGL_TRUE);
+    KVTH_CHILD_CHECK_EQ(kKvthConfig, reinterpret_cast<uintptr_t>(c.config));
+    const EGLint contextAttributes[] = {EGL_CONTEXT_CLIENT_VERSION, 3, EGL_NONE};
+    c.context = egl::createContext(c.display, c.config, EGL_NO_CONTEXT, contextAttributes);
+    const EGLint surfaceAttributes[] = {EGL_WIDTH, 64, EGL_HEIGHT, 64, EGL_NONE};
+    c.surface = egl::createPbufferSurface(c.display, c.config, surfaceAttributes);
+    KVTH_CHILD_CHECK(egl::makeCurrent(c.display, c.surface, c.surface, c.context) == EGL_TRUE);
+    KVTH_CHILD_CHECK_EQ(EGL_SUCCESS, egl::getError());
+    return c;
+}
+
+std::string traceSummary(const TraceWalk &t) {
+    std::string text = std::to_string(t.records.size()) + " records:";
+    for (const TraceRecord &r : t.records)
+        text += " " + std::to_string(r.id);
+    return text;
+}
+
+} // namespace
+
+// ---- Pass-through -----------------------------------------------------------------------------
+
+class PassThrough : public FreshProcessTest {};
+
+TEST_F(PassThrough, DisabledLibraryForwardsCallsUntouchedAndRecordsNothing) {
+    LibraryConfig config = recording();
+    config.enabled = false;
+    useConfig(config);
+    EXPECT_EXIT(inChild([] {
+                    // The first call of each API builds its host table; start the log after that.
+                    egl::getCurrentContext();
+                    gles::flush();
+                    kvth_reset();
+                    kvth_set_result("eglGetDisplay", 0xD15);
+                    kvth_set_result("glCheckFramebufferStatus", GL_FRAMEBUFFER_UNSUPPORTED);
+                    kvth_raise_error_on("glEnable", GL_INVALID_ENUM);
+                    kvth_raise_error_on("eglSwapInterval", EGL_BAD_SURFACE);
+
+                    KVTH_CHILD_CHECK(egl::getDisplay(EGL_DEFAULT_DISPLAY) == handle<EGLDisplay>(0xD15));
+                    KVTH_CHILD_CHECK(egl::queryString(handle<EGLDisplay>(0xD15), EGL_VENDOR) ==
+                                     kvth_egl_string(EGL_VENDOR));
+                    egl::swapInterval(handle<EGLDisplay>(0xD15), 2);
+                    KVTH_CHILD_CHECK_EQ(static_cast<GLenum>(GL_FRAMEBUFFER_UNSUPPORTED),
+                                        gles::checkFramebufferStatus(GL_FRAMEBUFFER));
+                    KVTH_CHILD_CHECK(gles::getString(GL_VENDOR) ==
+                                     reinterpret_cast<const GLubyte *>(kvth_gl_string(GL_VENDOR)));
+                    gles::enable(GL_BLEND);
+                    gles::uniform4f(3, 0.25f, -1.5f, 2.0f, 1e-3f);
+                    // The host saw the calls as they were made, and no error query after any.
+                    checkHostSaw(
+                        0,
+                        {{"eglGetDisplay", {0}},
+                         {"eglQueryString", {0xD15, EGL_VENDOR}},
+                         {"eglSwapInterval", {0xD15, 2}},
+                         {"glCheckFramebufferStatus", {GL_FRAMEBUFFER}},
+                         {"glGetString", {GL_VENDOR}},
+                         {"glEnable", {GL_BLEND}},
+                         {"glUniform4f", {3, slotOf(0.25f), slotOf(-1.5f), slotOf(2.0f), slotOf(1e-3f)}}},
+                        __LINE__);
+                    // So the errors are still the host's to report.
+                    KVTH_CHILD_CHECK_EQ(static_cast<GLenum>(GL_INVALID_ENUM), gles::getError());
+                    KVTH_CHILD_CHECK_EQ(EGL_BAD_SURFACE, egl::getError());
+                }),
+                ::testing::ExitedWithCode(0), "");
+    expectChildChecksPassed();
+    const std::string trace = workPath("trace.kalvoren");
+    EXPECT_TRUE(!fileExists(trace) || readBytes(trace).empty())
+        << readBytes(trace).size() << " bytes recorded";
+}
+
+// ---- Errors while recording -------------------------------------------------------------------
+
+class RecordedErrors : public FreshProcessTest {};
+
+TEST_F(RecordedErrors, GlErrorIsRecordedWithTheCallAndStillReportedToTheApplication) {
+    useConfig(recording());
+    EXPECT_EXIT(inChild([] {
+                    makeContextCurrent();
+                    gles::clear(GL_COLOR_BUFFER_BIT);
+                    kvth_raise_error_on("glEnable", GL_INVALID_ENUM);
+                    const uint32_t first = kvth_log_size();
+                    gles::enable(GL_BLEND);
+                    // The wrapper took the error from the host right after the call.
+                    checkHostSaw(first, {{"glEnable", {GL_BLEND}}, {"glGetError", {}}}, __LINE__);
+                    // The application still gets it, once.
+                    KVTH_CHILD_CHECK_EQ(static_cast<GLenum>(GL_INVALID_ENUM), gles::getError());
+                    KVTH_CHILD_CHECK_EQ(static_cast<GLenum>(GL_NO_ERROR), gles::getError());
+                }),
+                ::testing::ExitedWithCode(0), "");
+    expectChildChecksPassed();
+
+    const TraceWalk t = walkTrace(workPath("trace.kalvoren"));
+    ASSERT_TRUE(t.whole) << t.problem;
+    EXPECT_TRUE(t.endMarker);
+    ASSERT_FALSE(t.records.empty());
+    EXPECT_EQ(kv::format::kThreadMarkerId, t.records[0].id) << traceSummary(t);
+    EXPECT_EQ(8u, t.records[0].payload.size());
+
+    // Making the context current went without an error, the library's own queries included.
+    for (uint16_t id :
+         {kv::fn::eglGetDisplay::id, kv::fn::eglInitialize::id, kv::fn::eglChooseConfig::id,
+          kv::fn::eglCreateContext::id, kv::fn::eglCreatePbufferSurface::id, kv::fn::eglMakeCurrent::id}) {
+        const auto records = t.withId(id);
+        ASSERT_EQ(1u, records.size()) << "id " << id << ": " << traceSummary(t);
+        EXPECT_EQ(static_cast<uint32_t>(EGL_SUCCESS), records[0]->u32(0)) << "id " << id;
+    }
+    // glClear: no error, the mask.
+    const auto clears = t.withId(kv::fn::glClear::id);
+    ASSERT_EQ(1u, clears.size()) << traceSummary(t);
+    EXPECT_EQ(8u, clears[0]->payload.size());
+    EXPECT_EQ(static_cast<uint32_t>(GL_NO_ERROR), clears[0]->u32(0));
+    EXPECT_EQ(static_cast<uint32_t>(GL_COLOR_BUFFER_BIT), clears[0]->u32(4));
+    // glEnable: the host's error, then the capability.
+    const auto enables = t.withId(kv::fn::glEnable::id);
+    ASSERT_EQ(1u, enables.size()) << traceSummary(t);
+    EXPECT_EQ(8u, enables[0]->payload.size());
+    EXPECT_EQ(static_cast<uint32_t>(GL_INVALID_ENUM), enables[0]->u32(0));
+    EXPECT_EQ(static_cast<uint32_t>(GL_BLEND), enables[0]->u32(4));
+    // The application's queries: no error of their own; the first answered the pending error.
+    const auto queries = t.withId(kv::fn::glGetError::id);
+    ASSERT_EQ(2u, queries.size()) << traceSummary(t);
+    EXPECT_EQ(static_cast<uint32_t>(GL_NO_ERROR), queries[0]->u32(0));
+    EXPECT_EQ(static_cast<uint32_t>(GL_INVALID_ENUM), queries[0]->u32(4));
+    EXPECT_EQ(static_cast<uint32_t>(GL_NO_ERROR), queries[1]->u32(0));
+    EXPECT_EQ(static_cast<uint32_t>(GL_NO_ERROR), queries[1]->u32(4));
+}
+
+TEST_F(RecordedErrors, EglErrorIsRecordedWithTheCallAndAnsweredByTheLibrary) {
+    useConfig(recording());
+    EXPECT_EXIT(inChild([] {
+                    CurrentContext c = makeContextCurrent();
+                    kvth_set_result("eglSwapInterval", EGL_FALSE);
+                    kvth_raise_error_on("eglSwapInterval", EGL_BAD_SURFACE);
+                    const uint32_t first = kvth_log_size();
+                    KVTH_CHILD_CHECK(egl::swapInterval(c.display, 1) == EGL_FALSE);
+                    checkHostSaw(first, {{"eglSwapInterval", {0xD15, 1}}, {"eglGetError", {}}}, __LINE__);
+                    KVTH_CHILD_CHECK_EQ(EGL_BAD_SURFACE, egl::getError());
+                    KVTH_CHILD_CHECK_EQ(EGL_SUCCESS, egl::getError());
+                }),
+                ::testing::ExitedWithCode(0), "");
+    expectChildChecksPassed();
+
+    const TraceWalk t = walkTrace(workPath("trace.kalvoren"));
+    ASSERT_TRUE(t.whole) << t.problem;
+    const auto swaps = t.withId(kv::fn::eglSwapInterval::id);
+    ASSERT_EQ(1u, swaps.size()) << traceSummary(t);
+    EXPECT_EQ(static_cast<uint32_t>(EGL_BAD_SURFACE), swaps[0]->u32(0));
+    const auto queries = t.withId(kv::fn::eglGetError::id);
+    ASSERT_EQ(3u, queries.size()) << traceSummary(t); // one while making the context current
+    EXPECT_EQ(static_cast<uint32_t>(EGL_SUCCESS), queries[1]->u32(0));
+    EXPECT_EQ(static_cast<uint32_t>(EGL_BAD_SURFACE), queries[1]->u32(4));
+    EXPECT_EQ(static_cast<uint32_t>(EGL_SUCCESS), queries[2]->u32(4));
+}
+
+// ---- The recursion guard ----------------------------------------------------------------------
+
+class RecursionGuard : public FreshProcessTest {};
+
+TEST_F(RecursionGuard, EglHostNamingTheLibraryItselfEndsTheProcess) {
+    LibraryConfig config = recording();
+    config.eglHost = libraryPath();
+    useConfig(config);
+    EXPECT_EXIT(inChild([] { egl::getDisplay(EGL_DEFAULT_DISPLAY); }), exitedWithMinusOne, "");
+    EXPECT_EQ(1u, countOf(childConsole(), kRecursionMessage)) << childConsole();
+}
+
+TEST_F(RecursionGuard, EglHostNamingTheEglFrontLibraryEndsTheProcess) {
+    LibraryConfig config = recording();
+    config.eglHost = workPath("missing-egl.so") + ";" + eglFrontPath();
+    useConfig(config);
+    EXPECT_EXIT(inChild([] { egl::getDisplay(EGL_DEFAULT_DISPLAY); }), exitedWithMinusOne, "");
+    EXPECT_EQ(1u, countOf(childConsole(), kRecursionMessage)) << childConsole();
+}
+
+TEST_F(RecursionGuard, GlesHostNamingTheGlesFrontLibraryEndsTheProcess) {
+    LibraryConfig config = recording();
+    config.es2Host = gles2FrontPath();
+    useConfig(config);
+    EXPECT_EXIT(inChild([] { gles::clear(GL_COLOR_BUFFER_BIT); }), exitedWithMinusOne, "");
+    EXPECT_EQ(1u, countOf(childConsole(), kRecursionMessage)) << childConsole();
+}
+
+// ---- Every wrapper ----------------------------------------------------------------------------
+
+class EveryWrapper : public FreshProcessTest {
+protected:
+    // Runs the calls in a recording process (recording every frame), then reads the trace back.
+    void runAndReadBack(void (*calls)()) {
+        LibraryConfig config = recording();
+        config.endFrame = 1000000;
+        useConfig(config);
+        EXPECT_EXIT(inChild(calls), ::testing::ExitedWithCode(0), "");
+        expectChildChecksPassed();
+
+        const TraceWalk t = walkTrace(workPath("trace.kalvoren"));
+        ASSERT_TRUE(t.whole) << t.problem;
+        EXPECT_TRUE(t.endMarker);
+        std::set<uint16_t> recorded;
+        for (const TraceRecord &r : t.records)
+            recorded.insert(r.id);
+        std::string missing;
+        for (uint32_t i = 0; i < kvth::kGlesEntryCount; ++i)
+            if (!recorded.count(kvth::kGlesEntries[i].id))
+                missing += std::string(" ") + kvth::kGlesEntries[i].name;
+        for (uint32_t i = 0; i < kvth::kEglEntryCount; ++i)
+            if (!recorded.count(kvth::kEglEntries[i].id))
+                missing += std::string(" ") + kvth::kEglEntries[i].name;
+        EXPECT_TRUE(missing.empty()) << "not recorded:" << missing;
+    }
+};
+
+TEST_F(EveryWrapper, RunsWithACurrentContextAndTheTraceReadsBack) {
+    runAndReadBack([] {
+        makeContextCurrent();
+        kvth::callEveryGlesEntry();
+        kvth::callEveryEglEntry();
+    });
+}
+
+TEST_F(EveryWrapper, RunsWithoutAContextAndTheTraceReadsBack) {
+    runAndReadBack([] {
+        kvth::callEveryGlesEntry();
+        kvth::callEveryEglEntry();
+    });
+}
