@@ -1,0 +1,82 @@
+// What the OpenGL ES hook files have in common: running a shadow state update, and reading what a
+// call points at in application memory.
+#pragma once
+
+#include "core/call.h"
+#include "state/context_state.h"
+#include "state/egl_state.h"
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace kv::gles {
+
+// Whether the host ran the call and accepted it: only then has it changed state.
+inline bool accepted(const CallCtx &c) {
+    return c.d.callHost && !c.failed;
+}
+
+// Runs `update` on the calling thread's shadow state, under the state lock, after a call that the
+// driver accepted.
+template <class Update>
+void updateState(CallCtx &c, Update update) {
+    if (!accepted(c)) return;
+    CEs2ContextState *state = egl::currentEs2State();
+    if (!state) return;
+    platform::LockGuard<platform::Mutex> guard(stateLock());
+    update(*state);
+}
+
+// The most a single string or data block read from the application may hold.
+constexpr size_t kMaxReadBytes = size_t(1) << 28;
+
+// Copies `count` values from application memory into `out`; false (and `out` empty) when the
+// pointer is null or they cannot all be read.
+template <class T>
+bool readValues(const T *values, size_t count, std::vector<T> &out) {
+    out.clear();
+    if (!values || count > kMaxReadBytes / sizeof(T)) return false;
+    out.resize(count);
+    if (count == 0) return true;
+    if (platform::guardedCopy(out.data(), values, count * sizeof(T)) == count * sizeof(T)) return true;
+    out.clear();
+    return false;
+}
+
+// The names of a glGen* or glDelete* call the driver accepted.
+inline bool readNames(const CallCtx &c, GLsizei n, const GLuint *names, std::vector<GLuint> &out) {
+    return accepted(c) && n > 0 && readValues(names, static_cast<size_t>(n), out);
+}
+
+// The same as raw 32-bit words, for values of a 4-byte type.
+template <class T>
+bool readWords(const T *values, size_t count, std::vector<uint32_t> &out) {
+    static_assert(sizeof(T) == 4, "32-bit values");
+    out.clear();
+    if (!values || count > kMaxReadBytes / 4) return false;
+    out.resize(count);
+    if (count == 0) return true;
+    if (platform::guardedCopy(out.data(), values, count * 4) == count * 4) return true;
+    out.clear();
+    return false;
+}
+
+// The raw word of a 32-bit value.
+template <class T>
+uint32_t word(T value) {
+    static_assert(sizeof(T) == 4, "32-bit value");
+    uint32_t bits;
+    std::memcpy(&bits, &value, 4);
+    return bits;
+}
+
+// A string of `length` characters, or up to its terminator when `length` is negative.
+bool readText(const char *text, GLint length, std::string &out);
+// Strings as glShaderSource takes them: `count` pointers and an optional array of lengths (a
+// missing array or a negative length: up to the terminator), joined.
+bool readSources(GLsizei count, const GLchar *const *strings, const GLint *lengths, std::string &out);
+// `count` terminated strings, as glTransformFeedbackVaryings takes them.
+bool readStrings(GLsizei count, const GLchar *const *strings, std::vector<std::string> &out);
+
+} // namespace kv::gles
