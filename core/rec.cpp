@@ -61,6 +61,12 @@ void string(RecordHandle &h, CallCtx &c, const char *text) {
         h.ptr(text);
         return;
     }
+    if (c.failed) {
+        // The driver rejected the call without reading the text; neither does the recorder.
+        h.ptr(text);
+        h.u32(0);
+        return;
+    }
     h.appendString(text);
 }
 
@@ -70,7 +76,7 @@ void textIn(RecordHandle &h, CallCtx &c, const char *text, GLsizei length) {
         return;
     }
     h.ptr(text);
-    uint32_t n = text ? boundedSize(h, static_cast<uint64_t>(length)) : 0;
+    uint32_t n = text && !c.failed ? boundedSize(h, static_cast<uint64_t>(length)) : 0;
     h.u32(n);
     h.addBlock(n, text, false);
 }
@@ -100,7 +106,7 @@ void glStrings(RecordHandle &h, CallCtx &c, const GLchar *const *strings, GLsize
         h.ptr(strings);
         return;
     }
-    h.appendStringArrayGL(strings, count, lengths);
+    h.appendStringArrayGL(strings, c.failed ? 0 : count, lengths);
 }
 
 uint32_t attribCount(const EGLint *list) {
