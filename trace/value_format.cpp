@@ -550,7 +550,8 @@ std::string formatEntry(Reader &reader, const Entry &e, const FormatOptions &o) 
     bool first = true;
     for (const Arg &a : e.args) {
         bool tail = a.field->kind == api::Field::ArraysTail || a.field->kind == api::Field::ElementsTail;
-        if (tail && a.partCount == 0 && !a.draws && !a.partial) continue;
+        // A draw the driver rejected (or a trace without client data) has nothing to show.
+        if (tail && a.partCount == 0 && !a.draws) continue;
         if (!first) line += ", ";
         first = false;
         line += formatArg(reader, e, a, o);
