@@ -1,0 +1,37 @@
+// What the command line needs from the system beyond platform.h: starting the program to trace,
+// its environment, temporary files, paths and terminals.
+#pragma once
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+namespace kv::platform {
+
+// Runs a program with this process's environment and waits for it to end. A name without a
+// directory is searched on PATH. Returns the program's exit status (128 + the signal number when
+// a signal ended it), or -1 with `error` set when it could not be started. Interrupts from the
+// terminal are left to the program while it runs.
+int runProgram(const std::vector<std::string> &argv, std::string *error);
+
+// Sets a variable of this process's environment (inherited by programs started afterwards).
+bool setEnv(const char *name, const std::string &value);
+
+// Creates a new file in the system's temporary directory, named `prefix`, something unique and
+// `suffix`, opened for writing in binary mode. Null when no file could be created.
+std::FILE *createTemporaryFile(const char *prefix, const char *suffix, std::string *path);
+
+// The path made absolute against the working directory.
+std::string absolutePath(const std::string &path);
+// Joins a directory and a name with the system's separator.
+std::string joinPath(const std::string &directory, const std::string &name);
+
+// Whether the stream is connected to a terminal.
+bool isTerminal(std::FILE *stream);
+
+// The environment variable that lists the directories in which the loader looks for a
+// program's libraries before the system's, and the separator of its entries.
+const char *librarySearchVariable();
+char pathListSeparator();
+
+} // namespace kv::platform

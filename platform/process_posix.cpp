@@ -1,0 +1,126 @@
+// POSIX side of the process services.
+#include "platform/process.h"
+
+#include "platform/platform.h"
+
+#if !defined(_WIN32)
+
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+extern char **environ;
+
+namespace kv::platform {
+
+int runProgram(const std::vector<std::string> &argv, std::string *error) {
+    if (argv.empty()) {
+        if (error) *error = "no program given";
+        return -1;
+    }
+    std::vector<char *> args;
+    for (const std::string &a : argv)
+        args.push_back(const_cast<char *>(a.c_str()));
+    args.push_back(nullptr);
+
+    // While the program runs, Ctrl-C and Ctrl-\ are its own to handle; we wait for it to end and
+    // report on the trace. The program starts with the default handling of both.
+    struct sigaction ignore {};
+    struct sigaction oldInt {
+    }, oldQuit{};
+    ignore.sa_handler = SIG_IGN;
+    sigemptyset(&ignore.sa_mask);
+    sigaction(SIGINT, &ignore, &oldInt);
+    sigaction(SIGQUIT, &ignore, &oldQuit);
+
+    posix_spawnattr_t attr;
+    posix_spawnattr_init(&attr);
+    sigset_t defaults;
+    sigemptyset(&defaults);
+    sigaddset(&defaults, SIGINT);
+    sigaddset(&defaults, SIGQUIT);
+    posix_spawnattr_setsigdefault(&attr, &defaults);
+    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGDEF);
+
+    pid_t pid = 0;
+    int rc = posix_spawnp(&pid, args[0], nullptr, &attr, args.data(), environ);
+    posix_spawnattr_destroy(&attr);
+    int result = -1;
+    if (rc != 0) {
+        if (error) *error = "cannot run '" + argv[0] + "': " + std::strerror(rc);
+    } else {
+        int status = 0;
+        pid_t waited;
+        do {
+            waited = waitpid(pid, &status, 0);
+        } while (waited < 0 && errno == EINTR);
+        if (waited < 0) {
+            if (error) *error = std::string("lost track of the program: ") + std::strerror(errno);
+        } else if (WIFEXITED(status)) {
+            result = WEXITSTATUS(status);
+        } else if (WIFSIGNALED(status)) {
+            result = 128 + WTERMSIG(status);
+        }
+    }
+    sigaction(SIGINT, &oldInt, nullptr);
+    sigaction(SIGQUIT, &oldQuit, nullptr);
+    return result;
+}
+
+bool setEnv(const char *name, const std::string &value) {
+    return setenv(name, value.c_str(), 1) == 0;
+}
+
+std::FILE *createTemporaryFile(const char *prefix, const char *suffix, std::string *path) {
+    const char *dir = std::getenv("TMPDIR");
+    std::string pattern = std::string(dir && *dir ? dir : "/tmp") + "/" + prefix + "XXXXXX" + suffix;
+    std::vector<char> name(pattern.begin(), pattern.end());
+    name.push_back('\0');
+    int fd = mkstemps(name.data(), static_cast<int>(std::strlen(suffix)));
+    if (fd < 0) return nullptr;
+    std::FILE *file = fdopen(fd, "wb");
+    if (!file) {
+        close(fd);
+        unlink(name.data());
+        return nullptr;
+    }
+    if (path) *path = name.data();
+    return file;
+}
+
+std::string absolutePath(const std::string &path) {
+    if (!path.empty() && path[0] == '/') return path;
+    std::string cwd = currentDirectory();
+    std::string rest = path;
+    while (rest.compare(0, 2, "./") == 0)
+        rest.erase(0, 2);
+    if (rest == ".") rest.clear();
+    return rest.empty() ? cwd : cwd + "/" + rest;
+}
+
+std::string joinPath(const std::string &directory, const std::string &name) {
+    if (directory.empty()) return name;
+    return directory.back() == '/' ? directory + name : directory + "/" + name;
+}
+
+bool isTerminal(std::FILE *stream) {
+    return stream && isatty(fileno(stream)) == 1;
+}
+
+const char *librarySearchVariable() {
+    return "LD_LIBRARY_PATH";
+}
+
+char pathListSeparator() {
+    return ':';
+}
+
+} // namespace kv::platform
+
+#endif

@@ -1,0 +1,121 @@
+// kalvoren: look into traces and record them.
+#include "tools/cli.h"
+
+#include "platform/platform.h"
+#include "platform/process.h"
+
+#include <cstdarg>
+#include <cstring>
+
+#ifndef KV_VERSION_TEXT
+#define KV_VERSION_TEXT "unknown"
+#endif
+
+namespace kv::cli {
+
+void complain(const char *format, ...) {
+    va_list args;
+    va_start(args, format);
+    std::fputs("kalvoren: ", stderr);
+    std::vfprintf(stderr, format, args);
+    std::fputc('\n', stderr);
+    va_end(args);
+}
+
+bool parseNumber(const std::string &text, uint64_t &value) {
+    if (text.empty() || text.size() > 20) return false;
+    uint64_t v = 0;
+    for (char c : text) {
+        if (c < '0' || c > '9') return false;
+        uint64_t digit = static_cast<uint64_t>(c - '0');
+        if (v > (UINT64_MAX - digit) / 10) return false;
+        v = v * 10 + digit;
+    }
+    value = v;
+    return true;
+}
+
+bool parseRange(const std::string &text, uint64_t &first, uint64_t &last) {
+    size_t dash = text.find('-');
+    if (dash == std::string::npos) {
+        if (!parseNumber(text, first)) return false;
+        last = first;
+        return true;
+    }
+    if (!parseNumber(text.substr(0, dash), first)) return false;
+    std::string rest = text.substr(dash + 1);
+    if (rest.empty()) {
+        last = UINT64_MAX;
+        return true;
+    }
+    return parseNumber(rest, last) && last >= first;
+}
+
+Progress::Progress(const char *what, uint64_t total) : what_(what), total_(total) {
+    active_ = total >= (64u << 20) && platform::isTerminal(stderr);
+    lastShown_ = platform::tickCountMs();
+}
+
+Progress::~Progress() {
+    if (shown_) std::fprintf(stderr, "\r%60s\r", "");
+}
+
+void Progress::show(uint64_t position) {
+    uint64_t now = platform::tickCountMs();
+    if (now - lastShown_ < 250) return;
+    lastShown_ = now;
+    shown_ = true;
+    std::fprintf(stderr, "\r%s: %3u%% (%llu of %llu MiB)", what_,
+                 static_cast<unsigned>(total_ ? position * 100 / total_ : 100),
+                 static_cast<unsigned long long>(position >> 20),
+                 static_cast<unsigned long long>(total_ >> 20));
+    std::fflush(stderr);
+}
+
+} // namespace kv::cli
+
+namespace {
+
+const char kUsage[] =
+    "usage: kalvoren COMMAND [OPTIONS]\n"
+    "\n"
+    "Commands:\n"
+    "  info TRACE       what a trace holds: its header, records, calls, frames, threads and data\n"
+    "  dump TRACE       every record, one line each (or JSON lines with --json)\n"
+    "  record -- PROGRAM [ARGS...]\n"
+    "                   run a program with Kalvoren in place of its EGL and OpenGL ES drivers\n"
+    "  help [COMMAND]   how to use a command\n"
+    "\n"
+    "Exit status: 0 when the trace was read whole, 1 when problems were found in it, 2 when the\n"
+    "command could not run (bad usage, unreadable file). `record` passes on the program's status.\n";
+
+int help(const std::string &command) {
+    using namespace kv::cli;
+    if (command == "dump") return dumpCommand({"--help"});
+    if (command == "info") return infoCommand({"--help"});
+    if (command == "record") return recordCommand({"--help"});
+    std::fputs(kUsage, stdout);
+    return command.empty() ? kExitOk : kExitUsage;
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    using namespace kv::cli;
+    if (argc < 2) {
+        std::fputs(kUsage, stderr);
+        return kExitUsage;
+    }
+    std::string command = argv[1];
+    std::vector<std::string> args(argv + 2, argv + argc);
+    if (command == "dump") return dumpCommand(args);
+    if (command == "info") return infoCommand(args);
+    if (command == "record") return recordCommand(args);
+    if (command == "help" || command == "--help" || command == "-h") return help(args.empty() ? "" : args[0]);
+    if (command == "--version" || command == "version") {
+        std::printf("kalvoren %s\n", KV_VERSION_TEXT);
+        return kExitOk;
+    }
+    complain("unknown command '%s' (try 'kalvoren help')", command.c_str());
+    return kExitUsage;
+}
