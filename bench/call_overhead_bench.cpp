@@ -1,0 +1,215 @@
+// What one API call costs through the library, against the same call made straight into the test
+// host (which stands in for the driver and does next to nothing). The library reads its settings
+// once per process, so a process measures one mode, named by KV_BENCH_MODE:
+//
+//   direct       calls into the test host only
+//   passthrough  the library disabled ("Enabled": false): every entry point forwards its call
+//   recorded     the library recording: error check, hooks and a record without client data
+//
+// Each process also measures the direct calls, and reports for every function the processor
+// nanoseconds per call (counter ns_per_call) and the ratio to the direct call (counter x_direct),
+// and prints one line "RESULT <mode> <function> <ns per call> <ratio>" at the end (the medians of
+// the repetitions). The configuration and the
+// trace go to KV_BENCH_DIR (a temporary directory when unset). bench/run_call_overhead.sh runs the
+// three modes and prints a table.
+#include "entry/entries_autogen.h"
+#include "tests/host/test_host.h"
+
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <ctime>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <random>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace {
+
+enum class Mode { Direct, PassThrough, Recorded };
+
+// The runs of one benchmark: iterations and processor nanoseconds per call of each.
+struct Runs {
+    std::vector<std::pair<uint64_t, double>> runs;
+
+    void add(uint64_t iterations, double ns) { runs.emplace_back(iterations, ns); }
+    // The median over the runs that the benchmark reports: Google Benchmark first runs a few
+    // growing iteration counts to find one that lasts long enough, then repeats that count.
+    double nsPerCall() const {
+        uint64_t most = 0;
+        for (const auto &r : runs)
+            most = std::max(most, r.first);
+        std::vector<double> final;
+        for (const auto &r : runs)
+            if (r.first == most) final.push_back(r.second);
+        if (final.empty()) return 0;
+        std::sort(final.begin(), final.end());
+        return final[final.size() / 2];
+    }
+};
+
+std::map<std::string, Runs> g_direct;
+std::map<std::string, Runs> g_library;
+
+using EnableFn = void(KV_APIENTRY *)(GLenum);
+using Uniform4fFn = void(KV_APIENTRY *)(GLint, GLfloat, GLfloat, GLfloat, GLfloat);
+
+// Runs `call` for the benchmark's iterations and returns the processor nanoseconds per call (the
+// machine may be shared: time spent in other processes does not count).
+template <class Call>
+double timeCalls(benchmark::State &state, Call call) {
+    const std::clock_t start = std::clock();
+    for (auto _ : state)
+        call();
+    const std::clock_t end = std::clock();
+    const double ns = 1e9 * static_cast<double>(end - start) / CLOCKS_PER_SEC;
+    return state.iterations() ? ns / static_cast<double>(state.iterations()) : 0.0;
+}
+
+void reportDirect(benchmark::State &state, const std::string &function, double ns) {
+    g_direct[function].add(state.iterations(), ns);
+    state.counters["ns_per_call"] = benchmark::Counter(ns);
+}
+
+void reportLibrary(benchmark::State &state, const std::string &function, double ns) {
+    g_library[function].add(state.iterations(), ns);
+    const double direct = g_direct[function].nsPerCall();
+    state.counters["ns_per_call"] = benchmark::Counter(ns);
+    state.counters["x_direct"] = benchmark::Counter(direct > 0 ? ns / direct : 0.0);
+}
+
+void directEnable(benchmark::State &state) {
+    auto enable = reinterpret_cast<EnableFn>(kvth_function_address("glEnable"));
+    reportDirect(state, "glEnable", timeCalls(state, [&] { enable(GL_BLEND); }));
+}
+
+void directUniform4f(benchmark::State &state) {
+    auto uniform = reinterpret_cast<Uniform4fFn>(kvth_function_address("glUniform4f"));
+    reportDirect(state, "glUniform4f", timeCalls(state, [&] { uniform(1, 0.5f, 0.25f, 0.125f, 1.0f); }));
+}
+
+void libraryEnable(benchmark::State &state) {
+    reportLibrary(state, "glEnable", timeCalls(state, [] { gles::enable(GL_BLEND); }));
+}
+
+void libraryUniform4f(benchmark::State &state) {
+    reportLibrary(state, "glUniform4f",
+                  timeCalls(state, [] { gles::uniform4f(1, 0.5f, 0.25f, 0.125f, 1.0f); }));
+}
+
+void setEnv(const std::string &name, const std::string &value) {
+    // The C library keeps the string.
+    auto *entry = new std::string(name + "=" + value);
+    putenv(&(*entry)[0]);
+}
+
+std::string jsonString(const std::string &text) {
+    std::string out = "\"";
+    for (char c : text) {
+        if (c == '"' || c == '\\') out += '\\';
+        out += c;
+    }
+    return out + "\"";
+}
+
+// The directory for the configuration and the trace; `owned` when this process made it up.
+std::string workDirectory(bool &owned) {
+    owned = false;
+    if (const char *dir = std::getenv("KV_BENCH_DIR")) return dir;
+    owned = true;
+    std::random_device random;
+    return (std::filesystem::temp_directory_path() / ("kalvoren-bench-" + std::to_string(random()))).string();
+}
+
+// Points the library at the test host, with its trace in `dir`.
+void configureLibrary(const std::string &dir, bool enabled) {
+    std::filesystem::create_directories(dir);
+    const std::string host = KV_BENCH_TEST_HOST;
+    const std::string config = dir + "/kalvorenconfig.json";
+    std::ofstream(config, std::ios::binary)
+        << "{\"*\": {\"Enabled\": " << (enabled ? "true" : "false")
+        << ", \"Host\": {\"EglLibraryPath\": " << jsonString(host)
+        << ", \"Es2LibraryPath\": " << jsonString(host)
+        << "}, \"Tracing\": {\"OutputFilename\": " << jsonString(dir + "/bench.kalvoren") << "}}}\n";
+    setEnv("KALVOREN_CONFIG", config);
+    setEnv("KALVOREN_NO_MESSAGE_BOX", "1");
+}
+
+// An OpenGL ES 3 context current on a pbuffer, made through the library.
+bool makeContextCurrent() {
+    kvth_set_result("eglGetDisplay", 0xD15);
+    kvth_set_result("eglCreateContext", 0xC7C);
+    kvth_set_result("eglCreatePbufferSurface", 0x5F5);
+    EGLDisplay display = egl::getDisplay(EGL_DEFAULT_DISPLAY);
+    EGLint major = 0, minor = 0, count = 0;
+    EGLConfig config = nullptr;
+    const EGLint configAttributes[] = {EGL_RENDERABLE_TYPE, EGL_OPENGL_ES3_BIT, EGL_NONE};
+    const EGLint contextAttributes[] = {EGL_CONTEXT_CLIENT_VERSION, 3, EGL_NONE};
+    const EGLint surfaceAttributes[] = {EGL_WIDTH, 64, EGL_HEIGHT, 64, EGL_NONE};
+    if (egl::initialize(display, &major, &minor) != EGL_TRUE) return false;
+    if (egl::chooseConfig(display, configAttributes, &config, 1, &count) != EGL_TRUE || count != 1)
+        return false;
+    EGLContext context = egl::createContext(display, config, EGL_NO_CONTEXT, contextAttributes);
+    EGLSurface surface = egl::createPbufferSurface(display, config, surfaceAttributes);
+    return egl::makeCurrent(display, surface, surface, context) == EGL_TRUE;
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    const char *modeName = std::getenv("KV_BENCH_MODE");
+    const std::string name = modeName ? modeName : "direct";
+    Mode mode;
+    if (name == "direct") {
+        mode = Mode::Direct;
+    } else if (name == "passthrough") {
+        mode = Mode::PassThrough;
+    } else if (name == "recorded") {
+        mode = Mode::Recorded;
+    } else {
+        std::fprintf(stderr, "KV_BENCH_MODE must be direct, passthrough or recorded, not '%s'\n",
+                     name.c_str());
+        return 2;
+    }
+
+    bool ownedDirectory = false;
+    const std::string dir = workDirectory(ownedDirectory);
+    if (mode != Mode::Direct) {
+        configureLibrary(dir, mode == Mode::Recorded);
+        if (!makeContextCurrent()) {
+            std::fprintf(stderr, "could not make a context current through the library\n");
+            return 1;
+        }
+    }
+    // The host keeps counting calls, but logs none.
+    kvth_set_logging(0);
+
+    benchmark::RegisterBenchmark("direct/glEnable", directEnable);
+    benchmark::RegisterBenchmark("direct/glUniform4f", directUniform4f);
+    if (mode != Mode::Direct) {
+        benchmark::RegisterBenchmark((name + "/glEnable").c_str(), libraryEnable);
+        benchmark::RegisterBenchmark((name + "/glUniform4f").c_str(), libraryUniform4f);
+    }
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+
+    for (const auto &[function, runs] : mode == Mode::Direct ? g_direct : g_library) {
+        const double ns = runs.nsPerCall();
+        const double direct = g_direct[function].nsPerCall();
+        std::printf("RESULT %s %s %.2f %.2f\n", name.c_str(), function.c_str(), ns,
+                    direct > 0 ? ns / direct : 0.0);
+    }
+    std::fflush(stdout);
+    if (ownedDirectory) {
+        std::error_code ignored;
+        std::filesystem::remove_all(dir, ignored);
+    }
+    return 0;
+}
