@@ -8,6 +8,7 @@
 #include "tests/host/host_test_support.h"
 #include "tests/host/test_host.h"
 #include "trace/format.h"
+#include "trace/reader.h"
 
 #include <gtest/gtest.h>
 
@@ -293,12 +294,32 @@ protected:
         EXPECT_EXIT(inChild(calls), ::testing::ExitedWithCode(0), "");
         expectChildChecksPassed();
 
+        // The framing holds from the header to the end marker.
         const TraceWalk t = walkTrace(workPath("trace.kalvoren"));
         ASSERT_TRUE(t.whole) << t.problem;
         EXPECT_TRUE(t.endMarker);
+        // Every record decodes by its function's layout, with no byte missing or left over.
+        std::string error;
+        auto reader = kv::reader::Reader::openFile(workPath("trace.kalvoren"), &error);
+        ASSERT_TRUE(reader) << error;
         std::set<uint16_t> recorded;
+        kv::reader::Entry entry;
+        uint64_t calls = 0;
+        while (reader->next(entry)) {
+            if (entry.kind != kv::reader::Entry::Kind::Call) continue;
+            recorded.insert(entry.id);
+            ++calls;
+        }
+        EXPECT_EQ(kv::reader::Ending::EndMarker, reader->ending())
+            << kv::reader::endingText(reader->ending());
+        EXPECT_EQ(0u, reader->problemCount());
+        for (const kv::reader::Problem &p : reader->problems())
+            ADD_FAILURE() << kv::reader::describe(p);
+        uint64_t framedCalls = 0;
         for (const TraceRecord &r : t.records)
-            recorded.insert(r.id);
+            framedCalls += r.id != kv::format::kThreadMarkerId;
+        EXPECT_EQ(framedCalls, calls);
+        // And every entry point left its record.
         std::string missing;
         for (uint32_t i = 0; i < kvth::kGlesEntryCount; ++i)
             if (!recorded.count(kvth::kGlesEntries[i].id))
