@@ -572,11 +572,14 @@ void CEs2ContextState::detachShader(GLuint program, GLuint shader) {
 }
 
 void CEs2ContextState::linkProgram(GLuint program) {
-    // Linking gives the program new uniform storage: values and block bindings start over.
+    // Linking gives the program new uniform storage: values, block bindings and the locations
+    // handed out start over.
     auto &record = shared().programs[program];
     record.linked = true;
     record.uniforms.clear();
     record.uniformBlockBindings.clear();
+    record.uniformNames.clear();
+    record.uniformBlockNames.clear();
 }
 
 void CEs2ContextState::setUniform(GLuint program, GLint location, uint16_t call, GLsizei count,

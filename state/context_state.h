@@ -177,6 +177,10 @@ public:
             GLenum feedbackMode = 0;
             std::map<GLint, Uniform> uniforms;
             std::map<GLuint, GLuint> uniformBlockBindings;
+            // The names the application looked locations and block indices up by
+            // (glGetUniformLocation, glGetUniformBlockIndex), for finding them again elsewhere.
+            std::map<GLint, std::string> uniformNames;
+            std::map<GLuint, std::string> uniformBlockNames;
             std::map<GLenum, GLint> parameters; // glProgramParameteri
             bool linked = false;
             bool deleted = false; // deleted while in use

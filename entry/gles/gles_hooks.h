@@ -239,6 +239,15 @@ KV_GLES_STATE_HOOK(glProgramParameteri, GLuint, GLenum, GLint);
 KV_GLES_STATE_HOOK(glProgramBinary, GLuint, GLenum, const void *, GLsizei);
 KV_GLES_STATE_HOOK(glUseProgram, GLuint);
 KV_GLES_STATE_HOOK(glUniformBlockBinding, GLuint, GLuint, GLuint);
+// Not state, but what a uniform location or block index stands for.
+template <>
+struct Hooks<fn::glGetUniformLocation> : HookDefaults {
+    static void after(CallCtx &c, GLint &result, GLuint program, const GLchar *name);
+};
+template <>
+struct Hooks<fn::glGetUniformBlockIndex> : HookDefaults {
+    static void after(CallCtx &c, GLuint &result, GLuint program, const GLchar *name);
+};
 KV_GLES_STATE_HOOK(glGenProgramPipelines, GLsizei, GLuint *);
 KV_GLES_STATE_HOOK(glDeleteProgramPipelines, GLsizei, const GLuint *);
 KV_GLES_STATE_HOOK(glBindProgramPipeline, GLuint);

@@ -154,6 +154,22 @@ void Hooks<fn::glUniformBlockBinding>::after(CallCtx &c, Void &, GLuint program,
     });
 }
 
+void Hooks<fn::glGetUniformLocation>::after(CallCtx &c, GLint &result, GLuint program, const GLchar *name) {
+    std::string text;
+    if (result < 0 || !accepted(c) || !readText(name, -1, text)) return;
+    updateState(
+        c, [&](CEs2ContextState &s) { s.shared().programs[program].uniformNames[result] = std::move(text); });
+}
+
+void Hooks<fn::glGetUniformBlockIndex>::after(CallCtx &c, GLuint &result, GLuint program,
+                                              const GLchar *name) {
+    std::string text;
+    if (result == GL_INVALID_INDEX || !accepted(c) || !readText(name, -1, text)) return;
+    updateState(c, [&](CEs2ContextState &s) {
+        s.shared().programs[program].uniformBlockNames[result] = std::move(text);
+    });
+}
+
 // ---- Program pipelines -------------------------------------------------------------------------
 
 void Hooks<fn::glGenProgramPipelines>::after(CallCtx &c, Void &, GLsizei n, GLuint *pipelines) {

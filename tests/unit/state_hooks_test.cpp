@@ -359,6 +359,23 @@ TEST_F(StateHooks, ProgramsKeepWhatRelinkingNeeds) {
     EXPECT_EQ(std::vector<uint32_t>({7}), shared().programs.at(31).uniforms.at(0).words);
     EXPECT_EQ(0u, record.uniforms.count(0));
 
+    // The names locations and block indices were looked up by, until the next link.
+    GLint location = 3;
+    Hooks<fn::glGetUniformLocation>::after(c, location, 30, "colours[0]");
+    location = -1;
+    Hooks<fn::glGetUniformLocation>::after(c, location, 30, "unused");
+    GLuint block = 1;
+    Hooks<fn::glGetUniformBlockIndex>::after(c, block, 30, "Lights");
+    block = GL_INVALID_INDEX;
+    Hooks<fn::glGetUniformBlockIndex>::after(c, block, 30, "Missing");
+    EXPECT_EQ(1u, record.uniformNames.size());
+    EXPECT_EQ("colours[0]", record.uniformNames.at(3));
+    EXPECT_EQ(1u, record.uniformBlockNames.size());
+    EXPECT_EQ("Lights", record.uniformBlockNames.at(1));
+    call<fn::glLinkProgram>(30);
+    EXPECT_TRUE(record.uniformNames.empty());
+    EXPECT_TRUE(record.uniformBlockNames.empty());
+
     call<fn::glDeleteProgram>(30);
     EXPECT_TRUE(shared().programs.at(30).deleted);
     call<fn::glUseProgram>(0);
