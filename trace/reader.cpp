@@ -601,7 +601,7 @@ private:
             uint64_t stored = 0, produced = 0;
             std::string why;
             if (!m_.inflateRun(c_.pos(), c_.end(), expected, nullptr, 0, stored, produced, why))
-                return fail(textf("the data of %s: ", where_) + why);
+                return fail(textf("the block of %s: ", where_) + why);
             if (produced != expected)
                 return fail(
                     textf("the data of %s inflates to %llu bytes, not %u", where_, ull(produced), expected));
