@@ -132,6 +132,26 @@ std::string firstBytes(const std::vector<uint8_t> &bytes, size_t limit, size_t t
     return s;
 }
 
+// Text as lines of its own, each after `prefix`; control characters other than tabs are escaped.
+std::string textLines(const uint8_t *text, size_t n, const std::string &prefix) {
+    std::string s = prefix;
+    for (size_t i = 0; i < n; ++i) {
+        uint8_t c = text[i];
+        if (c == '\n') {
+            s += '\n';
+            if (i + 1 < n) s += prefix;
+        } else if (c == '\t' || (c >= 0x20 && c < 0x7F)) {
+            s += static_cast<char>(c);
+        } else {
+            char buffer[8];
+            std::snprintf(buffer, sizeof(buffer), "\\x%02x", c);
+            s += buffer;
+        }
+    }
+    if (s.back() != '\n') s += '\n';
+    return s;
+}
+
 std::string pointerText(uint64_t p) {
     return p ? hex(p) : std::string("NULL");
 }
@@ -575,7 +595,7 @@ std::string formatEntry(Reader &reader, const Entry &e, const FormatOptions &o) 
                 continue;
             }
             if (b.element == api::Type::Char) {
-                line += "      " + quoteText(bytes.data(), bytes.size(), bytes.size()) + "\n";
+                line += textLines(bytes.data(), bytes.size(), "      | ");
             } else {
                 line += hexDump(bytes.data(), bytes.size(), "      ");
             }
