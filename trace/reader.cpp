@@ -124,19 +124,19 @@ constexpr size_t kChunk = 64 * 1024;
 std::unique_ptr<Source> openFileSource(const std::string &path, std::string *error) {
     std::FILE *file = std::fopen(path.c_str(), "rb");
     if (!file) {
-        if (error) *error = "cannot open '" + path + "': " + std::strerror(errno);
+        if (error) *error = std::string("cannot be opened (") + std::strerror(errno) + ")";
         return nullptr;
     }
     if (!platform::fileExists(path)) {
         std::fclose(file);
-        if (error) *error = "'" + path + "' is not a file";
+        if (error) *error = "is not a file";
         return nullptr;
     }
     int64_t size = -1;
     if (platform::fileSeek(file, 0, SEEK_END)) size = platform::fileTell(file);
     if (size < 0) {
         std::fclose(file);
-        if (error) *error = "cannot read '" + path + "'";
+        if (error) *error = "cannot be read";
         return nullptr;
     }
     return std::unique_ptr<Source>(new FileSource(file, static_cast<uint64_t>(size)));

@@ -24,7 +24,8 @@ public:
     virtual size_t read(uint64_t offset, void *out, size_t n) = 0;
 };
 
-// A file read in binary mode through a buffer; null (with `error` set) when it cannot be opened.
+// A file read in binary mode through a buffer; null when it cannot be opened, with `error` saying
+// why (without the path, which the caller shows).
 std::unique_ptr<Source> openFileSource(const std::string &path, std::string *error);
 // Bytes in memory that outlive the source (not copied).
 std::unique_ptr<Source> memorySource(const void *data, size_t size);

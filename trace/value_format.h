@@ -13,11 +13,11 @@
 namespace kv::reader {
 
 struct FormatOptions {
-    bool fullBlocks = false;       // every block in full after the line (text as text, else hex)
-    size_t textLimit = 120;        // characters of a text block shown in the line
-    size_t previewBytes = 16;      // first bytes shown of a block that is neither text nor values
-    size_t arrayLimit = 16;        // values shown of a small typed array
-    size_t fullLimit = 256u << 20; // bytes of one block shown in full at most
+    bool fullBlocks = false;      // every block in full after the line (text as text, else hex)
+    size_t textLimit = 120;       // characters of a text block shown in the line
+    size_t previewBytes = 16;     // first bytes shown of a block that is neither text nor values
+    size_t arrayLimit = 16;       // values shown of a small typed array
+    size_t fullLimit = 64u << 20; // bytes of one block shown in full at most
 };
 
 // One value of the given type from its bits (as the reader stores them, zero-extended).
