@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 
@@ -95,13 +96,15 @@ std::FILE *createTemporaryFile(const char *prefix, const char *suffix, std::stri
 }
 
 std::string absolutePath(const std::string &path) {
-    if (!path.empty() && path[0] == '/') return path;
-    std::string cwd = currentDirectory();
-    std::string rest = path;
-    while (rest.compare(0, 2, "./") == 0)
-        rest.erase(0, 2);
-    if (rest == ".") rest.clear();
-    return rest.empty() ? cwd : cwd + "/" + rest;
+    char resolved[PATH_MAX];
+    if (realpath(path.c_str(), resolved)) return resolved;
+    // A file that does not exist yet: resolve its directory.
+    size_t slash = path.find_last_of('/');
+    std::string dir = slash == std::string::npos ? std::string(".") : path.substr(0, slash ? slash : 1);
+    std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
+    if (!name.empty() && name != "." && name != ".." && realpath(dir.c_str(), resolved))
+        return joinPath(resolved, name);
+    return !path.empty() && path[0] == '/' ? path : joinPath(currentDirectory(), path);
 }
 
 std::string joinPath(const std::string &directory, const std::string &name) {
