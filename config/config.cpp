@@ -196,12 +196,12 @@ void readSection(Settings &s, const Json::Value &section, const std::string &nam
     }
 }
 
-bool readWholeFile(const std::string &path, std::string &text, std::string &problem) {
+bool isDirectory(const std::string &path) {
     struct stat st;
-    if (stat(path.c_str(), &st) == 0 && (st.st_mode & S_IFMT) == S_IFDIR) {
-        problem = "it is a directory";
-        return false;
-    }
+    return stat(path.c_str(), &st) == 0 && (st.st_mode & S_IFMT) == S_IFDIR;
+}
+
+bool readWholeFile(const std::string &path, std::string &text, std::string &problem) {
     std::FILE *f = std::fopen(path.c_str(), "rb");
     if (!f) {
         problem = "it cannot be opened";
@@ -315,9 +315,12 @@ void applyConfigFile(Settings &s) {
         shown = cwd + "/" + path;
     }
     std::string exePath = platform::executablePath();
-    std::FILE *probe = std::fopen(path.c_str(), "rb");
+    // Some systems open a directory for reading and others do not; it is no configuration file on any.
+    const bool directory = isDirectory(path);
+    std::FILE *probe = directory ? nullptr : std::fopen(path.c_str(), "rb");
     if (!probe) {
         CZandString text = CZandString::format("Config file not found. Tried: %s", path.c_str());
+        if (directory) text.append(" (a directory)");
         msg::emit(msg::kDebugger, "", text.c_str());
         msg::emit(msg::kOut, "WARNING: ", text.c_str());
         showConfigError(text.c_str());
