@@ -9,6 +9,7 @@
 #pragma GCC diagnostic pop
 
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <sys/stat.h>
 
@@ -260,6 +261,11 @@ CZandString expandOutputFilename(const CZandString &name, uint64_t pid, const st
 
 void applyConfigText(Settings &s, const char *text, size_t length, const std::string &exeName,
                      const std::string &exePath) {
+    // Editors on Windows like to start a UTF-8 file with a byte order mark, which is not JSON.
+    if (length >= 3 && std::memcmp(text, "\xEF\xBB\xBF", 3) == 0) {
+        text += 3;
+        length -= 3;
+    }
     Json::Value root;
     std::string errors;
     bool parsed = false;
