@@ -190,6 +190,7 @@ void finish(RecordHandle handle, uint64_t *lengthPosition) {
     if (!handle) return;
     CallRecord &r = *handle.record();
     Settings &s = getSettings();
+    const uint64_t writtenBefore = s.bytesWritten;
 
     uint64_t thread = r.threadId;
     if (thread != s.lastThread) {
@@ -240,7 +241,11 @@ void finish(RecordHandle handle, uint64_t *lengthPosition) {
     }
 
     r.inRecord = false;
-    if (s.traceFile && !s.traceFile->flush()) reportWriteFailure(0);
+    if (s.traceFile && !s.traceFile->flush()) {
+        // The record's bytes were only buffered: it is the record that could not be written.
+        reportWriteFailure(s.bytesWritten - writtenBefore);
+        s.bytesWritten = writtenBefore;
+    }
     g_recordLock->unlock();
 }
 
