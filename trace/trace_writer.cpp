@@ -102,17 +102,17 @@ uint32_t writeCompressed(Settings &s, const SDataBlock &block) {
 }
 
 uint32_t writeRaw(Settings &s, const SDataBlock &block) {
-    OutputStream *out = s.traceFile;
-    if (!out) return block.size;
     if (s.networkStreaming && g_mirror.load()) {
-        // The mirror needs the bytes themselves; go through the ordinary path with a safe copy.
+        // The mirror needs the bytes themselves, with or without a file; go through the ordinary
+        // path with a safe copy.
         std::unique_ptr<uint8_t[]> copy(new uint8_t[block.size]);
         size_t got = platform::guardedCopy(copy.get(), block.data, block.size);
         if (got < block.size) std::memset(copy.get() + got, 0, block.size - got);
         write(s, copy.get(), block.size, 1);
         return block.size;
     }
-    if (!s.recordingEnabled) return block.size;
+    OutputStream *out = s.traceFile;
+    if (!out || !s.recordingEnabled) return block.size;
     size_t got = 0;
     if (!out->writeClient(block.data, block.size, &got)) {
         reportWriteFailure(block.size);
