@@ -1,0 +1,97 @@
+// The POSIX side of the test helpers.
+#include "tests/unit/test_support.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+namespace kv::test {
+
+void setEnv(const char *name, const char *value) {
+    if (value)
+        ::setenv(name, value, 1);
+    else
+        ::unsetenv(name);
+}
+
+namespace detail {
+
+bool redirectConsole(const std::string &path, int *savedOut, int *savedErr) {
+    std::fflush(stdout);
+    std::fflush(stderr);
+    int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd < 0) return false;
+    *savedOut = ::dup(1);
+    *savedErr = ::dup(2);
+    ::dup2(fd, 1);
+    ::dup2(fd, 2);
+    ::close(fd);
+    return true;
+}
+
+void restoreConsole(int savedOut, int savedErr) {
+    std::fflush(stdout);
+    std::fflush(stderr);
+    ::dup2(savedOut, 1);
+    ::dup2(savedErr, 2);
+    ::close(savedOut);
+    ::close(savedErr);
+}
+
+} // namespace detail
+
+bool debuggerChannelIsFile() {
+    return true;
+}
+
+GuardedPages::GuardedPages() {
+    pageSize_ = static_cast<size_t>(::sysconf(_SC_PAGESIZE));
+    void *p = ::mmap(nullptr, 2 * pageSize_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (p == MAP_FAILED) std::abort();
+    base_ = static_cast<uint8_t *>(p);
+    ::mprotect(base_ + pageSize_, pageSize_, PROT_NONE);
+}
+
+GuardedPages::~GuardedPages() {
+    ::munmap(base_, 2 * pageSize_);
+}
+
+namespace {
+struct sigaction g_oldXfsz;
+}
+
+FileSizeLimit::FileSizeLimit(uint64_t bytes) {
+    struct rlimit old;
+    if (::getrlimit(RLIMIT_FSIZE, &old) != 0) return;
+    old_[0] = old.rlim_cur;
+    old_[1] = old.rlim_max;
+    struct sigaction ignore = {};
+    ignore.sa_handler = SIG_IGN;
+    ::sigaction(SIGXFSZ, &ignore, &g_oldXfsz);
+    struct rlimit lowered = old;
+    lowered.rlim_cur = static_cast<rlim_t>(bytes);
+    active_ = ::setrlimit(RLIMIT_FSIZE, &lowered) == 0;
+    if (!active_) ::sigaction(SIGXFSZ, &g_oldXfsz, nullptr);
+}
+
+FileSizeLimit::~FileSizeLimit() {
+    if (!active_) return;
+    struct rlimit old;
+    old.rlim_cur = static_cast<rlim_t>(old_[0]);
+    old.rlim_max = static_cast<rlim_t>(old_[1]);
+    ::setrlimit(RLIMIT_FSIZE, &old);
+    ::sigaction(SIGXFSZ, &g_oldXfsz, nullptr);
+}
+
+std::string alwaysFullDevice() {
+    struct stat st;
+    return ::stat("/dev/full", &st) == 0 && S_ISCHR(st.st_mode) ? "/dev/full" : "";
+}
+
+} // namespace kv::test
