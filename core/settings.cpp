@@ -6,6 +6,8 @@
 #include "core/messages.h"
 #include "trace/trace_writer.h"
 
+#include <string>
+
 namespace kv {
 
 namespace detail {
@@ -24,18 +26,31 @@ Settings &buildSettings() {
     uint64_t pid = platform::processId();
     if (g_settingsPid.load(std::memory_order_acquire) == pid) return *g_settings;
     t_building = true;
+    // The trace that the process this one was forked from is writing.
+    std::string parentTrace;
     if (!g_settings) {
         // Never freed: entry points of other threads may still read it while the process ends.
         g_settings = new Settings();
     } else {
         // A child process after fork, or a trace that was closed for good: start afresh. A trace
         // file inherited from the parent is the parent's to finish.
+        if (g_settings->cachedProcessId != pid && g_settings->traceFile)
+            parentTrace = g_settings->outputFilename.str();
         g_settings->reset();
     }
     Settings &s = *g_settings;
     s.cachedProcessId = pid;
     config::applyConfigFile(s);
     searchDefaultHostLibraries();
+    if (s.recordingEnabled && !parentTrace.empty() &&
+        platform::sameFile(s.outputFilename.str(), parentTrace)) {
+        // Opening it would truncate the parent's trace under its feet (a mapped one to a crash).
+        msg::warning("This process was forked from one that records into '%s'; it is not recorded. Put "
+                     "%%pid into Tracing.OutputFilename to record it as well.",
+                     parentTrace.c_str());
+        s.recordingEnabled = false;
+        s.mode = kModeDisabled;
+    }
     if (s.recordingEnabled && !trace::openForRecording(s))
         msg::emit(msg::kDebugger | msg::kOut, "", "ERROR: Failed to open record trace file.");
     // Keep the OpenGL ES libraries loaded for the rest of the process.
