@@ -164,8 +164,22 @@ TEST(Settings, ProcessDetachEndsTheTraceWhileRecording) {
     }
 }
 
-// A child process builds settings of its own; whatever it does with them, and however it ends, the
-// parent's trace stays the parent's.
+// The life of a process that uses the library: its configuration, a recorded call, and the end of
+// the process as the loader reports it.
+[[noreturn]] void liveAsAProcess(const std::string &config) {
+    test::setEnv("KALVOREN_CONFIG", config.c_str());
+    {
+        test::ConsoleCapture quiet;
+        RecordHandle c = trace::begin(301);
+        c.u32(2);
+        trace::finish(c);
+        platform::EntryRoutine::processDetach();
+    }
+    std::exit(0);
+}
+
+// A forked child builds settings of its own; whatever its configuration names, and however it
+// ends, the parent's trace stays the parent's and the parent goes on recording.
 TEST(Settings, AChildProcessLeavesTheParentsTraceAlone) {
     // Named by process: where a death test runs in a new process, the child runs this part too.
     const std::string path =
@@ -176,15 +190,13 @@ TEST(Settings, AChildProcessLeavesTheParentsTraceAlone) {
     h.u32(1);
     trace::finish(h);
 
-    EXPECT_EXIT(
-        {
-            test::TraceSession child(
-                test::scratchPath("child_" + std::to_string(platform::processId()) + ".kalvoren"));
-            RecordHandle c = trace::begin(301);
-            trace::finish(c);
-            std::exit(child.opened() ? 0 : 1);
-        },
-        ::testing::ExitedWithCode(0), "");
+    const std::string sameName = test::scratchPath("child_same.json");
+    const std::string ownName = test::scratchPath("child_own.json");
+    test::writeFile(sameName, "{\"*\": {\"Tracing\": {\"OutputFilename\": " + test::jsonQuoted(path) + "}}}");
+    test::writeFile(ownName, "{\"*\": {\"Tracing\": {\"OutputFilename\": " +
+                                 test::jsonQuoted(test::scratchPath("child_%pid.kalvoren")) + "}}}");
+    for (const std::string &config : {sameName, ownName})
+        EXPECT_EXIT(liveAsAProcess(config), ::testing::ExitedWithCode(0), "") << config;
 
     std::vector<uint8_t> block(64 * 1024, 0x5C);
     h = trace::begin(302);
@@ -194,6 +206,7 @@ TEST(Settings, AChildProcessLeavesTheParentsTraceAlone) {
     std::vector<test::TraceItem> items = parent.closeAndWalk(&problem);
     EXPECT_EQ(problem, "");
     ASSERT_EQ(items.size(), 3u);
+    EXPECT_EQ(items[0].thread, platform::threadId());
     EXPECT_EQ(items[1].id, 300);
     EXPECT_EQ(items[2].id, 302);
     EXPECT_EQ(items[2].payload, block);
