@@ -67,13 +67,13 @@ public:
     void f32(float v) { value(v); }
     void ptr(const void *p) { value(static_cast<uint64_t>(reinterpret_cast<uintptr_t>(p))); }
 
-    // Registers client memory to be stored at the current position. Size 0 registers nothing; a
-    // null pointer is stored with size 0.
+    // Registers client memory to be stored at the current position. Size 0 or a null pointer
+    // registers nothing (the size written before the block keeps the caller's count).
     void addBlock(uint32_t size, const void *data, bool compressible) {
-        if (size == 0) return;
-        uint32_t stored = data ? size : 0;
-        r_->blocks.push_back(SDataBlock{r_->logicalSize, stored, data, compressible});
-        r_->logicalSize += stored;
+        // A null pointer's block holds nothing, compressed or not: nothing is registered.
+        if (size == 0 || !data) return;
+        r_->blocks.push_back(SDataBlock{r_->logicalSize, size, data, compressible});
+        r_->logicalSize += size;
     }
 
     // The text's pointer (8), its length (4) and a block of the text without its terminator.
