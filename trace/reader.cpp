@@ -592,6 +592,17 @@ private:
                int32_t part, bool keep, int32_t &index) {
         index = -1;
         if (count == 0) return true; // nothing was registered
+        if (expected == 0) {
+            // A null pointer's block holds nothing. Earlier recorders stored an empty zlib stream
+            // for it in compressed traces; such a stream is passed over.
+            if (compressible && m_.header.compression()) {
+                uint64_t stored = 0, produced = 0;
+                std::string why;
+                if (m_.inflateRun(c_.pos(), c_.end(), 0, nullptr, 0, stored, produced, why) && produced == 0)
+                    c_.skip(stored);
+            }
+            return true;
+        }
         Block b;
         b.offset = c_.pos();
         b.element = element;
@@ -604,7 +615,7 @@ private:
                 return fail(textf("the block of %s: ", where_) + why);
             if (produced != expected)
                 return fail(
-                    textf("the data of %s inflates to %llu bytes, not %u", where_, ull(produced), expected));
+                    textf("the block of %s inflates to %llu bytes, not %u", where_, ull(produced), expected));
             b.compressed = true;
             b.stored = static_cast<uint32_t>(stored);
             b.size = static_cast<uint32_t>(produced);
@@ -615,7 +626,7 @@ private:
                                   expected, where_));
             b.stored = b.size = expected;
         }
-        if (!keep || (b.stored == 0 && !b.compressed)) return true;
+        if (!keep) return true;
         index = static_cast<int32_t>(e_.blocks.size());
         e_.blocks.push_back(b);
         return true;

@@ -294,19 +294,28 @@ TEST(ReaderBlocks, BlockBytesStopAtTheLimit) {
 }
 
 TEST(ReaderBlocks, ANullPointerStoresNoBytesWhateverItsCount) {
-    for (bool compressed : {false, true}) {
-        TraceBuilder b(compressed ? kDataZ : kData);
+    struct Case {
+        const char *name;
+        uint8_t flags;
+        std::vector<uint8_t> stored;
+    };
+    const Case cases[] = {
+        {"raw", kData, {}},
+        {"compressed trace", kDataZ, {}},
+        {"compressed trace of an earlier recorder (an empty stream)", kDataZ, deflated({})},
+    };
+    for (const Case &c : cases) {
         Payload p;
-        p.u32(0).u32(0x8892).u64(4096).u64(0).u32(4096);
-        if (compressed) p.bytes(deflated({})); // the recorder deflates the empty block it registered
-        p.u32(0x88E4);
+        p.u32(0).u32(0x8892).u64(4096).u64(0).u32(4096).bytes(c.stored).u32(0x88E4);
+        TraceBuilder b(c.flags);
         b.thread(1).record(kGlBufferData, p).end();
         auto r = openBytes(b.bytes);
         ASSERT_TRUE(r);
         std::vector<Entry> e = readAll(*r);
-        EXPECT_TRUE(e[1].problem.empty()) << e[1].problem;
-        EXPECT_EQ(e[1].args[2].count, 4096u);
-        EXPECT_EQ(e[1].args[3].value, 0x88E4u);
+        EXPECT_TRUE(e[1].problem.empty()) << c.name << ": " << e[1].problem;
+        EXPECT_EQ(e[1].args[2].count, 4096u) << c.name;
+        EXPECT_EQ(e[1].args[2].block, -1) << c.name;
+        EXPECT_EQ(e[1].args[3].value, 0x88E4u) << c.name;
     }
 }
 
