@@ -21,9 +21,11 @@
 #include <ctime>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <memory>
 #include <random>
 #include <string>
 #include <utility>
@@ -102,10 +104,13 @@ void libraryUniform4f(benchmark::State &state) {
                   timeCalls(state, [] { gles::uniform4f(1, 0.5f, 0.25f, 0.125f, 1.0f); }));
 }
 
+// The C library keeps referring to the entry: it stays for the life of the process.
 void setEnv(const std::string &name, const std::string &value) {
-    // The C library keeps the string.
-    auto *entry = new std::string(name + "=" + value);
-    putenv(&(*entry)[0]);
+    static auto *entries = new std::vector<std::unique_ptr<char[]>>();
+    const std::string text = name + "=" + value;
+    entries->emplace_back(new char[text.size() + 1]);
+    std::memcpy(entries->back().get(), text.c_str(), text.size() + 1);
+    putenv(entries->back().get());
 }
 
 std::string jsonString(const std::string &text) {

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <memory>
 
 namespace fs = std::filesystem;
 
@@ -23,10 +24,14 @@ std::string currentTestName() {
     return name;
 }
 
-// Environment entries stay referenced by the C library: keep them for the life of the process.
+// Environment entries stay referenced by the C library: they are kept for the life of the process
+// (the library reads its variables until it is unloaded).
 void setEnv(const std::string &name, const std::string &value) {
-    std::string *entry = new std::string(name + "=" + value);
-    putenv(&(*entry)[0]);
+    static auto *entries = new std::vector<std::unique_ptr<char[]>>();
+    const std::string text = name + "=" + value;
+    entries->emplace_back(new char[text.size() + 1]);
+    std::memcpy(entries->back().get(), text.c_str(), text.size() + 1);
+    putenv(entries->back().get());
 }
 
 std::string jsonString(const std::string &text) {

@@ -298,7 +298,7 @@ uint64_t dispatch(uint16_t id, const uint64_t *arguments, uint32_t count, uint64
         KvthCall call{};
         call.id = id;
         call.argumentCount = static_cast<uint16_t>(count);
-        std::memcpy(call.arguments, arguments, count * sizeof(uint64_t));
+        if (count) std::memcpy(call.arguments, arguments, count * sizeof(uint64_t));
         s.log.push_back(call);
     }
     // EGL reports the error of the thread's latest call; OpenGL ES keeps its first error until
