@@ -516,6 +516,7 @@ void MappedFile::close(uint64_t finalSize) {
         ::close(fd);
     }
     fd_ = -1;
+    mapping_ = 0; // (Windows keeps its mapping object here)
     capacity_ = 0;
 }
 

@@ -247,14 +247,16 @@ bool captureElements(RecordHandle &h, CallCtx &c, const GLsizei *counts, GLenum 
             return false;
         }
         uint32_t indexBytes = contents ? 0 : static_cast<uint32_t>(count * width);
-        h.ptr(given);
-        h.u32(indexBytes);
         if (indexBytes && !readable(data, indexBytes)) {
+            // Indices that cannot be read are recorded as none, and the capture stops here.
             reportCrash();
-            h.addBlock(0, nullptr, false);
+            h.ptr(given);
+            h.u32(0);
             h.ptr(given);
             return false;
         }
+        h.ptr(given);
+        h.u32(indexBytes);
         h.addBlock(indexBytes, data, true);
         h.ptr(given);
         if (scan && available) {
