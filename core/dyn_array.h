@@ -82,9 +82,9 @@ public:
     }
 
     // Appends n elements copied from src (trivially copyable types only).
-    void append(const T *src, uint32_t n) {
+    inline __attribute__((always_inline)) void append(const T *src, uint32_t n) {
         if (n == 0) return;
-        if (size_ + n > capacity_) reserve(size_ + n);
+        if (__builtin_expect(size_ + n > capacity_, 0)) reserve(size_ + n);
         if constexpr (std::is_trivially_copyable_v<T>) {
             std::memcpy(static_cast<void *>(data_ + size_), src, sizeof(T) * n);
         } else {
@@ -94,12 +94,15 @@ public:
         size_ += n;
     }
 
-    // Grows by n default elements and returns a pointer to the first new one.
-    T *grow(uint32_t n) {
-        if (size_ + n > capacity_) reserve(size_ + n);
+    // Grows by n elements and returns a pointer to the first new one. Trivial types are left
+    // uninitialised (the caller writes them), others are default-constructed.
+    inline __attribute__((always_inline)) T *grow(uint32_t n) {
+        if (__builtin_expect(size_ + n > capacity_, 0)) reserve(size_ + n);
         T *first = data_ + size_;
-        for (uint32_t i = 0; i < n; ++i)
-            new (first + i) T();
+        if constexpr (!std::is_trivially_default_constructible_v<T>) {
+            for (uint32_t i = 0; i < n; ++i)
+                new (first + i) T();
+        }
         size_ += n;
         return first;
     }

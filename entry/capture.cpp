@@ -39,7 +39,7 @@ uint32_t formatComponents(GLenum format) {
 GLuint boundBuffer(GLenum target) {
     CEs2ContextState *state = egl::currentEs2StateQuiet();
     if (!state) return 0;
-    platform::LockGuard<platform::Mutex> guard(stateLock());
+    platform::LockGuard<StateLock> guard(stateLock());
     return state->bufferBinding(target);
 }
 
@@ -47,7 +47,7 @@ PixelStore pixelStore(bool pack) {
     PixelStore store;
     CEs2ContextState *state = egl::currentEs2StateQuiet();
     if (!state) return store;
-    platform::LockGuard<platform::Mutex> guard(stateLock());
+    platform::LockGuard<StateLock> guard(stateLock());
     if (pack) {
         store.alignment = state->pixelStore(GL_PACK_ALIGNMENT);
         store.rowLength = state->pixelStore(GL_PACK_ROW_LENGTH);

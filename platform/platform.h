@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <atomic>
 #include <cstdint>
 #include <cstdio>
 #include <string>
@@ -110,6 +111,25 @@ private:
     alignas(8) unsigned char storage_[64];
 };
 
+// Gives up the rest of the calling thread's time slice.
+void yieldThread();
+// A cheap identity of the calling thread, for lock ownership (not an operating-system thread id).
+uint64_t threadKey();
+
+// A lock for short critical sections on the recording path: one atomic exchange to take it and a
+// plain store to release it; a waiting thread spins briefly and then yields.
+class SpinLock {
+public:
+    void lock() {
+        while (KV_UNLIKELY(taken_.exchange(1, std::memory_order_acquire))) wait();
+    }
+    void unlock() { taken_.store(0, std::memory_order_release); }
+
+private:
+    void wait();
+    std::atomic<uint32_t> taken_{0};
+};
+
 // The recursive lock that serialises trace records: it knows its owner thread and how often that
 // thread holds it.
 class RecursiveLock {
@@ -118,14 +138,31 @@ public:
     ~RecursiveLock();
     RecursiveLock(const RecursiveLock &) = delete;
     RecursiveLock &operator=(const RecursiveLock &) = delete;
-    void lock();
-    void unlock();
-    uint64_t owner() const;
-    uint32_t count() const;
+    void lock() {
+        const uint64_t self = threadKey();
+        if (owner_.load(std::memory_order_relaxed) == self) {
+            ++count_; // only the owner changes the count
+            return;
+        }
+        lock_.lock();
+        owner_.store(self, std::memory_order_relaxed);
+        ownerId_.store(threadId(), std::memory_order_relaxed);
+        count_ = 1;
+    }
+    void unlock() {
+        if (--count_ != 0) return;
+        owner_.store(0, std::memory_order_relaxed);
+        ownerId_.store(0, std::memory_order_relaxed);
+        lock_.unlock();
+    }
+    // The operating-system id of the owning thread (0 when free).
+    uint64_t owner() const { return ownerId_.load(std::memory_order_relaxed); }
+    uint32_t count() const { return count_; }
 
 private:
-    Mutex mutex_;
-    uint64_t owner_ = 0;
+    SpinLock lock_;
+    std::atomic<uint64_t> owner_{0}; // threadKey() of the owner, for the recursion test
+    std::atomic<uint64_t> ownerId_{0};
     uint32_t count_ = 0;
 };
 

@@ -6,28 +6,13 @@ namespace kv::platform {
 RecursiveLock::RecursiveLock() = default;
 RecursiveLock::~RecursiveLock() = default;
 
-void RecursiveLock::lock() {
-    const uint64_t self = threadId();
-    if (__atomic_load_n(&owner_, __ATOMIC_ACQUIRE) == self) {
-        __atomic_add_fetch(&count_, 1, __ATOMIC_RELAXED);
-        return;
+void SpinLock::wait() {
+    for (int spin = 0; taken_.load(std::memory_order_relaxed); ++spin) {
+        if (spin < 64)
+            __builtin_ia32_pause();
+        else
+            yieldThread();
     }
-    mutex_.lock();
-    __atomic_store_n(&owner_, self, __ATOMIC_RELEASE);
-    __atomic_store_n(&count_, 1u, __ATOMIC_RELAXED);
-}
-
-void RecursiveLock::unlock() {
-    if (__atomic_sub_fetch(&count_, 1, __ATOMIC_RELAXED) != 0) return;
-    __atomic_store_n(&owner_, 0, __ATOMIC_RELEASE);
-    mutex_.unlock();
-}
-
-uint64_t RecursiveLock::owner() const {
-    return __atomic_load_n(&owner_, __ATOMIC_ACQUIRE);
-}
-uint32_t RecursiveLock::count() const {
-    return __atomic_load_n(&count_, __ATOMIC_RELAXED);
 }
 
 std::string baseName(const std::string &path) {

@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <link.h>
 #include <pthread.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -228,6 +229,10 @@ uint64_t threadId() {
     if (KV_UNLIKELY(tid == 0)) tid = static_cast<uint64_t>(syscall(SYS_gettid));
     return tid;
 }
+
+void yieldThread() { sched_yield(); }
+
+uint64_t threadKey() { return static_cast<uint64_t>(pthread_self()); }
 
 void sleepMs(uint32_t milliseconds) {
     struct timespec ts = {static_cast<time_t>(milliseconds / 1000),

@@ -160,6 +160,12 @@ uint64_t threadId() {
 void sleepMs(uint32_t milliseconds) {
     Sleep(milliseconds);
 }
+void yieldThread() {
+    SwitchToThread();
+}
+uint64_t threadKey() {
+    return GetCurrentThreadId();
+}
 uint64_t tickCountMs() {
     return GetTickCount64();
 }

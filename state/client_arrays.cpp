@@ -203,7 +203,7 @@ bool captureArrays(RecordHandle &h, CallCtx &c, const GLint *firsts, const GLsiz
     uint32_t range = 0;
     for (uint32_t i = 0; i < draws; ++i)
         range = std::max(range, static_cast<uint32_t>(firsts[i]) + static_cast<uint32_t>(counts[i]));
-    platform::LockGuard<platform::Mutex> guard(stateLock());
+    platform::LockGuard<StateLock> guard(stateLock());
     return captureAttributes(h, *state, range, instances);
 }
 
@@ -213,7 +213,7 @@ bool captureElements(RecordHandle &h, CallCtx &c, const GLsizei *counts, GLenum 
     if ((!counts && !indices) || c.failed) return false;
     CEs2ContextState *state = egl::currentEs2State();
     if (!state) return false;
-    platform::LockGuard<platform::Mutex> guard(stateLock());
+    platform::LockGuard<StateLock> guard(stateLock());
     uint32_t width = indexSize(type);
     GLuint elementBuffer = state->currentVao().elementArrayBuffer;
     const std::vector<uint8_t> *contents = nullptr;

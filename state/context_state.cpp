@@ -88,9 +88,9 @@ void carveOut(Uniforms &uniforms, int64_t first, int64_t end) {
 
 } // namespace
 
-platform::Mutex &stateLock() {
-    static platform::Mutex *lock = new platform::Mutex();
-    return *lock;
+StateLock &stateLock() {
+    static StateLock lock; // trivially destructible: usable until the process ends
+    return lock;
 }
 
 CEs2ContextState::CEs2ContextState() : resources_() {
@@ -583,16 +583,23 @@ void CEs2ContextState::linkProgram(GLuint program) {
 }
 
 void CEs2ContextState::setUniform(GLuint program, GLint location, uint16_t call, GLsizei count,
-                                  GLboolean transpose, std::vector<uint32_t> words) {
+                                  GLboolean transpose, const uint32_t *words, size_t wordCount) {
     if (program == 0) program = uniformProgram();
-    if (program == 0 || location < 0 || count <= 0 || words.empty()) return;
+    if (program == 0 || location < 0 || count <= 0 || wordCount == 0) return;
     auto &uniforms = shared().programs[program].uniforms;
-    carveOut(uniforms, location, int64_t(location) + count);
-    SEs2Resources::Uniform &value = uniforms[location];
+    // Kept values never overlap: a value of the same span at the same location is the only one
+    // the new value covers, and it is overwritten in place (the common case: a uniform set again
+    // every frame, with no allocation).
+    auto it = uniforms.find(location);
+    if (it == uniforms.end() || it->second.count != count) {
+        carveOut(uniforms, location, int64_t(location) + count);
+        it = uniforms.try_emplace(location).first;
+    }
+    SEs2Resources::Uniform &value = it->second;
     value.call = call;
     value.count = count;
     value.transpose = transpose;
-    value.words = std::move(words);
+    value.words.assign(words, words + wordCount);
 }
 
 // ---- Queries and transform feedback ---------------------------------------------------------------

@@ -27,7 +27,9 @@ uint32_t componentTypeSize(GLenum type);
 GLenum textureTargetOfImage(GLenum imageTarget);
 
 // The process-wide lock for every shadow state update and every reader of the shadow state.
-platform::Mutex &stateLock();
+// Held for short updates on every state-changing call.
+using StateLock = platform::SpinLock;
+StateLock &stateLock();
 
 struct AttributeRecord {
     bool enabled = false;
@@ -323,7 +325,11 @@ public:
     // elements of an array uniform have consecutive locations: the values kept never overlap, a
     // new value takes its locations out of the values kept before.
     void setUniform(GLuint program, GLint location, uint16_t call, GLsizei count, GLboolean transpose,
-                    std::vector<uint32_t> words);
+                    const uint32_t *words, size_t wordCount);
+    void setUniform(GLuint program, GLint location, uint16_t call, GLsizei count, GLboolean transpose,
+                    const std::vector<uint32_t> &words) {
+        setUniform(program, location, call, count, transpose, words.data(), words.size());
+    }
 
     // ---- Queries and transform feedback -----------------------------------------------------------
 

@@ -61,6 +61,7 @@ void *RecordScratch::allocate(size_t bytes) {
 
 void RecordScratch::reset() {
     if (chunks_.empty()) return;
+    if (current_ == 0 && chunks_[0].used == 0) return; // nothing was used: the common case
     // Keep the first chunk; let go of the ones a large record needed.
     for (uint32_t i = 1; i < chunks_.size(); ++i)
         std::free(chunks_[i].data);

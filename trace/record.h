@@ -3,6 +3,7 @@
 #pragma once
 
 #include "core/dyn_array.h"
+#include "platform/platform.h"
 
 #include <cstdint>
 #include <cstring>
@@ -51,13 +52,14 @@ public:
     explicit operator bool() const { return r_ != nullptr; }
     CallRecord *record() const { return r_; }
 
-    void append(const void *bytes, uint32_t n) {
+    KV_ALWAYS_INLINE void append(const void *bytes, uint32_t n) {
         r_->inlineBytes.append(static_cast<const uint8_t *>(bytes), n);
         r_->logicalSize += n;
     }
     template <class T>
-    void value(T v) {
-        append(&v, sizeof(T));
+    KV_ALWAYS_INLINE void value(T v) {
+        std::memcpy(r_->inlineBytes.grow(sizeof(T)), &v, sizeof(T));
+        r_->logicalSize += sizeof(T);
     }
     void u8(uint8_t v) { value(v); }
     void u16(uint16_t v) { value(v); }

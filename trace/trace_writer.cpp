@@ -170,6 +170,11 @@ bool readBack(Settings &s, uint64_t position, void *out, size_t n) {
     return s.traceFile && s.traceFile->read(position, out, n);
 }
 
+// A record's inline bytes start with room for a thread marker and the length field, so that a
+// record without data blocks leaves in one write.
+constexpr uint32_t kMarkerBytes = 14;
+constexpr uint32_t kPrefixBytes = kMarkerBytes + 4;
+
 RecordHandle begin(uint16_t id) {
     g_recordLock->lock();
     CallRecord &r = threadRecord();
@@ -177,6 +182,7 @@ RecordHandle begin(uint16_t id) {
     r.inRecord = true;
     r.blocks.clear();
     r.inlineBytes.clear();
+    r.inlineBytes.grow(kPrefixBytes);
     r.scratch.reset();
     r.logicalSize = 0;
     RecordHandle h(&r);
@@ -191,52 +197,53 @@ void finish(RecordHandle handle, uint64_t *lengthPosition) {
     CallRecord &r = *handle.record();
     Settings &s = getSettings();
     const uint64_t writtenBefore = s.bytesWritten;
+    uint8_t *bytes = r.inlineBytes.data();
 
+    // The thread marker, when the thread changed, goes out with the record's first bytes.
+    uint32_t from = kMarkerBytes;
     uint64_t thread = r.threadId;
     if (thread != s.lastThread) {
         s.lastThread = thread;
-        uint8_t marker[14];
-        putU32(marker, 8);
+        putU32(bytes, 8);
         uint16_t id = format::kThreadMarkerId;
-        std::memcpy(marker + 4, &id, 2);
-        std::memcpy(marker + 6, &thread, 8);
-        write(s, marker, sizeof(marker), 1);
+        std::memcpy(bytes + 4, &id, 2);
+        std::memcpy(bytes + 6, &thread, 8);
+        from = 0;
+    }
+    putU32(bytes + kMarkerBytes, r.logicalSize - 2);
+
+    bool compressing = false;
+    if (s.useCompression)
+        for (const SDataBlock &block : r.blocks) compressing |= block.compressible;
+    uint64_t lengthAt = 0;
+    if (lengthPosition || compressing) {
+        lengthAt = tell(s) + (kMarkerBytes - from);
+        if (lengthPosition) *lengthPosition = lengthAt;
     }
 
-    uint64_t lengthAt = tell(s);
-    if (lengthPosition) *lengthPosition = lengthAt;
-    uint8_t length[4];
-    putU32(length, r.logicalSize - 2);
-    write(s, length, 4, 1);
-
-    const uint8_t *inlineBytes = r.inlineBytes.data();
-    uint32_t inlinePos = 0;  // next inline byte to write
-    uint32_t logicalPos = 0; // logical offset reached
-    uint64_t storedTotal = 0;
+    // Inline bytes up to each block's place, then the block; the inline index of a logical offset
+    // is the offset less the block bytes before it, after the prefix.
+    uint32_t inlinePos = from;
+    uint32_t blockBytes = 0;
+    uint64_t storedBlocks = 0;
     for (const SDataBlock &block : r.blocks) {
-        uint32_t before = block.position - logicalPos;
-        if (before) write(s, inlineBytes + inlinePos, before, 1);
-        inlinePos += before;
-        logicalPos = block.position;
-        storedTotal += before;
-        uint32_t stored;
-        if (block.compressible && s.useCompression)
-            stored = writeCompressed(s, block);
-        else
-            stored = writeRaw(s, block);
-        storedTotal += stored;
-        logicalPos += block.size;
+        uint32_t upTo = kPrefixBytes + block.position - blockBytes;
+        if (upTo > inlinePos) write(s, bytes + inlinePos, upTo - inlinePos, 1);
+        inlinePos = upTo;
+        storedBlocks += block.compressible && s.useCompression ? writeCompressed(s, block) : writeRaw(s, block);
+        blockBytes += block.size;
     }
-    uint32_t rest = r.inlineBytes.size() - inlinePos;
-    if (rest) write(s, inlineBytes + inlinePos, rest, 1);
-    storedTotal += rest;
+    uint32_t end = r.inlineBytes.size();
+    if (end > inlinePos) write(s, bytes + inlinePos, end - inlinePos, 1);
 
+    uint64_t storedTotal = (end - kPrefixBytes) + storedBlocks;
     if (storedTotal != r.logicalSize) {
-        uint64_t end = tell(s);
+        uint64_t here = tell(s);
+        uint8_t length[4];
         putU32(length, static_cast<uint32_t>(storedTotal - 2));
         if (seek(s, lengthAt)) {
             write(s, length, 4, 1);
-            seek(s, end);
+            seek(s, here);
         }
     }
 

@@ -100,7 +100,7 @@ void Hooks<fn::glFlushMappedBufferRange>::before(CallCtx &c, GLenum target, GLin
                                                  GLsizeiptr length) {
     CEs2ContextState *state = egl::currentEs2StateQuiet();
     if (!state) return;
-    platform::LockGuard<platform::Mutex> guard(stateLock());
+    platform::LockGuard<StateLock> guard(stateLock());
     auto *buffer = boundBufferRecord(*state, target);
     if (!buffer || !buffer->mapPointer || offset < 0 || length <= 0 || offset + length > buffer->mapLength)
         return;
@@ -116,7 +116,7 @@ void Hooks<fn::glFlushMappedBufferRange>::before(CallCtx &c, GLenum target, GLin
 void Hooks<fn::glUnmapBuffer>::before(CallCtx &c, GLenum target) {
     CEs2ContextState *state = egl::currentEs2StateQuiet();
     if (!state) return;
-    platform::LockGuard<platform::Mutex> guard(stateLock());
+    platform::LockGuard<StateLock> guard(stateLock());
     auto *buffer = boundBufferRecord(*state, target);
     if (!buffer || !buffer->mapPointer) return;
     bool written = (buffer->mapAccess & GL_MAP_WRITE_BIT) && !(buffer->mapAccess & GL_MAP_FLUSH_EXPLICIT_BIT);

@@ -16,7 +16,7 @@ void uniformValue(CallCtx &c, uint16_t call, GLuint program, GLint location,
                   std::initializer_list<uint32_t> words) {
     if (location < 0) return;
     updateState(c, [&](CEs2ContextState &s) {
-        s.setUniform(program, location, call, 1, GL_FALSE, std::vector<uint32_t>(words));
+        s.setUniform(program, location, call, 1, GL_FALSE, words.begin(), words.size());
     });
 }
 
@@ -24,11 +24,12 @@ void uniformValue(CallCtx &c, uint16_t call, GLuint program, GLint location,
 template <class T>
 void uniformArray(CallCtx &c, uint16_t call, GLuint program, GLint location, GLsizei count,
                   uint32_t perElement, GLboolean transpose, const T *values) {
-    std::vector<uint32_t> words;
+    // Reused by every call of the thread: no allocation once it is large enough.
+    static thread_local std::vector<uint32_t> words;
     if (!accepted(c) || location < 0 || count <= 0) return;
     if (!readWords(values, uint64_t(count) * perElement, words)) return;
     updateState(c, [&](CEs2ContextState &s) {
-        s.setUniform(program, location, call, count, transpose, std::move(words));
+        s.setUniform(program, location, call, count, transpose, words.data(), words.size());
     });
 }
 

@@ -24,7 +24,7 @@ void updateState(CallCtx &c, Update update) {
     if (!accepted(c)) return;
     CEs2ContextState *state = egl::currentEs2State();
     if (!state) return;
-    platform::LockGuard<platform::Mutex> guard(stateLock());
+    platform::LockGuard<StateLock> guard(stateLock());
     update(*state);
 }
 
