@@ -241,4 +241,9 @@ uint64_t clearBufferValues(CallCtx &, GLenum buffer) {
     return buffer == GL_COLOR ? 4 : 1;
 }
 
+uint64_t uniformElements(CallCtx &, GLint location, GLsizei count, uint32_t perElement) {
+    if (location < 0 || count <= 0) return 0;
+    return static_cast<uint64_t>(count) * perElement;
+}
+
 } // namespace kv::capture

@@ -24,6 +24,9 @@ uint64_t programValues(CallCtx &c, GLenum pname);
 uint64_t uniformBlockValues(CallCtx &c, GLuint program, GLuint uniformBlockIndex, GLenum pname);
 uint64_t uniformValues(CallCtx &c, GLuint program, GLint location);
 uint64_t clearBufferValues(CallCtx &c, GLenum buffer);
+// Elements of a uniform array call: count x perElement, none for location -1 (the driver reads
+// nothing then).
+uint64_t uniformElements(CallCtx &c, GLint location, GLsizei count, uint32_t perElement);
 
 // Bytes of one pixel of a format and type (0 when the pair is not a pixel format).
 uint32_t pixelBytes(GLenum format, GLenum type);

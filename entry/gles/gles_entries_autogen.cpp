@@ -882,7 +882,7 @@ void glUniform1f::write(RecordHandle &h, CallCtx &c, GLint location, GLfloat v0)
 void glUniform1fv::write(RecordHandle &h, CallCtx &c, GLint location, GLsizei count, const GLfloat *value) {
     kv::rec::put<api::Type::I32>(h, location);
     kv::rec::put<api::Type::I32>(h, count);
-    kv::rec::blob(h, c, value, (kv::rec::count(count)*1) * 4u, 0);
+    kv::rec::blob(h, c, value, (kv::capture::uniformElements(c, location, count, 1)) * 4u, 0);
     (void)c;
 }
 
@@ -897,7 +897,7 @@ void glUniform1i::write(RecordHandle &h, CallCtx &c, GLint location, GLint v0) {
 void glUniform1iv::write(RecordHandle &h, CallCtx &c, GLint location, GLsizei count, const GLint *value) {
     kv::rec::put<api::Type::I32>(h, location);
     kv::rec::put<api::Type::I32>(h, count);
-    kv::rec::blob(h, c, value, (kv::rec::count(count)*1) * 4u, 0);
+    kv::rec::blob(h, c, value, (kv::capture::uniformElements(c, location, count, 1)) * 4u, 0);
     (void)c;
 }
 
@@ -913,7 +913,7 @@ void glUniform2f::write(RecordHandle &h, CallCtx &c, GLint location, GLfloat v0,
 void glUniform2fv::write(RecordHandle &h, CallCtx &c, GLint location, GLsizei count, const GLfloat *value) {
     kv::rec::put<api::Type::I32>(h, location);
     kv::rec::put<api::Type::I32>(h, count);
-    kv::rec::blob(h, c, value, (kv::rec::count(count)*2) * 4u, 0);
+    kv::rec::blob(h, c, value, (kv::capture::uniformElements(c, location, count, 2)) * 4u, 0);
     (void)c;
 }
 
@@ -929,7 +929,7 @@ void glUniform2i::write(RecordHandle &h, CallCtx &c, GLint location, GLint v0, G
 void glUniform2iv::write(RecordHandle &h, CallCtx &c, GLint location, GLsizei count, const GLint *value) {
     kv::rec::put<api::Type::I32>(h, location);
     kv::rec::put<api::Type::I32>(h, count);
-    kv::rec::blob(h, c, value, (kv::rec::count(count)*2) * 4u, 0);
+    kv::rec::blob(h, c, value, (kv::capture::uniformElements(c, location, count, 2)) * 4u, 0);
     (void)c;
 }
 
@@ -946,7 +946,7 @@ void glUniform3f::write(RecordHandle &h, CallCtx &c, GLint location, GLfloat v0,
 void glUniform3fv::write(RecordHandle &h, CallCtx &c, GLint location, GLsizei count, const GLfloat *value) {
     kv::rec::put<api::Type::I32>(h, location);
     kv::rec::put<api::Type::I32>(h, count);
-    kv::rec::blob(h, c, value, (kv::rec::count(count)*3) * 4u, 0);
+    kv::rec::blob(h, c, value, (kv::capture::uniformElements(c, location, count, 3)) * 4u, 0);
     (void)c;
 }
 
@@ -963,7 +963,7 @@ void glUniform3i::write(RecordHandle &h, CallCtx &c, GLint location, GLint v0, G
 void glUniform3iv::write(RecordHandle &h, CallCtx &c, GLint location, GLsizei count, const GLint *value) {
     kv::rec::put<api::Type::I32>(h, location);
     kv::rec::put<api::Type::I32>(h, count);
-    kv::rec::blob(h, c, value, (kv::rec::count(count)*3) * 4u, 0);
+    kv::rec::blob(h, c, value, (kv::capture::uniformElements(c, location, count, 3)) * 4u, 0);
     (void)c;
 }
 
@@ -981,7 +981,7 @@ void glUniform4f::write(RecordHandle &h, CallCtx &c, GLint location, GLfloat v0,
 void glUniform4fv::write(RecordHandle &h, CallCtx &c, GLint location, GLsizei count, const GLfloat *value) {
     kv::rec::put<api::Type::I32>(h, location);
     kv::rec::put<api::Type::I32>(h, count);
-    kv::rec::blob(h, c, value, (kv::rec::count(count)*4) * 4u, 0);
+    kv::rec::blob(h, c, value, (kv::capture::uniformElements(c, location, count, 4)) * 4u, 0);
     (void)c;
 }
 
@@ -999,7 +999,7 @@ void glUniform4i::write(RecordHandle &h, CallCtx &c, GLint location, GLint v0, G
 void glUniform4iv::write(RecordHandle &h, CallCtx &c, GLint location, GLsizei count, const GLint *value) {
     kv::rec::put<api::Type::I32>(h, location);
     kv::rec::put<api::Type::I32>(h, count);
-    kv::rec::blob(h, c, value, (kv::rec::count(count)*4) * 4u, 0);
+    kv::rec::blob(h, c, value, (kv::capture::uniformElements(c, location, count, 4)) * 4u, 0);
     (void)c;
 }
 
@@ -1008,7 +1008,7 @@ void glUniformMatrix2fv::write(RecordHandle &h, CallCtx &c, GLint location, GLsi
     kv::rec::put<api::Type::I32>(h, location);
     kv::rec::put<api::Type::I32>(h, count);
     kv::rec::put<api::Type::GlBoolean>(h, transpose);
-    kv::rec::blob(h, c, value, (kv::rec::count(count)*4) * 4u, 0);
+    kv::rec::blob(h, c, value, (kv::capture::uniformElements(c, location, count, 4)) * 4u, 0);
     (void)c;
 }
 
@@ -1017,7 +1017,7 @@ void glUniformMatrix3fv::write(RecordHandle &h, CallCtx &c, GLint location, GLsi
     kv::rec::put<api::Type::I32>(h, location);
     kv::rec::put<api::Type::I32>(h, count);
     kv::rec::put<api::Type::GlBoolean>(h, transpose);
-    kv::rec::blob(h, c, value, (kv::rec::count(count)*9) * 4u, 0);
+    kv::rec::blob(h, c, value, (kv::capture::uniformElements(c, location, count, 9)) * 4u, 0);
     (void)c;
 }
 
@@ -1026,7 +1026,7 @@ void glUniformMatrix4fv::write(RecordHandle &h, CallCtx &c, GLint location, GLsi
     kv::rec::put<api::Type::I32>(h, location);
     kv::rec::put<api::Type::I32>(h, count);
     kv::rec::put<api::Type::GlBoolean>(h, transpose);
-    kv::rec::blob(h, c, value, (kv::rec::count(count)*16) * 4u, 0);
+    kv::rec::blob(h, c, value, (kv::capture::uniformElements(c, location, count, 16)) * 4u, 0);
     (void)c;
 }
 
@@ -1293,7 +1293,7 @@ void glUniformMatrix2x3fv::write(RecordHandle &h, CallCtx &c, GLint location, GL
     kv::rec::put<api::Type::I32>(h, location);
     kv::rec::put<api::Type::I32>(h, count);
     kv::rec::put<api::Type::GlBoolean>(h, transpose);
-    kv::rec::blob(h, c, value, (kv::rec::count(count)*6) * 4u, 0);
+    kv::rec::blob(h, c, value, (kv::capture::uniformElements(c, location, count, 6)) * 4u, 0);
     (void)c;
 }
 
@@ -1302,7 +1302,7 @@ void glUniformMatrix3x2fv::write(RecordHandle &h, CallCtx &c, GLint location, GL
     kv::rec::put<api::Type::I32>(h, location);
     kv::rec::put<api::Type::I32>(h, count);
     kv::rec::put<api::Type::GlBoolean>(h, transpose);
-    kv::rec::blob(h, c, value, (kv::rec::count(count)*6) * 4u, 0);
+    kv::rec::blob(h, c, value, (kv::capture::uniformElements(c, location, count, 6)) * 4u, 0);
     (void)c;
 }
 
@@ -1311,7 +1311,7 @@ void glUniformMatrix2x4fv::write(RecordHandle &h, CallCtx &c, GLint location, GL
     kv::rec::put<api::Type::I32>(h, location);
     kv::rec::put<api::Type::I32>(h, count);
     kv::rec::put<api::Type::GlBoolean>(h, transpose);
-    kv::rec::blob(h, c, value, (kv::rec::count(count)*8) * 4u, 0);
+    kv::rec::blob(h, c, value, (kv::capture::uniformElements(c, location, count, 8)) * 4u, 0);
     (void)c;
 }
 
@@ -1320,7 +1320,7 @@ void glUniformMatrix4x2fv::write(RecordHandle &h, CallCtx &c, GLint location, GL
     kv::rec::put<api::Type::I32>(h, location);
     kv::rec::put<api::Type::I32>(h, count);
     kv::rec::put<api::Type::GlBoolean>(h, transpose);
-    kv::rec::blob(h, c, value, (kv::rec::count(count)*8) * 4u, 0);
+    kv::rec::blob(h, c, value, (kv::capture::uniformElements(c, location, count, 8)) * 4u, 0);
     (void)c;
 }
 
@@ -1329,7 +1329,7 @@ void glUniformMatrix3x4fv::write(RecordHandle &h, CallCtx &c, GLint location, GL
     kv::rec::put<api::Type::I32>(h, location);
     kv::rec::put<api::Type::I32>(h, count);
     kv::rec::put<api::Type::GlBoolean>(h, transpose);
-    kv::rec::blob(h, c, value, (kv::rec::count(count)*12) * 4u, 0);
+    kv::rec::blob(h, c, value, (kv::capture::uniformElements(c, location, count, 12)) * 4u, 0);
     (void)c;
 }
 
@@ -1338,7 +1338,7 @@ void glUniformMatrix4x3fv::write(RecordHandle &h, CallCtx &c, GLint location, GL
     kv::rec::put<api::Type::I32>(h, location);
     kv::rec::put<api::Type::I32>(h, count);
     kv::rec::put<api::Type::GlBoolean>(h, transpose);
-    kv::rec::blob(h, c, value, (kv::rec::count(count)*12) * 4u, 0);
+    kv::rec::blob(h, c, value, (kv::capture::uniformElements(c, location, count, 12)) * 4u, 0);
     (void)c;
 }
 
@@ -1593,7 +1593,7 @@ void glUniform4ui::write(RecordHandle &h, CallCtx &c, GLint location, GLuint v0,
 void glUniform1uiv::write(RecordHandle &h, CallCtx &c, GLint location, GLsizei count, const GLuint *value) {
     kv::rec::put<api::Type::I32>(h, location);
     kv::rec::put<api::Type::I32>(h, count);
-    kv::rec::blob(h, c, value, (kv::rec::count(count)*1) * 4u, 0);
+    kv::rec::blob(h, c, value, (kv::capture::uniformElements(c, location, count, 1)) * 4u, 0);
     (void)c;
 }
 
@@ -1601,7 +1601,7 @@ void glUniform1uiv::write(RecordHandle &h, CallCtx &c, GLint location, GLsizei c
 void glUniform2uiv::write(RecordHandle &h, CallCtx &c, GLint location, GLsizei count, const GLuint *value) {
     kv::rec::put<api::Type::I32>(h, location);
     kv::rec::put<api::Type::I32>(h, count);
-    kv::rec::blob(h, c, value, (kv::rec::count(count)*2) * 4u, 0);
+    kv::rec::blob(h, c, value, (kv::capture::uniformElements(c, location, count, 2)) * 4u, 0);
     (void)c;
 }
 
@@ -1609,7 +1609,7 @@ void glUniform2uiv::write(RecordHandle &h, CallCtx &c, GLint location, GLsizei c
 void glUniform3uiv::write(RecordHandle &h, CallCtx &c, GLint location, GLsizei count, const GLuint *value) {
     kv::rec::put<api::Type::I32>(h, location);
     kv::rec::put<api::Type::I32>(h, count);
-    kv::rec::blob(h, c, value, (kv::rec::count(count)*3) * 4u, 0);
+    kv::rec::blob(h, c, value, (kv::capture::uniformElements(c, location, count, 3)) * 4u, 0);
     (void)c;
 }
 
@@ -1617,7 +1617,7 @@ void glUniform3uiv::write(RecordHandle &h, CallCtx &c, GLint location, GLsizei c
 void glUniform4uiv::write(RecordHandle &h, CallCtx &c, GLint location, GLsizei count, const GLuint *value) {
     kv::rec::put<api::Type::I32>(h, location);
     kv::rec::put<api::Type::I32>(h, count);
-    kv::rec::blob(h, c, value, (kv::rec::count(count)*4) * 4u, 0);
+    kv::rec::blob(h, c, value, (kv::capture::uniformElements(c, location, count, 4)) * 4u, 0);
     (void)c;
 }
 
@@ -2233,7 +2233,7 @@ void glProgramUniform1iv::write(RecordHandle &h, CallCtx &c, GLuint program, GLi
     kv::rec::put<api::Type::U32>(h, program);
     kv::rec::put<api::Type::I32>(h, location);
     kv::rec::put<api::Type::I32>(h, count);
-    kv::rec::blob(h, c, value, (kv::rec::count(count)) * 4u, 0);
+    kv::rec::blob(h, c, value, (kv::capture::uniformElements(c, location, count, 1)) * 4u, 0);
     (void)c;
 }
 
@@ -2242,7 +2242,7 @@ void glProgramUniform2iv::write(RecordHandle &h, CallCtx &c, GLuint program, GLi
     kv::rec::put<api::Type::U32>(h, program);
     kv::rec::put<api::Type::I32>(h, location);
     kv::rec::put<api::Type::I32>(h, count);
-    kv::rec::blob(h, c, value, (kv::rec::count(count)*2) * 4u, 0);
+    kv::rec::blob(h, c, value, (kv::capture::uniformElements(c, location, count, 2)) * 4u, 0);
     (void)c;
 }
 
@@ -2251,7 +2251,7 @@ void glProgramUniform3iv::write(RecordHandle &h, CallCtx &c, GLuint program, GLi
     kv::rec::put<api::Type::U32>(h, program);
     kv::rec::put<api::Type::I32>(h, location);
     kv::rec::put<api::Type::I32>(h, count);
-    kv::rec::blob(h, c, value, (kv::rec::count(count)*3) * 4u, 0);
+    kv::rec::blob(h, c, value, (kv::capture::uniformElements(c, location, count, 3)) * 4u, 0);
     (void)c;
 }
 
@@ -2260,7 +2260,7 @@ void glProgramUniform4iv::write(RecordHandle &h, CallCtx &c, GLuint program, GLi
     kv::rec::put<api::Type::U32>(h, program);
     kv::rec::put<api::Type::I32>(h, location);
     kv::rec::put<api::Type::I32>(h, count);
-    kv::rec::blob(h, c, value, (kv::rec::count(count)*4) * 4u, 0);
+    kv::rec::blob(h, c, value, (kv::capture::uniformElements(c, location, count, 4)) * 4u, 0);
     (void)c;
 }
 
@@ -2269,7 +2269,7 @@ void glProgramUniform1uiv::write(RecordHandle &h, CallCtx &c, GLuint program, GL
     kv::rec::put<api::Type::U32>(h, program);
     kv::rec::put<api::Type::I32>(h, location);
     kv::rec::put<api::Type::I32>(h, count);
-    kv::rec::blob(h, c, value, (kv::rec::count(count)) * 4u, 0);
+    kv::rec::blob(h, c, value, (kv::capture::uniformElements(c, location, count, 1)) * 4u, 0);
     (void)c;
 }
 
@@ -2278,7 +2278,7 @@ void glProgramUniform2uiv::write(RecordHandle &h, CallCtx &c, GLuint program, GL
     kv::rec::put<api::Type::U32>(h, program);
     kv::rec::put<api::Type::I32>(h, location);
     kv::rec::put<api::Type::I32>(h, count);
-    kv::rec::blob(h, c, value, (kv::rec::count(count)*2) * 4u, 0);
+    kv::rec::blob(h, c, value, (kv::capture::uniformElements(c, location, count, 2)) * 4u, 0);
     (void)c;
 }
 
@@ -2287,7 +2287,7 @@ void glProgramUniform3uiv::write(RecordHandle &h, CallCtx &c, GLuint program, GL
     kv::rec::put<api::Type::U32>(h, program);
     kv::rec::put<api::Type::I32>(h, location);
     kv::rec::put<api::Type::I32>(h, count);
-    kv::rec::blob(h, c, value, (kv::rec::count(count)*3) * 4u, 0);
+    kv::rec::blob(h, c, value, (kv::capture::uniformElements(c, location, count, 3)) * 4u, 0);
     (void)c;
 }
 
@@ -2296,7 +2296,7 @@ void glProgramUniform4uiv::write(RecordHandle &h, CallCtx &c, GLuint program, GL
     kv::rec::put<api::Type::U32>(h, program);
     kv::rec::put<api::Type::I32>(h, location);
     kv::rec::put<api::Type::I32>(h, count);
-    kv::rec::blob(h, c, value, (kv::rec::count(count)*4) * 4u, 0);
+    kv::rec::blob(h, c, value, (kv::capture::uniformElements(c, location, count, 4)) * 4u, 0);
     (void)c;
 }
 
@@ -2305,7 +2305,7 @@ void glProgramUniform1fv::write(RecordHandle &h, CallCtx &c, GLuint program, GLi
     kv::rec::put<api::Type::U32>(h, program);
     kv::rec::put<api::Type::I32>(h, location);
     kv::rec::put<api::Type::I32>(h, count);
-    kv::rec::blob(h, c, value, (kv::rec::count(count)) * 4u, 0);
+    kv::rec::blob(h, c, value, (kv::capture::uniformElements(c, location, count, 1)) * 4u, 0);
     (void)c;
 }
 
@@ -2314,7 +2314,7 @@ void glProgramUniform2fv::write(RecordHandle &h, CallCtx &c, GLuint program, GLi
     kv::rec::put<api::Type::U32>(h, program);
     kv::rec::put<api::Type::I32>(h, location);
     kv::rec::put<api::Type::I32>(h, count);
-    kv::rec::blob(h, c, value, (kv::rec::count(count)*2) * 4u, 0);
+    kv::rec::blob(h, c, value, (kv::capture::uniformElements(c, location, count, 2)) * 4u, 0);
     (void)c;
 }
 
@@ -2323,7 +2323,7 @@ void glProgramUniform3fv::write(RecordHandle &h, CallCtx &c, GLuint program, GLi
     kv::rec::put<api::Type::U32>(h, program);
     kv::rec::put<api::Type::I32>(h, location);
     kv::rec::put<api::Type::I32>(h, count);
-    kv::rec::blob(h, c, value, (kv::rec::count(count)*3) * 4u, 0);
+    kv::rec::blob(h, c, value, (kv::capture::uniformElements(c, location, count, 3)) * 4u, 0);
     (void)c;
 }
 
@@ -2332,7 +2332,7 @@ void glProgramUniform4fv::write(RecordHandle &h, CallCtx &c, GLuint program, GLi
     kv::rec::put<api::Type::U32>(h, program);
     kv::rec::put<api::Type::I32>(h, location);
     kv::rec::put<api::Type::I32>(h, count);
-    kv::rec::blob(h, c, value, (kv::rec::count(count)*4) * 4u, 0);
+    kv::rec::blob(h, c, value, (kv::capture::uniformElements(c, location, count, 4)) * 4u, 0);
     (void)c;
 }
 
@@ -2342,7 +2342,7 @@ void glProgramUniformMatrix2fv::write(RecordHandle &h, CallCtx &c, GLuint progra
     kv::rec::put<api::Type::I32>(h, location);
     kv::rec::put<api::Type::I32>(h, count);
     kv::rec::put<api::Type::GlBoolean>(h, transpose);
-    kv::rec::blob(h, c, value, (kv::rec::count(count)*4) * 4u, 0);
+    kv::rec::blob(h, c, value, (kv::capture::uniformElements(c, location, count, 4)) * 4u, 0);
     (void)c;
 }
 
@@ -2352,7 +2352,7 @@ void glProgramUniformMatrix3fv::write(RecordHandle &h, CallCtx &c, GLuint progra
     kv::rec::put<api::Type::I32>(h, location);
     kv::rec::put<api::Type::I32>(h, count);
     kv::rec::put<api::Type::GlBoolean>(h, transpose);
-    kv::rec::blob(h, c, value, (kv::rec::count(count)*9) * 4u, 0);
+    kv::rec::blob(h, c, value, (kv::capture::uniformElements(c, location, count, 9)) * 4u, 0);
     (void)c;
 }
 
@@ -2362,7 +2362,7 @@ void glProgramUniformMatrix4fv::write(RecordHandle &h, CallCtx &c, GLuint progra
     kv::rec::put<api::Type::I32>(h, location);
     kv::rec::put<api::Type::I32>(h, count);
     kv::rec::put<api::Type::GlBoolean>(h, transpose);
-    kv::rec::blob(h, c, value, (kv::rec::count(count)*16) * 4u, 0);
+    kv::rec::blob(h, c, value, (kv::capture::uniformElements(c, location, count, 16)) * 4u, 0);
     (void)c;
 }
 
@@ -2372,7 +2372,7 @@ void glProgramUniformMatrix2x3fv::write(RecordHandle &h, CallCtx &c, GLuint prog
     kv::rec::put<api::Type::I32>(h, location);
     kv::rec::put<api::Type::I32>(h, count);
     kv::rec::put<api::Type::GlBoolean>(h, transpose);
-    kv::rec::blob(h, c, value, (kv::rec::count(count)*6) * 4u, 0);
+    kv::rec::blob(h, c, value, (kv::capture::uniformElements(c, location, count, 6)) * 4u, 0);
     (void)c;
 }
 
@@ -2382,7 +2382,7 @@ void glProgramUniformMatrix3x2fv::write(RecordHandle &h, CallCtx &c, GLuint prog
     kv::rec::put<api::Type::I32>(h, location);
     kv::rec::put<api::Type::I32>(h, count);
     kv::rec::put<api::Type::GlBoolean>(h, transpose);
-    kv::rec::blob(h, c, value, (kv::rec::count(count)*6) * 4u, 0);
+    kv::rec::blob(h, c, value, (kv::capture::uniformElements(c, location, count, 6)) * 4u, 0);
     (void)c;
 }
 
@@ -2392,7 +2392,7 @@ void glProgramUniformMatrix2x4fv::write(RecordHandle &h, CallCtx &c, GLuint prog
     kv::rec::put<api::Type::I32>(h, location);
     kv::rec::put<api::Type::I32>(h, count);
     kv::rec::put<api::Type::GlBoolean>(h, transpose);
-    kv::rec::blob(h, c, value, (kv::rec::count(count)*8) * 4u, 0);
+    kv::rec::blob(h, c, value, (kv::capture::uniformElements(c, location, count, 8)) * 4u, 0);
     (void)c;
 }
 
@@ -2402,7 +2402,7 @@ void glProgramUniformMatrix4x2fv::write(RecordHandle &h, CallCtx &c, GLuint prog
     kv::rec::put<api::Type::I32>(h, location);
     kv::rec::put<api::Type::I32>(h, count);
     kv::rec::put<api::Type::GlBoolean>(h, transpose);
-    kv::rec::blob(h, c, value, (kv::rec::count(count)*8) * 4u, 0);
+    kv::rec::blob(h, c, value, (kv::capture::uniformElements(c, location, count, 8)) * 4u, 0);
     (void)c;
 }
 
@@ -2412,7 +2412,7 @@ void glProgramUniformMatrix3x4fv::write(RecordHandle &h, CallCtx &c, GLuint prog
     kv::rec::put<api::Type::I32>(h, location);
     kv::rec::put<api::Type::I32>(h, count);
     kv::rec::put<api::Type::GlBoolean>(h, transpose);
-    kv::rec::blob(h, c, value, (kv::rec::count(count)*12) * 4u, 0);
+    kv::rec::blob(h, c, value, (kv::capture::uniformElements(c, location, count, 12)) * 4u, 0);
     (void)c;
 }
 
@@ -2422,7 +2422,7 @@ void glProgramUniformMatrix4x3fv::write(RecordHandle &h, CallCtx &c, GLuint prog
     kv::rec::put<api::Type::I32>(h, location);
     kv::rec::put<api::Type::I32>(h, count);
     kv::rec::put<api::Type::GlBoolean>(h, transpose);
-    kv::rec::blob(h, c, value, (kv::rec::count(count)*12) * 4u, 0);
+    kv::rec::blob(h, c, value, (kv::capture::uniformElements(c, location, count, 12)) * 4u, 0);
     (void)c;
 }
 
