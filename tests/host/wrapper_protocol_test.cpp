@@ -7,17 +7,20 @@
 #include "tests/host/all_entries.h"
 #include "tests/host/host_test_support.h"
 #include "tests/host/test_host.h"
+#include "tests/unit/test_support.h"
 #include "trace/format.h"
 #include "trace/reader.h"
 
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <map>
 #include <set>
 #include <string>
 #include <vector>
 
 using namespace kvth::test;
+using kv::test::GuardedPages;
 
 namespace {
 
@@ -344,4 +347,87 @@ TEST_F(EveryWrapper, RunsWithoutAContextAndTheTraceReadsBack) {
         kvth::callEveryGlesEntry();
         kvth::callEveryEglEntry();
     });
+}
+
+// ---- Client arrays in memory that cannot be read --------------------------------------------
+
+class ClientArrays : public FreshProcessTest {};
+
+constexpr uint32_t kPacked = 1; // the tightly packed attribute
+constexpr uint32_t kLow = 0;    // the strided attribute at a low address
+
+// The attributes (index -> the bytes recorded) of the draws of a trace, in file order.
+std::vector<std::map<uint32_t, std::vector<uint8_t>>> drawnAttributes(const std::string &path, uint16_t id,
+                                                                      std::vector<uint64_t> *pointers) {
+    std::vector<std::map<uint32_t, std::vector<uint8_t>>> draws;
+    std::string error;
+    auto reader = kv::reader::Reader::openFile(path, &error);
+    EXPECT_TRUE(reader) << error;
+    if (!reader) return draws;
+    kv::reader::Entry e;
+    while (reader->next(e)) {
+        if (e.kind != kv::reader::Entry::Kind::Call || e.id != id) continue;
+        std::map<uint32_t, std::vector<uint8_t>> attributes;
+        for (const auto &part : e.parts) {
+            if (part.kind != kv::reader::Part::Kind::Attribute) continue;
+            std::vector<uint8_t> bytes;
+            if (part.block >= 0)
+                reader->blockBytes(e.blocks[static_cast<size_t>(part.block)], bytes, 1u << 20);
+            attributes[part.index] = bytes;
+            if (pointers) pointers->push_back(part.pointer);
+        }
+        draws.push_back(attributes);
+    }
+    EXPECT_EQ(0u, reader->problemCount());
+    return draws;
+}
+
+TEST_F(ClientArrays, UnreadableArraysAreReportedAndTheProcessLives) {
+    useConfig(recording());
+    EXPECT_EXIT(inChild([] {
+                    makeContextCurrent();
+                    GuardedPages pages;
+                    // Two vec4 vertices just before a page that cannot be read.
+                    auto *vertices = reinterpret_cast<float *>(pages.unreadable() - 32);
+                    for (int i = 0; i < 8; ++i)
+                        vertices[i] = static_cast<float>(i);
+                    gles::bindBuffer(GL_ARRAY_BUFFER, 0);
+                    // A strided attribute at 0x100 is an offset given without a buffer.
+                    gles::vertexAttribPointer(kLow, 2, GL_FLOAT, GL_FALSE, 16,
+                                              reinterpret_cast<const void *>(0x100));
+                    gles::enableVertexAttribArray(kLow);
+                    gles::vertexAttribPointer(kPacked, 4, GL_FLOAT, GL_FALSE, 0, vertices);
+                    gles::enableVertexAttribArray(kPacked);
+                    gles::drawArrays(GL_TRIANGLES, 0, 2); // reads what can be read
+                    gles::drawArrays(GL_TRIANGLES, 0, 6); // runs into the page that cannot
+                    // Indices that cannot be read stop the capture too.
+                    gles::drawElements(GL_TRIANGLES, 3, GL_UNSIGNED_SHORT, pages.unreadable());
+                }),
+                ::testing::ExitedWithCode(0), "");
+    expectChildChecksPassed();
+    const std::string console = childConsole();
+    EXPECT_EQ(2u, countOf(console, "VertexAttribPointer data is inaccessible at address 0x100.")) << console;
+    EXPECT_EQ(2u, countOf(console, "Failed to save all the VertexAttribPointer data due to a crash"))
+        << console;
+
+    std::vector<uint64_t> pointers;
+    auto draws = drawnAttributes(workPath("trace.kalvoren"), kv::fn::glDrawArrays::id, &pointers);
+    ASSERT_EQ(2u, draws.size());
+    // The low attribute is handed over as inaccessible (pointer 0, no bytes) both times.
+    EXPECT_TRUE(draws[0].count(kLow) && draws[0][kLow].empty());
+    EXPECT_TRUE(draws[1].count(kLow) && draws[1][kLow].empty());
+    ASSERT_FALSE(pointers.empty());
+    EXPECT_EQ(0u, pointers[0]);
+    // The packed attribute: whole in the first draw, not captured in the second.
+    std::vector<uint8_t> expected(32);
+    for (int i = 0; i < 8; ++i) {
+        float v = static_cast<float>(i);
+        std::memcpy(expected.data() + 4 * i, &v, 4);
+    }
+    EXPECT_EQ(expected, draws[0][kPacked]);
+    EXPECT_EQ(0u, draws[1].count(kPacked));
+    // The indexed draw kept its record, without indices or arrays.
+    auto indexed = drawnAttributes(workPath("trace.kalvoren"), kv::fn::glDrawElements::id, nullptr);
+    ASSERT_EQ(1u, indexed.size());
+    EXPECT_TRUE(indexed[0].empty());
 }
