@@ -214,7 +214,8 @@ void finish(RecordHandle handle, uint64_t *lengthPosition) {
 
     bool compressing = false;
     if (s.useCompression)
-        for (const SDataBlock &block : r.blocks) compressing |= block.compressible;
+        for (const SDataBlock &block : r.blocks)
+            compressing |= block.compressible;
     uint64_t lengthAt = 0;
     if (lengthPosition || compressing) {
         lengthAt = tell(s) + (kMarkerBytes - from);
@@ -230,7 +231,8 @@ void finish(RecordHandle handle, uint64_t *lengthPosition) {
         uint32_t upTo = kPrefixBytes + block.position - blockBytes;
         if (upTo > inlinePos) write(s, bytes + inlinePos, upTo - inlinePos, 1);
         inlinePos = upTo;
-        storedBlocks += block.compressible && s.useCompression ? writeCompressed(s, block) : writeRaw(s, block);
+        storedBlocks +=
+            block.compressible && s.useCompression ? writeCompressed(s, block) : writeRaw(s, block);
         blockBytes += block.size;
     }
     uint32_t end = r.inlineBytes.size();
