@@ -104,6 +104,47 @@ void libraryUniform4f(benchmark::State &state) {
                   timeCalls(state, [] { gles::uniform4f(1, 0.5f, 0.25f, 0.125f, 1.0f); }));
 }
 
+// Draws of 64 vertices recorded: from a buffer object, and from client memory tightly packed and
+// strided (the recorder copies what the draw reads into its record). Reported per draw, with the
+// ratio to the draw from a buffer object (counter x_buffer, and RESULT lines with that ratio).
+constexpr GLsizei kDrawVertices = 64;
+std::map<std::string, Runs> g_draws;
+
+void reportDraw(benchmark::State &state, const std::string &kind, double ns) {
+    g_draws[kind].add(state.iterations(), ns);
+    const double buffer = g_draws["buffer"].nsPerCall();
+    state.counters["ns_per_draw"] = benchmark::Counter(ns);
+    state.counters["x_buffer"] = benchmark::Counter(buffer > 0 ? ns / buffer : 0.0);
+}
+
+void drawFromBuffer(benchmark::State &state) {
+    static std::vector<float> data(kDrawVertices * 8, 1.0f);
+    GLuint buffer = 0;
+    gles::genBuffers(1, &buffer);
+    gles::bindBuffer(GL_ARRAY_BUFFER, buffer);
+    gles::bufferData(GL_ARRAY_BUFFER, static_cast<GLsizeiptr>(data.size() * 4), data.data(), GL_STATIC_DRAW);
+    gles::vertexAttribPointer(0, 4, GL_FLOAT, GL_FALSE, 32, nullptr);
+    gles::enableVertexAttribArray(0);
+    reportDraw(state, "buffer", timeCalls(state, [] { gles::drawArrays(GL_TRIANGLES, 0, kDrawVertices); }));
+    gles::bindBuffer(GL_ARRAY_BUFFER, 0);
+}
+
+void drawClientPacked(benchmark::State &state) {
+    static std::vector<float> data(kDrawVertices * 4, 1.0f);
+    gles::bindBuffer(GL_ARRAY_BUFFER, 0);
+    gles::vertexAttribPointer(0, 4, GL_FLOAT, GL_FALSE, 0, data.data());
+    gles::enableVertexAttribArray(0);
+    reportDraw(state, "client-packed", timeCalls(state, [] { gles::drawArrays(GL_TRIANGLES, 0, kDrawVertices); }));
+}
+
+void drawClientStrided(benchmark::State &state) {
+    static std::vector<float> data(kDrawVertices * 8, 1.0f);
+    gles::bindBuffer(GL_ARRAY_BUFFER, 0);
+    gles::vertexAttribPointer(0, 4, GL_FLOAT, GL_FALSE, 32, data.data());
+    gles::enableVertexAttribArray(0);
+    reportDraw(state, "client-strided", timeCalls(state, [] { gles::drawArrays(GL_TRIANGLES, 0, kDrawVertices); }));
+}
+
 // The C library keeps referring to the entry: it stays for the life of the process.
 void setEnv(const std::string &name, const std::string &value) {
     static auto *entries = new std::vector<std::unique_ptr<char[]>>();
@@ -200,6 +241,12 @@ int main(int argc, char **argv) {
         benchmark::RegisterBenchmark((name + "/glEnable").c_str(), libraryEnable);
         benchmark::RegisterBenchmark((name + "/glUniform4f").c_str(), libraryUniform4f);
     }
+    if (mode == Mode::Recorded) {
+        // A fixed number of draws: each client-array draw adds a kilobyte to the trace.
+        benchmark::RegisterBenchmark("recorded/draw-buffer", drawFromBuffer)->Iterations(20000);
+        benchmark::RegisterBenchmark("recorded/draw-client-packed", drawClientPacked)->Iterations(20000);
+        benchmark::RegisterBenchmark("recorded/draw-client-strided", drawClientStrided)->Iterations(20000);
+    }
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
     benchmark::RunSpecifiedBenchmarks();
@@ -210,6 +257,11 @@ int main(int argc, char **argv) {
         const double direct = g_direct[function].nsPerCall();
         std::printf("RESULT %s %s %.2f %.2f\n", name.c_str(), function.c_str(), ns,
                     direct > 0 ? ns / direct : 0.0);
+    }
+    for (const auto &[kind, runs] : g_draws) {
+        const double ns = runs.nsPerCall();
+        const double buffer = g_draws["buffer"].nsPerCall();
+        std::printf("RESULT %s draw-%s %.2f %.2f\n", name.c_str(), kind.c_str(), ns, buffer > 0 ? ns / buffer : 0.0);
     }
     std::fflush(stdout);
     if (ownedDirectory) {

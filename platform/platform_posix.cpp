@@ -511,6 +511,17 @@ bool MappedFile::reserve(uint64_t capacity) {
     return true;
 }
 
+void MappedFile::prefault(uint64_t offset, uint64_t length) {
+#ifndef MADV_POPULATE_WRITE
+    constexpr int MADV_POPULATE_WRITE = 23; // Linux 5.14; older kernels refuse it and pages fault in
+#endif
+    if (!data_ || offset >= capacity_) return;
+    uint64_t end = std::min(capacity_, offset + length);
+    uintptr_t from = reinterpret_cast<uintptr_t>(data_ + offset) & ~uintptr_t(4095);
+    madvise(reinterpret_cast<void *>(from), static_cast<size_t>(reinterpret_cast<uintptr_t>(data_ + end) - from),
+            MADV_POPULATE_WRITE);
+}
+
 void MappedFile::close(uint64_t finalSize) {
     int fd = static_cast<int>(fd_);
     if (data_) munmap(data_, capacity_);

@@ -445,6 +445,10 @@ bool MappedFile::reserve(uint64_t capacity) {
     return false;
 }
 
+void MappedFile::prefault(uint64_t, uint64_t) {
+    // Windows maps the pages of a view as they are touched; there is nothing cheaper to ask for.
+}
+
 void MappedFile::close(uint64_t finalSize) {
     if (data_) UnmapViewOfFile(data_);
     data_ = nullptr;

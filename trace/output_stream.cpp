@@ -124,15 +124,25 @@ public:
 private:
     static constexpr uint64_t kFirstChunk = 4ull << 20;
     static constexpr uint64_t kLargestStep = 256ull << 20;
+    static constexpr uint64_t kPrefaultBatch = 1ull << 20;
 
     bool ensure(size_t n) {
         if (!file_.isOpen()) return false;
         uint64_t need = pos_ + n;
-        if (KV_LIKELY(need <= file_.capacity())) return true;
-        uint64_t capacity = file_.capacity();
-        while (capacity < need)
-            capacity += std::min(capacity, kLargestStep);
-        return file_.reserve(capacity);
+        if (KV_UNLIKELY(need > file_.capacity())) {
+            uint64_t capacity = file_.capacity();
+            while (capacity < need)
+                capacity += std::min(capacity, kLargestStep);
+            if (!file_.reserve(capacity)) return false;
+        }
+        // Pages are mapped in ahead of the writes, a batch at a time.
+        if (KV_UNLIKELY(need > prefaulted_)) {
+            prefaulted_ = std::max(prefaulted_, pos_ & ~uint64_t(4095));
+            uint64_t batch = std::max<uint64_t>(kPrefaultBatch, need - prefaulted_);
+            file_.prefault(prefaulted_, batch);
+            prefaulted_ += batch;
+        }
+        return true;
     }
     void advance(size_t n) {
         pos_ += n;
@@ -142,6 +152,7 @@ private:
     platform::MappedFile file_;
     uint64_t pos_ = 0;
     uint64_t end_ = 0;
+    uint64_t prefaulted_ = 0;
 };
 
 } // namespace
