@@ -121,7 +121,8 @@ uint64_t threadKey();
 class SpinLock {
 public:
     void lock() {
-        while (KV_UNLIKELY(taken_.exchange(1, std::memory_order_acquire))) wait();
+        while (KV_UNLIKELY(taken_.exchange(1, std::memory_order_acquire)))
+            wait();
     }
     void unlock() { taken_.store(0, std::memory_order_release); }
 

@@ -230,9 +230,13 @@ uint64_t threadId() {
     return tid;
 }
 
-void yieldThread() { sched_yield(); }
+void yieldThread() {
+    sched_yield();
+}
 
-uint64_t threadKey() { return static_cast<uint64_t>(pthread_self()); }
+uint64_t threadKey() {
+    return static_cast<uint64_t>(pthread_self());
+}
 
 void sleepMs(uint32_t milliseconds) {
     struct timespec ts = {static_cast<time_t>(milliseconds / 1000),
@@ -518,8 +522,8 @@ void MappedFile::prefault(uint64_t offset, uint64_t length) {
     if (!data_ || offset >= capacity_) return;
     uint64_t end = std::min(capacity_, offset + length);
     uintptr_t from = reinterpret_cast<uintptr_t>(data_ + offset) & ~uintptr_t(4095);
-    madvise(reinterpret_cast<void *>(from), static_cast<size_t>(reinterpret_cast<uintptr_t>(data_ + end) - from),
-            MADV_POPULATE_WRITE);
+    madvise(reinterpret_cast<void *>(from),
+            static_cast<size_t>(reinterpret_cast<uintptr_t>(data_ + end) - from), MADV_POPULATE_WRITE);
 }
 
 void MappedFile::close(uint64_t finalSize) {
