@@ -134,7 +134,8 @@ void drawClientPacked(benchmark::State &state) {
     gles::bindBuffer(GL_ARRAY_BUFFER, 0);
     gles::vertexAttribPointer(0, 4, GL_FLOAT, GL_FALSE, 0, data.data());
     gles::enableVertexAttribArray(0);
-    reportDraw(state, "client-packed", timeCalls(state, [] { gles::drawArrays(GL_TRIANGLES, 0, kDrawVertices); }));
+    reportDraw(state, "client-packed",
+               timeCalls(state, [] { gles::drawArrays(GL_TRIANGLES, 0, kDrawVertices); }));
 }
 
 void drawClientStrided(benchmark::State &state) {
@@ -142,7 +143,8 @@ void drawClientStrided(benchmark::State &state) {
     gles::bindBuffer(GL_ARRAY_BUFFER, 0);
     gles::vertexAttribPointer(0, 4, GL_FLOAT, GL_FALSE, 32, data.data());
     gles::enableVertexAttribArray(0);
-    reportDraw(state, "client-strided", timeCalls(state, [] { gles::drawArrays(GL_TRIANGLES, 0, kDrawVertices); }));
+    reportDraw(state, "client-strided",
+               timeCalls(state, [] { gles::drawArrays(GL_TRIANGLES, 0, kDrawVertices); }));
 }
 
 // The C library keeps referring to the entry: it stays for the life of the process.
@@ -261,7 +263,8 @@ int main(int argc, char **argv) {
     for (const auto &[kind, runs] : g_draws) {
         const double ns = runs.nsPerCall();
         const double buffer = g_draws["buffer"].nsPerCall();
-        std::printf("RESULT %s draw-%s %.2f %.2f\n", name.c_str(), kind.c_str(), ns, buffer > 0 ? ns / buffer : 0.0);
+        std::printf("RESULT %s draw-%s %.2f %.2f\n", name.c_str(), kind.c_str(), ns,
+                    buffer > 0 ? ns / buffer : 0.0);
     }
     std::fflush(stdout);
     if (ownedDirectory) {
