@@ -219,8 +219,24 @@ bool captureElements(RecordHandle &h, CallCtx &c, const GLsizei *counts, GLenum 
     const std::vector<uint8_t> *contents = nullptr;
     if (elementBuffer) contents = &state->shared().buffers[elementBuffer].contents;
 
+    // The largest index only matters for client arrays: without one (the common case of buffer
+    // objects) the indices are not scanned at all.
+    bool clientArrays = false;
+    {
+        const VaoRecord &vao = state->currentVao();
+        for (const auto &entry : vao.attributes) {
+            if (!entry.second.enabled) continue;
+            auto bindingIndex = vao.attributeBinding.find(entry.first);
+            auto found = vao.bindings.find(bindingIndex == vao.attributeBinding.end() ? entry.first
+                                                                                      : bindingIndex->second);
+            if (found != vao.bindings.end() && found->second.buffer == 0 && found->second.clientPointer) {
+                clientArrays = true;
+                break;
+            }
+        }
+    }
     uint32_t maximum = knownMaximum;
-    bool scan = knownMaximum == 0;
+    bool scan = knownMaximum == 0 && clientArrays;
     for (uint32_t d = 0; d < draws; ++d) {
         uint64_t count = counts && counts[d] > 0 ? static_cast<uint64_t>(counts[d]) : 0;
         const void *given = indices ? indices[d] : nullptr;
@@ -272,7 +288,7 @@ bool captureElements(RecordHandle &h, CallCtx &c, const GLsizei *counts, GLenum 
         }
     }
     if (draws > 1) h.u64(draws);
-    return captureAttributes(h, *state, maximum + 1, instances);
+    return !clientArrays || captureAttributes(h, *state, maximum + 1, instances);
 }
 
 } // namespace kv::arrays
