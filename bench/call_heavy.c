@@ -34,8 +34,8 @@ int main(int argc, char **argv) {
         (PFNEGLGETPLATFORMDISPLAYEXTPROC)eglGetProcAddress("eglGetPlatformDisplayEXT");
     EGLDisplay display = getPlatformDisplay(EGL_PLATFORM_SURFACELESS_MESA, EGL_DEFAULT_DISPLAY, NULL);
     if (!eglInitialize(display, NULL, NULL)) return 1;
-    const EGLint configAttributes[] = {EGL_SURFACE_TYPE, EGL_PBUFFER_BIT, EGL_RENDERABLE_TYPE, EGL_OPENGL_ES3_BIT,
-                                       EGL_NONE};
+    const EGLint configAttributes[] = {EGL_SURFACE_TYPE, EGL_PBUFFER_BIT, EGL_RENDERABLE_TYPE,
+                                       EGL_OPENGL_ES3_BIT, EGL_NONE};
     EGLConfig config;
     EGLint configs = 0;
     if (!eglChooseConfig(display, configAttributes, &config, 1, &configs) || configs < 1) return 1;
@@ -45,7 +45,8 @@ int main(int argc, char **argv) {
     EGLContext context = eglCreateContext(display, config, EGL_NO_CONTEXT, contextAttributes);
     if (!eglMakeCurrent(display, surface, surface, context)) return 1;
 
-    static const char *vs = "#version 300 es\nuniform vec4 u;\nin vec4 a;\nvoid main() { gl_Position = a * u; }\n";
+    static const char *vs =
+        "#version 300 es\nuniform vec4 u;\nin vec4 a;\nvoid main() { gl_Position = a * u; }\n";
     static const char *fs = "#version 300 es\nprecision mediump float;\nuniform vec4 u;\nout vec4 c;\n"
                             "void main() { c = u; }\n";
     GLuint program = glCreateProgram();

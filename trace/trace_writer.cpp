@@ -13,6 +13,7 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <vector>
 
 namespace kv::trace {
 
@@ -320,6 +321,13 @@ bool openForRecording(Settings &s) {
         delete g_stream;
         g_stream = nullptr;
         s.traceFile = nullptr;
+    }
+    if (g_stream && g_stream != s.traceFile) {
+        // A stream this record does not know: the parent's, inherited by a forked child. Closing it
+        // would cut the parent's file short; it is left alone (and kept reachable).
+        static auto *inherited = new std::vector<OutputStream *>();
+        inherited->push_back(g_stream);
+        g_stream = nullptr;
     }
     const char *path = s.outputFilename.c_str();
     msg::info("Opening trace file '%s' for recording.", path);

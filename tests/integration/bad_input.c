@@ -17,15 +17,17 @@
 
 static int step = 0;
 
-static void report(const char *what) { printf("%2d %-56s 0x%04x\n", ++step, what, glGetError()); }
+static void report(const char *what) {
+    printf("%2d %-56s 0x%04x\n", ++step, what, glGetError());
+}
 
 int main(void) {
     PFNEGLGETPLATFORMDISPLAYEXTPROC getPlatformDisplay =
         (PFNEGLGETPLATFORMDISPLAYEXTPROC)eglGetProcAddress("eglGetPlatformDisplayEXT");
     EGLDisplay display = getPlatformDisplay(EGL_PLATFORM_SURFACELESS_MESA, EGL_DEFAULT_DISPLAY, NULL);
     if (!eglInitialize(display, NULL, NULL)) return 1;
-    const EGLint configAttributes[] = {EGL_SURFACE_TYPE, EGL_PBUFFER_BIT, EGL_RENDERABLE_TYPE, EGL_OPENGL_ES3_BIT,
-                                       EGL_NONE};
+    const EGLint configAttributes[] = {EGL_SURFACE_TYPE, EGL_PBUFFER_BIT, EGL_RENDERABLE_TYPE,
+                                       EGL_OPENGL_ES3_BIT, EGL_NONE};
     EGLConfig config;
     EGLint configs = 0;
     if (!eglChooseConfig(display, configAttributes, &config, 1, &configs) || configs < 1) return 1;

@@ -21,16 +21,18 @@ enum { kVertices = 32, kInstances = 10 };
 
 static const char *kVertex = "#version 300 es\n"
                              "in vec3 a0;\nin vec2 a1;\nin vec4 a2;\n"
-                             "void main() { gl_PointSize = 1.0; gl_Position = vec4(a0 * 0.01 + vec3(a1, 0.0) * 0.01 + a2.xyz, 1.0); }\n";
-static const char *kFragment = "#version 300 es\nprecision mediump float;\nout vec4 c;\nvoid main() { c = vec4(1.0); }\n";
+                             "void main() { gl_PointSize = 1.0; gl_Position = vec4(a0 * 0.01 + vec3(a1, 0.0) "
+                             "* 0.01 + a2.xyz, 1.0); }\n";
+static const char *kFragment =
+    "#version 300 es\nprecision mediump float;\nout vec4 c;\nvoid main() { c = vec4(1.0); }\n";
 
 int main(void) {
     PFNEGLGETPLATFORMDISPLAYEXTPROC getPlatformDisplay =
         (PFNEGLGETPLATFORMDISPLAYEXTPROC)eglGetProcAddress("eglGetPlatformDisplayEXT");
     EGLDisplay display = getPlatformDisplay(EGL_PLATFORM_SURFACELESS_MESA, EGL_DEFAULT_DISPLAY, NULL);
     if (!eglInitialize(display, NULL, NULL)) return 1;
-    const EGLint configAttributes[] = {EGL_SURFACE_TYPE, EGL_PBUFFER_BIT, EGL_RENDERABLE_TYPE, EGL_OPENGL_ES3_BIT,
-                                       EGL_NONE};
+    const EGLint configAttributes[] = {EGL_SURFACE_TYPE, EGL_PBUFFER_BIT, EGL_RENDERABLE_TYPE,
+                                       EGL_OPENGL_ES3_BIT, EGL_NONE};
     EGLConfig config;
     EGLint configs = 0;
     if (!eglChooseConfig(display, configAttributes, &config, 1, &configs) || configs < 1) return 1;
@@ -58,12 +60,15 @@ int main(void) {
     static float interleaved[kVertices * 8];
     static unsigned char perInstance[kInstances * 4];
     for (int v = 0; v < kVertices; ++v) {
-        for (int c = 0; c < 3; ++c) packed[v * 3 + c] = (float)(v * 10 + c);
-        for (int k = 0; k < 8; ++k) interleaved[v * 8 + k] = 1000.0f + (float)k;
+        for (int c = 0; c < 3; ++c)
+            packed[v * 3 + c] = (float)(v * 10 + c);
+        for (int k = 0; k < 8; ++k)
+            interleaved[v * 8 + k] = 1000.0f + (float)k;
         interleaved[v * 8 + 3] = (float)v + 0.5f;
         interleaved[v * 8 + 4] = -(float)v;
     }
-    for (int i = 0; i < kInstances * 4; ++i) perInstance[i] = (unsigned char)i;
+    for (int i = 0; i < kInstances * 4; ++i)
+        perInstance[i] = (unsigned char)i;
 
     glBindBuffer(GL_ARRAY_BUFFER, 0);
     glVertexAttribPointer(0, 3, GL_FLOAT, GL_FALSE, 0, packed);
