@@ -5,18 +5,13 @@
  *   call_heavy [--frames N] [--calls-per-frame M]
  *
  * Prints one line: calls=<n> seconds=<s> ns_per_call=<x>. */
-#include <EGL/egl.h>
-#include <EGL/eglext.h>
+#include "examples/headless_egl.h"
 #include <GLES3/gl3.h>
 
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <time.h>
-
-#ifndef EGL_PLATFORM_SURFACELESS_MESA
-#define EGL_PLATFORM_SURFACELESS_MESA 0x31DD
-#endif
 
 static double now(void) {
     struct timespec ts;
@@ -30,20 +25,10 @@ int main(int argc, char **argv) {
         if (strcmp(argv[i], "--frames") == 0) frames = atoi(argv[i + 1]);
         if (strcmp(argv[i], "--calls-per-frame") == 0) perFrame = atoi(argv[i + 1]);
     }
-    PFNEGLGETPLATFORMDISPLAYEXTPROC getPlatformDisplay =
-        (PFNEGLGETPLATFORMDISPLAYEXTPROC)eglGetProcAddress("eglGetPlatformDisplayEXT");
-    EGLDisplay display = getPlatformDisplay(EGL_PLATFORM_SURFACELESS_MESA, EGL_DEFAULT_DISPLAY, NULL);
-    if (!eglInitialize(display, NULL, NULL)) return 1;
-    const EGLint configAttributes[] = {EGL_SURFACE_TYPE, EGL_PBUFFER_BIT, EGL_RENDERABLE_TYPE,
-                                       EGL_OPENGL_ES3_BIT, EGL_NONE};
-    EGLConfig config;
-    EGLint configs = 0;
-    if (!eglChooseConfig(display, configAttributes, &config, 1, &configs) || configs < 1) return 1;
-    const EGLint surfaceAttributes[] = {EGL_WIDTH, 64, EGL_HEIGHT, 64, EGL_NONE};
-    EGLSurface surface = eglCreatePbufferSurface(display, config, surfaceAttributes);
-    const EGLint contextAttributes[] = {EGL_CONTEXT_CLIENT_VERSION, 3, EGL_NONE};
-    EGLContext context = eglCreateContext(display, config, EGL_NO_CONTEXT, contextAttributes);
-    if (!eglMakeCurrent(display, surface, surface, context)) return 1;
+    HeadlessEgl egl;
+    if (!headlessEglOpen(&egl, 3, 64, 64, 0)) return 1;
+    EGLDisplay display = egl.display;
+    EGLSurface surface = egl.surface;
 
     static const char *vs =
         "#version 300 es\nuniform vec4 u;\nin vec4 a;\nvoid main() { gl_Position = a * u; }\n";
@@ -90,7 +75,6 @@ int main(int argc, char **argv) {
     }
     double seconds = now() - start;
     printf("calls=%ld seconds=%.4f ns_per_call=%.1f\n", calls, seconds, seconds * 1e9 / (double)calls);
-    eglMakeCurrent(display, EGL_NO_SURFACE, EGL_NO_SURFACE, EGL_NO_CONTEXT);
-    eglTerminate(display);
+    headlessEglClose(&egl);
     return 0;
 }

@@ -7,18 +7,13 @@
  *
  *   kalvoren_demo [--frames N] [--size WxH]
  */
-#include <EGL/egl.h>
-#include <EGL/eglext.h>
+#include "headless_egl.h"
 #include <GLES2/gl2.h>
 
 #include <math.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-
-#ifndef EGL_PLATFORM_SURFACELESS_MESA
-#define EGL_PLATFORM_SURFACELESS_MESA 0x31DD
-#endif
 
 static const char *kVertexShader = "attribute vec3 aPosition;\n"
                                    "attribute vec3 aNormal;\n"
@@ -165,46 +160,10 @@ int main(int argc, char **argv) {
     }
 
     /* Headless: the surfaceless platform with a pbuffer, else the default display. */
-    EGLDisplay display = EGL_NO_DISPLAY;
-    PFNEGLGETPLATFORMDISPLAYEXTPROC getPlatformDisplay =
-        (PFNEGLGETPLATFORMDISPLAYEXTPROC)eglGetProcAddress("eglGetPlatformDisplayEXT");
-    if (getPlatformDisplay)
-        display = getPlatformDisplay(EGL_PLATFORM_SURFACELESS_MESA, EGL_DEFAULT_DISPLAY, NULL);
-    if (display == EGL_NO_DISPLAY) display = eglGetDisplay(EGL_DEFAULT_DISPLAY);
-    EGLint major = 0, minor = 0;
-    if (!eglInitialize(display, &major, &minor)) {
-        fprintf(stderr, "kalvoren_demo: eglInitialize failed (0x%x)\n", eglGetError());
-        return 1;
-    }
-    const EGLint configAttributes[] = {EGL_SURFACE_TYPE,
-                                       EGL_PBUFFER_BIT,
-                                       EGL_RENDERABLE_TYPE,
-                                       EGL_OPENGL_ES2_BIT,
-                                       EGL_RED_SIZE,
-                                       8,
-                                       EGL_GREEN_SIZE,
-                                       8,
-                                       EGL_BLUE_SIZE,
-                                       8,
-                                       EGL_DEPTH_SIZE,
-                                       16,
-                                       EGL_NONE};
-    EGLConfig config;
-    EGLint configs = 0;
-    if (!eglChooseConfig(display, configAttributes, &config, 1, &configs) || configs < 1) {
-        fprintf(stderr, "kalvoren_demo: no suitable EGL config\n");
-        return 1;
-    }
-    const EGLint surfaceAttributes[] = {EGL_WIDTH, width, EGL_HEIGHT, height, EGL_NONE};
-    EGLSurface surface = eglCreatePbufferSurface(display, config, surfaceAttributes);
-    eglBindAPI(EGL_OPENGL_ES_API);
-    const EGLint contextAttributes[] = {EGL_CONTEXT_CLIENT_VERSION, 2, EGL_NONE};
-    EGLContext context = eglCreateContext(display, config, EGL_NO_CONTEXT, contextAttributes);
-    if (surface == EGL_NO_SURFACE || context == EGL_NO_CONTEXT ||
-        !eglMakeCurrent(display, surface, surface, context)) {
-        fprintf(stderr, "kalvoren_demo: cannot make a context current (0x%x)\n", eglGetError());
-        return 1;
-    }
+    HeadlessEgl egl;
+    if (!headlessEglOpen(&egl, 2, width, height, 16)) return 1;
+    EGLDisplay display = egl.display;
+    EGLSurface surface = egl.surface;
 
     GLuint program = glCreateProgram();
     GLuint vs = compile(GL_VERTEX_SHADER, kVertexShader), fs = compile(GL_FRAGMENT_SHADER, kFragmentShader);
@@ -367,9 +326,6 @@ int main(int argc, char **argv) {
     glDeleteBuffers(2, buffers);
     glDeleteTextures(1, &texture);
     glDeleteProgram(program);
-    eglMakeCurrent(display, EGL_NO_SURFACE, EGL_NO_SURFACE, EGL_NO_CONTEXT);
-    eglDestroyContext(display, context);
-    eglDestroySurface(display, surface);
-    eglTerminate(display);
+    headlessEglClose(&egl);
     return error == GL_NO_ERROR ? 0 : 1;
 }

@@ -1,6 +1,9 @@
 // The parts of the platform layer that are the same on every system.
 #include "platform/platform.h"
 
+#include <algorithm>
+#include <cstring>
+
 namespace kv::platform {
 
 RecursiveLock::RecursiveLock() = default;
@@ -13,6 +16,33 @@ void SpinLock::wait() {
         else
             yieldThread();
     }
+}
+
+bool guardedStrlen(const char *s, size_t limit, size_t *length) {
+    *length = 0;
+    if (!s) return false;
+    char chunk[256];
+    size_t total = 0;
+    while (total < limit) {
+        // Never read across a page boundary in one step: a string may end just before an
+        // unmapped page.
+        uintptr_t addr = reinterpret_cast<uintptr_t>(s + total);
+        size_t toPage = 4096 - (addr & 4095);
+        size_t want = std::min({sizeof(chunk), toPage, limit - total});
+        size_t got = guardedCopy(chunk, s + total, want);
+        const void *nul = std::memchr(chunk, 0, got);
+        if (nul) {
+            *length = total + static_cast<size_t>(static_cast<const char *>(nul) - chunk);
+            return true;
+        }
+        total += got;
+        if (got < want) {
+            *length = total;
+            return false;
+        }
+    }
+    *length = total;
+    return true;
 }
 
 std::string baseName(const std::string &path) {

@@ -440,33 +440,6 @@ size_t guardedCopy(void *dst, const void *src, size_t n) {
     return kv_guarded_copy_impl(dst, src, n);
 }
 
-bool guardedStrlen(const char *s, size_t limit, size_t *length) {
-    *length = 0;
-    if (!s) return false;
-    char chunk[256];
-    size_t total = 0;
-    while (total < limit) {
-        // Never read across a page boundary in one step: a string may end just before an
-        // unmapped page.
-        uintptr_t addr = reinterpret_cast<uintptr_t>(s + total);
-        size_t toPage = 4096 - (addr & 4095);
-        size_t want = std::min({sizeof(chunk), toPage, limit - total});
-        size_t got = guardedCopy(chunk, s + total, want);
-        const void *nul = std::memchr(chunk, 0, got);
-        if (nul) {
-            *length = total + static_cast<size_t>(static_cast<const char *>(nul) - chunk);
-            return true;
-        }
-        total += got;
-        if (got < want) {
-            *length = total;
-            return false;
-        }
-    }
-    *length = total;
-    return true;
-}
-
 // ---- Files -----------------------------------------------------------------------------------
 
 MappedFile::~MappedFile() {

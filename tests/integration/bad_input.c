@@ -3,17 +3,12 @@
  * through the library can be compared with a run without it line by line. Every call here is one
  * the driver rejects or ignores without reading the bad memory, so that the driver itself survives;
  * the library must survive too and report the same errors. */
-#include <EGL/egl.h>
-#include <EGL/eglext.h>
+#include "examples/headless_egl.h"
 #include <GLES3/gl3.h>
 
 #include <stdio.h>
 #include <string.h>
 #include <sys/mman.h>
-
-#ifndef EGL_PLATFORM_SURFACELESS_MESA
-#define EGL_PLATFORM_SURFACELESS_MESA 0x31DD
-#endif
 
 static int step = 0;
 
@@ -22,20 +17,10 @@ static void report(const char *what) {
 }
 
 int main(void) {
-    PFNEGLGETPLATFORMDISPLAYEXTPROC getPlatformDisplay =
-        (PFNEGLGETPLATFORMDISPLAYEXTPROC)eglGetProcAddress("eglGetPlatformDisplayEXT");
-    EGLDisplay display = getPlatformDisplay(EGL_PLATFORM_SURFACELESS_MESA, EGL_DEFAULT_DISPLAY, NULL);
-    if (!eglInitialize(display, NULL, NULL)) return 1;
-    const EGLint configAttributes[] = {EGL_SURFACE_TYPE, EGL_PBUFFER_BIT, EGL_RENDERABLE_TYPE,
-                                       EGL_OPENGL_ES3_BIT, EGL_NONE};
-    EGLConfig config;
-    EGLint configs = 0;
-    if (!eglChooseConfig(display, configAttributes, &config, 1, &configs) || configs < 1) return 1;
-    const EGLint surfaceAttributes[] = {EGL_WIDTH, 32, EGL_HEIGHT, 32, EGL_NONE};
-    EGLSurface surface = eglCreatePbufferSurface(display, config, surfaceAttributes);
-    const EGLint contextAttributes[] = {EGL_CONTEXT_CLIENT_VERSION, 3, EGL_NONE};
-    EGLContext context = eglCreateContext(display, config, EGL_NO_CONTEXT, contextAttributes);
-    if (!eglMakeCurrent(display, surface, surface, context)) return 1;
+    HeadlessEgl egl;
+    if (!headlessEglOpen(&egl, 3, 32, 32, 0)) return 1;
+    EGLDisplay display = egl.display;
+    EGLSurface surface = egl.surface;
 
     /* A page that is mapped and then taken away: a dangling pointer that faults when read. */
     unsigned char *gone = mmap(NULL, 4096, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
@@ -131,7 +116,6 @@ int main(void) {
     printf("%2d %-56s %d 0x%04x\n", ++step, "eglMakeCurrent with a bad context", ok, eglGetError());
     printf("%2d %-56s 0x%04x\n", ++step, "eglGetError again", eglGetError());
 
-    eglMakeCurrent(display, EGL_NO_SURFACE, EGL_NO_SURFACE, EGL_NO_CONTEXT);
-    eglTerminate(display);
+    headlessEglClose(&egl);
     return 0;
 }

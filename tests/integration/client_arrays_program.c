@@ -7,15 +7,10 @@
  * Attribute 0: vec3 per vertex, component c of vertex v = v * 10 + c. Attribute 1: vec2 inside an
  * interleaved array of 8 floats per vertex, at float 3, = (v + 0.5, -v). Attribute 2: 4 bytes per
  * instance, byte b of instance i = i * 4 + b. */
-#include <EGL/egl.h>
-#include <EGL/eglext.h>
+#include "examples/headless_egl.h"
 #include <GLES3/gl3.h>
 
 #include <stdio.h>
-
-#ifndef EGL_PLATFORM_SURFACELESS_MESA
-#define EGL_PLATFORM_SURFACELESS_MESA 0x31DD
-#endif
 
 enum { kVertices = 32, kInstances = 10 };
 
@@ -27,20 +22,10 @@ static const char *kFragment =
     "#version 300 es\nprecision mediump float;\nout vec4 c;\nvoid main() { c = vec4(1.0); }\n";
 
 int main(void) {
-    PFNEGLGETPLATFORMDISPLAYEXTPROC getPlatformDisplay =
-        (PFNEGLGETPLATFORMDISPLAYEXTPROC)eglGetProcAddress("eglGetPlatformDisplayEXT");
-    EGLDisplay display = getPlatformDisplay(EGL_PLATFORM_SURFACELESS_MESA, EGL_DEFAULT_DISPLAY, NULL);
-    if (!eglInitialize(display, NULL, NULL)) return 1;
-    const EGLint configAttributes[] = {EGL_SURFACE_TYPE, EGL_PBUFFER_BIT, EGL_RENDERABLE_TYPE,
-                                       EGL_OPENGL_ES3_BIT, EGL_NONE};
-    EGLConfig config;
-    EGLint configs = 0;
-    if (!eglChooseConfig(display, configAttributes, &config, 1, &configs) || configs < 1) return 1;
-    const EGLint surfaceAttributes[] = {EGL_WIDTH, 16, EGL_HEIGHT, 16, EGL_NONE};
-    EGLSurface surface = eglCreatePbufferSurface(display, config, surfaceAttributes);
-    const EGLint contextAttributes[] = {EGL_CONTEXT_CLIENT_VERSION, 3, EGL_NONE};
-    EGLContext context = eglCreateContext(display, config, EGL_NO_CONTEXT, contextAttributes);
-    if (!eglMakeCurrent(display, surface, surface, context)) return 1;
+    HeadlessEgl egl;
+    if (!headlessEglOpen(&egl, 3, 16, 16, 0)) return 1;
+    EGLDisplay display = egl.display;
+    EGLSurface surface = egl.surface;
 
     GLuint program = glCreateProgram();
     GLuint shaders[2] = {glCreateShader(GL_VERTEX_SHADER), glCreateShader(GL_FRAGMENT_SHADER)};
@@ -97,7 +82,6 @@ int main(void) {
     glFinish();
     printf("client_arrays_program: error 0x%x\n", glGetError());
     eglSwapBuffers(display, surface);
-    eglMakeCurrent(display, EGL_NO_SURFACE, EGL_NO_SURFACE, EGL_NO_CONTEXT);
-    eglTerminate(display);
+    headlessEglClose(&egl);
     return 0;
 }

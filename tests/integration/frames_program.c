@@ -3,17 +3,12 @@
  * Prints the EGL version string twice.
  *
  *   frames_program [--frames N] [--dump PREFIX] */
-#include <EGL/egl.h>
-#include <EGL/eglext.h>
+#include "examples/headless_egl.h"
 #include <GLES2/gl2.h>
 
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-
-#ifndef EGL_PLATFORM_SURFACELESS_MESA
-#define EGL_PLATFORM_SURFACELESS_MESA 0x31DD
-#endif
 
 enum { kWidth = 48, kHeight = 32 };
 
@@ -24,31 +19,10 @@ int main(int argc, char **argv) {
         if (strcmp(argv[i], "--frames") == 0) frames = atoi(argv[i + 1]);
         if (strcmp(argv[i], "--dump") == 0) dump = argv[i + 1];
     }
-    PFNEGLGETPLATFORMDISPLAYEXTPROC getPlatformDisplay =
-        (PFNEGLGETPLATFORMDISPLAYEXTPROC)eglGetProcAddress("eglGetPlatformDisplayEXT");
-    EGLDisplay display = getPlatformDisplay(EGL_PLATFORM_SURFACELESS_MESA, EGL_DEFAULT_DISPLAY, NULL);
-    if (!eglInitialize(display, NULL, NULL)) return 1;
-    const EGLint configAttributes[] = {EGL_SURFACE_TYPE,
-                                       EGL_PBUFFER_BIT,
-                                       EGL_RENDERABLE_TYPE,
-                                       EGL_OPENGL_ES2_BIT,
-                                       EGL_RED_SIZE,
-                                       8,
-                                       EGL_GREEN_SIZE,
-                                       8,
-                                       EGL_BLUE_SIZE,
-                                       8,
-                                       EGL_ALPHA_SIZE,
-                                       8,
-                                       EGL_NONE};
-    EGLConfig config;
-    EGLint configs = 0;
-    if (!eglChooseConfig(display, configAttributes, &config, 1, &configs) || configs < 1) return 1;
-    const EGLint surfaceAttributes[] = {EGL_WIDTH, kWidth, EGL_HEIGHT, kHeight, EGL_NONE};
-    EGLSurface surface = eglCreatePbufferSurface(display, config, surfaceAttributes);
-    const EGLint contextAttributes[] = {EGL_CONTEXT_CLIENT_VERSION, 2, EGL_NONE};
-    EGLContext context = eglCreateContext(display, config, EGL_NO_CONTEXT, contextAttributes);
-    if (!eglMakeCurrent(display, surface, surface, context)) return 1;
+    HeadlessEgl egl;
+    if (!headlessEglOpen(&egl, 2, kWidth, kHeight, 0)) return 1;
+    EGLDisplay display = egl.display;
+    EGLSurface surface = egl.surface;
     printf("EGL_VERSION %s\n", eglQueryString(display, EGL_VERSION));
     printf("EGL_VERSION %s\n", eglQueryString(display, EGL_VERSION));
 
@@ -73,7 +47,6 @@ int main(int argc, char **argv) {
         eglSwapBuffers(display, surface);
     }
     printf("frames_program: %d frames\n", frames);
-    eglMakeCurrent(display, EGL_NO_SURFACE, EGL_NO_SURFACE, EGL_NO_CONTEXT);
-    eglTerminate(display);
+    headlessEglClose(&egl);
     return 0;
 }
