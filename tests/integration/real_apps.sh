@@ -81,6 +81,11 @@ for scene in "${scenes[@]}"; do
         if [ -z "$fps" ] || [ "$swaps" -lt $((expected * 8 / 10)) ] || [ "$swaps" -gt $((expected * 12 / 10 + 5)) ]; then
             echo "FAIL $name: $swaps swap records, but the program drew about $expected frames (FPS $fps over 0.5 s)"
             failures=$((failures + 1))
+        elif [ "$scene" = build:use-vbo=false ] &&
+            ! "$kalvoren" dump --function glDrawArrays,glDrawElements "$trace" 2>/dev/null | grep -q 'attrib [0-9]'; then
+            # Without buffer objects the model comes from client memory: the draws must carry it.
+            echo "FAIL $name: no draw carries client vertex data"
+            failures=$((failures + 1))
         else
             echo "ok   $name: exit $traced, $swaps swap records (about $expected frames drawn)"
         fi
