@@ -3,6 +3,8 @@
 // tables are built once per process.
 #include "core/settings.h"
 #include "host/hosts.h"
+#include "state/egl_config.h"
+#include "state/egl_state.h"
 #include "platform/platform.h"
 #include "tests/host/host_test_support.h"
 #include "tests/host/test_host.h"
@@ -12,6 +14,7 @@
 #include <cstring>
 #include <set>
 #include <string>
+#include <vector>
 
 using namespace kvth::test;
 
@@ -202,4 +205,65 @@ TEST_F(HostVersionGroups, CompleteGlesHostFillsEveryGroup) {
                 ::testing::ExitedWithCode(0), "");
     expectChildChecksPassed();
     EXPECT_EQ(0u, countOf(childConsole(), "Warning failed to find")) << childConsole();
+}
+
+// ---- Describing an EGL config -------------------------------------------------------------------
+
+class ConfigCapture : public FreshProcessTest {};
+
+TEST_F(ConfigCapture, AsksForEveryAttributeInOrderAndKeepsWhatTheHostAnswers) {
+    useConfig(hosts(testHostPath(), testHostPath()));
+    EXPECT_EXIT(inChild([] {
+                    eglTable();
+                    EGLDisplay display = reinterpret_cast<EGLDisplay>(uintptr_t(0xD15));
+                    EGLConfig config = reinterpret_cast<EGLConfig>(uintptr_t(kKvthConfig));
+                    std::vector<EGLint> list = kv::egl::captureConfigAttributes(display, config);
+                    // Pairs in the order they are asked for (this host knows 34 of the 36), then
+                    // EGL_NONE.
+                    KVTH_CHILD_CHECK_EQ(69u, list.size());
+                    KVTH_CHILD_CHECK(list.back() == EGL_NONE);
+                    size_t next = 0;
+                    for (size_t i = 0; i + 1 < list.size(); i += 2) {
+                        while (next < 36 && kv::egl::kConfigAttributes[next].attribute != list[i])
+                            ++next;
+                        KVTH_CHILD_CHECK(next < 36);
+                    }
+                    bool renderable = false;
+                    for (size_t i = 0; i + 1 < list.size(); i += 2)
+                        renderable |= list[i] == EGL_RENDERABLE_TYPE;
+                    KVTH_CHILD_CHECK(renderable);
+                    // The list decides a context's version: ES 2 asked for on an ES 3 config is 3.0.
+                    const EGLint v2[] = {EGL_CONTEXT_CLIENT_VERSION, 2, EGL_NONE};
+                    KVTH_CHILD_CHECK_EQ(3u, kv::egl::apiVersionCode(v2, list));
+                    // A null display asks nothing.
+                    KVTH_CHILD_CHECK(kv::egl::captureConfigAttributes(EGL_NO_DISPLAY, config) ==
+                                     std::vector<EGLint>{EGL_NONE});
+                }),
+                ::testing::ExitedWithCode(0), "");
+    expectChildChecksPassed();
+    // The two it does not know are named by their numbers.
+    const std::string console = childConsole();
+    EXPECT_EQ(2u, countOf(console, "Failed to query for attribute")) << console;
+    EXPECT_EQ(1u, countOf(console, "Failed to query for attribute 0x3043")) << console;
+    EXPECT_EQ(1u, countOf(console, "Failed to query for attribute 0x307F")) << console;
+}
+
+TEST_F(ConfigCapture, AHostThatAnswersNothingGivesEglNoneAlone) {
+    useConfig(hosts(testHostPath(), testHostPath()));
+    EXPECT_EXIT(inChild([] {
+                    eglTable();
+                    kvth_set_result("eglGetConfigAttrib", EGL_FALSE);
+                    std::vector<EGLint> list =
+                        kv::egl::captureConfigAttributes(reinterpret_cast<EGLDisplay>(uintptr_t(0xD15)),
+                                                         reinterpret_cast<EGLConfig>(uintptr_t(kKvthConfig)));
+                    KVTH_CHILD_CHECK(list == std::vector<EGLint>{EGL_NONE});
+                    // Without EGL_RENDERABLE_TYPE a context of version 2 or 3 is taken for ES 3.2.
+                    const EGLint v3[] = {EGL_CONTEXT_CLIENT_VERSION, 3, EGL_NONE};
+                    KVTH_CHILD_CHECK_EQ(5u, kv::egl::apiVersionCode(v3, list));
+                }),
+                ::testing::ExitedWithCode(0), "");
+    expectChildChecksPassed();
+    const std::string console = childConsole();
+    EXPECT_EQ(36u, countOf(console, "Failed to query for attribute ")) << console;
+    EXPECT_EQ(1u, countOf(console, "Failed to query for attribute EGL_ALPHA_SIZE\n")) << console;
 }
