@@ -17,7 +17,8 @@ TEST(Catalogue, StartRowsHaveEmptyNamesAndIdsOutsideEveryRangeHaveNone) {
         ASSERT_NE(name, nullptr) << id;
         EXPECT_STREQ(name, "") << id;
     }
-    for (uint32_t id : {5141u, 2143u, 3146u, 4349u, 5247u, 7114u, 1045u, 1125u, 1504u, 6090u, 6516u, 0u, 65535u})
+    for (uint32_t id :
+         {5141u, 2143u, 3146u, 4349u, 5247u, 7114u, 1045u, 1125u, 1504u, 6090u, 6516u, 0u, 65535u})
         EXPECT_EQ(functionName(id), nullptr) << id;
 }
 
@@ -28,15 +29,24 @@ TEST(Catalogue, NamesAndGroupsSitAtTheirIds) {
         uint8_t group;
     };
     const Row rows[] = {
-        {1001, "eglChooseConfig", 2},       {1044, "eglWaitSync", 5},
-        {1112, "(*EGLSetBlobFuncANDROID)", 10}, {1124, "eglSetDamageRegionKHR", 10},
-        {1502, "(Context information)", 0}, {2016, "glClear", 12},
-        {2142, "glViewport", 3},            {3004, "glBindBuffer", 2},
-        {3145, "glPointSizePointerOES", 18}, {4134, "glBlendEquationSeparateOES", 28},
-        {4348, "glMultiDrawElementsBaseVertexOES", 28}, {5143, "glReadBuffer", 24},
-        {5246, "glGetInternalformativ", 13}, {7068, "glGetTexLevelParameterfv", 22},
-        {7070, "glBlendBarrier", 9},        {7113, "glTexStorage3DMultisample", 22},
-        {6015, "clCreateBuffer", 3},        {6089, "clGetExtensionFunctionAddressForPlatform", 2},
+        {1001, "eglChooseConfig", 2},
+        {1044, "eglWaitSync", 5},
+        {1112, "(*EGLSetBlobFuncANDROID)", 10},
+        {1124, "eglSetDamageRegionKHR", 10},
+        {1502, "(Context information)", 0},
+        {2016, "glClear", 12},
+        {2142, "glViewport", 3},
+        {3004, "glBindBuffer", 2},
+        {3145, "glPointSizePointerOES", 18},
+        {4134, "glBlendEquationSeparateOES", 28},
+        {4348, "glMultiDrawElementsBaseVertexOES", 28},
+        {5143, "glReadBuffer", 24},
+        {5246, "glGetInternalformativ", 13},
+        {7068, "glGetTexLevelParameterfv", 22},
+        {7070, "glBlendBarrier", 9},
+        {7113, "glTexStorage3DMultisample", 22},
+        {6015, "clCreateBuffer", 3},
+        {6089, "clGetExtensionFunctionAddressForPlatform", 2},
         {6515, "clCreateEventFromEGLSyncKHR", 8},
     };
     for (const Row &r : rows) {
@@ -72,7 +82,8 @@ TEST(Catalogue, FamiliesAreContiguousAndEveryRowIsDescribed) {
     EXPECT_EQ(describe(1022)->error, ErrorKind::Egl);
     EXPECT_EQ(describe(6015)->error, ErrorKind::Cl);
     EXPECT_EQ(describe(1503)->error, ErrorKind::None);
-    for (uint32_t id = 2001; id <= 2142; ++id) EXPECT_TRUE(describe(static_cast<uint16_t>(id))->hasLayout) << id;
+    for (uint32_t id = 2001; id <= 2142; ++id)
+        EXPECT_TRUE(describe(static_cast<uint16_t>(id))->hasLayout) << id;
 }
 
 } // namespace
