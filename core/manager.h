@@ -28,7 +28,7 @@ private:
     CTraceRecordManager();
     CZandString empty_;
     CZandString build_;
-    ThreadLocalPointer<ThreadData> threadData_;
+    FastThreadLocalPointer<ThreadData> threadData_;
     std::map<uint64_t, uint64_t> map_;
 };
 

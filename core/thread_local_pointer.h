@@ -43,4 +43,39 @@ private:
     platform::TlsSlot slot_;
 };
 
+// A ThreadLocalPointer whose value the calling thread also keeps in a fast thread-local variable,
+// for objects looked up on every call. One object of this class per type T.
+template <class T, class Policy = DeleteCleanUp<T>>
+class FastThreadLocalPointer {
+public:
+    FastThreadLocalPointer() : slot_(&cleanUp) {}
+    KV_ALWAYS_INLINE T *get() const { return cache_; }
+    KV_ALWAYS_INLINE T &getOrCreate() {
+        T *p = cache_;
+        return KV_LIKELY(p != nullptr) ? *p : create();
+    }
+
+private:
+    KV_NOINLINE T &create() {
+        T *p = static_cast<T *>(slot_.get());
+        if (!p) {
+            p = new T();
+            slot_.set(p);
+        }
+        cache_ = p;
+        return *p;
+    }
+    // Runs on the ending thread: its cached value goes with the object.
+    static void cleanUp(void *p) {
+        cache_ = nullptr;
+        Policy::cleanUp(p);
+    }
+
+    platform::TlsSlot slot_;
+    static KV_FAST_THREAD_LOCAL T *cache_;
+};
+
+template <class T, class Policy>
+KV_FAST_THREAD_LOCAL T *FastThreadLocalPointer<T, Policy>::cache_ = nullptr;
+
 } // namespace kv

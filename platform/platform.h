@@ -22,6 +22,15 @@
 #define KV_LIKELY(x) __builtin_expect(!!(x), 1)
 #define KV_UNLIKELY(x) __builtin_expect(!!(x), 0)
 #define KV_NOINLINE __attribute__((noinline))
+
+// A thread-local variable of a trivial type that is read on every call: one instruction where the
+// system allows it (the initial-exec model; the library's few such variables fit the loader's
+// reserve even when it is loaded late).
+#if defined(_WIN32)
+#define KV_FAST_THREAD_LOCAL thread_local
+#else
+#define KV_FAST_THREAD_LOCAL __thread __attribute__((tls_model("initial-exec")))
+#endif
 #define KV_ALWAYS_INLINE inline __attribute__((always_inline))
 
 namespace kv::platform {

@@ -224,8 +224,10 @@ uint64_t processId() {
     return pid;
 }
 
+static KV_FAST_THREAD_LOCAL uint64_t t_threadId = 0;
+
 uint64_t threadId() {
-    static thread_local uint64_t tid = 0;
+    uint64_t &tid = t_threadId;
     if (KV_UNLIKELY(tid == 0)) tid = static_cast<uint64_t>(syscall(SYS_gettid));
     return tid;
 }

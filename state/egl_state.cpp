@@ -8,8 +8,8 @@ namespace kv::egl {
 
 namespace {
 
-ThreadLocalPointer<ThreadState> &threadSlot() {
-    static auto *slot = new ThreadLocalPointer<ThreadState>();
+FastThreadLocalPointer<ThreadState> &threadSlot() {
+    static auto *slot = new FastThreadLocalPointer<ThreadState>();
     return *slot;
 }
 

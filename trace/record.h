@@ -61,13 +61,13 @@ public:
         std::memcpy(r_->inlineBytes.grow(sizeof(T)), &v, sizeof(T));
         r_->logicalSize += sizeof(T);
     }
-    void u8(uint8_t v) { value(v); }
-    void u16(uint16_t v) { value(v); }
-    void u32(uint32_t v) { value(v); }
-    void i32(int32_t v) { value(v); }
-    void u64(uint64_t v) { value(v); }
-    void f32(float v) { value(v); }
-    void ptr(const void *p) { value(static_cast<uint64_t>(reinterpret_cast<uintptr_t>(p))); }
+    KV_ALWAYS_INLINE void u8(uint8_t v) { value(v); }
+    KV_ALWAYS_INLINE void u16(uint16_t v) { value(v); }
+    KV_ALWAYS_INLINE void u32(uint32_t v) { value(v); }
+    KV_ALWAYS_INLINE void i32(int32_t v) { value(v); }
+    KV_ALWAYS_INLINE void u64(uint64_t v) { value(v); }
+    KV_ALWAYS_INLINE void f32(float v) { value(v); }
+    KV_ALWAYS_INLINE void ptr(const void *p) { value(static_cast<uint64_t>(reinterpret_cast<uintptr_t>(p))); }
 
     // Registers client memory to be stored at the current position. Size 0 or a null pointer
     // registers nothing (the size written before the block keeps the caller's count).
