@@ -206,8 +206,12 @@ std::string getEnv(const char *name) {
 
 static std::atomic<uint64_t> g_pid{0};
 
+static KV_FAST_THREAD_LOCAL uint64_t t_threadId = 0;
+
+// Also the forked child's only thread: its id is not its parent thread's.
 static void refreshPid() {
     g_pid.store(static_cast<uint64_t>(getpid()), std::memory_order_relaxed);
+    t_threadId = 0;
 }
 
 uint64_t processId() {
@@ -223,8 +227,6 @@ uint64_t processId() {
     }
     return pid;
 }
-
-static KV_FAST_THREAD_LOCAL uint64_t t_threadId = 0;
 
 uint64_t threadId() {
     uint64_t &tid = t_threadId;
