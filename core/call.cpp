@@ -3,6 +3,8 @@
 #include "core/messages.h"
 #include "trace/frame_control.h"
 
+#include <atomic>
+
 namespace kv {
 
 uint32_t g_lastErrorEs1 = 0;
@@ -10,6 +12,7 @@ uint32_t g_lastErrorEs2 = 0;
 
 namespace {
 bool g_clInitialised = false;
+std::atomic<void (*)()> g_clInitialisation{nullptr};
 
 bool isClId(uint16_t id) {
     return (id >= 6000 && id <= 6089) || (id >= 6500 && id <= 6515);
@@ -47,8 +50,9 @@ void fill(uint16_t id, CallDecision &d, ParamDesc *params, bool full) {
         d.clientBufferRecordFrequency = d.recordData ? s.clientBufferRecordFrequency : 0;
     }
     if (d.record && d.recordData && isClId(id) && !g_clInitialised) {
-        // The OpenCL platform description is written by the OpenCL family once it records.
+        // Before the first recorded OpenCL call with its data, once: the platform description.
         g_clInitialised = true;
+        if (auto initialise = g_clInitialisation.load()) initialise();
     }
     if (KV_UNLIKELY(s.debugLevel >= 2)) {
         if (const char *name = api::functionName(id))
@@ -61,6 +65,8 @@ void fill(uint16_t id, CallDecision &d, ParamDesc *params, bool full) {
     }
 }
 } // namespace
+
+void setOpenClInitialisation(void (*initialise)()) { g_clInitialisation.store(initialise); }
 
 void fillDecision(uint16_t id, CallDecision &d, ParamDesc *params) {
     fill(id, d, params, true);

@@ -24,6 +24,9 @@ namespace kv {
 // error, record, and record data. The full form lets the profiler veto the call.
 void fillDecision(uint16_t id, CallDecision &d, ParamDesc *params);
 void fillDecision(uint16_t id, CallDecision &d);
+// What runs once, before the first OpenCL call recorded with its data (the OpenCL family installs
+// the writer of the platform description).
+void setOpenClInitialisation(void (*initialise)());
 
 // The per-API last error values (the host's error after the latest call of that API).
 extern uint32_t g_lastErrorEs1;
