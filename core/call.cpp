@@ -66,7 +66,9 @@ void fill(uint16_t id, CallDecision &d, ParamDesc *params, bool full) {
 }
 } // namespace
 
-void setOpenClInitialisation(void (*initialise)()) { g_clInitialisation.store(initialise); }
+void setOpenClInitialisation(void (*initialise)()) {
+    g_clInitialisation.store(initialise);
+}
 
 void fillDecision(uint16_t id, CallDecision &d, ParamDesc *params) {
     fill(id, d, params, true);

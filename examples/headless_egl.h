@@ -25,7 +25,8 @@ static inline int headlessEglOpen(HeadlessEgl *egl, int version, int width, int 
     PFNEGLGETPLATFORMDISPLAYEXTPROC getPlatformDisplay =
         (PFNEGLGETPLATFORMDISPLAYEXTPROC)eglGetProcAddress("eglGetPlatformDisplayEXT");
     egl->display = EGL_NO_DISPLAY;
-    if (getPlatformDisplay) egl->display = getPlatformDisplay(EGL_PLATFORM_SURFACELESS_MESA, EGL_DEFAULT_DISPLAY, NULL);
+    if (getPlatformDisplay)
+        egl->display = getPlatformDisplay(EGL_PLATFORM_SURFACELESS_MESA, EGL_DEFAULT_DISPLAY, NULL);
     if (egl->display == EGL_NO_DISPLAY) egl->display = eglGetDisplay(EGL_DEFAULT_DISPLAY);
     if (!eglInitialize(egl->display, NULL, NULL)) {
         fprintf(stderr, "eglInitialize failed (0x%x)\n", eglGetError());
