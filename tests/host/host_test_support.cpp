@@ -106,8 +106,10 @@ void useConfig(const LibraryConfig &c) {
     json += hosts + "},\n";
     json += "    \"Tracing\": {\"OutputFilename\": " + jsonString(c.traceFile) +
             ", \"UseCompression\": " + (c.compression ? "true" : "false") +
-            ", \"EndFrame\": " + std::to_string(c.endFrame) + "}\n";
-    json += "  }\n}\n";
+            ", \"EndFrame\": " + std::to_string(c.endFrame) + (c.tracing.empty() ? "" : ", " + c.tracing) +
+            "}";
+    if (!c.internal.empty()) json += ",\n    \"Internal\": {" + c.internal + "}";
+    json += "\n  }\n}\n";
     std::string path = workPath("kalvorenconfig.json");
     std::ofstream(path, std::ios::binary) << json;
     setEnv("KALVOREN_CONFIG", path);

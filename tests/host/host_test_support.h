@@ -36,6 +36,8 @@ struct LibraryConfig {
     std::string traceFile; // Tracing.OutputFilename
     bool compression = false;
     uint32_t endFrame = 0; // Tracing.EndFrame: the last frame recorded
+    std::string tracing;   // further Tracing keys, as JSON members ("\"Key\": value, ...")
+    std::string internal;  // Internal keys, as JSON members
 };
 
 // Writes the configuration into the work directory as the one section "*" and points

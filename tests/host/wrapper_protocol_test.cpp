@@ -431,3 +431,69 @@ TEST_F(ClientArrays, UnreadableArraysAreReportedAndTheProcessLives) {
     ASSERT_EQ(1u, indexed.size());
     EXPECT_TRUE(indexed[0].empty());
 }
+
+// ---- Answers the library changes --------------------------------------------------------------
+
+class Overrides : public FreshProcessTest {};
+
+TEST_F(Overrides, StringsGainTheVersionAndLoseDisabledExtensions) {
+    LibraryConfig config = recording();
+    config.internal = "\"DisableExtensionList\": \"GL_OES_texture_npot;GL_KHR\"";
+    useConfig(config);
+    EXPECT_EXIT(
+        inChild([] {
+            makeContextCurrent();
+            const char *renderer = reinterpret_cast<const char *>(gles::getString(GL_RENDERER));
+            KVTH_CHILD_CHECK(renderer &&
+                             std::string(renderer) == "Kalvoren test host + Kalvoren v3.13 (19.2@5581729)");
+            // The same text, kept once, on every later call.
+            KVTH_CHILD_CHECK(reinterpret_cast<const char *>(gles::getString(GL_RENDERER)) == renderer);
+            // Without a replacement the host's own pointer comes back.
+            KVTH_CHILD_CHECK(reinterpret_cast<const char *>(gles::getString(GL_VENDOR)) ==
+                             kvth_gl_string(GL_VENDOR));
+            // Whole names only: "GL_KHR" does not take GL_KHR_debug with it.
+            const char *extensions = reinterpret_cast<const char *>(gles::getString(GL_EXTENSIONS));
+            KVTH_CHILD_CHECK(extensions && std::string(extensions) ==
+                                               "GL_OES_element_index_uint GL_EXT_texture_format_BGRA8888 "
+                                               "GL_KHR_debug");
+            const char *version = egl::queryString(egl::getCurrentDisplay(), EGL_VERSION);
+            KVTH_CHILD_CHECK(version && std::string(version) == std::string(kvth_egl_string(EGL_VERSION)) +
+                                                                    " + Kalvoren v3.13 (19.2@5581729)");
+            // 0x7500 goes to the host untouched and unrecorded.
+            gles::getString(0x7500);
+        }),
+        ::testing::ExitedWithCode(0), "");
+    expectChildChecksPassed();
+    const TraceWalk t = walkTrace(workPath("trace.kalvoren"));
+    ASSERT_TRUE(t.whole) << t.problem;
+    EXPECT_EQ(4u, t.withId(kv::fn::glGetString::id).size()) << traceSummary(t);
+}
+
+TEST_F(Overrides, QueriesReportConfiguredAlignmentsAndNoBinaryFormats) {
+    LibraryConfig config = recording();
+    config.tracing = "\"UniformBufferOffsetAlignment\": 256";
+    useConfig(config);
+    EXPECT_EXIT(inChild([] {
+                    makeContextCurrent();
+                    GLint value = 7;
+                    gles::getIntegerv(GL_UNIFORM_BUFFER_OFFSET_ALIGNMENT, &value);
+                    KVTH_CHILD_CHECK_EQ(256, value);
+                    GLint64 wide = 7;
+                    gles::getInteger64v(GL_SHADER_STORAGE_BUFFER_OFFSET_ALIGNMENT, &wide);
+                    KVTH_CHILD_CHECK_EQ(256, wide);
+                    GLfloat real = 7.0f;
+                    gles::getFloatv(GL_UNIFORM_BUFFER_OFFSET_ALIGNMENT, &real);
+                    KVTH_CHILD_CHECK(real == 256.0f);
+                    value = 7;
+                    gles::getIntegerv(GL_NUM_SHADER_BINARY_FORMATS, &value);
+                    KVTH_CHILD_CHECK_EQ(0, value);
+                    // A query the driver rejects keeps what it left.
+                    kvth_raise_error_on("glGetIntegerv", GL_INVALID_ENUM);
+                    value = 7;
+                    gles::getIntegerv(GL_UNIFORM_BUFFER_OFFSET_ALIGNMENT, &value);
+                    KVTH_CHILD_CHECK_EQ(7, value);
+                    KVTH_CHILD_CHECK_EQ(static_cast<GLenum>(GL_INVALID_ENUM), gles::getError());
+                }),
+                ::testing::ExitedWithCode(0), "");
+    expectChildChecksPassed();
+}

@@ -1,0 +1,22 @@
+// Extension lists with names taken out: whole names only, the list's own separator kept.
+#include "entry/reported_strings.h"
+
+#include <gtest/gtest.h>
+
+namespace kv {
+namespace {
+
+TEST(ExtensionFilter, TakesOutWholeNamesOfTheDisableList) {
+    const char *host = "GL_OES_mapbuffer_extra GL_OES_mapbuffer GL_EXT_a GL_ARM_mali_shader_binary";
+    EXPECT_EQ(filterExtensions(host, "GL_OES_mapbuffer;GL_ARM_mali_shader_binary;"),
+              "GL_OES_mapbuffer_extra GL_EXT_a");
+    // A disable-list entry that is only the start of a name leaves the name alone.
+    EXPECT_EQ(filterExtensions(host, "GL_OES;GL_EXT"), host);
+    EXPECT_EQ(filterExtensions(host, ""), host);
+    EXPECT_EQ(filterExtensions(nullptr, "GL_EXT_a"), "");
+    // Doubled separators in the host's list leave no empty names behind.
+    EXPECT_EQ(filterExtensions("GL_A  GL_B ", "GL_B"), "GL_A");
+}
+
+} // namespace
+} // namespace kv
