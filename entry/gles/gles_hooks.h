@@ -3,6 +3,8 @@
 
 #include "core/call.h"
 
+#include <cstring>
+
 // A function whose one addition to the protocol is the shadow state update after the host call:
 // Hooks<fn::F>::after(CallCtx &, Void &, the function's parameter types).
 #define KV_GLES_STATE_HOOK(F, ...)                                                                           \
@@ -272,30 +274,56 @@ KV_GLES_UNIFORM_HOOKS(3ui, GLuint);
 KV_GLES_UNIFORM_HOOKS(4ui, GLuint);
 #undef KV_GLES_UNIFORM_HOOKS
 
-KV_GLES_STATE_HOOK(glUniform1f, GLint, GLfloat);
-KV_GLES_STATE_HOOK(glUniform2f, GLint, GLfloat, GLfloat);
-KV_GLES_STATE_HOOK(glUniform3f, GLint, GLfloat, GLfloat, GLfloat);
-KV_GLES_STATE_HOOK(glUniform4f, GLint, GLfloat, GLfloat, GLfloat, GLfloat);
-KV_GLES_STATE_HOOK(glUniform1i, GLint, GLint);
-KV_GLES_STATE_HOOK(glUniform2i, GLint, GLint, GLint);
-KV_GLES_STATE_HOOK(glUniform3i, GLint, GLint, GLint, GLint);
-KV_GLES_STATE_HOOK(glUniform4i, GLint, GLint, GLint, GLint, GLint);
-KV_GLES_STATE_HOOK(glUniform1ui, GLint, GLuint);
-KV_GLES_STATE_HOOK(glUniform2ui, GLint, GLuint, GLuint);
-KV_GLES_STATE_HOOK(glUniform3ui, GLint, GLuint, GLuint, GLuint);
-KV_GLES_STATE_HOOK(glUniform4ui, GLint, GLuint, GLuint, GLuint, GLuint);
-KV_GLES_STATE_HOOK(glProgramUniform1f, GLuint, GLint, GLfloat);
-KV_GLES_STATE_HOOK(glProgramUniform2f, GLuint, GLint, GLfloat, GLfloat);
-KV_GLES_STATE_HOOK(glProgramUniform3f, GLuint, GLint, GLfloat, GLfloat, GLfloat);
-KV_GLES_STATE_HOOK(glProgramUniform4f, GLuint, GLint, GLfloat, GLfloat, GLfloat, GLfloat);
-KV_GLES_STATE_HOOK(glProgramUniform1i, GLuint, GLint, GLint);
-KV_GLES_STATE_HOOK(glProgramUniform2i, GLuint, GLint, GLint, GLint);
-KV_GLES_STATE_HOOK(glProgramUniform3i, GLuint, GLint, GLint, GLint, GLint);
-KV_GLES_STATE_HOOK(glProgramUniform4i, GLuint, GLint, GLint, GLint, GLint, GLint);
-KV_GLES_STATE_HOOK(glProgramUniform1ui, GLuint, GLint, GLuint);
-KV_GLES_STATE_HOOK(glProgramUniform2ui, GLuint, GLint, GLuint, GLuint);
-KV_GLES_STATE_HOOK(glProgramUniform3ui, GLuint, GLint, GLuint, GLuint, GLuint);
-KV_GLES_STATE_HOOK(glProgramUniform4ui, GLuint, GLint, GLuint, GLuint, GLuint, GLuint);
+// Uniform values given as arguments: one element of 1 to 4 words, kept as they are passed.
+void keepUniformValue(CallCtx &c, uint16_t call, GLuint program, GLint location, const uint32_t *words,
+                      size_t count);
+
+template <class T>
+uint32_t uniformWord(T value) {
+    static_assert(sizeof(T) == 4, "32-bit uniform component");
+    uint32_t bits;
+    std::memcpy(&bits, &value, 4);
+    return bits;
+}
+
+// glUniform{1,2,3,4}{f,i,ui}: for the program in use.
+template <class F>
+struct UniformValueHooks : HookDefaults {
+    template <class... V>
+    static void after(CallCtx &c, Void &, GLint location, V... values) {
+        const uint32_t words[] = {uniformWord(values)...};
+        keepUniformValue(c, F::id, 0, location, words, sizeof...(V));
+    }
+};
+
+// glProgramUniform{1,2,3,4}{f,i,ui}: for a named program.
+template <class F>
+struct ProgramUniformValueHooks : HookDefaults {
+    template <class... V>
+    static void after(CallCtx &c, Void &, GLuint program, GLint location, V... values) {
+        const uint32_t words[] = {uniformWord(values)...};
+        keepUniformValue(c, F::id, program, location, words, sizeof...(V));
+    }
+};
+
+#define KV_GLES_UNIFORM_VALUE_HOOKS(S)                                                                       \
+    template <>                                                                                              \
+    struct Hooks<fn::glUniform##S> : UniformValueHooks<fn::glUniform##S> {};                                 \
+    template <>                                                                                              \
+    struct Hooks<fn::glProgramUniform##S> : ProgramUniformValueHooks<fn::glProgramUniform##S> {}
+KV_GLES_UNIFORM_VALUE_HOOKS(1f);
+KV_GLES_UNIFORM_VALUE_HOOKS(2f);
+KV_GLES_UNIFORM_VALUE_HOOKS(3f);
+KV_GLES_UNIFORM_VALUE_HOOKS(4f);
+KV_GLES_UNIFORM_VALUE_HOOKS(1i);
+KV_GLES_UNIFORM_VALUE_HOOKS(2i);
+KV_GLES_UNIFORM_VALUE_HOOKS(3i);
+KV_GLES_UNIFORM_VALUE_HOOKS(4i);
+KV_GLES_UNIFORM_VALUE_HOOKS(1ui);
+KV_GLES_UNIFORM_VALUE_HOOKS(2ui);
+KV_GLES_UNIFORM_VALUE_HOOKS(3ui);
+KV_GLES_UNIFORM_VALUE_HOOKS(4ui);
+#undef KV_GLES_UNIFORM_VALUE_HOOKS
 
 #define KV_GLES_UNIFORM_MATRIX_HOOKS(Shape)                                                                  \
     KV_GLES_STATE_HOOK(glUniformMatrix##Shape##fv, GLint, GLsizei, GLboolean, const GLfloat *);              \

@@ -11,15 +11,6 @@ namespace {
 
 using Resources = CEs2ContextState::SEs2Resources;
 
-// A uniform value given as arguments (one element).
-void uniformValue(CallCtx &c, uint16_t call, GLuint program, GLint location,
-                  std::initializer_list<uint32_t> words) {
-    if (location < 0) return;
-    updateState(c, [&](CEs2ContextState &s) {
-        s.setUniform(program, location, call, 1, GL_FALSE, words.begin(), words.size());
-    });
-}
-
 // A uniform value given as `count` elements of `perElement` words in application memory.
 template <class T>
 void uniformArray(CallCtx &c, uint16_t call, GLuint program, GLint location, GLsizei count,
@@ -39,6 +30,13 @@ constexpr GLbitfield kStageBits[] = {GL_VERTEX_SHADER_BIT,       GL_FRAGMENT_SHA
                                      GL_TESS_CONTROL_SHADER_BIT, GL_TESS_EVALUATION_SHADER_BIT};
 
 } // namespace
+
+void keepUniformValue(CallCtx &c, uint16_t call, GLuint program, GLint location, const uint32_t *words,
+                      size_t count) {
+    if (location < 0) return;
+    updateState(
+        c, [&](CEs2ContextState &s) { s.setUniform(program, location, call, 1, GL_FALSE, words, count); });
+}
 
 // ---- Shaders -----------------------------------------------------------------------------------
 
@@ -217,91 +215,6 @@ void Hooks<fn::glActiveShaderProgram>::after(CallCtx &c, Void &, GLuint pipeline
 }
 
 // ---- Uniform values ----------------------------------------------------------------------------
-
-void Hooks<fn::glUniform1f>::after(CallCtx &c, Void &, GLint location, GLfloat x) {
-    uniformValue(c, fn::glUniform1f::id, 0, location, {word(x)});
-}
-void Hooks<fn::glUniform2f>::after(CallCtx &c, Void &, GLint location, GLfloat x, GLfloat y) {
-    uniformValue(c, fn::glUniform2f::id, 0, location, {word(x), word(y)});
-}
-void Hooks<fn::glUniform3f>::after(CallCtx &c, Void &, GLint location, GLfloat x, GLfloat y, GLfloat z) {
-    uniformValue(c, fn::glUniform3f::id, 0, location, {word(x), word(y), word(z)});
-}
-void Hooks<fn::glUniform4f>::after(CallCtx &c, Void &, GLint location, GLfloat x, GLfloat y, GLfloat z,
-                                   GLfloat w) {
-    uniformValue(c, fn::glUniform4f::id, 0, location, {word(x), word(y), word(z), word(w)});
-}
-void Hooks<fn::glUniform1i>::after(CallCtx &c, Void &, GLint location, GLint x) {
-    uniformValue(c, fn::glUniform1i::id, 0, location, {word(x)});
-}
-void Hooks<fn::glUniform2i>::after(CallCtx &c, Void &, GLint location, GLint x, GLint y) {
-    uniformValue(c, fn::glUniform2i::id, 0, location, {word(x), word(y)});
-}
-void Hooks<fn::glUniform3i>::after(CallCtx &c, Void &, GLint location, GLint x, GLint y, GLint z) {
-    uniformValue(c, fn::glUniform3i::id, 0, location, {word(x), word(y), word(z)});
-}
-void Hooks<fn::glUniform4i>::after(CallCtx &c, Void &, GLint location, GLint x, GLint y, GLint z, GLint w) {
-    uniformValue(c, fn::glUniform4i::id, 0, location, {word(x), word(y), word(z), word(w)});
-}
-void Hooks<fn::glUniform1ui>::after(CallCtx &c, Void &, GLint location, GLuint x) {
-    uniformValue(c, fn::glUniform1ui::id, 0, location, {x});
-}
-void Hooks<fn::glUniform2ui>::after(CallCtx &c, Void &, GLint location, GLuint x, GLuint y) {
-    uniformValue(c, fn::glUniform2ui::id, 0, location, {x, y});
-}
-void Hooks<fn::glUniform3ui>::after(CallCtx &c, Void &, GLint location, GLuint x, GLuint y, GLuint z) {
-    uniformValue(c, fn::glUniform3ui::id, 0, location, {x, y, z});
-}
-void Hooks<fn::glUniform4ui>::after(CallCtx &c, Void &, GLint location, GLuint x, GLuint y, GLuint z,
-                                    GLuint w) {
-    uniformValue(c, fn::glUniform4ui::id, 0, location, {x, y, z, w});
-}
-
-void Hooks<fn::glProgramUniform1f>::after(CallCtx &c, Void &, GLuint program, GLint location, GLfloat x) {
-    uniformValue(c, fn::glProgramUniform1f::id, program, location, {word(x)});
-}
-void Hooks<fn::glProgramUniform2f>::after(CallCtx &c, Void &, GLuint program, GLint location, GLfloat x,
-                                          GLfloat y) {
-    uniformValue(c, fn::glProgramUniform2f::id, program, location, {word(x), word(y)});
-}
-void Hooks<fn::glProgramUniform3f>::after(CallCtx &c, Void &, GLuint program, GLint location, GLfloat x,
-                                          GLfloat y, GLfloat z) {
-    uniformValue(c, fn::glProgramUniform3f::id, program, location, {word(x), word(y), word(z)});
-}
-void Hooks<fn::glProgramUniform4f>::after(CallCtx &c, Void &, GLuint program, GLint location, GLfloat x,
-                                          GLfloat y, GLfloat z, GLfloat w) {
-    uniformValue(c, fn::glProgramUniform4f::id, program, location, {word(x), word(y), word(z), word(w)});
-}
-void Hooks<fn::glProgramUniform1i>::after(CallCtx &c, Void &, GLuint program, GLint location, GLint x) {
-    uniformValue(c, fn::glProgramUniform1i::id, program, location, {word(x)});
-}
-void Hooks<fn::glProgramUniform2i>::after(CallCtx &c, Void &, GLuint program, GLint location, GLint x,
-                                          GLint y) {
-    uniformValue(c, fn::glProgramUniform2i::id, program, location, {word(x), word(y)});
-}
-void Hooks<fn::glProgramUniform3i>::after(CallCtx &c, Void &, GLuint program, GLint location, GLint x,
-                                          GLint y, GLint z) {
-    uniformValue(c, fn::glProgramUniform3i::id, program, location, {word(x), word(y), word(z)});
-}
-void Hooks<fn::glProgramUniform4i>::after(CallCtx &c, Void &, GLuint program, GLint location, GLint x,
-                                          GLint y, GLint z, GLint w) {
-    uniformValue(c, fn::glProgramUniform4i::id, program, location, {word(x), word(y), word(z), word(w)});
-}
-void Hooks<fn::glProgramUniform1ui>::after(CallCtx &c, Void &, GLuint program, GLint location, GLuint x) {
-    uniformValue(c, fn::glProgramUniform1ui::id, program, location, {x});
-}
-void Hooks<fn::glProgramUniform2ui>::after(CallCtx &c, Void &, GLuint program, GLint location, GLuint x,
-                                           GLuint y) {
-    uniformValue(c, fn::glProgramUniform2ui::id, program, location, {x, y});
-}
-void Hooks<fn::glProgramUniform3ui>::after(CallCtx &c, Void &, GLuint program, GLint location, GLuint x,
-                                           GLuint y, GLuint z) {
-    uniformValue(c, fn::glProgramUniform3ui::id, program, location, {x, y, z});
-}
-void Hooks<fn::glProgramUniform4ui>::after(CallCtx &c, Void &, GLuint program, GLint location, GLuint x,
-                                           GLuint y, GLuint z, GLuint w) {
-    uniformValue(c, fn::glProgramUniform4ui::id, program, location, {x, y, z, w});
-}
 
 // glUniform{N}{f,i,ui}v and glProgramUniform{N}{f,i,ui}v: count elements of N values.
 #define KV_UNIFORM_VECTOR_HOOKS(N, Kind, T)                                                                  \
