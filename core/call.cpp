@@ -18,8 +18,9 @@ bool isClId(uint16_t id) {
     return (id >= 6000 && id <= 6089) || (id >= 6500 && id <= 6515);
 }
 
-void fill(uint16_t id, CallDecision &d, ParamDesc *params, bool full) {
-    Settings &s = getSettings();
+} // namespace
+
+void fillDecision(Settings &s, uint16_t id, CallDecision &d, ParamDesc *params) {
     if (s.mode.load(std::memory_order_relaxed) == kModeDisabled) {
         d = CallDecision();
         d.callHost = true;
@@ -29,9 +30,8 @@ void fill(uint16_t id, CallDecision &d, ParamDesc *params, bool full) {
     d.callHost = s.forwardToHost.load(std::memory_order_relaxed);
     if (s.profilingEnabled) {
         d.profiler = s.profiler.get();
-        // The profiler's per-call answer would go here (full form only); this build has none.
+        // The profiler's per-call answer would read the argument slots; this build has none.
         (void)params;
-        (void)full;
     } else {
         const uint32_t frame = s.currentFrame.load(std::memory_order_relaxed);
         d.beforeStartFrame = s.networkEnabled ? d.callHost : frame < s.startFrame;
@@ -64,17 +64,8 @@ void fill(uint16_t id, CallDecision &d, ParamDesc *params, bool full) {
                 CZandString::format("Calling function with unknown ID %i", static_cast<int>(id)).c_str());
     }
 }
-} // namespace
-
 void setOpenClInitialisation(void (*initialise)()) {
     g_clInitialisation.store(initialise);
-}
-
-void fillDecision(uint16_t id, CallDecision &d, ParamDesc *params) {
-    fill(id, d, params, true);
-}
-void fillDecision(uint16_t id, CallDecision &d) {
-    fill(id, d, nullptr, false);
 }
 
 CTraceRecordManager &CTraceRecordManager::get() {

@@ -20,10 +20,9 @@
 
 namespace kv {
 
-// Fills the decision for a call (Part of every wrapper): whether to call the host, check its
-// error, record, and record data. The full form lets the profiler veto the call.
-void fillDecision(uint16_t id, CallDecision &d, ParamDesc *params);
-void fillDecision(uint16_t id, CallDecision &d);
+// Fills the decision every wrapper starts from: whether to call the host, check its error,
+// record, and record data. Under the profiler the argument slots are filled so it can veto a call.
+void fillDecision(Settings &settings, uint16_t id, CallDecision &d, ParamDesc *params);
 // What runs once, before the first OpenCL call recorded with its data (the OpenCL family installs
 // the writer of the platform description).
 void setOpenClInitialisation(void (*initialise)());
@@ -104,8 +103,9 @@ struct Entry {
 
     template <class... A>
     static Ret call(A... args) {
-        const int32_t mode = runMode();
-        if (KV_LIKELY(mode == kModeRecording || mode == kModeProfiling)) return wrapped(args...);
+        Settings &settings = fastSettings();
+        const int32_t mode = settings.mode.load(std::memory_order_relaxed);
+        if (KV_LIKELY(mode == kModeRecording || mode == kModeProfiling)) return wrapped(settings, args...);
         if (mode == kModeDisabled) return (Api::host().fn.*F::slot)(args...);
         return Ret();
     }
@@ -124,13 +124,18 @@ private:
     }
 
     template <class... A>
-    KV_NOINLINE static Ret wrapped(A... args) {
+    KV_NOINLINE static Ret wrapped(Settings &settings, A... args) {
         CallCtx c;
         c.id = F::id;
-        uint64_t slots[sizeof...(A) + 1] = {toSlot(args)...};
+        // The arguments as slots are for the profiler only; without one they are not made.
+        uint64_t slots[sizeof...(A) + 1];
         ParamDesc params{slots, static_cast<uint32_t>(sizeof...(A))};
+        if (KV_UNLIKELY(settings.profilingEnabled)) {
+            uint32_t i = 0;
+            ((slots[i++] = toSlot(args)), ...);
+        }
         setCurrentFunction(F::id);
-        fillDecision(F::id, c.d, &params);
+        fillDecision(settings, F::id, c.d, &params);
         if (H::bypass(c, args...)) return (Api::host().fn.*F::slot)(args...);
 
         Api::clearLastError();
