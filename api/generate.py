@@ -871,12 +871,24 @@ def call_args(f, with_ctx, handle=False):
     return ", ".join(lead + names)
 
 
+def exported(funcs, families_wanted, tables):
+    """The functions of these families the library exports: those with a known signature that a
+    host table resolves."""
+    return [f for f in funcs if f.family in families_wanted and f.params is not None and host_table_of(f, tables)]
+
+
+def by_namespace(members):
+    groups = {}
+    for f in members:
+        groups.setdefault(FAMILY_NS[f.family], []).append(f)
+    return groups
+
+
 def emit_entries(funcs, families_wanted, tables, title):
     out = [BANNER, f"// {title}\n", '#include "core/call.h"', '#include "entry/hooks.h"\n']
     out.append("namespace kv::fn {\n")
-    for f in funcs:
-        if f.family not in families_wanted or f.params is None or not host_table_of(f, tables):
-            continue
+    members = exported(funcs, families_wanted, tables)
+    for f in members:
         args = ", ".join(p.declaration() for p in f.params)
         out.append(f"// {f.id} {f.name}: {layout_comment(f)}")
         out.append(f"void {f.name}::write(RecordHandle &h, CallCtx &c{', ' + args if args else ''}) {{")
@@ -889,14 +901,9 @@ def emit_entries(funcs, families_wanted, tables, title):
         out.append("    (void)c;")
         out.append("}\n")
     out.append("} // namespace kv::fn\n")
-    by_ns = {}
-    for f in funcs:
-        if f.family not in families_wanted or f.params is None or not host_table_of(f, tables):
-            continue
-        by_ns.setdefault(FAMILY_NS[f.family], []).append(f)
-    for ns, members in by_ns.items():
+    for ns, group in by_namespace(members).items():
         out.append(f"namespace {ns} {{\n")
-        for f in members:
+        for f in group:
             args = ", ".join(p.declaration() for p in f.params)
             names = ", ".join(p.name for p in f.params)
             api = API_OF_TABLE[host_table_of(f, tables)]
@@ -909,12 +916,7 @@ def emit_entries(funcs, families_wanted, tables, title):
 
 def emit_entry_header(funcs, families_wanted, tables):
     out = [BANNER, "#pragma once\n", '#include "core/api/khronos.h"', '#include "platform/platform.h"\n']
-    by_ns = {}
-    for f in funcs:
-        if f.family not in families_wanted or f.params is None or not host_table_of(f, tables):
-            continue
-        by_ns.setdefault(FAMILY_NS[f.family], []).append(f)
-    for ns, members in by_ns.items():
+    for ns, members in by_namespace(exported(funcs, families_wanted, tables)).items():
         out.append(f"namespace {ns} {{\n")
         for f in members:
             args = ", ".join(p.declaration() for p in f.params)
@@ -924,9 +926,8 @@ def emit_entry_header(funcs, families_wanted, tables):
 
 
 def emit_proc_table(funcs, families_wanted, tables):
-    members = [f for f in funcs if f.family in families_wanted and f.params is not None and host_table_of(f, tables)]
     seen = {}
-    for f in members:
+    for f in exported(funcs, families_wanted, tables):
         seen.setdefault(f.name, f)  # the first family that exports a name wins
     out = [BANNER, '#include "entry/entries_autogen.h"', '#include "entry/proc_table.h"\n', "namespace kv {\n"]
     out.append("// Every function the library exports, by name, sorted for binary search.")
@@ -944,8 +945,8 @@ def emit_front(funcs, families_wanted, tables, title):
     out = [BANNER, f"// {title}: exports the plain API names and forwards them to the library.\n",
            '#include "entry/entries_autogen.h"\n', 'extern "C" {\n']
     done = set()
-    for f in funcs:
-        if f.family not in families_wanted or f.params is None or not host_table_of(f, tables) or f.name in done:
+    for f in exported(funcs, families_wanted, tables):
+        if f.name in done:
             continue
         done.add(f.name)
         args = ", ".join(p.declaration() for p in f.params)
@@ -1028,7 +1029,7 @@ def emit_all_entries(funcs, tables):
            "// arguments, and lists them by function id.\n",
            '#include "tests/host/all_entries.h"\n', '#include "entry/entries_autogen.h"\n', "namespace kvth {\n"]
     for ns, (wanted, title) in fams.items():
-        members = [f for f in funcs if f.family in wanted and f.params is not None and host_table_of(f, tables)]
+        members = exported(funcs, wanted, tables)
         out.append(f"const EntryId k{title}Entries[] = {{")
         for f in members:
             out.append(f'    {{{f.id}, "{f.name}"}},')
