@@ -13,6 +13,8 @@
 // trace go to KV_BENCH_DIR (a temporary directory when unset). bench/run_call_overhead.sh runs the
 // three modes and prints a table.
 #include "entry/entries_autogen.h"
+#include "platform/process.h"
+#include "tests/common/json_text.h"
 #include "tests/host/test_host.h"
 
 #include <benchmark/benchmark.h>
@@ -147,24 +149,6 @@ void drawClientStrided(benchmark::State &state) {
                timeCalls(state, [] { gles::drawArrays(GL_TRIANGLES, 0, kDrawVertices); }));
 }
 
-// The C library keeps referring to the entry: it stays for the life of the process.
-void setEnv(const std::string &name, const std::string &value) {
-    static auto *entries = new std::vector<std::unique_ptr<char[]>>();
-    const std::string text = name + "=" + value;
-    entries->emplace_back(new char[text.size() + 1]);
-    std::memcpy(entries->back().get(), text.c_str(), text.size() + 1);
-    putenv(entries->back().get());
-}
-
-std::string jsonString(const std::string &text) {
-    std::string out = "\"";
-    for (char c : text) {
-        if (c == '"' || c == '\\') out += '\\';
-        out += c;
-    }
-    return out + "\"";
-}
-
 // The directory for the configuration and the trace; `owned` when this process made it up.
 std::string workDirectory(bool &owned) {
     owned = false;
@@ -181,11 +165,12 @@ void configureLibrary(const std::string &dir, bool enabled) {
     const std::string config = dir + "/kalvorenconfig.json";
     std::ofstream(config, std::ios::binary)
         << "{\"*\": {\"Enabled\": " << (enabled ? "true" : "false")
-        << ", \"Host\": {\"EglLibraryPath\": " << jsonString(host)
-        << ", \"Es2LibraryPath\": " << jsonString(host)
-        << "}, \"Tracing\": {\"OutputFilename\": " << jsonString(dir + "/bench.kalvoren") << "}}}\n";
-    setEnv("KALVOREN_CONFIG", config);
-    setEnv("KALVOREN_NO_MESSAGE_BOX", "1");
+        << ", \"Host\": {\"EglLibraryPath\": " << kv::test::jsonQuoted(host)
+        << ", \"Es2LibraryPath\": " << kv::test::jsonQuoted(host)
+        << "}, \"Tracing\": {\"OutputFilename\": " << kv::test::jsonQuoted(dir + "/bench.kalvoren")
+        << "}}}\n";
+    kv::platform::setEnv("KALVOREN_CONFIG", config);
+    kv::platform::setEnv("KALVOREN_NO_MESSAGE_BOX", "1");
 }
 
 // An OpenGL ES 3 context current on a pbuffer, made through the library.

@@ -16,6 +16,8 @@ int runProgram(const std::vector<std::string> &argv, std::string *error);
 
 // Sets a variable of this process's environment (inherited by programs started afterwards).
 bool setEnv(const char *name, const std::string &value);
+// Removes a variable from this process's environment.
+bool unsetEnv(const char *name);
 
 // Creates a new file in the system's temporary directory, named `prefix`, something unique and
 // `suffix`, opened for writing in binary mode. Null when no file could be created.

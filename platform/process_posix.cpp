@@ -78,6 +78,10 @@ bool setEnv(const char *name, const std::string &value) {
     return setenv(name, value.c_str(), 1) == 0;
 }
 
+bool unsetEnv(const char *name) {
+    return unsetenv(name) == 0;
+}
+
 std::FILE *createTemporaryFile(const char *prefix, const char *suffix, std::string *path) {
     const char *dir = std::getenv("TMPDIR");
     std::string pattern = std::string(dir && *dir ? dir : "/tmp") + "/" + prefix + "XXXXXX" + suffix;

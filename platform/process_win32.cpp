@@ -99,6 +99,11 @@ bool setEnv(const char *name, const std::string &value) {
     return _putenv_s(name, value.c_str()) == 0 && ok;
 }
 
+bool unsetEnv(const char *name) {
+    bool ok = SetEnvironmentVariableA(name, nullptr) != 0;
+    return _putenv_s(name, "") == 0 && ok;
+}
+
 std::FILE *createTemporaryFile(const char *prefix, const char *suffix, std::string *path) {
     char dir[MAX_PATH + 1];
     DWORD n = GetTempPathA(sizeof(dir), dir);

@@ -1,5 +1,7 @@
 #include "tests/host/host_test_support.h"
 
+#include "platform/process.h"
+#include "tests/common/json_text.h"
 #include "trace/format.h"
 
 #include <cstdio>
@@ -22,25 +24,6 @@ std::string currentTestName() {
     for (char &c : name)
         if (c == '/' || c == '\\') c = '_';
     return name;
-}
-
-// Environment entries stay referenced by the C library: they are kept for the life of the process
-// (the library reads its variables until it is unloaded).
-void setEnv(const std::string &name, const std::string &value) {
-    static auto *entries = new std::vector<std::unique_ptr<char[]>>();
-    const std::string text = name + "=" + value;
-    entries->emplace_back(new char[text.size() + 1]);
-    std::memcpy(entries->back().get(), text.c_str(), text.size() + 1);
-    putenv(entries->back().get());
-}
-
-std::string jsonString(const std::string &text) {
-    std::string out = "\"";
-    for (char c : text) {
-        if (c == '"' || c == '\\') out += '\\';
-        out += c;
-    }
-    return out + "\"";
 }
 
 void appendLine(const std::string &path, const std::string &line) {
@@ -100,11 +83,11 @@ void useConfig(const LibraryConfig &c) {
     json += std::string("    \"Enabled\": ") + (c.enabled ? "true" : "false") + ",\n";
     json += "    \"Host\": {";
     std::string hosts;
-    if (!c.eglHost.empty()) hosts += "\"EglLibraryPath\": " + jsonString(c.eglHost);
+    if (!c.eglHost.empty()) hosts += "\"EglLibraryPath\": " + kv::test::jsonQuoted(c.eglHost);
     if (!c.es2Host.empty())
-        hosts += (hosts.empty() ? "" : ", ") + ("\"Es2LibraryPath\": " + jsonString(c.es2Host));
+        hosts += (hosts.empty() ? "" : ", ") + ("\"Es2LibraryPath\": " + kv::test::jsonQuoted(c.es2Host));
     json += hosts + "},\n";
-    json += "    \"Tracing\": {\"OutputFilename\": " + jsonString(c.traceFile) +
+    json += "    \"Tracing\": {\"OutputFilename\": " + kv::test::jsonQuoted(c.traceFile) +
             ", \"UseCompression\": " + (c.compression ? "true" : "false") +
             ", \"EndFrame\": " + std::to_string(c.endFrame) + (c.tracing.empty() ? "" : ", " + c.tracing) +
             "}";
@@ -112,8 +95,8 @@ void useConfig(const LibraryConfig &c) {
     json += "\n  }\n}\n";
     std::string path = workPath("kalvorenconfig.json");
     std::ofstream(path, std::ios::binary) << json;
-    setEnv("KALVOREN_CONFIG", path);
-    setEnv("KALVOREN_NO_MESSAGE_BOX", "1");
+    kv::platform::setEnv("KALVOREN_CONFIG", path);
+    kv::platform::setEnv("KALVOREN_NO_MESSAGE_BOX", "1");
 }
 
 std::string testHostPath() {

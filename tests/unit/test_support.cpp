@@ -1,6 +1,7 @@
 #include "tests/unit/test_support.h"
 
 #include "core/settings.h"
+#include "platform/process.h"
 #include "trace/trace_writer.h"
 
 #include <gtest/gtest.h>
@@ -97,13 +98,11 @@ void writeFile(const std::string &path, const std::string &text) {
     out << text;
 }
 
-std::string jsonQuoted(const std::string &text) {
-    std::string out = "\"";
-    for (char c : text) {
-        if (c == '"' || c == '\\') out += '\\';
-        out += c;
-    }
-    return out + "\"";
+void setEnv(const char *name, const char *value) {
+    if (value)
+        platform::setEnv(name, value);
+    else
+        platform::unsetEnv(name);
 }
 
 EnvScope::EnvScope(const char *name, const std::string &value) : name_(name) {

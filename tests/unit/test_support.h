@@ -10,6 +10,7 @@
 #pragma once
 
 #include "core/settings.h"
+#include "tests/common/json_text.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -26,8 +27,6 @@ const std::string &scratchDir();
 std::string scratchPath(const std::string &name);
 std::vector<uint8_t> readFile(const std::string &path);
 void writeFile(const std::string &path, const std::string &text);
-// `text` as a JSON string literal.
-std::string jsonQuoted(const std::string &text);
 
 // Sets (or, with a null value, removes) an environment variable of this process.
 void setEnv(const char *name, const char *value);

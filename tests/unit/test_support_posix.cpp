@@ -13,13 +13,6 @@
 
 namespace kv::test {
 
-void setEnv(const char *name, const char *value) {
-    if (value)
-        ::setenv(name, value, 1);
-    else
-        ::unsetenv(name);
-}
-
 namespace detail {
 
 bool redirectConsole(const std::string &path, int *savedOut, int *savedErr) {

@@ -12,12 +12,6 @@
 
 namespace kv::test {
 
-void setEnv(const char *name, const char *value) {
-    // Both the C runtime's copy and the process environment, which the library reads.
-    ::SetEnvironmentVariableA(name, value);
-    ::_putenv_s(name, value ? value : "");
-}
-
 namespace detail {
 
 bool redirectConsole(const std::string &path, int *savedOut, int *savedErr) {
