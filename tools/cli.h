@@ -28,6 +28,13 @@ int printInfo(const std::string &path, const InfoOptions &options, std::FILE *ou
 // "kalvoren: " and the message on standard error.
 void complain(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
+// The value of the option args[i]: the next argument, taken (i moves onto it). Null, with "<option>
+// needs <what>" said, when the option is the last argument.
+const std::string *optionValue(const std::vector<std::string> &args, size_t &i, const char *what);
+// Takes `a` as the one trace path of `command`; says what is wrong and returns false when `a` is an
+// unknown option or a second path ("-" is a path).
+bool takeTracePath(const char *command, const std::string &a, std::string &path);
+
 // A decimal number that fits 64 bits.
 bool parseNumber(const std::string &text, uint64_t &value);
 // "A-B", "A-" (to the end) or "A" (just A).

@@ -301,13 +301,6 @@ bool wanted(const reader::Entry &e, const DumpOptions &o) {
 int parse(const std::vector<std::string> &args, DumpOptions &o, std::string &path) {
     for (size_t i = 0; i < args.size(); ++i) {
         const std::string &a = args[i];
-        auto value = [&](const char *what) -> const std::string * {
-            if (i + 1 >= args.size()) {
-                complain("%s needs %s", a.c_str(), what);
-                return nullptr;
-            }
-            return &args[++i];
-        };
         if (a == "--help" || a == "-h") {
             std::fputs(kHelp, stdout);
             return -1;
@@ -316,14 +309,14 @@ int parse(const std::vector<std::string> &args, DumpOptions &o, std::string &pat
         } else if (a == "--blocks") {
             o.format.fullBlocks = true;
         } else if (a == "--calls") {
-            const std::string *v = value("a range of records, like 10-20");
+            const std::string *v = optionValue(args, i, "a range of records, like 10-20");
             if (!v) return kExitUsage;
             if (!parseRange(*v, o.first, o.last)) {
                 complain("--calls: '%s' is not a range of records like 10-20", v->c_str());
                 return kExitUsage;
             }
         } else if (a == "--thread") {
-            const std::string *v = value("a thread id");
+            const std::string *v = optionValue(args, i, "a thread id");
             if (!v) return kExitUsage;
             if (!parseNumber(*v, o.thread)) {
                 complain("--thread: '%s' is not a thread id", v->c_str());
@@ -331,7 +324,7 @@ int parse(const std::vector<std::string> &args, DumpOptions &o, std::string &pat
             }
             o.byThread = true;
         } else if (a == "--function") {
-            const std::string *v = value("a function name");
+            const std::string *v = optionValue(args, i, "a function name");
             if (!v) return kExitUsage;
             size_t start = 0;
             while (start <= v->size()) {
@@ -340,13 +333,7 @@ int parse(const std::vector<std::string> &args, DumpOptions &o, std::string &pat
                 if (comma > start) o.functions.insert(v->substr(start, comma - start));
                 start = comma + 1;
             }
-        } else if (!a.empty() && a[0] == '-' && a != "-") {
-            complain("dump: unknown option '%s'", a.c_str());
-            return kExitUsage;
-        } else if (path.empty()) {
-            path = a;
-        } else {
-            complain("dump: one trace at a time");
+        } else if (!takeTracePath("dump", a, path)) {
             return kExitUsage;
         }
     }

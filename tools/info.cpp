@@ -238,13 +238,7 @@ int infoCommand(const std::vector<std::string> &args) {
             }
             options.top = static_cast<size_t>(n);
             ++i;
-        } else if (!a.empty() && a[0] == '-' && a != "-") {
-            complain("info: unknown option '%s'", a.c_str());
-            return kExitUsage;
-        } else if (path.empty()) {
-            path = a;
-        } else {
-            complain("info: one trace at a time");
+        } else if (!takeTracePath("info", a, path)) {
             return kExitUsage;
         }
     }

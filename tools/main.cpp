@@ -22,6 +22,27 @@ void complain(const char *format, ...) {
     va_end(args);
 }
 
+const std::string *optionValue(const std::vector<std::string> &args, size_t &i, const char *what) {
+    if (i + 1 >= args.size()) {
+        complain("%s needs %s", args[i].c_str(), what);
+        return nullptr;
+    }
+    return &args[++i];
+}
+
+bool takeTracePath(const char *command, const std::string &a, std::string &path) {
+    if (!a.empty() && a[0] == '-' && a != "-") {
+        complain("%s: unknown option '%s'", command, a.c_str());
+        return false;
+    }
+    if (!path.empty()) {
+        complain("%s: one trace at a time", command);
+        return false;
+    }
+    path = a;
+    return true;
+}
+
 bool parseNumber(const std::string &text, uint64_t &value) {
     if (text.empty() || text.size() > 20) return false;
     uint64_t v = 0;

@@ -60,13 +60,6 @@ int parse(const std::vector<std::string> &args, RecordOptions &o) {
     size_t i = 0;
     for (; i < args.size(); ++i) {
         const std::string &a = args[i];
-        auto value = [&](const char *what) -> const std::string * {
-            if (i + 1 >= args.size()) {
-                complain("%s needs %s", a.c_str(), what);
-                return nullptr;
-            }
-            return &args[++i];
-        };
         if (a == "--") {
             ++i;
             break;
@@ -74,11 +67,11 @@ int parse(const std::vector<std::string> &args, RecordOptions &o) {
             std::fputs(kHelp, stdout);
             return -1;
         } else if (a == "-o" || a == "--output") {
-            const std::string *v = value("a file name");
+            const std::string *v = optionValue(args, i, "a file name");
             if (!v) return kExitUsage;
             o.output = *v;
         } else if (a == "--frames") {
-            const std::string *v = value("a range of frames, like 10-20");
+            const std::string *v = optionValue(args, i, "a range of frames, like 10-20");
             if (!v) return kExitUsage;
             if (!parseRange(*v, o.startFrame, o.endFrame) || o.startFrame > UINT32_MAX) {
                 complain("--frames: '%s' is not a range of frames like 10-20", v->c_str());
@@ -91,7 +84,7 @@ int parse(const std::vector<std::string> &args, RecordOptions &o) {
         } else if (a == "--save-frames") {
             o.saveFrames = true;
         } else if (a == "--config") {
-            const std::string *v = value("a configuration file");
+            const std::string *v = optionValue(args, i, "a configuration file");
             if (!v) return kExitUsage;
             o.config = *v;
         } else if (a == "--no-info") {
