@@ -999,7 +999,7 @@ def emit_test_host(tables):
                 if len(f.params) > TEST_HOST_MAX_ARGS:
                     fail(f"{f.name}: more than {TEST_HOST_MAX_ARGS} parameters for the test host")
                 args = ", ".join(p.declaration() for p in f.params)
-                slots = ", ".join(f"kvth::slot({p.name})" for p in f.params)
+                slots = ", ".join(f"kvth::toSlot({p.name})" for p in f.params)
                 ret = "void" if f.ret in ("void", "GLvoid") else f.ret
                 fallback = f", {TEST_HOST_DEFAULTS[ret]}" if ret in TEST_HOST_DEFAULTS else ""
                 out.append(f"KV_EXPORT {f.ret} KV_APIENTRY {f.name}({args}) {{")

@@ -13,6 +13,7 @@
 #include "core/call_types.h"
 #include "core/manager.h"
 #include "core/settings.h"
+#include "core/slots.h"
 #include "host/hosts.h"
 #include "trace/trace_writer.h"
 
@@ -81,19 +82,6 @@ struct HookDefaults {
 
 template <class F>
 struct Hooks : HookDefaults {};
-
-template <class T>
-KV_ALWAYS_INLINE uint64_t toSlot(T v) {
-    if constexpr (std::is_pointer_v<T>) {
-        return static_cast<uint64_t>(reinterpret_cast<uintptr_t>(v));
-    } else if constexpr (std::is_floating_point_v<T>) {
-        uint64_t bits = 0;
-        std::memcpy(&bits, &v, sizeof(v));
-        return bits;
-    } else {
-        return static_cast<uint64_t>(v);
-    }
-}
 
 template <class Api, class F>
 struct Entry {

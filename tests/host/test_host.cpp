@@ -148,21 +148,21 @@ bool eglGetErrorBehaviour(const uint64_t *, uint32_t, uint64_t &result) {
 
 bool eglGetProcAddressBehaviour(const uint64_t *args, uint32_t, uint64_t &result) {
     const Function *f = findFunction(pointerArg<const char>(args[0]));
-    result = f ? slot(f->address) : 0;
+    result = f ? toSlot(f->address) : 0;
     return true;
 }
 
 bool eglQueryStringBehaviour(const uint64_t *args, uint32_t, uint64_t &result) {
     const char *text = kvth_egl_string(static_cast<EGLint>(args[1]));
     if (!text) raiseError(kEgl, EGL_BAD_PARAMETER);
-    result = slot(text);
+    result = toSlot(text);
     return true;
 }
 
 bool glGetStringBehaviour(const uint64_t *args, uint32_t, uint64_t &result) {
     const char *text = kvth_gl_string(static_cast<GLenum>(args[0]));
     if (!text) raiseError(kGles, GL_INVALID_ENUM);
-    result = slot(text);
+    result = toSlot(text);
     return true;
 }
 
@@ -175,7 +175,7 @@ bool glGetStringiBehaviour(const uint64_t *args, uint32_t, uint64_t &result) {
         raiseError(kGles, GL_INVALID_VALUE);
         result = 0;
     } else {
-        result = slot(kGlExtensions[static_cast<GLuint>(args[1])]);
+        result = toSlot(kGlExtensions[static_cast<GLuint>(args[1])]);
     }
     return true;
 }

@@ -43,34 +43,34 @@ extern "C" {
 // SEglHost core
 #if !KVTH_OMIT_EGL_CORE
 KV_EXPORT EGLBoolean KV_APIENTRY eglChooseConfig(EGLDisplay dpy, const EGLint *attrib_list, EGLConfig *configs, EGLint config_size, EGLint *num_config) {
-    return kvth::call<EGLBoolean>(1001, {kvth::slot(dpy), kvth::slot(attrib_list), kvth::slot(configs), kvth::slot(config_size), kvth::slot(num_config)}, EGL_TRUE);
+    return kvth::call<EGLBoolean>(1001, {kvth::toSlot(dpy), kvth::toSlot(attrib_list), kvth::toSlot(configs), kvth::toSlot(config_size), kvth::toSlot(num_config)}, EGL_TRUE);
 }
 KV_EXPORT EGLBoolean KV_APIENTRY eglCopyBuffers(EGLDisplay dpy, EGLSurface surface, EGLNativePixmapType target) {
-    return kvth::call<EGLBoolean>(1002, {kvth::slot(dpy), kvth::slot(surface), kvth::slot(target)}, EGL_TRUE);
+    return kvth::call<EGLBoolean>(1002, {kvth::toSlot(dpy), kvth::toSlot(surface), kvth::toSlot(target)}, EGL_TRUE);
 }
 KV_EXPORT EGLContext KV_APIENTRY eglCreateContext(EGLDisplay dpy, EGLConfig config, EGLContext share_context, const EGLint *attrib_list) {
-    return kvth::call<EGLContext>(1003, {kvth::slot(dpy), kvth::slot(config), kvth::slot(share_context), kvth::slot(attrib_list)});
+    return kvth::call<EGLContext>(1003, {kvth::toSlot(dpy), kvth::toSlot(config), kvth::toSlot(share_context), kvth::toSlot(attrib_list)});
 }
 KV_EXPORT EGLSurface KV_APIENTRY eglCreatePbufferSurface(EGLDisplay dpy, EGLConfig config, const EGLint *attrib_list) {
-    return kvth::call<EGLSurface>(1004, {kvth::slot(dpy), kvth::slot(config), kvth::slot(attrib_list)});
+    return kvth::call<EGLSurface>(1004, {kvth::toSlot(dpy), kvth::toSlot(config), kvth::toSlot(attrib_list)});
 }
 KV_EXPORT EGLSurface KV_APIENTRY eglCreatePixmapSurface(EGLDisplay dpy, EGLConfig config, EGLNativePixmapType pixmap, const EGLint *attrib_list) {
-    return kvth::call<EGLSurface>(1005, {kvth::slot(dpy), kvth::slot(config), kvth::slot(pixmap), kvth::slot(attrib_list)});
+    return kvth::call<EGLSurface>(1005, {kvth::toSlot(dpy), kvth::toSlot(config), kvth::toSlot(pixmap), kvth::toSlot(attrib_list)});
 }
 KV_EXPORT EGLSurface KV_APIENTRY eglCreateWindowSurface(EGLDisplay dpy, EGLConfig config, EGLNativeWindowType win, const EGLint *attrib_list) {
-    return kvth::call<EGLSurface>(1006, {kvth::slot(dpy), kvth::slot(config), kvth::slot(win), kvth::slot(attrib_list)});
+    return kvth::call<EGLSurface>(1006, {kvth::toSlot(dpy), kvth::toSlot(config), kvth::toSlot(win), kvth::toSlot(attrib_list)});
 }
 KV_EXPORT EGLBoolean KV_APIENTRY eglDestroyContext(EGLDisplay dpy, EGLContext ctx) {
-    return kvth::call<EGLBoolean>(1007, {kvth::slot(dpy), kvth::slot(ctx)}, EGL_TRUE);
+    return kvth::call<EGLBoolean>(1007, {kvth::toSlot(dpy), kvth::toSlot(ctx)}, EGL_TRUE);
 }
 KV_EXPORT EGLBoolean KV_APIENTRY eglDestroySurface(EGLDisplay dpy, EGLSurface surface) {
-    return kvth::call<EGLBoolean>(1008, {kvth::slot(dpy), kvth::slot(surface)}, EGL_TRUE);
+    return kvth::call<EGLBoolean>(1008, {kvth::toSlot(dpy), kvth::toSlot(surface)}, EGL_TRUE);
 }
 KV_EXPORT EGLBoolean KV_APIENTRY eglGetConfigAttrib(EGLDisplay dpy, EGLConfig config, EGLint attribute, EGLint *value) {
-    return kvth::call<EGLBoolean>(1009, {kvth::slot(dpy), kvth::slot(config), kvth::slot(attribute), kvth::slot(value)}, EGL_TRUE);
+    return kvth::call<EGLBoolean>(1009, {kvth::toSlot(dpy), kvth::toSlot(config), kvth::toSlot(attribute), kvth::toSlot(value)}, EGL_TRUE);
 }
 KV_EXPORT EGLBoolean KV_APIENTRY eglGetConfigs(EGLDisplay dpy, EGLConfig *configs, EGLint config_size, EGLint *num_config) {
-    return kvth::call<EGLBoolean>(1010, {kvth::slot(dpy), kvth::slot(configs), kvth::slot(config_size), kvth::slot(num_config)}, EGL_TRUE);
+    return kvth::call<EGLBoolean>(1010, {kvth::toSlot(dpy), kvth::toSlot(configs), kvth::toSlot(config_size), kvth::toSlot(num_config)}, EGL_TRUE);
 }
 KV_EXPORT EGLContext KV_APIENTRY eglGetCurrentContext() {
     return kvth::call<EGLContext>(1011, {});
@@ -79,92 +79,92 @@ KV_EXPORT EGLDisplay KV_APIENTRY eglGetCurrentDisplay() {
     return kvth::call<EGLDisplay>(1012, {});
 }
 KV_EXPORT EGLSurface KV_APIENTRY eglGetCurrentSurface(EGLint readdraw) {
-    return kvth::call<EGLSurface>(1013, {kvth::slot(readdraw)});
+    return kvth::call<EGLSurface>(1013, {kvth::toSlot(readdraw)});
 }
 KV_EXPORT EGLDisplay KV_APIENTRY eglGetDisplay(EGLNativeDisplayType display_id) {
-    return kvth::call<EGLDisplay>(1014, {kvth::slot(display_id)});
+    return kvth::call<EGLDisplay>(1014, {kvth::toSlot(display_id)});
 }
 KV_EXPORT EGLint KV_APIENTRY eglGetError() {
     return kvth::call<EGLint>(1015, {});
 }
 KV_EXPORT __eglMustCastToProperFunctionPointerType KV_APIENTRY eglGetProcAddress(const char *procname) {
-    return kvth::call<__eglMustCastToProperFunctionPointerType>(1016, {kvth::slot(procname)});
+    return kvth::call<__eglMustCastToProperFunctionPointerType>(1016, {kvth::toSlot(procname)});
 }
 KV_EXPORT EGLBoolean KV_APIENTRY eglInitialize(EGLDisplay dpy, EGLint *major, EGLint *minor) {
-    return kvth::call<EGLBoolean>(1017, {kvth::slot(dpy), kvth::slot(major), kvth::slot(minor)}, EGL_TRUE);
+    return kvth::call<EGLBoolean>(1017, {kvth::toSlot(dpy), kvth::toSlot(major), kvth::toSlot(minor)}, EGL_TRUE);
 }
 KV_EXPORT EGLBoolean KV_APIENTRY eglMakeCurrent(EGLDisplay dpy, EGLSurface draw, EGLSurface read, EGLContext ctx) {
-    return kvth::call<EGLBoolean>(1018, {kvth::slot(dpy), kvth::slot(draw), kvth::slot(read), kvth::slot(ctx)}, EGL_TRUE);
+    return kvth::call<EGLBoolean>(1018, {kvth::toSlot(dpy), kvth::toSlot(draw), kvth::toSlot(read), kvth::toSlot(ctx)}, EGL_TRUE);
 }
 KV_EXPORT EGLBoolean KV_APIENTRY eglQueryContext(EGLDisplay dpy, EGLContext ctx, EGLint attribute, EGLint *value) {
-    return kvth::call<EGLBoolean>(1019, {kvth::slot(dpy), kvth::slot(ctx), kvth::slot(attribute), kvth::slot(value)}, EGL_TRUE);
+    return kvth::call<EGLBoolean>(1019, {kvth::toSlot(dpy), kvth::toSlot(ctx), kvth::toSlot(attribute), kvth::toSlot(value)}, EGL_TRUE);
 }
 KV_EXPORT const char * KV_APIENTRY eglQueryString(EGLDisplay dpy, EGLint name) {
-    return kvth::call<const char *>(1020, {kvth::slot(dpy), kvth::slot(name)});
+    return kvth::call<const char *>(1020, {kvth::toSlot(dpy), kvth::toSlot(name)});
 }
 KV_EXPORT EGLBoolean KV_APIENTRY eglQuerySurface(EGLDisplay dpy, EGLSurface surface, EGLint attribute, EGLint *value) {
-    return kvth::call<EGLBoolean>(1021, {kvth::slot(dpy), kvth::slot(surface), kvth::slot(attribute), kvth::slot(value)}, EGL_TRUE);
+    return kvth::call<EGLBoolean>(1021, {kvth::toSlot(dpy), kvth::toSlot(surface), kvth::toSlot(attribute), kvth::toSlot(value)}, EGL_TRUE);
 }
 KV_EXPORT EGLBoolean KV_APIENTRY eglSwapBuffers(EGLDisplay dpy, EGLSurface surface) {
-    return kvth::call<EGLBoolean>(1022, {kvth::slot(dpy), kvth::slot(surface)}, EGL_TRUE);
+    return kvth::call<EGLBoolean>(1022, {kvth::toSlot(dpy), kvth::toSlot(surface)}, EGL_TRUE);
 }
 KV_EXPORT EGLBoolean KV_APIENTRY eglTerminate(EGLDisplay dpy) {
-    return kvth::call<EGLBoolean>(1023, {kvth::slot(dpy)}, EGL_TRUE);
+    return kvth::call<EGLBoolean>(1023, {kvth::toSlot(dpy)}, EGL_TRUE);
 }
 KV_EXPORT EGLBoolean KV_APIENTRY eglWaitGL() {
     return kvth::call<EGLBoolean>(1024, {}, EGL_TRUE);
 }
 KV_EXPORT EGLBoolean KV_APIENTRY eglWaitNative(EGLint engine) {
-    return kvth::call<EGLBoolean>(1025, {kvth::slot(engine)}, EGL_TRUE);
+    return kvth::call<EGLBoolean>(1025, {kvth::toSlot(engine)}, EGL_TRUE);
 }
 #endif
 
 // SEglHost extensions
 #if !KVTH_OMIT_EGL_EXTENSIONS
 KV_EXPORT EGLBoolean KV_APIENTRY eglSetSwapRectangleANDROID(EGLDisplay dpy, EGLSurface draw, EGLint left, EGLint top, EGLint width, EGLint height) {
-    return kvth::call<EGLBoolean>(1100, {kvth::slot(dpy), kvth::slot(draw), kvth::slot(left), kvth::slot(top), kvth::slot(width), kvth::slot(height)}, EGL_TRUE);
+    return kvth::call<EGLBoolean>(1100, {kvth::toSlot(dpy), kvth::toSlot(draw), kvth::toSlot(left), kvth::toSlot(top), kvth::toSlot(width), kvth::toSlot(height)}, EGL_TRUE);
 }
 KV_EXPORT EGLClientBuffer KV_APIENTRY eglGetRenderBufferANDROID(EGLDisplay dpy, EGLSurface draw) {
-    return kvth::call<EGLClientBuffer>(1101, {kvth::slot(dpy), kvth::slot(draw)});
+    return kvth::call<EGLClientBuffer>(1101, {kvth::toSlot(dpy), kvth::toSlot(draw)});
 }
 KV_EXPORT EGLBoolean KV_APIENTRY eglLockSurfaceKHR(EGLDisplay dpy, EGLSurface surface, const EGLint *attrib_list) {
-    return kvth::call<EGLBoolean>(1102, {kvth::slot(dpy), kvth::slot(surface), kvth::slot(attrib_list)}, EGL_TRUE);
+    return kvth::call<EGLBoolean>(1102, {kvth::toSlot(dpy), kvth::toSlot(surface), kvth::toSlot(attrib_list)}, EGL_TRUE);
 }
 KV_EXPORT EGLBoolean KV_APIENTRY eglUnlockSurfaceKHR(EGLDisplay dpy, EGLSurface surface) {
-    return kvth::call<EGLBoolean>(1103, {kvth::slot(dpy), kvth::slot(surface)}, EGL_TRUE);
+    return kvth::call<EGLBoolean>(1103, {kvth::toSlot(dpy), kvth::toSlot(surface)}, EGL_TRUE);
 }
 KV_EXPORT EGLImageKHR KV_APIENTRY eglCreateImageKHR(EGLDisplay dpy, EGLContext ctx, EGLenum target, EGLClientBuffer buffer, const EGLint *attrib_list) {
-    return kvth::call<EGLImageKHR>(1104, {kvth::slot(dpy), kvth::slot(ctx), kvth::slot(target), kvth::slot(buffer), kvth::slot(attrib_list)});
+    return kvth::call<EGLImageKHR>(1104, {kvth::toSlot(dpy), kvth::toSlot(ctx), kvth::toSlot(target), kvth::toSlot(buffer), kvth::toSlot(attrib_list)});
 }
 KV_EXPORT EGLBoolean KV_APIENTRY eglDestroyImageKHR(EGLDisplay dpy, EGLImageKHR image) {
-    return kvth::call<EGLBoolean>(1105, {kvth::slot(dpy), kvth::slot(image)}, EGL_TRUE);
+    return kvth::call<EGLBoolean>(1105, {kvth::toSlot(dpy), kvth::toSlot(image)}, EGL_TRUE);
 }
 KV_EXPORT EGLSyncKHR KV_APIENTRY eglCreateSyncKHR(EGLDisplay dpy, EGLenum type, const EGLint *attrib_list) {
-    return kvth::call<EGLSyncKHR>(1106, {kvth::slot(dpy), kvth::slot(type), kvth::slot(attrib_list)});
+    return kvth::call<EGLSyncKHR>(1106, {kvth::toSlot(dpy), kvth::toSlot(type), kvth::toSlot(attrib_list)});
 }
 KV_EXPORT EGLBoolean KV_APIENTRY eglDestroySyncKHR(EGLDisplay dpy, EGLSyncKHR sync) {
-    return kvth::call<EGLBoolean>(1107, {kvth::slot(dpy), kvth::slot(sync)}, EGL_TRUE);
+    return kvth::call<EGLBoolean>(1107, {kvth::toSlot(dpy), kvth::toSlot(sync)}, EGL_TRUE);
 }
 KV_EXPORT EGLint KV_APIENTRY eglClientWaitSyncKHR(EGLDisplay dpy, EGLSyncKHR sync, EGLint flags, EGLTimeKHR timeout) {
-    return kvth::call<EGLint>(1108, {kvth::slot(dpy), kvth::slot(sync), kvth::slot(flags), kvth::slot(timeout)});
+    return kvth::call<EGLint>(1108, {kvth::toSlot(dpy), kvth::toSlot(sync), kvth::toSlot(flags), kvth::toSlot(timeout)});
 }
 KV_EXPORT EGLBoolean KV_APIENTRY eglSignalSyncKHR(EGLDisplay dpy, EGLSyncKHR sync, EGLenum mode) {
-    return kvth::call<EGLBoolean>(1109, {kvth::slot(dpy), kvth::slot(sync), kvth::slot(mode)}, EGL_TRUE);
+    return kvth::call<EGLBoolean>(1109, {kvth::toSlot(dpy), kvth::toSlot(sync), kvth::toSlot(mode)}, EGL_TRUE);
 }
 KV_EXPORT EGLBoolean KV_APIENTRY eglGetSyncAttribKHR(EGLDisplay dpy, EGLSyncKHR sync, EGLint attribute, EGLint *value) {
-    return kvth::call<EGLBoolean>(1110, {kvth::slot(dpy), kvth::slot(sync), kvth::slot(attribute), kvth::slot(value)}, EGL_TRUE);
+    return kvth::call<EGLBoolean>(1110, {kvth::toSlot(dpy), kvth::toSlot(sync), kvth::toSlot(attribute), kvth::toSlot(value)}, EGL_TRUE);
 }
 KV_EXPORT void KV_APIENTRY eglSetBlobCacheFuncsANDROID(EGLDisplay dpy, EGLSetBlobFuncANDROID set, EGLGetBlobFuncANDROID get) {
-    return kvth::call<void>(1111, {kvth::slot(dpy), kvth::slot(set), kvth::slot(get)});
+    return kvth::call<void>(1111, {kvth::toSlot(dpy), kvth::toSlot(set), kvth::toSlot(get)});
 }
 KV_EXPORT EGLint KV_APIENTRY eglDupNativeFenceFDANDROID(EGLDisplay dpy, EGLSyncKHR sync) {
-    return kvth::call<EGLint>(1114, {kvth::slot(dpy), kvth::slot(sync)});
+    return kvth::call<EGLint>(1114, {kvth::toSlot(dpy), kvth::toSlot(sync)});
 }
 KV_EXPORT EGLint KV_APIENTRY eglWaitSyncANDROID(EGLDisplay dpy, EGLSyncKHR sync, EGLint flags) {
-    return kvth::call<EGLint>(1115, {kvth::slot(dpy), kvth::slot(sync), kvth::slot(flags)});
+    return kvth::call<EGLint>(1115, {kvth::toSlot(dpy), kvth::toSlot(sync), kvth::toSlot(flags)});
 }
 KV_EXPORT EGLint KV_APIENTRY eglWaitSyncKHR(EGLDisplay dpy, EGLSyncKHR sync, EGLint flags) {
-    return kvth::call<EGLint>(1116, {kvth::slot(dpy), kvth::slot(sync), kvth::slot(flags)});
+    return kvth::call<EGLint>(1116, {kvth::toSlot(dpy), kvth::toSlot(sync), kvth::toSlot(flags)});
 }
 KV_EXPORT EGLBoolean KV_APIENTRY eglHibernateProcessZUL() {
     return kvth::call<EGLBoolean>(1117, {}, EGL_TRUE);
@@ -173,45 +173,45 @@ KV_EXPORT EGLBoolean KV_APIENTRY eglAwakenProcessZUL() {
     return kvth::call<EGLBoolean>(1118, {}, EGL_TRUE);
 }
 KV_EXPORT EGLBoolean KV_APIENTRY eglSwapBuffersWithDamageEXT(EGLDisplay dpy, EGLSurface surface, const EGLint *rects, EGLint n_rects) {
-    return kvth::call<EGLBoolean>(1119, {kvth::slot(dpy), kvth::slot(surface), kvth::slot(rects), kvth::slot(n_rects)}, EGL_TRUE);
+    return kvth::call<EGLBoolean>(1119, {kvth::toSlot(dpy), kvth::toSlot(surface), kvth::toSlot(rects), kvth::toSlot(n_rects)}, EGL_TRUE);
 }
 KV_EXPORT EGLDisplay KV_APIENTRY eglGetPlatformDisplayEXT(EGLenum platform, void *native_display, const EGLint *attrib_list) {
-    return kvth::call<EGLDisplay>(1121, {kvth::slot(platform), kvth::slot(native_display), kvth::slot(attrib_list)});
+    return kvth::call<EGLDisplay>(1121, {kvth::toSlot(platform), kvth::toSlot(native_display), kvth::toSlot(attrib_list)});
 }
 KV_EXPORT EGLSurface KV_APIENTRY eglCreatePlatformWindowSurfaceEXT(EGLDisplay dpy, EGLConfig config, void *native_window, const EGLint *attrib_list) {
-    return kvth::call<EGLSurface>(1122, {kvth::slot(dpy), kvth::slot(config), kvth::slot(native_window), kvth::slot(attrib_list)});
+    return kvth::call<EGLSurface>(1122, {kvth::toSlot(dpy), kvth::toSlot(config), kvth::toSlot(native_window), kvth::toSlot(attrib_list)});
 }
 KV_EXPORT EGLSurface KV_APIENTRY eglCreatePlatformPixmapSurfaceEXT(EGLDisplay dpy, EGLConfig config, void *native_pixmap, const EGLint *attrib_list) {
-    return kvth::call<EGLSurface>(1123, {kvth::slot(dpy), kvth::slot(config), kvth::slot(native_pixmap), kvth::slot(attrib_list)});
+    return kvth::call<EGLSurface>(1123, {kvth::toSlot(dpy), kvth::toSlot(config), kvth::toSlot(native_pixmap), kvth::toSlot(attrib_list)});
 }
 KV_EXPORT EGLBoolean KV_APIENTRY eglSetDamageRegionKHR(EGLDisplay dpy, EGLSurface surface, EGLint *rects, EGLint n_rects) {
-    return kvth::call<EGLBoolean>(1124, {kvth::slot(dpy), kvth::slot(surface), kvth::slot(rects), kvth::slot(n_rects)}, EGL_TRUE);
+    return kvth::call<EGLBoolean>(1124, {kvth::toSlot(dpy), kvth::toSlot(surface), kvth::toSlot(rects), kvth::toSlot(n_rects)}, EGL_TRUE);
 }
 #endif
 
 // SEglHost egl11
 #if !KVTH_OMIT_EGL11
 KV_EXPORT EGLBoolean KV_APIENTRY eglBindTexImage(EGLDisplay dpy, EGLSurface surface, EGLint buffer) {
-    return kvth::call<EGLBoolean>(1026, {kvth::slot(dpy), kvth::slot(surface), kvth::slot(buffer)}, EGL_TRUE);
+    return kvth::call<EGLBoolean>(1026, {kvth::toSlot(dpy), kvth::toSlot(surface), kvth::toSlot(buffer)}, EGL_TRUE);
 }
 KV_EXPORT EGLBoolean KV_APIENTRY eglReleaseTexImage(EGLDisplay dpy, EGLSurface surface, EGLint buffer) {
-    return kvth::call<EGLBoolean>(1027, {kvth::slot(dpy), kvth::slot(surface), kvth::slot(buffer)}, EGL_TRUE);
+    return kvth::call<EGLBoolean>(1027, {kvth::toSlot(dpy), kvth::toSlot(surface), kvth::toSlot(buffer)}, EGL_TRUE);
 }
 KV_EXPORT EGLBoolean KV_APIENTRY eglSurfaceAttrib(EGLDisplay dpy, EGLSurface surface, EGLint attribute, EGLint value) {
-    return kvth::call<EGLBoolean>(1028, {kvth::slot(dpy), kvth::slot(surface), kvth::slot(attribute), kvth::slot(value)}, EGL_TRUE);
+    return kvth::call<EGLBoolean>(1028, {kvth::toSlot(dpy), kvth::toSlot(surface), kvth::toSlot(attribute), kvth::toSlot(value)}, EGL_TRUE);
 }
 KV_EXPORT EGLBoolean KV_APIENTRY eglSwapInterval(EGLDisplay dpy, EGLint interval) {
-    return kvth::call<EGLBoolean>(1029, {kvth::slot(dpy), kvth::slot(interval)}, EGL_TRUE);
+    return kvth::call<EGLBoolean>(1029, {kvth::toSlot(dpy), kvth::toSlot(interval)}, EGL_TRUE);
 }
 #endif
 
 // SEglHost egl12
 #if !KVTH_OMIT_EGL12
 KV_EXPORT EGLBoolean KV_APIENTRY eglBindAPI(EGLenum api) {
-    return kvth::call<EGLBoolean>(1030, {kvth::slot(api)}, EGL_TRUE);
+    return kvth::call<EGLBoolean>(1030, {kvth::toSlot(api)}, EGL_TRUE);
 }
 KV_EXPORT EGLSurface KV_APIENTRY eglCreatePbufferFromClientBuffer(EGLDisplay dpy, EGLenum buftype, EGLClientBuffer buffer, EGLConfig config, const EGLint *attrib_list) {
-    return kvth::call<EGLSurface>(1031, {kvth::slot(dpy), kvth::slot(buftype), kvth::slot(buffer), kvth::slot(config), kvth::slot(attrib_list)});
+    return kvth::call<EGLSurface>(1031, {kvth::toSlot(dpy), kvth::toSlot(buftype), kvth::toSlot(buffer), kvth::toSlot(config), kvth::toSlot(attrib_list)});
 }
 KV_EXPORT EGLenum KV_APIENTRY eglQueryAPI() {
     return kvth::call<EGLenum>(1032, {});
@@ -227,170 +227,170 @@ KV_EXPORT EGLBoolean KV_APIENTRY eglWaitClient() {
 // SEglHost egl15
 #if !KVTH_OMIT_EGL15
 KV_EXPORT EGLSync KV_APIENTRY eglCreateSync(EGLDisplay dpy, EGLenum type, const EGLAttrib *attrib_list) {
-    return kvth::call<EGLSync>(1035, {kvth::slot(dpy), kvth::slot(type), kvth::slot(attrib_list)});
+    return kvth::call<EGLSync>(1035, {kvth::toSlot(dpy), kvth::toSlot(type), kvth::toSlot(attrib_list)});
 }
 KV_EXPORT EGLBoolean KV_APIENTRY eglDestroySync(EGLDisplay dpy, EGLSync sync) {
-    return kvth::call<EGLBoolean>(1036, {kvth::slot(dpy), kvth::slot(sync)}, EGL_TRUE);
+    return kvth::call<EGLBoolean>(1036, {kvth::toSlot(dpy), kvth::toSlot(sync)}, EGL_TRUE);
 }
 KV_EXPORT EGLint KV_APIENTRY eglClientWaitSync(EGLDisplay dpy, EGLSync sync, EGLint flags, EGLTime timeout) {
-    return kvth::call<EGLint>(1037, {kvth::slot(dpy), kvth::slot(sync), kvth::slot(flags), kvth::slot(timeout)});
+    return kvth::call<EGLint>(1037, {kvth::toSlot(dpy), kvth::toSlot(sync), kvth::toSlot(flags), kvth::toSlot(timeout)});
 }
 KV_EXPORT EGLBoolean KV_APIENTRY eglGetSyncAttrib(EGLDisplay dpy, EGLSync sync, EGLint attribute, EGLAttrib *value) {
-    return kvth::call<EGLBoolean>(1038, {kvth::slot(dpy), kvth::slot(sync), kvth::slot(attribute), kvth::slot(value)}, EGL_TRUE);
+    return kvth::call<EGLBoolean>(1038, {kvth::toSlot(dpy), kvth::toSlot(sync), kvth::toSlot(attribute), kvth::toSlot(value)}, EGL_TRUE);
 }
 KV_EXPORT EGLImage KV_APIENTRY eglCreateImage(EGLDisplay dpy, EGLContext ctx, EGLenum target, EGLClientBuffer buffer, const EGLAttrib *attrib_list) {
-    return kvth::call<EGLImage>(1039, {kvth::slot(dpy), kvth::slot(ctx), kvth::slot(target), kvth::slot(buffer), kvth::slot(attrib_list)});
+    return kvth::call<EGLImage>(1039, {kvth::toSlot(dpy), kvth::toSlot(ctx), kvth::toSlot(target), kvth::toSlot(buffer), kvth::toSlot(attrib_list)});
 }
 KV_EXPORT EGLBoolean KV_APIENTRY eglDestroyImage(EGLDisplay dpy, EGLImage image) {
-    return kvth::call<EGLBoolean>(1040, {kvth::slot(dpy), kvth::slot(image)}, EGL_TRUE);
+    return kvth::call<EGLBoolean>(1040, {kvth::toSlot(dpy), kvth::toSlot(image)}, EGL_TRUE);
 }
 KV_EXPORT EGLDisplay KV_APIENTRY eglGetPlatformDisplay(EGLenum platform, void *native_display, const EGLAttrib *attrib_list) {
-    return kvth::call<EGLDisplay>(1041, {kvth::slot(platform), kvth::slot(native_display), kvth::slot(attrib_list)});
+    return kvth::call<EGLDisplay>(1041, {kvth::toSlot(platform), kvth::toSlot(native_display), kvth::toSlot(attrib_list)});
 }
 KV_EXPORT EGLSurface KV_APIENTRY eglCreatePlatformWindowSurface(EGLDisplay dpy, EGLConfig config, void *native_window, const EGLAttrib *attrib_list) {
-    return kvth::call<EGLSurface>(1042, {kvth::slot(dpy), kvth::slot(config), kvth::slot(native_window), kvth::slot(attrib_list)});
+    return kvth::call<EGLSurface>(1042, {kvth::toSlot(dpy), kvth::toSlot(config), kvth::toSlot(native_window), kvth::toSlot(attrib_list)});
 }
 KV_EXPORT EGLSurface KV_APIENTRY eglCreatePlatformPixmapSurface(EGLDisplay dpy, EGLConfig config, void *native_pixmap, const EGLAttrib *attrib_list) {
-    return kvth::call<EGLSurface>(1043, {kvth::slot(dpy), kvth::slot(config), kvth::slot(native_pixmap), kvth::slot(attrib_list)});
+    return kvth::call<EGLSurface>(1043, {kvth::toSlot(dpy), kvth::toSlot(config), kvth::toSlot(native_pixmap), kvth::toSlot(attrib_list)});
 }
 KV_EXPORT EGLBoolean KV_APIENTRY eglWaitSync(EGLDisplay dpy, EGLSync sync, EGLint flags) {
-    return kvth::call<EGLBoolean>(1044, {kvth::slot(dpy), kvth::slot(sync), kvth::slot(flags)}, EGL_TRUE);
+    return kvth::call<EGLBoolean>(1044, {kvth::toSlot(dpy), kvth::toSlot(sync), kvth::toSlot(flags)}, EGL_TRUE);
 }
 #endif
 
 // GLESPPHost core
 #if !KVTH_OMIT_GLES_CORE
 KV_EXPORT void KV_APIENTRY glActiveTexture(GLenum texture) {
-    return kvth::call<void>(2001, {kvth::slot(texture)});
+    return kvth::call<void>(2001, {kvth::toSlot(texture)});
 }
 KV_EXPORT void KV_APIENTRY glAttachShader(GLuint program, GLuint shader) {
-    return kvth::call<void>(2002, {kvth::slot(program), kvth::slot(shader)});
+    return kvth::call<void>(2002, {kvth::toSlot(program), kvth::toSlot(shader)});
 }
 KV_EXPORT void KV_APIENTRY glBindAttribLocation(GLuint program, GLuint index, const GLchar *name) {
-    return kvth::call<void>(2003, {kvth::slot(program), kvth::slot(index), kvth::slot(name)});
+    return kvth::call<void>(2003, {kvth::toSlot(program), kvth::toSlot(index), kvth::toSlot(name)});
 }
 KV_EXPORT void KV_APIENTRY glBindBuffer(GLenum target, GLuint buffer) {
-    return kvth::call<void>(2004, {kvth::slot(target), kvth::slot(buffer)});
+    return kvth::call<void>(2004, {kvth::toSlot(target), kvth::toSlot(buffer)});
 }
 KV_EXPORT void KV_APIENTRY glBindFramebuffer(GLenum target, GLuint framebuffer) {
-    return kvth::call<void>(2005, {kvth::slot(target), kvth::slot(framebuffer)});
+    return kvth::call<void>(2005, {kvth::toSlot(target), kvth::toSlot(framebuffer)});
 }
 KV_EXPORT void KV_APIENTRY glBindRenderbuffer(GLenum target, GLuint renderbuffer) {
-    return kvth::call<void>(2006, {kvth::slot(target), kvth::slot(renderbuffer)});
+    return kvth::call<void>(2006, {kvth::toSlot(target), kvth::toSlot(renderbuffer)});
 }
 KV_EXPORT void KV_APIENTRY glBindTexture(GLenum target, GLuint texture) {
-    return kvth::call<void>(2007, {kvth::slot(target), kvth::slot(texture)});
+    return kvth::call<void>(2007, {kvth::toSlot(target), kvth::toSlot(texture)});
 }
 KV_EXPORT void KV_APIENTRY glBlendColor(GLfloat red, GLfloat green, GLfloat blue, GLfloat alpha) {
-    return kvth::call<void>(2008, {kvth::slot(red), kvth::slot(green), kvth::slot(blue), kvth::slot(alpha)});
+    return kvth::call<void>(2008, {kvth::toSlot(red), kvth::toSlot(green), kvth::toSlot(blue), kvth::toSlot(alpha)});
 }
 KV_EXPORT void KV_APIENTRY glBlendEquation(GLenum mode) {
-    return kvth::call<void>(2009, {kvth::slot(mode)});
+    return kvth::call<void>(2009, {kvth::toSlot(mode)});
 }
 KV_EXPORT void KV_APIENTRY glBlendEquationSeparate(GLenum modeRGB, GLenum modeAlpha) {
-    return kvth::call<void>(2010, {kvth::slot(modeRGB), kvth::slot(modeAlpha)});
+    return kvth::call<void>(2010, {kvth::toSlot(modeRGB), kvth::toSlot(modeAlpha)});
 }
 KV_EXPORT void KV_APIENTRY glBlendFunc(GLenum sfactor, GLenum dfactor) {
-    return kvth::call<void>(2011, {kvth::slot(sfactor), kvth::slot(dfactor)});
+    return kvth::call<void>(2011, {kvth::toSlot(sfactor), kvth::toSlot(dfactor)});
 }
 KV_EXPORT void KV_APIENTRY glBlendFuncSeparate(GLenum sfactorRGB, GLenum dfactorRGB, GLenum sfactorAlpha, GLenum dfactorAlpha) {
-    return kvth::call<void>(2012, {kvth::slot(sfactorRGB), kvth::slot(dfactorRGB), kvth::slot(sfactorAlpha), kvth::slot(dfactorAlpha)});
+    return kvth::call<void>(2012, {kvth::toSlot(sfactorRGB), kvth::toSlot(dfactorRGB), kvth::toSlot(sfactorAlpha), kvth::toSlot(dfactorAlpha)});
 }
 KV_EXPORT void KV_APIENTRY glBufferData(GLenum target, GLsizeiptr size, const void *data, GLenum usage) {
-    return kvth::call<void>(2013, {kvth::slot(target), kvth::slot(size), kvth::slot(data), kvth::slot(usage)});
+    return kvth::call<void>(2013, {kvth::toSlot(target), kvth::toSlot(size), kvth::toSlot(data), kvth::toSlot(usage)});
 }
 KV_EXPORT void KV_APIENTRY glBufferSubData(GLenum target, GLintptr offset, GLsizeiptr size, const void *data) {
-    return kvth::call<void>(2014, {kvth::slot(target), kvth::slot(offset), kvth::slot(size), kvth::slot(data)});
+    return kvth::call<void>(2014, {kvth::toSlot(target), kvth::toSlot(offset), kvth::toSlot(size), kvth::toSlot(data)});
 }
 KV_EXPORT GLenum KV_APIENTRY glCheckFramebufferStatus(GLenum target) {
-    return kvth::call<GLenum>(2015, {kvth::slot(target)});
+    return kvth::call<GLenum>(2015, {kvth::toSlot(target)});
 }
 KV_EXPORT void KV_APIENTRY glClear(GLbitfield mask) {
-    return kvth::call<void>(2016, {kvth::slot(mask)});
+    return kvth::call<void>(2016, {kvth::toSlot(mask)});
 }
 KV_EXPORT void KV_APIENTRY glClearColor(GLfloat red, GLfloat green, GLfloat blue, GLfloat alpha) {
-    return kvth::call<void>(2017, {kvth::slot(red), kvth::slot(green), kvth::slot(blue), kvth::slot(alpha)});
+    return kvth::call<void>(2017, {kvth::toSlot(red), kvth::toSlot(green), kvth::toSlot(blue), kvth::toSlot(alpha)});
 }
 KV_EXPORT void KV_APIENTRY glClearDepthf(GLfloat d) {
-    return kvth::call<void>(2018, {kvth::slot(d)});
+    return kvth::call<void>(2018, {kvth::toSlot(d)});
 }
 KV_EXPORT void KV_APIENTRY glClearStencil(GLint s) {
-    return kvth::call<void>(2019, {kvth::slot(s)});
+    return kvth::call<void>(2019, {kvth::toSlot(s)});
 }
 KV_EXPORT void KV_APIENTRY glColorMask(GLboolean red, GLboolean green, GLboolean blue, GLboolean alpha) {
-    return kvth::call<void>(2020, {kvth::slot(red), kvth::slot(green), kvth::slot(blue), kvth::slot(alpha)});
+    return kvth::call<void>(2020, {kvth::toSlot(red), kvth::toSlot(green), kvth::toSlot(blue), kvth::toSlot(alpha)});
 }
 KV_EXPORT void KV_APIENTRY glCompileShader(GLuint shader) {
-    return kvth::call<void>(2021, {kvth::slot(shader)});
+    return kvth::call<void>(2021, {kvth::toSlot(shader)});
 }
 KV_EXPORT void KV_APIENTRY glCompressedTexImage2D(GLenum target, GLint level, GLenum internalformat, GLsizei width, GLsizei height, GLint border, GLsizei imageSize, const void *data) {
-    return kvth::call<void>(2022, {kvth::slot(target), kvth::slot(level), kvth::slot(internalformat), kvth::slot(width), kvth::slot(height), kvth::slot(border), kvth::slot(imageSize), kvth::slot(data)});
+    return kvth::call<void>(2022, {kvth::toSlot(target), kvth::toSlot(level), kvth::toSlot(internalformat), kvth::toSlot(width), kvth::toSlot(height), kvth::toSlot(border), kvth::toSlot(imageSize), kvth::toSlot(data)});
 }
 KV_EXPORT void KV_APIENTRY glCompressedTexSubImage2D(GLenum target, GLint level, GLint xoffset, GLint yoffset, GLsizei width, GLsizei height, GLenum format, GLsizei imageSize, const void *data) {
-    return kvth::call<void>(2023, {kvth::slot(target), kvth::slot(level), kvth::slot(xoffset), kvth::slot(yoffset), kvth::slot(width), kvth::slot(height), kvth::slot(format), kvth::slot(imageSize), kvth::slot(data)});
+    return kvth::call<void>(2023, {kvth::toSlot(target), kvth::toSlot(level), kvth::toSlot(xoffset), kvth::toSlot(yoffset), kvth::toSlot(width), kvth::toSlot(height), kvth::toSlot(format), kvth::toSlot(imageSize), kvth::toSlot(data)});
 }
 KV_EXPORT void KV_APIENTRY glCopyTexImage2D(GLenum target, GLint level, GLenum internalformat, GLint x, GLint y, GLsizei width, GLsizei height, GLint border) {
-    return kvth::call<void>(2024, {kvth::slot(target), kvth::slot(level), kvth::slot(internalformat), kvth::slot(x), kvth::slot(y), kvth::slot(width), kvth::slot(height), kvth::slot(border)});
+    return kvth::call<void>(2024, {kvth::toSlot(target), kvth::toSlot(level), kvth::toSlot(internalformat), kvth::toSlot(x), kvth::toSlot(y), kvth::toSlot(width), kvth::toSlot(height), kvth::toSlot(border)});
 }
 KV_EXPORT void KV_APIENTRY glCopyTexSubImage2D(GLenum target, GLint level, GLint xoffset, GLint yoffset, GLint x, GLint y, GLsizei width, GLsizei height) {
-    return kvth::call<void>(2025, {kvth::slot(target), kvth::slot(level), kvth::slot(xoffset), kvth::slot(yoffset), kvth::slot(x), kvth::slot(y), kvth::slot(width), kvth::slot(height)});
+    return kvth::call<void>(2025, {kvth::toSlot(target), kvth::toSlot(level), kvth::toSlot(xoffset), kvth::toSlot(yoffset), kvth::toSlot(x), kvth::toSlot(y), kvth::toSlot(width), kvth::toSlot(height)});
 }
 KV_EXPORT GLuint KV_APIENTRY glCreateProgram() {
     return kvth::call<GLuint>(2026, {});
 }
 KV_EXPORT GLuint KV_APIENTRY glCreateShader(GLenum type) {
-    return kvth::call<GLuint>(2027, {kvth::slot(type)});
+    return kvth::call<GLuint>(2027, {kvth::toSlot(type)});
 }
 KV_EXPORT void KV_APIENTRY glCullFace(GLenum mode) {
-    return kvth::call<void>(2028, {kvth::slot(mode)});
+    return kvth::call<void>(2028, {kvth::toSlot(mode)});
 }
 KV_EXPORT void KV_APIENTRY glDeleteBuffers(GLsizei n, const GLuint *buffers) {
-    return kvth::call<void>(2029, {kvth::slot(n), kvth::slot(buffers)});
+    return kvth::call<void>(2029, {kvth::toSlot(n), kvth::toSlot(buffers)});
 }
 KV_EXPORT void KV_APIENTRY glDeleteFramebuffers(GLsizei n, const GLuint *framebuffers) {
-    return kvth::call<void>(2030, {kvth::slot(n), kvth::slot(framebuffers)});
+    return kvth::call<void>(2030, {kvth::toSlot(n), kvth::toSlot(framebuffers)});
 }
 KV_EXPORT void KV_APIENTRY glDeleteTextures(GLsizei n, const GLuint *textures) {
-    return kvth::call<void>(2031, {kvth::slot(n), kvth::slot(textures)});
+    return kvth::call<void>(2031, {kvth::toSlot(n), kvth::toSlot(textures)});
 }
 KV_EXPORT void KV_APIENTRY glDeleteProgram(GLuint program) {
-    return kvth::call<void>(2032, {kvth::slot(program)});
+    return kvth::call<void>(2032, {kvth::toSlot(program)});
 }
 KV_EXPORT void KV_APIENTRY glDeleteRenderbuffers(GLsizei n, const GLuint *renderbuffers) {
-    return kvth::call<void>(2033, {kvth::slot(n), kvth::slot(renderbuffers)});
+    return kvth::call<void>(2033, {kvth::toSlot(n), kvth::toSlot(renderbuffers)});
 }
 KV_EXPORT void KV_APIENTRY glDeleteShader(GLuint shader) {
-    return kvth::call<void>(2034, {kvth::slot(shader)});
+    return kvth::call<void>(2034, {kvth::toSlot(shader)});
 }
 KV_EXPORT void KV_APIENTRY glDetachShader(GLuint program, GLuint shader) {
-    return kvth::call<void>(2035, {kvth::slot(program), kvth::slot(shader)});
+    return kvth::call<void>(2035, {kvth::toSlot(program), kvth::toSlot(shader)});
 }
 KV_EXPORT void KV_APIENTRY glDepthFunc(GLenum func) {
-    return kvth::call<void>(2036, {kvth::slot(func)});
+    return kvth::call<void>(2036, {kvth::toSlot(func)});
 }
 KV_EXPORT void KV_APIENTRY glDepthMask(GLboolean flag) {
-    return kvth::call<void>(2037, {kvth::slot(flag)});
+    return kvth::call<void>(2037, {kvth::toSlot(flag)});
 }
 KV_EXPORT void KV_APIENTRY glDepthRangef(GLfloat n, GLfloat f) {
-    return kvth::call<void>(2038, {kvth::slot(n), kvth::slot(f)});
+    return kvth::call<void>(2038, {kvth::toSlot(n), kvth::toSlot(f)});
 }
 KV_EXPORT void KV_APIENTRY glDisable(GLenum cap) {
-    return kvth::call<void>(2039, {kvth::slot(cap)});
+    return kvth::call<void>(2039, {kvth::toSlot(cap)});
 }
 KV_EXPORT void KV_APIENTRY glDisableVertexAttribArray(GLuint index) {
-    return kvth::call<void>(2040, {kvth::slot(index)});
+    return kvth::call<void>(2040, {kvth::toSlot(index)});
 }
 KV_EXPORT void KV_APIENTRY glDrawArrays(GLenum mode, GLint first, GLsizei count) {
-    return kvth::call<void>(2041, {kvth::slot(mode), kvth::slot(first), kvth::slot(count)});
+    return kvth::call<void>(2041, {kvth::toSlot(mode), kvth::toSlot(first), kvth::toSlot(count)});
 }
 KV_EXPORT void KV_APIENTRY glDrawElements(GLenum mode, GLsizei count, GLenum type, const void *indices) {
-    return kvth::call<void>(2042, {kvth::slot(mode), kvth::slot(count), kvth::slot(type), kvth::slot(indices)});
+    return kvth::call<void>(2042, {kvth::toSlot(mode), kvth::toSlot(count), kvth::toSlot(type), kvth::toSlot(indices)});
 }
 KV_EXPORT void KV_APIENTRY glEnable(GLenum cap) {
-    return kvth::call<void>(2043, {kvth::slot(cap)});
+    return kvth::call<void>(2043, {kvth::toSlot(cap)});
 }
 KV_EXPORT void KV_APIENTRY glEnableVertexAttribArray(GLuint index) {
-    return kvth::call<void>(2044, {kvth::slot(index)});
+    return kvth::call<void>(2044, {kvth::toSlot(index)});
 }
 KV_EXPORT void KV_APIENTRY glFinish() {
     return kvth::call<void>(2045, {});
@@ -399,578 +399,578 @@ KV_EXPORT void KV_APIENTRY glFlush() {
     return kvth::call<void>(2046, {});
 }
 KV_EXPORT void KV_APIENTRY glFramebufferRenderbuffer(GLenum target, GLenum attachment, GLenum renderbuffertarget, GLuint renderbuffer) {
-    return kvth::call<void>(2047, {kvth::slot(target), kvth::slot(attachment), kvth::slot(renderbuffertarget), kvth::slot(renderbuffer)});
+    return kvth::call<void>(2047, {kvth::toSlot(target), kvth::toSlot(attachment), kvth::toSlot(renderbuffertarget), kvth::toSlot(renderbuffer)});
 }
 KV_EXPORT void KV_APIENTRY glFramebufferTexture2D(GLenum target, GLenum attachment, GLenum textarget, GLuint texture, GLint level) {
-    return kvth::call<void>(2048, {kvth::slot(target), kvth::slot(attachment), kvth::slot(textarget), kvth::slot(texture), kvth::slot(level)});
+    return kvth::call<void>(2048, {kvth::toSlot(target), kvth::toSlot(attachment), kvth::toSlot(textarget), kvth::toSlot(texture), kvth::toSlot(level)});
 }
 KV_EXPORT void KV_APIENTRY glFrontFace(GLenum mode) {
-    return kvth::call<void>(2049, {kvth::slot(mode)});
+    return kvth::call<void>(2049, {kvth::toSlot(mode)});
 }
 KV_EXPORT void KV_APIENTRY glGenBuffers(GLsizei n, GLuint *buffers) {
-    return kvth::call<void>(2050, {kvth::slot(n), kvth::slot(buffers)});
+    return kvth::call<void>(2050, {kvth::toSlot(n), kvth::toSlot(buffers)});
 }
 KV_EXPORT void KV_APIENTRY glGenerateMipmap(GLenum target) {
-    return kvth::call<void>(2051, {kvth::slot(target)});
+    return kvth::call<void>(2051, {kvth::toSlot(target)});
 }
 KV_EXPORT void KV_APIENTRY glGenFramebuffers(GLsizei n, GLuint *framebuffers) {
-    return kvth::call<void>(2052, {kvth::slot(n), kvth::slot(framebuffers)});
+    return kvth::call<void>(2052, {kvth::toSlot(n), kvth::toSlot(framebuffers)});
 }
 KV_EXPORT void KV_APIENTRY glGenRenderbuffers(GLsizei n, GLuint *renderbuffers) {
-    return kvth::call<void>(2053, {kvth::slot(n), kvth::slot(renderbuffers)});
+    return kvth::call<void>(2053, {kvth::toSlot(n), kvth::toSlot(renderbuffers)});
 }
 KV_EXPORT void KV_APIENTRY glGenTextures(GLsizei n, GLuint *textures) {
-    return kvth::call<void>(2054, {kvth::slot(n), kvth::slot(textures)});
+    return kvth::call<void>(2054, {kvth::toSlot(n), kvth::toSlot(textures)});
 }
 KV_EXPORT void KV_APIENTRY glGetActiveAttrib(GLuint program, GLuint index, GLsizei bufSize, GLsizei *length, GLint *size, GLenum *type, GLchar *name) {
-    return kvth::call<void>(2055, {kvth::slot(program), kvth::slot(index), kvth::slot(bufSize), kvth::slot(length), kvth::slot(size), kvth::slot(type), kvth::slot(name)});
+    return kvth::call<void>(2055, {kvth::toSlot(program), kvth::toSlot(index), kvth::toSlot(bufSize), kvth::toSlot(length), kvth::toSlot(size), kvth::toSlot(type), kvth::toSlot(name)});
 }
 KV_EXPORT void KV_APIENTRY glGetActiveUniform(GLuint program, GLuint index, GLsizei bufSize, GLsizei *length, GLint *size, GLenum *type, GLchar *name) {
-    return kvth::call<void>(2056, {kvth::slot(program), kvth::slot(index), kvth::slot(bufSize), kvth::slot(length), kvth::slot(size), kvth::slot(type), kvth::slot(name)});
+    return kvth::call<void>(2056, {kvth::toSlot(program), kvth::toSlot(index), kvth::toSlot(bufSize), kvth::toSlot(length), kvth::toSlot(size), kvth::toSlot(type), kvth::toSlot(name)});
 }
 KV_EXPORT void KV_APIENTRY glGetAttachedShaders(GLuint program, GLsizei maxCount, GLsizei *count, GLuint *shaders) {
-    return kvth::call<void>(2057, {kvth::slot(program), kvth::slot(maxCount), kvth::slot(count), kvth::slot(shaders)});
+    return kvth::call<void>(2057, {kvth::toSlot(program), kvth::toSlot(maxCount), kvth::toSlot(count), kvth::toSlot(shaders)});
 }
 KV_EXPORT GLint KV_APIENTRY glGetAttribLocation(GLuint program, const GLchar *name) {
-    return kvth::call<GLint>(2058, {kvth::slot(program), kvth::slot(name)});
+    return kvth::call<GLint>(2058, {kvth::toSlot(program), kvth::toSlot(name)});
 }
 KV_EXPORT void KV_APIENTRY glGetBooleanv(GLenum pname, GLboolean *data) {
-    return kvth::call<void>(2059, {kvth::slot(pname), kvth::slot(data)});
+    return kvth::call<void>(2059, {kvth::toSlot(pname), kvth::toSlot(data)});
 }
 KV_EXPORT void KV_APIENTRY glGetBufferParameteriv(GLenum target, GLenum pname, GLint *params) {
-    return kvth::call<void>(2060, {kvth::slot(target), kvth::slot(pname), kvth::slot(params)});
+    return kvth::call<void>(2060, {kvth::toSlot(target), kvth::toSlot(pname), kvth::toSlot(params)});
 }
 KV_EXPORT GLenum KV_APIENTRY glGetError() {
     return kvth::call<GLenum>(2061, {});
 }
 KV_EXPORT void KV_APIENTRY glGetFloatv(GLenum pname, GLfloat *data) {
-    return kvth::call<void>(2062, {kvth::slot(pname), kvth::slot(data)});
+    return kvth::call<void>(2062, {kvth::toSlot(pname), kvth::toSlot(data)});
 }
 KV_EXPORT void KV_APIENTRY glGetFramebufferAttachmentParameteriv(GLenum target, GLenum attachment, GLenum pname, GLint *params) {
-    return kvth::call<void>(2063, {kvth::slot(target), kvth::slot(attachment), kvth::slot(pname), kvth::slot(params)});
+    return kvth::call<void>(2063, {kvth::toSlot(target), kvth::toSlot(attachment), kvth::toSlot(pname), kvth::toSlot(params)});
 }
 KV_EXPORT void KV_APIENTRY glGetIntegerv(GLenum pname, GLint *data) {
-    return kvth::call<void>(2064, {kvth::slot(pname), kvth::slot(data)});
+    return kvth::call<void>(2064, {kvth::toSlot(pname), kvth::toSlot(data)});
 }
 KV_EXPORT void KV_APIENTRY glGetProgramiv(GLuint program, GLenum pname, GLint *params) {
-    return kvth::call<void>(2065, {kvth::slot(program), kvth::slot(pname), kvth::slot(params)});
+    return kvth::call<void>(2065, {kvth::toSlot(program), kvth::toSlot(pname), kvth::toSlot(params)});
 }
 KV_EXPORT void KV_APIENTRY glGetProgramInfoLog(GLuint program, GLsizei bufSize, GLsizei *length, GLchar *infoLog) {
-    return kvth::call<void>(2066, {kvth::slot(program), kvth::slot(bufSize), kvth::slot(length), kvth::slot(infoLog)});
+    return kvth::call<void>(2066, {kvth::toSlot(program), kvth::toSlot(bufSize), kvth::toSlot(length), kvth::toSlot(infoLog)});
 }
 KV_EXPORT void KV_APIENTRY glGetRenderbufferParameteriv(GLenum target, GLenum pname, GLint *params) {
-    return kvth::call<void>(2067, {kvth::slot(target), kvth::slot(pname), kvth::slot(params)});
+    return kvth::call<void>(2067, {kvth::toSlot(target), kvth::toSlot(pname), kvth::toSlot(params)});
 }
 KV_EXPORT void KV_APIENTRY glGetShaderiv(GLuint shader, GLenum pname, GLint *params) {
-    return kvth::call<void>(2068, {kvth::slot(shader), kvth::slot(pname), kvth::slot(params)});
+    return kvth::call<void>(2068, {kvth::toSlot(shader), kvth::toSlot(pname), kvth::toSlot(params)});
 }
 KV_EXPORT void KV_APIENTRY glGetShaderInfoLog(GLuint shader, GLsizei bufSize, GLsizei *length, GLchar *infoLog) {
-    return kvth::call<void>(2069, {kvth::slot(shader), kvth::slot(bufSize), kvth::slot(length), kvth::slot(infoLog)});
+    return kvth::call<void>(2069, {kvth::toSlot(shader), kvth::toSlot(bufSize), kvth::toSlot(length), kvth::toSlot(infoLog)});
 }
 KV_EXPORT void KV_APIENTRY glGetShaderPrecisionFormat(GLenum shadertype, GLenum precisiontype, GLint *range, GLint *precision) {
-    return kvth::call<void>(2070, {kvth::slot(shadertype), kvth::slot(precisiontype), kvth::slot(range), kvth::slot(precision)});
+    return kvth::call<void>(2070, {kvth::toSlot(shadertype), kvth::toSlot(precisiontype), kvth::toSlot(range), kvth::toSlot(precision)});
 }
 KV_EXPORT void KV_APIENTRY glGetShaderSource(GLuint shader, GLsizei bufSize, GLsizei *length, GLchar *source) {
-    return kvth::call<void>(2071, {kvth::slot(shader), kvth::slot(bufSize), kvth::slot(length), kvth::slot(source)});
+    return kvth::call<void>(2071, {kvth::toSlot(shader), kvth::toSlot(bufSize), kvth::toSlot(length), kvth::toSlot(source)});
 }
 KV_EXPORT const GLubyte * KV_APIENTRY glGetString(GLenum name) {
-    return kvth::call<const GLubyte *>(2072, {kvth::slot(name)});
+    return kvth::call<const GLubyte *>(2072, {kvth::toSlot(name)});
 }
 KV_EXPORT void KV_APIENTRY glGetTexParameterfv(GLenum target, GLenum pname, GLfloat *params) {
-    return kvth::call<void>(2073, {kvth::slot(target), kvth::slot(pname), kvth::slot(params)});
+    return kvth::call<void>(2073, {kvth::toSlot(target), kvth::toSlot(pname), kvth::toSlot(params)});
 }
 KV_EXPORT void KV_APIENTRY glGetTexParameteriv(GLenum target, GLenum pname, GLint *params) {
-    return kvth::call<void>(2074, {kvth::slot(target), kvth::slot(pname), kvth::slot(params)});
+    return kvth::call<void>(2074, {kvth::toSlot(target), kvth::toSlot(pname), kvth::toSlot(params)});
 }
 KV_EXPORT void KV_APIENTRY glGetUniformfv(GLuint program, GLint location, GLfloat *params) {
-    return kvth::call<void>(2075, {kvth::slot(program), kvth::slot(location), kvth::slot(params)});
+    return kvth::call<void>(2075, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(params)});
 }
 KV_EXPORT void KV_APIENTRY glGetUniformiv(GLuint program, GLint location, GLint *params) {
-    return kvth::call<void>(2076, {kvth::slot(program), kvth::slot(location), kvth::slot(params)});
+    return kvth::call<void>(2076, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(params)});
 }
 KV_EXPORT GLint KV_APIENTRY glGetUniformLocation(GLuint program, const GLchar *name) {
-    return kvth::call<GLint>(2077, {kvth::slot(program), kvth::slot(name)});
+    return kvth::call<GLint>(2077, {kvth::toSlot(program), kvth::toSlot(name)});
 }
 KV_EXPORT void KV_APIENTRY glGetVertexAttribfv(GLuint index, GLenum pname, GLfloat *params) {
-    return kvth::call<void>(2078, {kvth::slot(index), kvth::slot(pname), kvth::slot(params)});
+    return kvth::call<void>(2078, {kvth::toSlot(index), kvth::toSlot(pname), kvth::toSlot(params)});
 }
 KV_EXPORT void KV_APIENTRY glGetVertexAttribiv(GLuint index, GLenum pname, GLint *params) {
-    return kvth::call<void>(2079, {kvth::slot(index), kvth::slot(pname), kvth::slot(params)});
+    return kvth::call<void>(2079, {kvth::toSlot(index), kvth::toSlot(pname), kvth::toSlot(params)});
 }
 KV_EXPORT void KV_APIENTRY glGetVertexAttribPointerv(GLuint index, GLenum pname, void **pointer) {
-    return kvth::call<void>(2080, {kvth::slot(index), kvth::slot(pname), kvth::slot(pointer)});
+    return kvth::call<void>(2080, {kvth::toSlot(index), kvth::toSlot(pname), kvth::toSlot(pointer)});
 }
 KV_EXPORT void KV_APIENTRY glHint(GLenum target, GLenum mode) {
-    return kvth::call<void>(2081, {kvth::slot(target), kvth::slot(mode)});
+    return kvth::call<void>(2081, {kvth::toSlot(target), kvth::toSlot(mode)});
 }
 KV_EXPORT GLboolean KV_APIENTRY glIsBuffer(GLuint buffer) {
-    return kvth::call<GLboolean>(2082, {kvth::slot(buffer)});
+    return kvth::call<GLboolean>(2082, {kvth::toSlot(buffer)});
 }
 KV_EXPORT GLboolean KV_APIENTRY glIsEnabled(GLenum cap) {
-    return kvth::call<GLboolean>(2083, {kvth::slot(cap)});
+    return kvth::call<GLboolean>(2083, {kvth::toSlot(cap)});
 }
 KV_EXPORT GLboolean KV_APIENTRY glIsFramebuffer(GLuint framebuffer) {
-    return kvth::call<GLboolean>(2084, {kvth::slot(framebuffer)});
+    return kvth::call<GLboolean>(2084, {kvth::toSlot(framebuffer)});
 }
 KV_EXPORT GLboolean KV_APIENTRY glIsProgram(GLuint program) {
-    return kvth::call<GLboolean>(2085, {kvth::slot(program)});
+    return kvth::call<GLboolean>(2085, {kvth::toSlot(program)});
 }
 KV_EXPORT GLboolean KV_APIENTRY glIsRenderbuffer(GLuint renderbuffer) {
-    return kvth::call<GLboolean>(2086, {kvth::slot(renderbuffer)});
+    return kvth::call<GLboolean>(2086, {kvth::toSlot(renderbuffer)});
 }
 KV_EXPORT GLboolean KV_APIENTRY glIsShader(GLuint shader) {
-    return kvth::call<GLboolean>(2087, {kvth::slot(shader)});
+    return kvth::call<GLboolean>(2087, {kvth::toSlot(shader)});
 }
 KV_EXPORT GLboolean KV_APIENTRY glIsTexture(GLuint texture) {
-    return kvth::call<GLboolean>(2088, {kvth::slot(texture)});
+    return kvth::call<GLboolean>(2088, {kvth::toSlot(texture)});
 }
 KV_EXPORT void KV_APIENTRY glLineWidth(GLfloat width) {
-    return kvth::call<void>(2089, {kvth::slot(width)});
+    return kvth::call<void>(2089, {kvth::toSlot(width)});
 }
 KV_EXPORT void KV_APIENTRY glLinkProgram(GLuint program) {
-    return kvth::call<void>(2090, {kvth::slot(program)});
+    return kvth::call<void>(2090, {kvth::toSlot(program)});
 }
 KV_EXPORT void KV_APIENTRY glPixelStorei(GLenum pname, GLint param) {
-    return kvth::call<void>(2091, {kvth::slot(pname), kvth::slot(param)});
+    return kvth::call<void>(2091, {kvth::toSlot(pname), kvth::toSlot(param)});
 }
 KV_EXPORT void KV_APIENTRY glPolygonOffset(GLfloat factor, GLfloat units) {
-    return kvth::call<void>(2092, {kvth::slot(factor), kvth::slot(units)});
+    return kvth::call<void>(2092, {kvth::toSlot(factor), kvth::toSlot(units)});
 }
 KV_EXPORT void KV_APIENTRY glReadPixels(GLint x, GLint y, GLsizei width, GLsizei height, GLenum format, GLenum type, void *pixels) {
-    return kvth::call<void>(2093, {kvth::slot(x), kvth::slot(y), kvth::slot(width), kvth::slot(height), kvth::slot(format), kvth::slot(type), kvth::slot(pixels)});
+    return kvth::call<void>(2093, {kvth::toSlot(x), kvth::toSlot(y), kvth::toSlot(width), kvth::toSlot(height), kvth::toSlot(format), kvth::toSlot(type), kvth::toSlot(pixels)});
 }
 KV_EXPORT void KV_APIENTRY glReleaseShaderCompiler() {
     return kvth::call<void>(2094, {});
 }
 KV_EXPORT void KV_APIENTRY glRenderbufferStorage(GLenum target, GLenum internalformat, GLsizei width, GLsizei height) {
-    return kvth::call<void>(2095, {kvth::slot(target), kvth::slot(internalformat), kvth::slot(width), kvth::slot(height)});
+    return kvth::call<void>(2095, {kvth::toSlot(target), kvth::toSlot(internalformat), kvth::toSlot(width), kvth::toSlot(height)});
 }
 KV_EXPORT void KV_APIENTRY glSampleCoverage(GLfloat value, GLboolean invert) {
-    return kvth::call<void>(2096, {kvth::slot(value), kvth::slot(invert)});
+    return kvth::call<void>(2096, {kvth::toSlot(value), kvth::toSlot(invert)});
 }
 KV_EXPORT void KV_APIENTRY glScissor(GLint x, GLint y, GLsizei width, GLsizei height) {
-    return kvth::call<void>(2097, {kvth::slot(x), kvth::slot(y), kvth::slot(width), kvth::slot(height)});
+    return kvth::call<void>(2097, {kvth::toSlot(x), kvth::toSlot(y), kvth::toSlot(width), kvth::toSlot(height)});
 }
 KV_EXPORT void KV_APIENTRY glShaderBinary(GLsizei count, const GLuint *shaders, GLenum binaryFormat, const void *binary, GLsizei length) {
-    return kvth::call<void>(2098, {kvth::slot(count), kvth::slot(shaders), kvth::slot(binaryFormat), kvth::slot(binary), kvth::slot(length)});
+    return kvth::call<void>(2098, {kvth::toSlot(count), kvth::toSlot(shaders), kvth::toSlot(binaryFormat), kvth::toSlot(binary), kvth::toSlot(length)});
 }
 KV_EXPORT void KV_APIENTRY glShaderSource(GLuint shader, GLsizei count, const GLchar *const *string, const GLint *length) {
-    return kvth::call<void>(2099, {kvth::slot(shader), kvth::slot(count), kvth::slot(string), kvth::slot(length)});
+    return kvth::call<void>(2099, {kvth::toSlot(shader), kvth::toSlot(count), kvth::toSlot(string), kvth::toSlot(length)});
 }
 KV_EXPORT void KV_APIENTRY glStencilFunc(GLenum func, GLint ref, GLuint mask) {
-    return kvth::call<void>(2100, {kvth::slot(func), kvth::slot(ref), kvth::slot(mask)});
+    return kvth::call<void>(2100, {kvth::toSlot(func), kvth::toSlot(ref), kvth::toSlot(mask)});
 }
 KV_EXPORT void KV_APIENTRY glStencilFuncSeparate(GLenum face, GLenum func, GLint ref, GLuint mask) {
-    return kvth::call<void>(2101, {kvth::slot(face), kvth::slot(func), kvth::slot(ref), kvth::slot(mask)});
+    return kvth::call<void>(2101, {kvth::toSlot(face), kvth::toSlot(func), kvth::toSlot(ref), kvth::toSlot(mask)});
 }
 KV_EXPORT void KV_APIENTRY glStencilMask(GLuint mask) {
-    return kvth::call<void>(2102, {kvth::slot(mask)});
+    return kvth::call<void>(2102, {kvth::toSlot(mask)});
 }
 KV_EXPORT void KV_APIENTRY glStencilMaskSeparate(GLenum face, GLuint mask) {
-    return kvth::call<void>(2103, {kvth::slot(face), kvth::slot(mask)});
+    return kvth::call<void>(2103, {kvth::toSlot(face), kvth::toSlot(mask)});
 }
 KV_EXPORT void KV_APIENTRY glStencilOp(GLenum fail, GLenum zfail, GLenum zpass) {
-    return kvth::call<void>(2104, {kvth::slot(fail), kvth::slot(zfail), kvth::slot(zpass)});
+    return kvth::call<void>(2104, {kvth::toSlot(fail), kvth::toSlot(zfail), kvth::toSlot(zpass)});
 }
 KV_EXPORT void KV_APIENTRY glStencilOpSeparate(GLenum face, GLenum sfail, GLenum dpfail, GLenum dppass) {
-    return kvth::call<void>(2105, {kvth::slot(face), kvth::slot(sfail), kvth::slot(dpfail), kvth::slot(dppass)});
+    return kvth::call<void>(2105, {kvth::toSlot(face), kvth::toSlot(sfail), kvth::toSlot(dpfail), kvth::toSlot(dppass)});
 }
 KV_EXPORT void KV_APIENTRY glTexImage2D(GLenum target, GLint level, GLint internalformat, GLsizei width, GLsizei height, GLint border, GLenum format, GLenum type, const void *pixels) {
-    return kvth::call<void>(2106, {kvth::slot(target), kvth::slot(level), kvth::slot(internalformat), kvth::slot(width), kvth::slot(height), kvth::slot(border), kvth::slot(format), kvth::slot(type), kvth::slot(pixels)});
+    return kvth::call<void>(2106, {kvth::toSlot(target), kvth::toSlot(level), kvth::toSlot(internalformat), kvth::toSlot(width), kvth::toSlot(height), kvth::toSlot(border), kvth::toSlot(format), kvth::toSlot(type), kvth::toSlot(pixels)});
 }
 KV_EXPORT void KV_APIENTRY glTexParameterf(GLenum target, GLenum pname, GLfloat param) {
-    return kvth::call<void>(2107, {kvth::slot(target), kvth::slot(pname), kvth::slot(param)});
+    return kvth::call<void>(2107, {kvth::toSlot(target), kvth::toSlot(pname), kvth::toSlot(param)});
 }
 KV_EXPORT void KV_APIENTRY glTexParameterfv(GLenum target, GLenum pname, const GLfloat *params) {
-    return kvth::call<void>(2108, {kvth::slot(target), kvth::slot(pname), kvth::slot(params)});
+    return kvth::call<void>(2108, {kvth::toSlot(target), kvth::toSlot(pname), kvth::toSlot(params)});
 }
 KV_EXPORT void KV_APIENTRY glTexParameteri(GLenum target, GLenum pname, GLint param) {
-    return kvth::call<void>(2109, {kvth::slot(target), kvth::slot(pname), kvth::slot(param)});
+    return kvth::call<void>(2109, {kvth::toSlot(target), kvth::toSlot(pname), kvth::toSlot(param)});
 }
 KV_EXPORT void KV_APIENTRY glTexParameteriv(GLenum target, GLenum pname, const GLint *params) {
-    return kvth::call<void>(2110, {kvth::slot(target), kvth::slot(pname), kvth::slot(params)});
+    return kvth::call<void>(2110, {kvth::toSlot(target), kvth::toSlot(pname), kvth::toSlot(params)});
 }
 KV_EXPORT void KV_APIENTRY glTexSubImage2D(GLenum target, GLint level, GLint xoffset, GLint yoffset, GLsizei width, GLsizei height, GLenum format, GLenum type, const void *pixels) {
-    return kvth::call<void>(2111, {kvth::slot(target), kvth::slot(level), kvth::slot(xoffset), kvth::slot(yoffset), kvth::slot(width), kvth::slot(height), kvth::slot(format), kvth::slot(type), kvth::slot(pixels)});
+    return kvth::call<void>(2111, {kvth::toSlot(target), kvth::toSlot(level), kvth::toSlot(xoffset), kvth::toSlot(yoffset), kvth::toSlot(width), kvth::toSlot(height), kvth::toSlot(format), kvth::toSlot(type), kvth::toSlot(pixels)});
 }
 KV_EXPORT void KV_APIENTRY glUniform1f(GLint location, GLfloat v0) {
-    return kvth::call<void>(2112, {kvth::slot(location), kvth::slot(v0)});
+    return kvth::call<void>(2112, {kvth::toSlot(location), kvth::toSlot(v0)});
 }
 KV_EXPORT void KV_APIENTRY glUniform1fv(GLint location, GLsizei count, const GLfloat *value) {
-    return kvth::call<void>(2113, {kvth::slot(location), kvth::slot(count), kvth::slot(value)});
+    return kvth::call<void>(2113, {kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(value)});
 }
 KV_EXPORT void KV_APIENTRY glUniform1i(GLint location, GLint v0) {
-    return kvth::call<void>(2114, {kvth::slot(location), kvth::slot(v0)});
+    return kvth::call<void>(2114, {kvth::toSlot(location), kvth::toSlot(v0)});
 }
 KV_EXPORT void KV_APIENTRY glUniform1iv(GLint location, GLsizei count, const GLint *value) {
-    return kvth::call<void>(2115, {kvth::slot(location), kvth::slot(count), kvth::slot(value)});
+    return kvth::call<void>(2115, {kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(value)});
 }
 KV_EXPORT void KV_APIENTRY glUniform2f(GLint location, GLfloat v0, GLfloat v1) {
-    return kvth::call<void>(2116, {kvth::slot(location), kvth::slot(v0), kvth::slot(v1)});
+    return kvth::call<void>(2116, {kvth::toSlot(location), kvth::toSlot(v0), kvth::toSlot(v1)});
 }
 KV_EXPORT void KV_APIENTRY glUniform2fv(GLint location, GLsizei count, const GLfloat *value) {
-    return kvth::call<void>(2117, {kvth::slot(location), kvth::slot(count), kvth::slot(value)});
+    return kvth::call<void>(2117, {kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(value)});
 }
 KV_EXPORT void KV_APIENTRY glUniform2i(GLint location, GLint v0, GLint v1) {
-    return kvth::call<void>(2118, {kvth::slot(location), kvth::slot(v0), kvth::slot(v1)});
+    return kvth::call<void>(2118, {kvth::toSlot(location), kvth::toSlot(v0), kvth::toSlot(v1)});
 }
 KV_EXPORT void KV_APIENTRY glUniform2iv(GLint location, GLsizei count, const GLint *value) {
-    return kvth::call<void>(2119, {kvth::slot(location), kvth::slot(count), kvth::slot(value)});
+    return kvth::call<void>(2119, {kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(value)});
 }
 KV_EXPORT void KV_APIENTRY glUniform3f(GLint location, GLfloat v0, GLfloat v1, GLfloat v2) {
-    return kvth::call<void>(2120, {kvth::slot(location), kvth::slot(v0), kvth::slot(v1), kvth::slot(v2)});
+    return kvth::call<void>(2120, {kvth::toSlot(location), kvth::toSlot(v0), kvth::toSlot(v1), kvth::toSlot(v2)});
 }
 KV_EXPORT void KV_APIENTRY glUniform3fv(GLint location, GLsizei count, const GLfloat *value) {
-    return kvth::call<void>(2121, {kvth::slot(location), kvth::slot(count), kvth::slot(value)});
+    return kvth::call<void>(2121, {kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(value)});
 }
 KV_EXPORT void KV_APIENTRY glUniform3i(GLint location, GLint v0, GLint v1, GLint v2) {
-    return kvth::call<void>(2122, {kvth::slot(location), kvth::slot(v0), kvth::slot(v1), kvth::slot(v2)});
+    return kvth::call<void>(2122, {kvth::toSlot(location), kvth::toSlot(v0), kvth::toSlot(v1), kvth::toSlot(v2)});
 }
 KV_EXPORT void KV_APIENTRY glUniform3iv(GLint location, GLsizei count, const GLint *value) {
-    return kvth::call<void>(2123, {kvth::slot(location), kvth::slot(count), kvth::slot(value)});
+    return kvth::call<void>(2123, {kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(value)});
 }
 KV_EXPORT void KV_APIENTRY glUniform4f(GLint location, GLfloat v0, GLfloat v1, GLfloat v2, GLfloat v3) {
-    return kvth::call<void>(2124, {kvth::slot(location), kvth::slot(v0), kvth::slot(v1), kvth::slot(v2), kvth::slot(v3)});
+    return kvth::call<void>(2124, {kvth::toSlot(location), kvth::toSlot(v0), kvth::toSlot(v1), kvth::toSlot(v2), kvth::toSlot(v3)});
 }
 KV_EXPORT void KV_APIENTRY glUniform4fv(GLint location, GLsizei count, const GLfloat *value) {
-    return kvth::call<void>(2125, {kvth::slot(location), kvth::slot(count), kvth::slot(value)});
+    return kvth::call<void>(2125, {kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(value)});
 }
 KV_EXPORT void KV_APIENTRY glUniform4i(GLint location, GLint v0, GLint v1, GLint v2, GLint v3) {
-    return kvth::call<void>(2126, {kvth::slot(location), kvth::slot(v0), kvth::slot(v1), kvth::slot(v2), kvth::slot(v3)});
+    return kvth::call<void>(2126, {kvth::toSlot(location), kvth::toSlot(v0), kvth::toSlot(v1), kvth::toSlot(v2), kvth::toSlot(v3)});
 }
 KV_EXPORT void KV_APIENTRY glUniform4iv(GLint location, GLsizei count, const GLint *value) {
-    return kvth::call<void>(2127, {kvth::slot(location), kvth::slot(count), kvth::slot(value)});
+    return kvth::call<void>(2127, {kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(value)});
 }
 KV_EXPORT void KV_APIENTRY glUniformMatrix2fv(GLint location, GLsizei count, GLboolean transpose, const GLfloat *value) {
-    return kvth::call<void>(2128, {kvth::slot(location), kvth::slot(count), kvth::slot(transpose), kvth::slot(value)});
+    return kvth::call<void>(2128, {kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(transpose), kvth::toSlot(value)});
 }
 KV_EXPORT void KV_APIENTRY glUniformMatrix3fv(GLint location, GLsizei count, GLboolean transpose, const GLfloat *value) {
-    return kvth::call<void>(2129, {kvth::slot(location), kvth::slot(count), kvth::slot(transpose), kvth::slot(value)});
+    return kvth::call<void>(2129, {kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(transpose), kvth::toSlot(value)});
 }
 KV_EXPORT void KV_APIENTRY glUniformMatrix4fv(GLint location, GLsizei count, GLboolean transpose, const GLfloat *value) {
-    return kvth::call<void>(2130, {kvth::slot(location), kvth::slot(count), kvth::slot(transpose), kvth::slot(value)});
+    return kvth::call<void>(2130, {kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(transpose), kvth::toSlot(value)});
 }
 KV_EXPORT void KV_APIENTRY glUseProgram(GLuint program) {
-    return kvth::call<void>(2131, {kvth::slot(program)});
+    return kvth::call<void>(2131, {kvth::toSlot(program)});
 }
 KV_EXPORT void KV_APIENTRY glValidateProgram(GLuint program) {
-    return kvth::call<void>(2132, {kvth::slot(program)});
+    return kvth::call<void>(2132, {kvth::toSlot(program)});
 }
 KV_EXPORT void KV_APIENTRY glVertexAttrib1f(GLuint index, GLfloat x) {
-    return kvth::call<void>(2133, {kvth::slot(index), kvth::slot(x)});
+    return kvth::call<void>(2133, {kvth::toSlot(index), kvth::toSlot(x)});
 }
 KV_EXPORT void KV_APIENTRY glVertexAttrib1fv(GLuint index, const GLfloat *v) {
-    return kvth::call<void>(2134, {kvth::slot(index), kvth::slot(v)});
+    return kvth::call<void>(2134, {kvth::toSlot(index), kvth::toSlot(v)});
 }
 KV_EXPORT void KV_APIENTRY glVertexAttrib2f(GLuint index, GLfloat x, GLfloat y) {
-    return kvth::call<void>(2135, {kvth::slot(index), kvth::slot(x), kvth::slot(y)});
+    return kvth::call<void>(2135, {kvth::toSlot(index), kvth::toSlot(x), kvth::toSlot(y)});
 }
 KV_EXPORT void KV_APIENTRY glVertexAttrib2fv(GLuint index, const GLfloat *v) {
-    return kvth::call<void>(2136, {kvth::slot(index), kvth::slot(v)});
+    return kvth::call<void>(2136, {kvth::toSlot(index), kvth::toSlot(v)});
 }
 KV_EXPORT void KV_APIENTRY glVertexAttrib3f(GLuint index, GLfloat x, GLfloat y, GLfloat z) {
-    return kvth::call<void>(2137, {kvth::slot(index), kvth::slot(x), kvth::slot(y), kvth::slot(z)});
+    return kvth::call<void>(2137, {kvth::toSlot(index), kvth::toSlot(x), kvth::toSlot(y), kvth::toSlot(z)});
 }
 KV_EXPORT void KV_APIENTRY glVertexAttrib3fv(GLuint index, const GLfloat *v) {
-    return kvth::call<void>(2138, {kvth::slot(index), kvth::slot(v)});
+    return kvth::call<void>(2138, {kvth::toSlot(index), kvth::toSlot(v)});
 }
 KV_EXPORT void KV_APIENTRY glVertexAttrib4f(GLuint index, GLfloat x, GLfloat y, GLfloat z, GLfloat w) {
-    return kvth::call<void>(2139, {kvth::slot(index), kvth::slot(x), kvth::slot(y), kvth::slot(z), kvth::slot(w)});
+    return kvth::call<void>(2139, {kvth::toSlot(index), kvth::toSlot(x), kvth::toSlot(y), kvth::toSlot(z), kvth::toSlot(w)});
 }
 KV_EXPORT void KV_APIENTRY glVertexAttrib4fv(GLuint index, const GLfloat *v) {
-    return kvth::call<void>(2140, {kvth::slot(index), kvth::slot(v)});
+    return kvth::call<void>(2140, {kvth::toSlot(index), kvth::toSlot(v)});
 }
 KV_EXPORT void KV_APIENTRY glVertexAttribPointer(GLuint index, GLint size, GLenum type, GLboolean normalized, GLsizei stride, const void *pointer) {
-    return kvth::call<void>(2141, {kvth::slot(index), kvth::slot(size), kvth::slot(type), kvth::slot(normalized), kvth::slot(stride), kvth::slot(pointer)});
+    return kvth::call<void>(2141, {kvth::toSlot(index), kvth::toSlot(size), kvth::toSlot(type), kvth::toSlot(normalized), kvth::toSlot(stride), kvth::toSlot(pointer)});
 }
 KV_EXPORT void KV_APIENTRY glViewport(GLint x, GLint y, GLsizei width, GLsizei height) {
-    return kvth::call<void>(2142, {kvth::slot(x), kvth::slot(y), kvth::slot(width), kvth::slot(height)});
+    return kvth::call<void>(2142, {kvth::toSlot(x), kvth::toSlot(y), kvth::toSlot(width), kvth::toSlot(height)});
 }
 #endif
 
 // GLESPPHost es30
 #if !KVTH_OMIT_ES30
 KV_EXPORT void KV_APIENTRY glReadBuffer(GLenum src) {
-    return kvth::call<void>(5143, {kvth::slot(src)});
+    return kvth::call<void>(5143, {kvth::toSlot(src)});
 }
 KV_EXPORT void KV_APIENTRY glDrawRangeElements(GLenum mode, GLuint start, GLuint end, GLsizei count, GLenum type, const void *indices) {
-    return kvth::call<void>(5144, {kvth::slot(mode), kvth::slot(start), kvth::slot(end), kvth::slot(count), kvth::slot(type), kvth::slot(indices)});
+    return kvth::call<void>(5144, {kvth::toSlot(mode), kvth::toSlot(start), kvth::toSlot(end), kvth::toSlot(count), kvth::toSlot(type), kvth::toSlot(indices)});
 }
 KV_EXPORT void KV_APIENTRY glTexImage3D(GLenum target, GLint level, GLint internalformat, GLsizei width, GLsizei height, GLsizei depth, GLint border, GLenum format, GLenum type, const void *pixels) {
-    return kvth::call<void>(5145, {kvth::slot(target), kvth::slot(level), kvth::slot(internalformat), kvth::slot(width), kvth::slot(height), kvth::slot(depth), kvth::slot(border), kvth::slot(format), kvth::slot(type), kvth::slot(pixels)});
+    return kvth::call<void>(5145, {kvth::toSlot(target), kvth::toSlot(level), kvth::toSlot(internalformat), kvth::toSlot(width), kvth::toSlot(height), kvth::toSlot(depth), kvth::toSlot(border), kvth::toSlot(format), kvth::toSlot(type), kvth::toSlot(pixels)});
 }
 KV_EXPORT void KV_APIENTRY glTexSubImage3D(GLenum target, GLint level, GLint xoffset, GLint yoffset, GLint zoffset, GLsizei width, GLsizei height, GLsizei depth, GLenum format, GLenum type, const void *pixels) {
-    return kvth::call<void>(5146, {kvth::slot(target), kvth::slot(level), kvth::slot(xoffset), kvth::slot(yoffset), kvth::slot(zoffset), kvth::slot(width), kvth::slot(height), kvth::slot(depth), kvth::slot(format), kvth::slot(type), kvth::slot(pixels)});
+    return kvth::call<void>(5146, {kvth::toSlot(target), kvth::toSlot(level), kvth::toSlot(xoffset), kvth::toSlot(yoffset), kvth::toSlot(zoffset), kvth::toSlot(width), kvth::toSlot(height), kvth::toSlot(depth), kvth::toSlot(format), kvth::toSlot(type), kvth::toSlot(pixels)});
 }
 KV_EXPORT void KV_APIENTRY glCopyTexSubImage3D(GLenum target, GLint level, GLint xoffset, GLint yoffset, GLint zoffset, GLint x, GLint y, GLsizei width, GLsizei height) {
-    return kvth::call<void>(5147, {kvth::slot(target), kvth::slot(level), kvth::slot(xoffset), kvth::slot(yoffset), kvth::slot(zoffset), kvth::slot(x), kvth::slot(y), kvth::slot(width), kvth::slot(height)});
+    return kvth::call<void>(5147, {kvth::toSlot(target), kvth::toSlot(level), kvth::toSlot(xoffset), kvth::toSlot(yoffset), kvth::toSlot(zoffset), kvth::toSlot(x), kvth::toSlot(y), kvth::toSlot(width), kvth::toSlot(height)});
 }
 KV_EXPORT void KV_APIENTRY glCompressedTexImage3D(GLenum target, GLint level, GLenum internalformat, GLsizei width, GLsizei height, GLsizei depth, GLint border, GLsizei imageSize, const void *data) {
-    return kvth::call<void>(5148, {kvth::slot(target), kvth::slot(level), kvth::slot(internalformat), kvth::slot(width), kvth::slot(height), kvth::slot(depth), kvth::slot(border), kvth::slot(imageSize), kvth::slot(data)});
+    return kvth::call<void>(5148, {kvth::toSlot(target), kvth::toSlot(level), kvth::toSlot(internalformat), kvth::toSlot(width), kvth::toSlot(height), kvth::toSlot(depth), kvth::toSlot(border), kvth::toSlot(imageSize), kvth::toSlot(data)});
 }
 KV_EXPORT void KV_APIENTRY glCompressedTexSubImage3D(GLenum target, GLint level, GLint xoffset, GLint yoffset, GLint zoffset, GLsizei width, GLsizei height, GLsizei depth, GLenum format, GLsizei imageSize, const void *data) {
-    return kvth::call<void>(5149, {kvth::slot(target), kvth::slot(level), kvth::slot(xoffset), kvth::slot(yoffset), kvth::slot(zoffset), kvth::slot(width), kvth::slot(height), kvth::slot(depth), kvth::slot(format), kvth::slot(imageSize), kvth::slot(data)});
+    return kvth::call<void>(5149, {kvth::toSlot(target), kvth::toSlot(level), kvth::toSlot(xoffset), kvth::toSlot(yoffset), kvth::toSlot(zoffset), kvth::toSlot(width), kvth::toSlot(height), kvth::toSlot(depth), kvth::toSlot(format), kvth::toSlot(imageSize), kvth::toSlot(data)});
 }
 KV_EXPORT void KV_APIENTRY glGenQueries(GLsizei n, GLuint *ids) {
-    return kvth::call<void>(5150, {kvth::slot(n), kvth::slot(ids)});
+    return kvth::call<void>(5150, {kvth::toSlot(n), kvth::toSlot(ids)});
 }
 KV_EXPORT void KV_APIENTRY glDeleteQueries(GLsizei n, const GLuint *ids) {
-    return kvth::call<void>(5151, {kvth::slot(n), kvth::slot(ids)});
+    return kvth::call<void>(5151, {kvth::toSlot(n), kvth::toSlot(ids)});
 }
 KV_EXPORT GLboolean KV_APIENTRY glIsQuery(GLuint id) {
-    return kvth::call<GLboolean>(5152, {kvth::slot(id)});
+    return kvth::call<GLboolean>(5152, {kvth::toSlot(id)});
 }
 KV_EXPORT void KV_APIENTRY glBeginQuery(GLenum target, GLuint id) {
-    return kvth::call<void>(5153, {kvth::slot(target), kvth::slot(id)});
+    return kvth::call<void>(5153, {kvth::toSlot(target), kvth::toSlot(id)});
 }
 KV_EXPORT void KV_APIENTRY glEndQuery(GLenum target) {
-    return kvth::call<void>(5154, {kvth::slot(target)});
+    return kvth::call<void>(5154, {kvth::toSlot(target)});
 }
 KV_EXPORT void KV_APIENTRY glGetQueryiv(GLenum target, GLenum pname, GLint *params) {
-    return kvth::call<void>(5155, {kvth::slot(target), kvth::slot(pname), kvth::slot(params)});
+    return kvth::call<void>(5155, {kvth::toSlot(target), kvth::toSlot(pname), kvth::toSlot(params)});
 }
 KV_EXPORT void KV_APIENTRY glGetQueryObjectuiv(GLuint id, GLenum pname, GLuint *params) {
-    return kvth::call<void>(5156, {kvth::slot(id), kvth::slot(pname), kvth::slot(params)});
+    return kvth::call<void>(5156, {kvth::toSlot(id), kvth::toSlot(pname), kvth::toSlot(params)});
 }
 KV_EXPORT GLboolean KV_APIENTRY glUnmapBuffer(GLenum target) {
-    return kvth::call<GLboolean>(5157, {kvth::slot(target)});
+    return kvth::call<GLboolean>(5157, {kvth::toSlot(target)});
 }
 KV_EXPORT void KV_APIENTRY glGetBufferPointerv(GLenum target, GLenum pname, void **params) {
-    return kvth::call<void>(5158, {kvth::slot(target), kvth::slot(pname), kvth::slot(params)});
+    return kvth::call<void>(5158, {kvth::toSlot(target), kvth::toSlot(pname), kvth::toSlot(params)});
 }
 KV_EXPORT void KV_APIENTRY glDrawBuffers(GLsizei n, const GLenum *bufs) {
-    return kvth::call<void>(5159, {kvth::slot(n), kvth::slot(bufs)});
+    return kvth::call<void>(5159, {kvth::toSlot(n), kvth::toSlot(bufs)});
 }
 KV_EXPORT void KV_APIENTRY glUniformMatrix2x3fv(GLint location, GLsizei count, GLboolean transpose, const GLfloat *value) {
-    return kvth::call<void>(5160, {kvth::slot(location), kvth::slot(count), kvth::slot(transpose), kvth::slot(value)});
+    return kvth::call<void>(5160, {kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(transpose), kvth::toSlot(value)});
 }
 KV_EXPORT void KV_APIENTRY glUniformMatrix3x2fv(GLint location, GLsizei count, GLboolean transpose, const GLfloat *value) {
-    return kvth::call<void>(5161, {kvth::slot(location), kvth::slot(count), kvth::slot(transpose), kvth::slot(value)});
+    return kvth::call<void>(5161, {kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(transpose), kvth::toSlot(value)});
 }
 KV_EXPORT void KV_APIENTRY glUniformMatrix2x4fv(GLint location, GLsizei count, GLboolean transpose, const GLfloat *value) {
-    return kvth::call<void>(5162, {kvth::slot(location), kvth::slot(count), kvth::slot(transpose), kvth::slot(value)});
+    return kvth::call<void>(5162, {kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(transpose), kvth::toSlot(value)});
 }
 KV_EXPORT void KV_APIENTRY glUniformMatrix4x2fv(GLint location, GLsizei count, GLboolean transpose, const GLfloat *value) {
-    return kvth::call<void>(5163, {kvth::slot(location), kvth::slot(count), kvth::slot(transpose), kvth::slot(value)});
+    return kvth::call<void>(5163, {kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(transpose), kvth::toSlot(value)});
 }
 KV_EXPORT void KV_APIENTRY glUniformMatrix3x4fv(GLint location, GLsizei count, GLboolean transpose, const GLfloat *value) {
-    return kvth::call<void>(5164, {kvth::slot(location), kvth::slot(count), kvth::slot(transpose), kvth::slot(value)});
+    return kvth::call<void>(5164, {kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(transpose), kvth::toSlot(value)});
 }
 KV_EXPORT void KV_APIENTRY glUniformMatrix4x3fv(GLint location, GLsizei count, GLboolean transpose, const GLfloat *value) {
-    return kvth::call<void>(5165, {kvth::slot(location), kvth::slot(count), kvth::slot(transpose), kvth::slot(value)});
+    return kvth::call<void>(5165, {kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(transpose), kvth::toSlot(value)});
 }
 KV_EXPORT void KV_APIENTRY glBlitFramebuffer(GLint srcX0, GLint srcY0, GLint srcX1, GLint srcY1, GLint dstX0, GLint dstY0, GLint dstX1, GLint dstY1, GLbitfield mask, GLenum filter) {
-    return kvth::call<void>(5166, {kvth::slot(srcX0), kvth::slot(srcY0), kvth::slot(srcX1), kvth::slot(srcY1), kvth::slot(dstX0), kvth::slot(dstY0), kvth::slot(dstX1), kvth::slot(dstY1), kvth::slot(mask), kvth::slot(filter)});
+    return kvth::call<void>(5166, {kvth::toSlot(srcX0), kvth::toSlot(srcY0), kvth::toSlot(srcX1), kvth::toSlot(srcY1), kvth::toSlot(dstX0), kvth::toSlot(dstY0), kvth::toSlot(dstX1), kvth::toSlot(dstY1), kvth::toSlot(mask), kvth::toSlot(filter)});
 }
 KV_EXPORT void KV_APIENTRY glRenderbufferStorageMultisample(GLenum target, GLsizei samples, GLenum internalformat, GLsizei width, GLsizei height) {
-    return kvth::call<void>(5167, {kvth::slot(target), kvth::slot(samples), kvth::slot(internalformat), kvth::slot(width), kvth::slot(height)});
+    return kvth::call<void>(5167, {kvth::toSlot(target), kvth::toSlot(samples), kvth::toSlot(internalformat), kvth::toSlot(width), kvth::toSlot(height)});
 }
 KV_EXPORT void KV_APIENTRY glFramebufferTextureLayer(GLenum target, GLenum attachment, GLuint texture, GLint level, GLint layer) {
-    return kvth::call<void>(5168, {kvth::slot(target), kvth::slot(attachment), kvth::slot(texture), kvth::slot(level), kvth::slot(layer)});
+    return kvth::call<void>(5168, {kvth::toSlot(target), kvth::toSlot(attachment), kvth::toSlot(texture), kvth::toSlot(level), kvth::toSlot(layer)});
 }
 KV_EXPORT void * KV_APIENTRY glMapBufferRange(GLenum target, GLintptr offset, GLsizeiptr length, GLbitfield access) {
-    return kvth::call<void *>(5169, {kvth::slot(target), kvth::slot(offset), kvth::slot(length), kvth::slot(access)});
+    return kvth::call<void *>(5169, {kvth::toSlot(target), kvth::toSlot(offset), kvth::toSlot(length), kvth::toSlot(access)});
 }
 KV_EXPORT void KV_APIENTRY glFlushMappedBufferRange(GLenum target, GLintptr offset, GLsizeiptr length) {
-    return kvth::call<void>(5170, {kvth::slot(target), kvth::slot(offset), kvth::slot(length)});
+    return kvth::call<void>(5170, {kvth::toSlot(target), kvth::toSlot(offset), kvth::toSlot(length)});
 }
 KV_EXPORT void KV_APIENTRY glBindVertexArray(GLuint array) {
-    return kvth::call<void>(5171, {kvth::slot(array)});
+    return kvth::call<void>(5171, {kvth::toSlot(array)});
 }
 KV_EXPORT void KV_APIENTRY glDeleteVertexArrays(GLsizei n, const GLuint *arrays) {
-    return kvth::call<void>(5172, {kvth::slot(n), kvth::slot(arrays)});
+    return kvth::call<void>(5172, {kvth::toSlot(n), kvth::toSlot(arrays)});
 }
 KV_EXPORT void KV_APIENTRY glGenVertexArrays(GLsizei n, GLuint *arrays) {
-    return kvth::call<void>(5173, {kvth::slot(n), kvth::slot(arrays)});
+    return kvth::call<void>(5173, {kvth::toSlot(n), kvth::toSlot(arrays)});
 }
 KV_EXPORT GLboolean KV_APIENTRY glIsVertexArray(GLuint array) {
-    return kvth::call<GLboolean>(5174, {kvth::slot(array)});
+    return kvth::call<GLboolean>(5174, {kvth::toSlot(array)});
 }
 KV_EXPORT void KV_APIENTRY glGetIntegeri_v(GLenum target, GLuint index, GLint *data) {
-    return kvth::call<void>(5175, {kvth::slot(target), kvth::slot(index), kvth::slot(data)});
+    return kvth::call<void>(5175, {kvth::toSlot(target), kvth::toSlot(index), kvth::toSlot(data)});
 }
 KV_EXPORT void KV_APIENTRY glBeginTransformFeedback(GLenum primitiveMode) {
-    return kvth::call<void>(5176, {kvth::slot(primitiveMode)});
+    return kvth::call<void>(5176, {kvth::toSlot(primitiveMode)});
 }
 KV_EXPORT void KV_APIENTRY glEndTransformFeedback() {
     return kvth::call<void>(5177, {});
 }
 KV_EXPORT void KV_APIENTRY glBindBufferRange(GLenum target, GLuint index, GLuint buffer, GLintptr offset, GLsizeiptr size) {
-    return kvth::call<void>(5178, {kvth::slot(target), kvth::slot(index), kvth::slot(buffer), kvth::slot(offset), kvth::slot(size)});
+    return kvth::call<void>(5178, {kvth::toSlot(target), kvth::toSlot(index), kvth::toSlot(buffer), kvth::toSlot(offset), kvth::toSlot(size)});
 }
 KV_EXPORT void KV_APIENTRY glBindBufferBase(GLenum target, GLuint index, GLuint buffer) {
-    return kvth::call<void>(5179, {kvth::slot(target), kvth::slot(index), kvth::slot(buffer)});
+    return kvth::call<void>(5179, {kvth::toSlot(target), kvth::toSlot(index), kvth::toSlot(buffer)});
 }
 KV_EXPORT void KV_APIENTRY glTransformFeedbackVaryings(GLuint program, GLsizei count, const GLchar *const *varyings, GLenum bufferMode) {
-    return kvth::call<void>(5180, {kvth::slot(program), kvth::slot(count), kvth::slot(varyings), kvth::slot(bufferMode)});
+    return kvth::call<void>(5180, {kvth::toSlot(program), kvth::toSlot(count), kvth::toSlot(varyings), kvth::toSlot(bufferMode)});
 }
 KV_EXPORT void KV_APIENTRY glGetTransformFeedbackVarying(GLuint program, GLuint index, GLsizei bufSize, GLsizei *length, GLsizei *size, GLenum *type, GLchar *name) {
-    return kvth::call<void>(5181, {kvth::slot(program), kvth::slot(index), kvth::slot(bufSize), kvth::slot(length), kvth::slot(size), kvth::slot(type), kvth::slot(name)});
+    return kvth::call<void>(5181, {kvth::toSlot(program), kvth::toSlot(index), kvth::toSlot(bufSize), kvth::toSlot(length), kvth::toSlot(size), kvth::toSlot(type), kvth::toSlot(name)});
 }
 KV_EXPORT void KV_APIENTRY glVertexAttribIPointer(GLuint index, GLint size, GLenum type, GLsizei stride, const void *pointer) {
-    return kvth::call<void>(5182, {kvth::slot(index), kvth::slot(size), kvth::slot(type), kvth::slot(stride), kvth::slot(pointer)});
+    return kvth::call<void>(5182, {kvth::toSlot(index), kvth::toSlot(size), kvth::toSlot(type), kvth::toSlot(stride), kvth::toSlot(pointer)});
 }
 KV_EXPORT void KV_APIENTRY glGetVertexAttribIiv(GLuint index, GLenum pname, GLint *params) {
-    return kvth::call<void>(5183, {kvth::slot(index), kvth::slot(pname), kvth::slot(params)});
+    return kvth::call<void>(5183, {kvth::toSlot(index), kvth::toSlot(pname), kvth::toSlot(params)});
 }
 KV_EXPORT void KV_APIENTRY glGetVertexAttribIuiv(GLuint index, GLenum pname, GLuint *params) {
-    return kvth::call<void>(5184, {kvth::slot(index), kvth::slot(pname), kvth::slot(params)});
+    return kvth::call<void>(5184, {kvth::toSlot(index), kvth::toSlot(pname), kvth::toSlot(params)});
 }
 KV_EXPORT void KV_APIENTRY glVertexAttribI4i(GLuint index, GLint x, GLint y, GLint z, GLint w) {
-    return kvth::call<void>(5185, {kvth::slot(index), kvth::slot(x), kvth::slot(y), kvth::slot(z), kvth::slot(w)});
+    return kvth::call<void>(5185, {kvth::toSlot(index), kvth::toSlot(x), kvth::toSlot(y), kvth::toSlot(z), kvth::toSlot(w)});
 }
 KV_EXPORT void KV_APIENTRY glVertexAttribI4ui(GLuint index, GLuint x, GLuint y, GLuint z, GLuint w) {
-    return kvth::call<void>(5186, {kvth::slot(index), kvth::slot(x), kvth::slot(y), kvth::slot(z), kvth::slot(w)});
+    return kvth::call<void>(5186, {kvth::toSlot(index), kvth::toSlot(x), kvth::toSlot(y), kvth::toSlot(z), kvth::toSlot(w)});
 }
 KV_EXPORT void KV_APIENTRY glVertexAttribI4iv(GLuint index, const GLint *v) {
-    return kvth::call<void>(5187, {kvth::slot(index), kvth::slot(v)});
+    return kvth::call<void>(5187, {kvth::toSlot(index), kvth::toSlot(v)});
 }
 KV_EXPORT void KV_APIENTRY glVertexAttribI4uiv(GLuint index, const GLuint *v) {
-    return kvth::call<void>(5188, {kvth::slot(index), kvth::slot(v)});
+    return kvth::call<void>(5188, {kvth::toSlot(index), kvth::toSlot(v)});
 }
 KV_EXPORT void KV_APIENTRY glGetUniformuiv(GLuint program, GLint location, GLuint *params) {
-    return kvth::call<void>(5189, {kvth::slot(program), kvth::slot(location), kvth::slot(params)});
+    return kvth::call<void>(5189, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(params)});
 }
 KV_EXPORT GLint KV_APIENTRY glGetFragDataLocation(GLuint program, const GLchar *name) {
-    return kvth::call<GLint>(5190, {kvth::slot(program), kvth::slot(name)});
+    return kvth::call<GLint>(5190, {kvth::toSlot(program), kvth::toSlot(name)});
 }
 KV_EXPORT void KV_APIENTRY glUniform1ui(GLint location, GLuint v0) {
-    return kvth::call<void>(5191, {kvth::slot(location), kvth::slot(v0)});
+    return kvth::call<void>(5191, {kvth::toSlot(location), kvth::toSlot(v0)});
 }
 KV_EXPORT void KV_APIENTRY glUniform2ui(GLint location, GLuint v0, GLuint v1) {
-    return kvth::call<void>(5192, {kvth::slot(location), kvth::slot(v0), kvth::slot(v1)});
+    return kvth::call<void>(5192, {kvth::toSlot(location), kvth::toSlot(v0), kvth::toSlot(v1)});
 }
 KV_EXPORT void KV_APIENTRY glUniform3ui(GLint location, GLuint v0, GLuint v1, GLuint v2) {
-    return kvth::call<void>(5193, {kvth::slot(location), kvth::slot(v0), kvth::slot(v1), kvth::slot(v2)});
+    return kvth::call<void>(5193, {kvth::toSlot(location), kvth::toSlot(v0), kvth::toSlot(v1), kvth::toSlot(v2)});
 }
 KV_EXPORT void KV_APIENTRY glUniform4ui(GLint location, GLuint v0, GLuint v1, GLuint v2, GLuint v3) {
-    return kvth::call<void>(5194, {kvth::slot(location), kvth::slot(v0), kvth::slot(v1), kvth::slot(v2), kvth::slot(v3)});
+    return kvth::call<void>(5194, {kvth::toSlot(location), kvth::toSlot(v0), kvth::toSlot(v1), kvth::toSlot(v2), kvth::toSlot(v3)});
 }
 KV_EXPORT void KV_APIENTRY glUniform1uiv(GLint location, GLsizei count, const GLuint *value) {
-    return kvth::call<void>(5195, {kvth::slot(location), kvth::slot(count), kvth::slot(value)});
+    return kvth::call<void>(5195, {kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(value)});
 }
 KV_EXPORT void KV_APIENTRY glUniform2uiv(GLint location, GLsizei count, const GLuint *value) {
-    return kvth::call<void>(5196, {kvth::slot(location), kvth::slot(count), kvth::slot(value)});
+    return kvth::call<void>(5196, {kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(value)});
 }
 KV_EXPORT void KV_APIENTRY glUniform3uiv(GLint location, GLsizei count, const GLuint *value) {
-    return kvth::call<void>(5197, {kvth::slot(location), kvth::slot(count), kvth::slot(value)});
+    return kvth::call<void>(5197, {kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(value)});
 }
 KV_EXPORT void KV_APIENTRY glUniform4uiv(GLint location, GLsizei count, const GLuint *value) {
-    return kvth::call<void>(5198, {kvth::slot(location), kvth::slot(count), kvth::slot(value)});
+    return kvth::call<void>(5198, {kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(value)});
 }
 KV_EXPORT void KV_APIENTRY glClearBufferiv(GLenum buffer, GLint drawbuffer, const GLint *value) {
-    return kvth::call<void>(5199, {kvth::slot(buffer), kvth::slot(drawbuffer), kvth::slot(value)});
+    return kvth::call<void>(5199, {kvth::toSlot(buffer), kvth::toSlot(drawbuffer), kvth::toSlot(value)});
 }
 KV_EXPORT void KV_APIENTRY glClearBufferuiv(GLenum buffer, GLint drawbuffer, const GLuint *value) {
-    return kvth::call<void>(5200, {kvth::slot(buffer), kvth::slot(drawbuffer), kvth::slot(value)});
+    return kvth::call<void>(5200, {kvth::toSlot(buffer), kvth::toSlot(drawbuffer), kvth::toSlot(value)});
 }
 KV_EXPORT void KV_APIENTRY glClearBufferfv(GLenum buffer, GLint drawbuffer, const GLfloat *value) {
-    return kvth::call<void>(5201, {kvth::slot(buffer), kvth::slot(drawbuffer), kvth::slot(value)});
+    return kvth::call<void>(5201, {kvth::toSlot(buffer), kvth::toSlot(drawbuffer), kvth::toSlot(value)});
 }
 KV_EXPORT void KV_APIENTRY glClearBufferfi(GLenum buffer, GLint drawbuffer, GLfloat depth, GLint stencil) {
-    return kvth::call<void>(5202, {kvth::slot(buffer), kvth::slot(drawbuffer), kvth::slot(depth), kvth::slot(stencil)});
+    return kvth::call<void>(5202, {kvth::toSlot(buffer), kvth::toSlot(drawbuffer), kvth::toSlot(depth), kvth::toSlot(stencil)});
 }
 KV_EXPORT const GLubyte * KV_APIENTRY glGetStringi(GLenum name, GLuint index) {
-    return kvth::call<const GLubyte *>(5203, {kvth::slot(name), kvth::slot(index)});
+    return kvth::call<const GLubyte *>(5203, {kvth::toSlot(name), kvth::toSlot(index)});
 }
 KV_EXPORT void KV_APIENTRY glCopyBufferSubData(GLenum readTarget, GLenum writeTarget, GLintptr readOffset, GLintptr writeOffset, GLsizeiptr size) {
-    return kvth::call<void>(5204, {kvth::slot(readTarget), kvth::slot(writeTarget), kvth::slot(readOffset), kvth::slot(writeOffset), kvth::slot(size)});
+    return kvth::call<void>(5204, {kvth::toSlot(readTarget), kvth::toSlot(writeTarget), kvth::toSlot(readOffset), kvth::toSlot(writeOffset), kvth::toSlot(size)});
 }
 KV_EXPORT void KV_APIENTRY glGetUniformIndices(GLuint program, GLsizei uniformCount, const GLchar *const *uniformNames, GLuint *uniformIndices) {
-    return kvth::call<void>(5205, {kvth::slot(program), kvth::slot(uniformCount), kvth::slot(uniformNames), kvth::slot(uniformIndices)});
+    return kvth::call<void>(5205, {kvth::toSlot(program), kvth::toSlot(uniformCount), kvth::toSlot(uniformNames), kvth::toSlot(uniformIndices)});
 }
 KV_EXPORT void KV_APIENTRY glGetActiveUniformsiv(GLuint program, GLsizei uniformCount, const GLuint *uniformIndices, GLenum pname, GLint *params) {
-    return kvth::call<void>(5206, {kvth::slot(program), kvth::slot(uniformCount), kvth::slot(uniformIndices), kvth::slot(pname), kvth::slot(params)});
+    return kvth::call<void>(5206, {kvth::toSlot(program), kvth::toSlot(uniformCount), kvth::toSlot(uniformIndices), kvth::toSlot(pname), kvth::toSlot(params)});
 }
 KV_EXPORT GLuint KV_APIENTRY glGetUniformBlockIndex(GLuint program, const GLchar *uniformBlockName) {
-    return kvth::call<GLuint>(5207, {kvth::slot(program), kvth::slot(uniformBlockName)});
+    return kvth::call<GLuint>(5207, {kvth::toSlot(program), kvth::toSlot(uniformBlockName)});
 }
 KV_EXPORT void KV_APIENTRY glGetActiveUniformBlockiv(GLuint program, GLuint uniformBlockIndex, GLenum pname, GLint *params) {
-    return kvth::call<void>(5208, {kvth::slot(program), kvth::slot(uniformBlockIndex), kvth::slot(pname), kvth::slot(params)});
+    return kvth::call<void>(5208, {kvth::toSlot(program), kvth::toSlot(uniformBlockIndex), kvth::toSlot(pname), kvth::toSlot(params)});
 }
 KV_EXPORT void KV_APIENTRY glGetActiveUniformBlockName(GLuint program, GLuint uniformBlockIndex, GLsizei bufSize, GLsizei *length, GLchar *uniformBlockName) {
-    return kvth::call<void>(5209, {kvth::slot(program), kvth::slot(uniformBlockIndex), kvth::slot(bufSize), kvth::slot(length), kvth::slot(uniformBlockName)});
+    return kvth::call<void>(5209, {kvth::toSlot(program), kvth::toSlot(uniformBlockIndex), kvth::toSlot(bufSize), kvth::toSlot(length), kvth::toSlot(uniformBlockName)});
 }
 KV_EXPORT void KV_APIENTRY glUniformBlockBinding(GLuint program, GLuint uniformBlockIndex, GLuint uniformBlockBinding) {
-    return kvth::call<void>(5210, {kvth::slot(program), kvth::slot(uniformBlockIndex), kvth::slot(uniformBlockBinding)});
+    return kvth::call<void>(5210, {kvth::toSlot(program), kvth::toSlot(uniformBlockIndex), kvth::toSlot(uniformBlockBinding)});
 }
 KV_EXPORT void KV_APIENTRY glDrawArraysInstanced(GLenum mode, GLint first, GLsizei count, GLsizei instancecount) {
-    return kvth::call<void>(5211, {kvth::slot(mode), kvth::slot(first), kvth::slot(count), kvth::slot(instancecount)});
+    return kvth::call<void>(5211, {kvth::toSlot(mode), kvth::toSlot(first), kvth::toSlot(count), kvth::toSlot(instancecount)});
 }
 KV_EXPORT void KV_APIENTRY glDrawElementsInstanced(GLenum mode, GLsizei count, GLenum type, const void *indices, GLsizei instancecount) {
-    return kvth::call<void>(5212, {kvth::slot(mode), kvth::slot(count), kvth::slot(type), kvth::slot(indices), kvth::slot(instancecount)});
+    return kvth::call<void>(5212, {kvth::toSlot(mode), kvth::toSlot(count), kvth::toSlot(type), kvth::toSlot(indices), kvth::toSlot(instancecount)});
 }
 KV_EXPORT GLsync KV_APIENTRY glFenceSync(GLenum condition, GLbitfield flags) {
-    return kvth::call<GLsync>(5213, {kvth::slot(condition), kvth::slot(flags)});
+    return kvth::call<GLsync>(5213, {kvth::toSlot(condition), kvth::toSlot(flags)});
 }
 KV_EXPORT GLboolean KV_APIENTRY glIsSync(GLsync sync) {
-    return kvth::call<GLboolean>(5214, {kvth::slot(sync)});
+    return kvth::call<GLboolean>(5214, {kvth::toSlot(sync)});
 }
 KV_EXPORT void KV_APIENTRY glDeleteSync(GLsync sync) {
-    return kvth::call<void>(5215, {kvth::slot(sync)});
+    return kvth::call<void>(5215, {kvth::toSlot(sync)});
 }
 KV_EXPORT GLenum KV_APIENTRY glClientWaitSync(GLsync sync, GLbitfield flags, GLuint64 timeout) {
-    return kvth::call<GLenum>(5216, {kvth::slot(sync), kvth::slot(flags), kvth::slot(timeout)});
+    return kvth::call<GLenum>(5216, {kvth::toSlot(sync), kvth::toSlot(flags), kvth::toSlot(timeout)});
 }
 KV_EXPORT void KV_APIENTRY glWaitSync(GLsync sync, GLbitfield flags, GLuint64 timeout) {
-    return kvth::call<void>(5217, {kvth::slot(sync), kvth::slot(flags), kvth::slot(timeout)});
+    return kvth::call<void>(5217, {kvth::toSlot(sync), kvth::toSlot(flags), kvth::toSlot(timeout)});
 }
 KV_EXPORT void KV_APIENTRY glGetInteger64v(GLenum pname, GLint64 *data) {
-    return kvth::call<void>(5218, {kvth::slot(pname), kvth::slot(data)});
+    return kvth::call<void>(5218, {kvth::toSlot(pname), kvth::toSlot(data)});
 }
 KV_EXPORT void KV_APIENTRY glGetSynciv(GLsync sync, GLenum pname, GLsizei count, GLsizei *length, GLint *values) {
-    return kvth::call<void>(5219, {kvth::slot(sync), kvth::slot(pname), kvth::slot(count), kvth::slot(length), kvth::slot(values)});
+    return kvth::call<void>(5219, {kvth::toSlot(sync), kvth::toSlot(pname), kvth::toSlot(count), kvth::toSlot(length), kvth::toSlot(values)});
 }
 KV_EXPORT void KV_APIENTRY glGetInteger64i_v(GLenum target, GLuint index, GLint64 *data) {
-    return kvth::call<void>(5220, {kvth::slot(target), kvth::slot(index), kvth::slot(data)});
+    return kvth::call<void>(5220, {kvth::toSlot(target), kvth::toSlot(index), kvth::toSlot(data)});
 }
 KV_EXPORT void KV_APIENTRY glGetBufferParameteri64v(GLenum target, GLenum pname, GLint64 *params) {
-    return kvth::call<void>(5221, {kvth::slot(target), kvth::slot(pname), kvth::slot(params)});
+    return kvth::call<void>(5221, {kvth::toSlot(target), kvth::toSlot(pname), kvth::toSlot(params)});
 }
 KV_EXPORT void KV_APIENTRY glGenSamplers(GLsizei count, GLuint *samplers) {
-    return kvth::call<void>(5222, {kvth::slot(count), kvth::slot(samplers)});
+    return kvth::call<void>(5222, {kvth::toSlot(count), kvth::toSlot(samplers)});
 }
 KV_EXPORT void KV_APIENTRY glDeleteSamplers(GLsizei count, const GLuint *samplers) {
-    return kvth::call<void>(5223, {kvth::slot(count), kvth::slot(samplers)});
+    return kvth::call<void>(5223, {kvth::toSlot(count), kvth::toSlot(samplers)});
 }
 KV_EXPORT GLboolean KV_APIENTRY glIsSampler(GLuint sampler) {
-    return kvth::call<GLboolean>(5224, {kvth::slot(sampler)});
+    return kvth::call<GLboolean>(5224, {kvth::toSlot(sampler)});
 }
 KV_EXPORT void KV_APIENTRY glBindSampler(GLuint unit, GLuint sampler) {
-    return kvth::call<void>(5225, {kvth::slot(unit), kvth::slot(sampler)});
+    return kvth::call<void>(5225, {kvth::toSlot(unit), kvth::toSlot(sampler)});
 }
 KV_EXPORT void KV_APIENTRY glSamplerParameteri(GLuint sampler, GLenum pname, GLint param) {
-    return kvth::call<void>(5226, {kvth::slot(sampler), kvth::slot(pname), kvth::slot(param)});
+    return kvth::call<void>(5226, {kvth::toSlot(sampler), kvth::toSlot(pname), kvth::toSlot(param)});
 }
 KV_EXPORT void KV_APIENTRY glSamplerParameteriv(GLuint sampler, GLenum pname, const GLint *param) {
-    return kvth::call<void>(5227, {kvth::slot(sampler), kvth::slot(pname), kvth::slot(param)});
+    return kvth::call<void>(5227, {kvth::toSlot(sampler), kvth::toSlot(pname), kvth::toSlot(param)});
 }
 KV_EXPORT void KV_APIENTRY glSamplerParameterf(GLuint sampler, GLenum pname, GLfloat param) {
-    return kvth::call<void>(5228, {kvth::slot(sampler), kvth::slot(pname), kvth::slot(param)});
+    return kvth::call<void>(5228, {kvth::toSlot(sampler), kvth::toSlot(pname), kvth::toSlot(param)});
 }
 KV_EXPORT void KV_APIENTRY glSamplerParameterfv(GLuint sampler, GLenum pname, const GLfloat *param) {
-    return kvth::call<void>(5229, {kvth::slot(sampler), kvth::slot(pname), kvth::slot(param)});
+    return kvth::call<void>(5229, {kvth::toSlot(sampler), kvth::toSlot(pname), kvth::toSlot(param)});
 }
 KV_EXPORT void KV_APIENTRY glGetSamplerParameteriv(GLuint sampler, GLenum pname, GLint *params) {
-    return kvth::call<void>(5230, {kvth::slot(sampler), kvth::slot(pname), kvth::slot(params)});
+    return kvth::call<void>(5230, {kvth::toSlot(sampler), kvth::toSlot(pname), kvth::toSlot(params)});
 }
 KV_EXPORT void KV_APIENTRY glGetSamplerParameterfv(GLuint sampler, GLenum pname, GLfloat *params) {
-    return kvth::call<void>(5231, {kvth::slot(sampler), kvth::slot(pname), kvth::slot(params)});
+    return kvth::call<void>(5231, {kvth::toSlot(sampler), kvth::toSlot(pname), kvth::toSlot(params)});
 }
 KV_EXPORT void KV_APIENTRY glVertexAttribDivisor(GLuint index, GLuint divisor) {
-    return kvth::call<void>(5232, {kvth::slot(index), kvth::slot(divisor)});
+    return kvth::call<void>(5232, {kvth::toSlot(index), kvth::toSlot(divisor)});
 }
 KV_EXPORT void KV_APIENTRY glBindTransformFeedback(GLenum target, GLuint id) {
-    return kvth::call<void>(5233, {kvth::slot(target), kvth::slot(id)});
+    return kvth::call<void>(5233, {kvth::toSlot(target), kvth::toSlot(id)});
 }
 KV_EXPORT void KV_APIENTRY glDeleteTransformFeedbacks(GLsizei n, const GLuint *ids) {
-    return kvth::call<void>(5234, {kvth::slot(n), kvth::slot(ids)});
+    return kvth::call<void>(5234, {kvth::toSlot(n), kvth::toSlot(ids)});
 }
 KV_EXPORT void KV_APIENTRY glGenTransformFeedbacks(GLsizei n, GLuint *ids) {
-    return kvth::call<void>(5235, {kvth::slot(n), kvth::slot(ids)});
+    return kvth::call<void>(5235, {kvth::toSlot(n), kvth::toSlot(ids)});
 }
 KV_EXPORT GLboolean KV_APIENTRY glIsTransformFeedback(GLuint id) {
-    return kvth::call<GLboolean>(5236, {kvth::slot(id)});
+    return kvth::call<GLboolean>(5236, {kvth::toSlot(id)});
 }
 KV_EXPORT void KV_APIENTRY glPauseTransformFeedback() {
     return kvth::call<void>(5237, {});
@@ -979,236 +979,236 @@ KV_EXPORT void KV_APIENTRY glResumeTransformFeedback() {
     return kvth::call<void>(5238, {});
 }
 KV_EXPORT void KV_APIENTRY glGetProgramBinary(GLuint program, GLsizei bufSize, GLsizei *length, GLenum *binaryFormat, void *binary) {
-    return kvth::call<void>(5239, {kvth::slot(program), kvth::slot(bufSize), kvth::slot(length), kvth::slot(binaryFormat), kvth::slot(binary)});
+    return kvth::call<void>(5239, {kvth::toSlot(program), kvth::toSlot(bufSize), kvth::toSlot(length), kvth::toSlot(binaryFormat), kvth::toSlot(binary)});
 }
 KV_EXPORT void KV_APIENTRY glProgramBinary(GLuint program, GLenum binaryFormat, const void *binary, GLsizei length) {
-    return kvth::call<void>(5240, {kvth::slot(program), kvth::slot(binaryFormat), kvth::slot(binary), kvth::slot(length)});
+    return kvth::call<void>(5240, {kvth::toSlot(program), kvth::toSlot(binaryFormat), kvth::toSlot(binary), kvth::toSlot(length)});
 }
 KV_EXPORT void KV_APIENTRY glProgramParameteri(GLuint program, GLenum pname, GLint value) {
-    return kvth::call<void>(5241, {kvth::slot(program), kvth::slot(pname), kvth::slot(value)});
+    return kvth::call<void>(5241, {kvth::toSlot(program), kvth::toSlot(pname), kvth::toSlot(value)});
 }
 KV_EXPORT void KV_APIENTRY glInvalidateFramebuffer(GLenum target, GLsizei numAttachments, const GLenum *attachments) {
-    return kvth::call<void>(5242, {kvth::slot(target), kvth::slot(numAttachments), kvth::slot(attachments)});
+    return kvth::call<void>(5242, {kvth::toSlot(target), kvth::toSlot(numAttachments), kvth::toSlot(attachments)});
 }
 KV_EXPORT void KV_APIENTRY glInvalidateSubFramebuffer(GLenum target, GLsizei numAttachments, const GLenum *attachments, GLint x, GLint y, GLsizei width, GLsizei height) {
-    return kvth::call<void>(5243, {kvth::slot(target), kvth::slot(numAttachments), kvth::slot(attachments), kvth::slot(x), kvth::slot(y), kvth::slot(width), kvth::slot(height)});
+    return kvth::call<void>(5243, {kvth::toSlot(target), kvth::toSlot(numAttachments), kvth::toSlot(attachments), kvth::toSlot(x), kvth::toSlot(y), kvth::toSlot(width), kvth::toSlot(height)});
 }
 KV_EXPORT void KV_APIENTRY glTexStorage2D(GLenum target, GLsizei levels, GLenum internalformat, GLsizei width, GLsizei height) {
-    return kvth::call<void>(5244, {kvth::slot(target), kvth::slot(levels), kvth::slot(internalformat), kvth::slot(width), kvth::slot(height)});
+    return kvth::call<void>(5244, {kvth::toSlot(target), kvth::toSlot(levels), kvth::toSlot(internalformat), kvth::toSlot(width), kvth::toSlot(height)});
 }
 KV_EXPORT void KV_APIENTRY glTexStorage3D(GLenum target, GLsizei levels, GLenum internalformat, GLsizei width, GLsizei height, GLsizei depth) {
-    return kvth::call<void>(5245, {kvth::slot(target), kvth::slot(levels), kvth::slot(internalformat), kvth::slot(width), kvth::slot(height), kvth::slot(depth)});
+    return kvth::call<void>(5245, {kvth::toSlot(target), kvth::toSlot(levels), kvth::toSlot(internalformat), kvth::toSlot(width), kvth::toSlot(height), kvth::toSlot(depth)});
 }
 KV_EXPORT void KV_APIENTRY glGetInternalformativ(GLenum target, GLenum internalformat, GLenum pname, GLsizei count, GLint *params) {
-    return kvth::call<void>(5246, {kvth::slot(target), kvth::slot(internalformat), kvth::slot(pname), kvth::slot(count), kvth::slot(params)});
+    return kvth::call<void>(5246, {kvth::toSlot(target), kvth::toSlot(internalformat), kvth::toSlot(pname), kvth::toSlot(count), kvth::toSlot(params)});
 }
 #endif
 
 // GLESPPHost es31
 #if !KVTH_OMIT_ES31
 KV_EXPORT void KV_APIENTRY glDispatchCompute(GLuint num_groups_x, GLuint num_groups_y, GLuint num_groups_z) {
-    return kvth::call<void>(7001, {kvth::slot(num_groups_x), kvth::slot(num_groups_y), kvth::slot(num_groups_z)});
+    return kvth::call<void>(7001, {kvth::toSlot(num_groups_x), kvth::toSlot(num_groups_y), kvth::toSlot(num_groups_z)});
 }
 KV_EXPORT void KV_APIENTRY glDispatchComputeIndirect(GLintptr indirect) {
-    return kvth::call<void>(7002, {kvth::slot(indirect)});
+    return kvth::call<void>(7002, {kvth::toSlot(indirect)});
 }
 KV_EXPORT void KV_APIENTRY glBindImageTexture(GLuint unit, GLuint texture, GLint level, GLboolean layered, GLint layer, GLenum access, GLenum format) {
-    return kvth::call<void>(7003, {kvth::slot(unit), kvth::slot(texture), kvth::slot(level), kvth::slot(layered), kvth::slot(layer), kvth::slot(access), kvth::slot(format)});
+    return kvth::call<void>(7003, {kvth::toSlot(unit), kvth::toSlot(texture), kvth::toSlot(level), kvth::toSlot(layered), kvth::toSlot(layer), kvth::toSlot(access), kvth::toSlot(format)});
 }
 KV_EXPORT void KV_APIENTRY glMemoryBarrier(GLbitfield barriers) {
-    return kvth::call<void>(7004, {kvth::slot(barriers)});
+    return kvth::call<void>(7004, {kvth::toSlot(barriers)});
 }
 KV_EXPORT void KV_APIENTRY glMemoryBarrierByRegion(GLbitfield barriers) {
-    return kvth::call<void>(7005, {kvth::slot(barriers)});
+    return kvth::call<void>(7005, {kvth::toSlot(barriers)});
 }
 KV_EXPORT void KV_APIENTRY glBindProgramPipeline(GLuint pipeline) {
-    return kvth::call<void>(7006, {kvth::slot(pipeline)});
+    return kvth::call<void>(7006, {kvth::toSlot(pipeline)});
 }
 KV_EXPORT void KV_APIENTRY glDeleteProgramPipelines(GLsizei n, const GLuint *pipelines) {
-    return kvth::call<void>(7007, {kvth::slot(n), kvth::slot(pipelines)});
+    return kvth::call<void>(7007, {kvth::toSlot(n), kvth::toSlot(pipelines)});
 }
 KV_EXPORT void KV_APIENTRY glGenProgramPipelines(GLsizei n, GLuint *pipelines) {
-    return kvth::call<void>(7008, {kvth::slot(n), kvth::slot(pipelines)});
+    return kvth::call<void>(7008, {kvth::toSlot(n), kvth::toSlot(pipelines)});
 }
 KV_EXPORT GLboolean KV_APIENTRY glIsProgramPipeline(GLuint pipeline) {
-    return kvth::call<GLboolean>(7009, {kvth::slot(pipeline)});
+    return kvth::call<GLboolean>(7009, {kvth::toSlot(pipeline)});
 }
 KV_EXPORT void KV_APIENTRY glGetProgramPipelineiv(GLuint pipeline, GLenum pname, GLint *params) {
-    return kvth::call<void>(7010, {kvth::slot(pipeline), kvth::slot(pname), kvth::slot(params)});
+    return kvth::call<void>(7010, {kvth::toSlot(pipeline), kvth::toSlot(pname), kvth::toSlot(params)});
 }
 KV_EXPORT void KV_APIENTRY glValidateProgramPipeline(GLuint pipeline) {
-    return kvth::call<void>(7011, {kvth::slot(pipeline)});
+    return kvth::call<void>(7011, {kvth::toSlot(pipeline)});
 }
 KV_EXPORT void KV_APIENTRY glGetProgramPipelineInfoLog(GLuint pipeline, GLsizei bufSize, GLsizei *length, GLchar *infoLog) {
-    return kvth::call<void>(7012, {kvth::slot(pipeline), kvth::slot(bufSize), kvth::slot(length), kvth::slot(infoLog)});
+    return kvth::call<void>(7012, {kvth::toSlot(pipeline), kvth::toSlot(bufSize), kvth::toSlot(length), kvth::toSlot(infoLog)});
 }
 KV_EXPORT void KV_APIENTRY glUseProgramStages(GLuint pipeline, GLbitfield stages, GLuint program) {
-    return kvth::call<void>(7013, {kvth::slot(pipeline), kvth::slot(stages), kvth::slot(program)});
+    return kvth::call<void>(7013, {kvth::toSlot(pipeline), kvth::toSlot(stages), kvth::toSlot(program)});
 }
 KV_EXPORT void KV_APIENTRY glActiveShaderProgram(GLuint pipeline, GLuint program) {
-    return kvth::call<void>(7014, {kvth::slot(pipeline), kvth::slot(program)});
+    return kvth::call<void>(7014, {kvth::toSlot(pipeline), kvth::toSlot(program)});
 }
 KV_EXPORT void KV_APIENTRY glProgramUniform1i(GLuint program, GLint location, GLint v0) {
-    return kvth::call<void>(7015, {kvth::slot(program), kvth::slot(location), kvth::slot(v0)});
+    return kvth::call<void>(7015, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(v0)});
 }
 KV_EXPORT void KV_APIENTRY glProgramUniform2i(GLuint program, GLint location, GLint v0, GLint v1) {
-    return kvth::call<void>(7016, {kvth::slot(program), kvth::slot(location), kvth::slot(v0), kvth::slot(v1)});
+    return kvth::call<void>(7016, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(v0), kvth::toSlot(v1)});
 }
 KV_EXPORT void KV_APIENTRY glProgramUniform3i(GLuint program, GLint location, GLint v0, GLint v1, GLint v2) {
-    return kvth::call<void>(7017, {kvth::slot(program), kvth::slot(location), kvth::slot(v0), kvth::slot(v1), kvth::slot(v2)});
+    return kvth::call<void>(7017, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(v0), kvth::toSlot(v1), kvth::toSlot(v2)});
 }
 KV_EXPORT void KV_APIENTRY glProgramUniform4i(GLuint program, GLint location, GLint v0, GLint v1, GLint v2, GLint v3) {
-    return kvth::call<void>(7018, {kvth::slot(program), kvth::slot(location), kvth::slot(v0), kvth::slot(v1), kvth::slot(v2), kvth::slot(v3)});
+    return kvth::call<void>(7018, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(v0), kvth::toSlot(v1), kvth::toSlot(v2), kvth::toSlot(v3)});
 }
 KV_EXPORT void KV_APIENTRY glProgramUniform1ui(GLuint program, GLint location, GLuint v0) {
-    return kvth::call<void>(7019, {kvth::slot(program), kvth::slot(location), kvth::slot(v0)});
+    return kvth::call<void>(7019, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(v0)});
 }
 KV_EXPORT void KV_APIENTRY glProgramUniform2ui(GLuint program, GLint location, GLuint v0, GLuint v1) {
-    return kvth::call<void>(7020, {kvth::slot(program), kvth::slot(location), kvth::slot(v0), kvth::slot(v1)});
+    return kvth::call<void>(7020, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(v0), kvth::toSlot(v1)});
 }
 KV_EXPORT void KV_APIENTRY glProgramUniform3ui(GLuint program, GLint location, GLuint v0, GLuint v1, GLuint v2) {
-    return kvth::call<void>(7021, {kvth::slot(program), kvth::slot(location), kvth::slot(v0), kvth::slot(v1), kvth::slot(v2)});
+    return kvth::call<void>(7021, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(v0), kvth::toSlot(v1), kvth::toSlot(v2)});
 }
 KV_EXPORT void KV_APIENTRY glProgramUniform4ui(GLuint program, GLint location, GLuint v0, GLuint v1, GLuint v2, GLuint v3) {
-    return kvth::call<void>(7022, {kvth::slot(program), kvth::slot(location), kvth::slot(v0), kvth::slot(v1), kvth::slot(v2), kvth::slot(v3)});
+    return kvth::call<void>(7022, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(v0), kvth::toSlot(v1), kvth::toSlot(v2), kvth::toSlot(v3)});
 }
 KV_EXPORT void KV_APIENTRY glProgramUniform1f(GLuint program, GLint location, GLfloat v0) {
-    return kvth::call<void>(7023, {kvth::slot(program), kvth::slot(location), kvth::slot(v0)});
+    return kvth::call<void>(7023, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(v0)});
 }
 KV_EXPORT void KV_APIENTRY glProgramUniform2f(GLuint program, GLint location, GLfloat v0, GLfloat v1) {
-    return kvth::call<void>(7024, {kvth::slot(program), kvth::slot(location), kvth::slot(v0), kvth::slot(v1)});
+    return kvth::call<void>(7024, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(v0), kvth::toSlot(v1)});
 }
 KV_EXPORT void KV_APIENTRY glProgramUniform3f(GLuint program, GLint location, GLfloat v0, GLfloat v1, GLfloat v2) {
-    return kvth::call<void>(7025, {kvth::slot(program), kvth::slot(location), kvth::slot(v0), kvth::slot(v1), kvth::slot(v2)});
+    return kvth::call<void>(7025, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(v0), kvth::toSlot(v1), kvth::toSlot(v2)});
 }
 KV_EXPORT void KV_APIENTRY glProgramUniform4f(GLuint program, GLint location, GLfloat v0, GLfloat v1, GLfloat v2, GLfloat v3) {
-    return kvth::call<void>(7026, {kvth::slot(program), kvth::slot(location), kvth::slot(v0), kvth::slot(v1), kvth::slot(v2), kvth::slot(v3)});
+    return kvth::call<void>(7026, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(v0), kvth::toSlot(v1), kvth::toSlot(v2), kvth::toSlot(v3)});
 }
 KV_EXPORT void KV_APIENTRY glProgramUniform1iv(GLuint program, GLint location, GLsizei count, const GLint *value) {
-    return kvth::call<void>(7027, {kvth::slot(program), kvth::slot(location), kvth::slot(count), kvth::slot(value)});
+    return kvth::call<void>(7027, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(value)});
 }
 KV_EXPORT void KV_APIENTRY glProgramUniform2iv(GLuint program, GLint location, GLsizei count, const GLint *value) {
-    return kvth::call<void>(7028, {kvth::slot(program), kvth::slot(location), kvth::slot(count), kvth::slot(value)});
+    return kvth::call<void>(7028, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(value)});
 }
 KV_EXPORT void KV_APIENTRY glProgramUniform3iv(GLuint program, GLint location, GLsizei count, const GLint *value) {
-    return kvth::call<void>(7029, {kvth::slot(program), kvth::slot(location), kvth::slot(count), kvth::slot(value)});
+    return kvth::call<void>(7029, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(value)});
 }
 KV_EXPORT void KV_APIENTRY glProgramUniform4iv(GLuint program, GLint location, GLsizei count, const GLint *value) {
-    return kvth::call<void>(7030, {kvth::slot(program), kvth::slot(location), kvth::slot(count), kvth::slot(value)});
+    return kvth::call<void>(7030, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(value)});
 }
 KV_EXPORT void KV_APIENTRY glProgramUniform1uiv(GLuint program, GLint location, GLsizei count, const GLuint *value) {
-    return kvth::call<void>(7031, {kvth::slot(program), kvth::slot(location), kvth::slot(count), kvth::slot(value)});
+    return kvth::call<void>(7031, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(value)});
 }
 KV_EXPORT void KV_APIENTRY glProgramUniform2uiv(GLuint program, GLint location, GLsizei count, const GLuint *value) {
-    return kvth::call<void>(7032, {kvth::slot(program), kvth::slot(location), kvth::slot(count), kvth::slot(value)});
+    return kvth::call<void>(7032, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(value)});
 }
 KV_EXPORT void KV_APIENTRY glProgramUniform3uiv(GLuint program, GLint location, GLsizei count, const GLuint *value) {
-    return kvth::call<void>(7033, {kvth::slot(program), kvth::slot(location), kvth::slot(count), kvth::slot(value)});
+    return kvth::call<void>(7033, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(value)});
 }
 KV_EXPORT void KV_APIENTRY glProgramUniform4uiv(GLuint program, GLint location, GLsizei count, const GLuint *value) {
-    return kvth::call<void>(7034, {kvth::slot(program), kvth::slot(location), kvth::slot(count), kvth::slot(value)});
+    return kvth::call<void>(7034, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(value)});
 }
 KV_EXPORT void KV_APIENTRY glProgramUniform1fv(GLuint program, GLint location, GLsizei count, const GLfloat *value) {
-    return kvth::call<void>(7035, {kvth::slot(program), kvth::slot(location), kvth::slot(count), kvth::slot(value)});
+    return kvth::call<void>(7035, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(value)});
 }
 KV_EXPORT void KV_APIENTRY glProgramUniform2fv(GLuint program, GLint location, GLsizei count, const GLfloat *value) {
-    return kvth::call<void>(7036, {kvth::slot(program), kvth::slot(location), kvth::slot(count), kvth::slot(value)});
+    return kvth::call<void>(7036, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(value)});
 }
 KV_EXPORT void KV_APIENTRY glProgramUniform3fv(GLuint program, GLint location, GLsizei count, const GLfloat *value) {
-    return kvth::call<void>(7037, {kvth::slot(program), kvth::slot(location), kvth::slot(count), kvth::slot(value)});
+    return kvth::call<void>(7037, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(value)});
 }
 KV_EXPORT void KV_APIENTRY glProgramUniform4fv(GLuint program, GLint location, GLsizei count, const GLfloat *value) {
-    return kvth::call<void>(7038, {kvth::slot(program), kvth::slot(location), kvth::slot(count), kvth::slot(value)});
+    return kvth::call<void>(7038, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(value)});
 }
 KV_EXPORT void KV_APIENTRY glProgramUniformMatrix2fv(GLuint program, GLint location, GLsizei count, GLboolean transpose, const GLfloat *value) {
-    return kvth::call<void>(7039, {kvth::slot(program), kvth::slot(location), kvth::slot(count), kvth::slot(transpose), kvth::slot(value)});
+    return kvth::call<void>(7039, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(transpose), kvth::toSlot(value)});
 }
 KV_EXPORT void KV_APIENTRY glProgramUniformMatrix3fv(GLuint program, GLint location, GLsizei count, GLboolean transpose, const GLfloat *value) {
-    return kvth::call<void>(7040, {kvth::slot(program), kvth::slot(location), kvth::slot(count), kvth::slot(transpose), kvth::slot(value)});
+    return kvth::call<void>(7040, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(transpose), kvth::toSlot(value)});
 }
 KV_EXPORT void KV_APIENTRY glProgramUniformMatrix4fv(GLuint program, GLint location, GLsizei count, GLboolean transpose, const GLfloat *value) {
-    return kvth::call<void>(7041, {kvth::slot(program), kvth::slot(location), kvth::slot(count), kvth::slot(transpose), kvth::slot(value)});
+    return kvth::call<void>(7041, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(transpose), kvth::toSlot(value)});
 }
 KV_EXPORT void KV_APIENTRY glProgramUniformMatrix2x3fv(GLuint program, GLint location, GLsizei count, GLboolean transpose, const GLfloat *value) {
-    return kvth::call<void>(7042, {kvth::slot(program), kvth::slot(location), kvth::slot(count), kvth::slot(transpose), kvth::slot(value)});
+    return kvth::call<void>(7042, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(transpose), kvth::toSlot(value)});
 }
 KV_EXPORT void KV_APIENTRY glProgramUniformMatrix3x2fv(GLuint program, GLint location, GLsizei count, GLboolean transpose, const GLfloat *value) {
-    return kvth::call<void>(7043, {kvth::slot(program), kvth::slot(location), kvth::slot(count), kvth::slot(transpose), kvth::slot(value)});
+    return kvth::call<void>(7043, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(transpose), kvth::toSlot(value)});
 }
 KV_EXPORT void KV_APIENTRY glProgramUniformMatrix2x4fv(GLuint program, GLint location, GLsizei count, GLboolean transpose, const GLfloat *value) {
-    return kvth::call<void>(7044, {kvth::slot(program), kvth::slot(location), kvth::slot(count), kvth::slot(transpose), kvth::slot(value)});
+    return kvth::call<void>(7044, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(transpose), kvth::toSlot(value)});
 }
 KV_EXPORT void KV_APIENTRY glProgramUniformMatrix4x2fv(GLuint program, GLint location, GLsizei count, GLboolean transpose, const GLfloat *value) {
-    return kvth::call<void>(7045, {kvth::slot(program), kvth::slot(location), kvth::slot(count), kvth::slot(transpose), kvth::slot(value)});
+    return kvth::call<void>(7045, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(transpose), kvth::toSlot(value)});
 }
 KV_EXPORT void KV_APIENTRY glProgramUniformMatrix3x4fv(GLuint program, GLint location, GLsizei count, GLboolean transpose, const GLfloat *value) {
-    return kvth::call<void>(7046, {kvth::slot(program), kvth::slot(location), kvth::slot(count), kvth::slot(transpose), kvth::slot(value)});
+    return kvth::call<void>(7046, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(transpose), kvth::toSlot(value)});
 }
 KV_EXPORT void KV_APIENTRY glProgramUniformMatrix4x3fv(GLuint program, GLint location, GLsizei count, GLboolean transpose, const GLfloat *value) {
-    return kvth::call<void>(7047, {kvth::slot(program), kvth::slot(location), kvth::slot(count), kvth::slot(transpose), kvth::slot(value)});
+    return kvth::call<void>(7047, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(transpose), kvth::toSlot(value)});
 }
 KV_EXPORT GLuint KV_APIENTRY glCreateShaderProgramv(GLenum type, GLsizei count, const GLchar *const *strings) {
-    return kvth::call<GLuint>(7048, {kvth::slot(type), kvth::slot(count), kvth::slot(strings)});
+    return kvth::call<GLuint>(7048, {kvth::toSlot(type), kvth::toSlot(count), kvth::toSlot(strings)});
 }
 KV_EXPORT void KV_APIENTRY glDrawArraysIndirect(GLenum mode, const void *indirect) {
-    return kvth::call<void>(7049, {kvth::slot(mode), kvth::slot(indirect)});
+    return kvth::call<void>(7049, {kvth::toSlot(mode), kvth::toSlot(indirect)});
 }
 KV_EXPORT void KV_APIENTRY glDrawElementsIndirect(GLenum mode, GLenum type, const void *indirect) {
-    return kvth::call<void>(7050, {kvth::slot(mode), kvth::slot(type), kvth::slot(indirect)});
+    return kvth::call<void>(7050, {kvth::toSlot(mode), kvth::toSlot(type), kvth::toSlot(indirect)});
 }
 KV_EXPORT void KV_APIENTRY glTexStorage2DMultisample(GLenum target, GLsizei samples, GLenum internalformat, GLsizei width, GLsizei height, GLboolean fixedsamplelocations) {
-    return kvth::call<void>(7051, {kvth::slot(target), kvth::slot(samples), kvth::slot(internalformat), kvth::slot(width), kvth::slot(height), kvth::slot(fixedsamplelocations)});
+    return kvth::call<void>(7051, {kvth::toSlot(target), kvth::toSlot(samples), kvth::toSlot(internalformat), kvth::toSlot(width), kvth::toSlot(height), kvth::toSlot(fixedsamplelocations)});
 }
 KV_EXPORT void KV_APIENTRY glSampleMaski(GLuint maskNumber, GLbitfield mask) {
-    return kvth::call<void>(7052, {kvth::slot(maskNumber), kvth::slot(mask)});
+    return kvth::call<void>(7052, {kvth::toSlot(maskNumber), kvth::toSlot(mask)});
 }
 KV_EXPORT void KV_APIENTRY glBindVertexBuffer(GLuint bindingindex, GLuint buffer, GLintptr offset, GLsizei stride) {
-    return kvth::call<void>(7053, {kvth::slot(bindingindex), kvth::slot(buffer), kvth::slot(offset), kvth::slot(stride)});
+    return kvth::call<void>(7053, {kvth::toSlot(bindingindex), kvth::toSlot(buffer), kvth::toSlot(offset), kvth::toSlot(stride)});
 }
 KV_EXPORT void KV_APIENTRY glVertexAttribFormat(GLuint attribindex, GLint size, GLenum type, GLboolean normalized, GLuint relativeoffset) {
-    return kvth::call<void>(7054, {kvth::slot(attribindex), kvth::slot(size), kvth::slot(type), kvth::slot(normalized), kvth::slot(relativeoffset)});
+    return kvth::call<void>(7054, {kvth::toSlot(attribindex), kvth::toSlot(size), kvth::toSlot(type), kvth::toSlot(normalized), kvth::toSlot(relativeoffset)});
 }
 KV_EXPORT void KV_APIENTRY glVertexAttribIFormat(GLuint attribindex, GLint size, GLenum type, GLuint relativeoffset) {
-    return kvth::call<void>(7055, {kvth::slot(attribindex), kvth::slot(size), kvth::slot(type), kvth::slot(relativeoffset)});
+    return kvth::call<void>(7055, {kvth::toSlot(attribindex), kvth::toSlot(size), kvth::toSlot(type), kvth::toSlot(relativeoffset)});
 }
 KV_EXPORT void KV_APIENTRY glVertexAttribBinding(GLuint attribindex, GLuint bindingindex) {
-    return kvth::call<void>(7056, {kvth::slot(attribindex), kvth::slot(bindingindex)});
+    return kvth::call<void>(7056, {kvth::toSlot(attribindex), kvth::toSlot(bindingindex)});
 }
 KV_EXPORT void KV_APIENTRY glVertexBindingDivisor(GLuint bindingindex, GLuint divisor) {
-    return kvth::call<void>(7057, {kvth::slot(bindingindex), kvth::slot(divisor)});
+    return kvth::call<void>(7057, {kvth::toSlot(bindingindex), kvth::toSlot(divisor)});
 }
 KV_EXPORT void KV_APIENTRY glFramebufferParameteri(GLenum target, GLenum pname, GLint param) {
-    return kvth::call<void>(7058, {kvth::slot(target), kvth::slot(pname), kvth::slot(param)});
+    return kvth::call<void>(7058, {kvth::toSlot(target), kvth::toSlot(pname), kvth::toSlot(param)});
 }
 KV_EXPORT void KV_APIENTRY glGetFramebufferParameteriv(GLenum target, GLenum pname, GLint *params) {
-    return kvth::call<void>(7059, {kvth::slot(target), kvth::slot(pname), kvth::slot(params)});
+    return kvth::call<void>(7059, {kvth::toSlot(target), kvth::toSlot(pname), kvth::toSlot(params)});
 }
 KV_EXPORT void KV_APIENTRY glGetProgramInterfaceiv(GLuint program, GLenum programInterface, GLenum pname, GLint *params) {
-    return kvth::call<void>(7060, {kvth::slot(program), kvth::slot(programInterface), kvth::slot(pname), kvth::slot(params)});
+    return kvth::call<void>(7060, {kvth::toSlot(program), kvth::toSlot(programInterface), kvth::toSlot(pname), kvth::toSlot(params)});
 }
 KV_EXPORT GLuint KV_APIENTRY glGetProgramResourceIndex(GLuint program, GLenum programInterface, const GLchar *name) {
-    return kvth::call<GLuint>(7061, {kvth::slot(program), kvth::slot(programInterface), kvth::slot(name)});
+    return kvth::call<GLuint>(7061, {kvth::toSlot(program), kvth::toSlot(programInterface), kvth::toSlot(name)});
 }
 KV_EXPORT void KV_APIENTRY glGetProgramResourceName(GLuint program, GLenum programInterface, GLuint index, GLsizei bufSize, GLsizei *length, GLchar *name) {
-    return kvth::call<void>(7062, {kvth::slot(program), kvth::slot(programInterface), kvth::slot(index), kvth::slot(bufSize), kvth::slot(length), kvth::slot(name)});
+    return kvth::call<void>(7062, {kvth::toSlot(program), kvth::toSlot(programInterface), kvth::toSlot(index), kvth::toSlot(bufSize), kvth::toSlot(length), kvth::toSlot(name)});
 }
 KV_EXPORT void KV_APIENTRY glGetProgramResourceiv(GLuint program, GLenum programInterface, GLuint index, GLsizei propCount, const GLenum *props, GLsizei count, GLsizei *length, GLint *params) {
-    return kvth::call<void>(7063, {kvth::slot(program), kvth::slot(programInterface), kvth::slot(index), kvth::slot(propCount), kvth::slot(props), kvth::slot(count), kvth::slot(length), kvth::slot(params)});
+    return kvth::call<void>(7063, {kvth::toSlot(program), kvth::toSlot(programInterface), kvth::toSlot(index), kvth::toSlot(propCount), kvth::toSlot(props), kvth::toSlot(count), kvth::toSlot(length), kvth::toSlot(params)});
 }
 KV_EXPORT GLint KV_APIENTRY glGetProgramResourceLocation(GLuint program, GLenum programInterface, const GLchar *name) {
-    return kvth::call<GLint>(7064, {kvth::slot(program), kvth::slot(programInterface), kvth::slot(name)});
+    return kvth::call<GLint>(7064, {kvth::toSlot(program), kvth::toSlot(programInterface), kvth::toSlot(name)});
 }
 KV_EXPORT void KV_APIENTRY glGetBooleani_v(GLenum target, GLuint index, GLboolean *data) {
-    return kvth::call<void>(7065, {kvth::slot(target), kvth::slot(index), kvth::slot(data)});
+    return kvth::call<void>(7065, {kvth::toSlot(target), kvth::toSlot(index), kvth::toSlot(data)});
 }
 KV_EXPORT void KV_APIENTRY glGetMultisamplefv(GLenum pname, GLuint index, GLfloat *val) {
-    return kvth::call<void>(7066, {kvth::slot(pname), kvth::slot(index), kvth::slot(val)});
+    return kvth::call<void>(7066, {kvth::toSlot(pname), kvth::toSlot(index), kvth::toSlot(val)});
 }
 KV_EXPORT void KV_APIENTRY glGetTexLevelParameteriv(GLenum target, GLint level, GLenum pname, GLint *params) {
-    return kvth::call<void>(7067, {kvth::slot(target), kvth::slot(level), kvth::slot(pname), kvth::slot(params)});
+    return kvth::call<void>(7067, {kvth::toSlot(target), kvth::toSlot(level), kvth::toSlot(pname), kvth::toSlot(params)});
 }
 KV_EXPORT void KV_APIENTRY glGetTexLevelParameterfv(GLenum target, GLint level, GLenum pname, GLfloat *params) {
-    return kvth::call<void>(7068, {kvth::slot(target), kvth::slot(level), kvth::slot(pname), kvth::slot(params)});
+    return kvth::call<void>(7068, {kvth::toSlot(target), kvth::toSlot(level), kvth::toSlot(pname), kvth::toSlot(params)});
 }
 #endif
 
@@ -1218,133 +1218,133 @@ KV_EXPORT void KV_APIENTRY glBlendBarrier() {
     return kvth::call<void>(7070, {});
 }
 KV_EXPORT void KV_APIENTRY glBlendEquationSeparatei(GLuint buf, GLenum modeRGB, GLenum modeAlpha) {
-    return kvth::call<void>(7071, {kvth::slot(buf), kvth::slot(modeRGB), kvth::slot(modeAlpha)});
+    return kvth::call<void>(7071, {kvth::toSlot(buf), kvth::toSlot(modeRGB), kvth::toSlot(modeAlpha)});
 }
 KV_EXPORT void KV_APIENTRY glBlendEquationi(GLuint buf, GLenum mode) {
-    return kvth::call<void>(7072, {kvth::slot(buf), kvth::slot(mode)});
+    return kvth::call<void>(7072, {kvth::toSlot(buf), kvth::toSlot(mode)});
 }
 KV_EXPORT void KV_APIENTRY glBlendFuncSeparatei(GLuint buf, GLenum srcRGB, GLenum dstRGB, GLenum srcAlpha, GLenum dstAlpha) {
-    return kvth::call<void>(7073, {kvth::slot(buf), kvth::slot(srcRGB), kvth::slot(dstRGB), kvth::slot(srcAlpha), kvth::slot(dstAlpha)});
+    return kvth::call<void>(7073, {kvth::toSlot(buf), kvth::toSlot(srcRGB), kvth::toSlot(dstRGB), kvth::toSlot(srcAlpha), kvth::toSlot(dstAlpha)});
 }
 KV_EXPORT void KV_APIENTRY glBlendFunci(GLuint buf, GLenum src, GLenum dst) {
-    return kvth::call<void>(7074, {kvth::slot(buf), kvth::slot(src), kvth::slot(dst)});
+    return kvth::call<void>(7074, {kvth::toSlot(buf), kvth::toSlot(src), kvth::toSlot(dst)});
 }
 KV_EXPORT void KV_APIENTRY glColorMaski(GLuint index, GLboolean r, GLboolean g, GLboolean b, GLboolean a) {
-    return kvth::call<void>(7075, {kvth::slot(index), kvth::slot(r), kvth::slot(g), kvth::slot(b), kvth::slot(a)});
+    return kvth::call<void>(7075, {kvth::toSlot(index), kvth::toSlot(r), kvth::toSlot(g), kvth::toSlot(b), kvth::toSlot(a)});
 }
 KV_EXPORT void KV_APIENTRY glCopyImageSubData(GLuint srcName, GLenum srcTarget, GLint srcLevel, GLint srcX, GLint srcY, GLint srcZ, GLuint dstName, GLenum dstTarget, GLint dstLevel, GLint dstX, GLint dstY, GLint dstZ, GLsizei srcWidth, GLsizei srcHeight, GLsizei srcDepth) {
-    return kvth::call<void>(7076, {kvth::slot(srcName), kvth::slot(srcTarget), kvth::slot(srcLevel), kvth::slot(srcX), kvth::slot(srcY), kvth::slot(srcZ), kvth::slot(dstName), kvth::slot(dstTarget), kvth::slot(dstLevel), kvth::slot(dstX), kvth::slot(dstY), kvth::slot(dstZ), kvth::slot(srcWidth), kvth::slot(srcHeight), kvth::slot(srcDepth)});
+    return kvth::call<void>(7076, {kvth::toSlot(srcName), kvth::toSlot(srcTarget), kvth::toSlot(srcLevel), kvth::toSlot(srcX), kvth::toSlot(srcY), kvth::toSlot(srcZ), kvth::toSlot(dstName), kvth::toSlot(dstTarget), kvth::toSlot(dstLevel), kvth::toSlot(dstX), kvth::toSlot(dstY), kvth::toSlot(dstZ), kvth::toSlot(srcWidth), kvth::toSlot(srcHeight), kvth::toSlot(srcDepth)});
 }
 KV_EXPORT void KV_APIENTRY glDebugMessageCallback(GLDEBUGPROC callback, const void *userParam) {
-    return kvth::call<void>(7077, {kvth::slot(callback), kvth::slot(userParam)});
+    return kvth::call<void>(7077, {kvth::toSlot(callback), kvth::toSlot(userParam)});
 }
 KV_EXPORT void KV_APIENTRY glDebugMessageControl(GLenum source, GLenum type, GLenum severity, GLsizei count, const GLuint *ids, GLboolean enabled) {
-    return kvth::call<void>(7078, {kvth::slot(source), kvth::slot(type), kvth::slot(severity), kvth::slot(count), kvth::slot(ids), kvth::slot(enabled)});
+    return kvth::call<void>(7078, {kvth::toSlot(source), kvth::toSlot(type), kvth::toSlot(severity), kvth::toSlot(count), kvth::toSlot(ids), kvth::toSlot(enabled)});
 }
 KV_EXPORT void KV_APIENTRY glDebugMessageInsert(GLenum source, GLenum type, GLuint id, GLenum severity, GLsizei length, const GLchar *buf) {
-    return kvth::call<void>(7079, {kvth::slot(source), kvth::slot(type), kvth::slot(id), kvth::slot(severity), kvth::slot(length), kvth::slot(buf)});
+    return kvth::call<void>(7079, {kvth::toSlot(source), kvth::toSlot(type), kvth::toSlot(id), kvth::toSlot(severity), kvth::toSlot(length), kvth::toSlot(buf)});
 }
 KV_EXPORT void KV_APIENTRY glDisablei(GLenum target, GLuint index) {
-    return kvth::call<void>(7080, {kvth::slot(target), kvth::slot(index)});
+    return kvth::call<void>(7080, {kvth::toSlot(target), kvth::toSlot(index)});
 }
 KV_EXPORT void KV_APIENTRY glDrawElementsBaseVertex(GLenum mode, GLsizei count, GLenum type, const void *indices, GLint basevertex) {
-    return kvth::call<void>(7081, {kvth::slot(mode), kvth::slot(count), kvth::slot(type), kvth::slot(indices), kvth::slot(basevertex)});
+    return kvth::call<void>(7081, {kvth::toSlot(mode), kvth::toSlot(count), kvth::toSlot(type), kvth::toSlot(indices), kvth::toSlot(basevertex)});
 }
 KV_EXPORT void KV_APIENTRY glDrawElementsInstancedBaseVertex(GLenum mode, GLsizei count, GLenum type, const void *indices, GLsizei instancecount, GLint basevertex) {
-    return kvth::call<void>(7082, {kvth::slot(mode), kvth::slot(count), kvth::slot(type), kvth::slot(indices), kvth::slot(instancecount), kvth::slot(basevertex)});
+    return kvth::call<void>(7082, {kvth::toSlot(mode), kvth::toSlot(count), kvth::toSlot(type), kvth::toSlot(indices), kvth::toSlot(instancecount), kvth::toSlot(basevertex)});
 }
 KV_EXPORT void KV_APIENTRY glDrawRangeElementsBaseVertex(GLenum mode, GLuint start, GLuint end, GLsizei count, GLenum type, const void *indices, GLint basevertex) {
-    return kvth::call<void>(7083, {kvth::slot(mode), kvth::slot(start), kvth::slot(end), kvth::slot(count), kvth::slot(type), kvth::slot(indices), kvth::slot(basevertex)});
+    return kvth::call<void>(7083, {kvth::toSlot(mode), kvth::toSlot(start), kvth::toSlot(end), kvth::toSlot(count), kvth::toSlot(type), kvth::toSlot(indices), kvth::toSlot(basevertex)});
 }
 KV_EXPORT void KV_APIENTRY glEnablei(GLenum target, GLuint index) {
-    return kvth::call<void>(7084, {kvth::slot(target), kvth::slot(index)});
+    return kvth::call<void>(7084, {kvth::toSlot(target), kvth::toSlot(index)});
 }
 KV_EXPORT void KV_APIENTRY glFramebufferTexture(GLenum target, GLenum attachment, GLuint texture, GLint level) {
-    return kvth::call<void>(7085, {kvth::slot(target), kvth::slot(attachment), kvth::slot(texture), kvth::slot(level)});
+    return kvth::call<void>(7085, {kvth::toSlot(target), kvth::toSlot(attachment), kvth::toSlot(texture), kvth::toSlot(level)});
 }
 KV_EXPORT GLuint KV_APIENTRY glGetDebugMessageLog(GLuint count, GLsizei bufSize, GLenum *sources, GLenum *types, GLuint *ids, GLenum *severities, GLsizei *lengths, GLchar *messageLog) {
-    return kvth::call<GLuint>(7086, {kvth::slot(count), kvth::slot(bufSize), kvth::slot(sources), kvth::slot(types), kvth::slot(ids), kvth::slot(severities), kvth::slot(lengths), kvth::slot(messageLog)});
+    return kvth::call<GLuint>(7086, {kvth::toSlot(count), kvth::toSlot(bufSize), kvth::toSlot(sources), kvth::toSlot(types), kvth::toSlot(ids), kvth::toSlot(severities), kvth::toSlot(lengths), kvth::toSlot(messageLog)});
 }
 KV_EXPORT GLenum KV_APIENTRY glGetGraphicsResetStatus() {
     return kvth::call<GLenum>(7087, {});
 }
 KV_EXPORT void KV_APIENTRY glGetObjectLabel(GLenum identifier, GLuint name, GLsizei bufSize, GLsizei *length, GLchar *label) {
-    return kvth::call<void>(7088, {kvth::slot(identifier), kvth::slot(name), kvth::slot(bufSize), kvth::slot(length), kvth::slot(label)});
+    return kvth::call<void>(7088, {kvth::toSlot(identifier), kvth::toSlot(name), kvth::toSlot(bufSize), kvth::toSlot(length), kvth::toSlot(label)});
 }
 KV_EXPORT void KV_APIENTRY glGetObjectPtrLabel(const void *ptr, GLsizei bufSize, GLsizei *length, GLchar *label) {
-    return kvth::call<void>(7089, {kvth::slot(ptr), kvth::slot(bufSize), kvth::slot(length), kvth::slot(label)});
+    return kvth::call<void>(7089, {kvth::toSlot(ptr), kvth::toSlot(bufSize), kvth::toSlot(length), kvth::toSlot(label)});
 }
 KV_EXPORT void KV_APIENTRY glGetPointerv(GLenum pname, void **params) {
-    return kvth::call<void>(7090, {kvth::slot(pname), kvth::slot(params)});
+    return kvth::call<void>(7090, {kvth::toSlot(pname), kvth::toSlot(params)});
 }
 KV_EXPORT void KV_APIENTRY glGetSamplerParameterIiv(GLuint sampler, GLenum pname, GLint *params) {
-    return kvth::call<void>(7091, {kvth::slot(sampler), kvth::slot(pname), kvth::slot(params)});
+    return kvth::call<void>(7091, {kvth::toSlot(sampler), kvth::toSlot(pname), kvth::toSlot(params)});
 }
 KV_EXPORT void KV_APIENTRY glGetSamplerParameterIuiv(GLuint sampler, GLenum pname, GLuint *params) {
-    return kvth::call<void>(7092, {kvth::slot(sampler), kvth::slot(pname), kvth::slot(params)});
+    return kvth::call<void>(7092, {kvth::toSlot(sampler), kvth::toSlot(pname), kvth::toSlot(params)});
 }
 KV_EXPORT void KV_APIENTRY glGetTexParameterIiv(GLenum target, GLenum pname, GLint *params) {
-    return kvth::call<void>(7093, {kvth::slot(target), kvth::slot(pname), kvth::slot(params)});
+    return kvth::call<void>(7093, {kvth::toSlot(target), kvth::toSlot(pname), kvth::toSlot(params)});
 }
 KV_EXPORT void KV_APIENTRY glGetTexParameterIuiv(GLenum target, GLenum pname, GLuint *params) {
-    return kvth::call<void>(7094, {kvth::slot(target), kvth::slot(pname), kvth::slot(params)});
+    return kvth::call<void>(7094, {kvth::toSlot(target), kvth::toSlot(pname), kvth::toSlot(params)});
 }
 KV_EXPORT void KV_APIENTRY glGetnUniformfv(GLuint program, GLint location, GLsizei bufSize, GLfloat *params) {
-    return kvth::call<void>(7095, {kvth::slot(program), kvth::slot(location), kvth::slot(bufSize), kvth::slot(params)});
+    return kvth::call<void>(7095, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(bufSize), kvth::toSlot(params)});
 }
 KV_EXPORT void KV_APIENTRY glGetnUniformiv(GLuint program, GLint location, GLsizei bufSize, GLint *params) {
-    return kvth::call<void>(7096, {kvth::slot(program), kvth::slot(location), kvth::slot(bufSize), kvth::slot(params)});
+    return kvth::call<void>(7096, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(bufSize), kvth::toSlot(params)});
 }
 KV_EXPORT void KV_APIENTRY glGetnUniformuiv(GLuint program, GLint location, GLsizei bufSize, GLuint *params) {
-    return kvth::call<void>(7097, {kvth::slot(program), kvth::slot(location), kvth::slot(bufSize), kvth::slot(params)});
+    return kvth::call<void>(7097, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(bufSize), kvth::toSlot(params)});
 }
 KV_EXPORT GLboolean KV_APIENTRY glIsEnabledi(GLenum target, GLuint index) {
-    return kvth::call<GLboolean>(7098, {kvth::slot(target), kvth::slot(index)});
+    return kvth::call<GLboolean>(7098, {kvth::toSlot(target), kvth::toSlot(index)});
 }
 KV_EXPORT void KV_APIENTRY glMinSampleShading(GLfloat value) {
-    return kvth::call<void>(7099, {kvth::slot(value)});
+    return kvth::call<void>(7099, {kvth::toSlot(value)});
 }
 KV_EXPORT void KV_APIENTRY glObjectLabel(GLenum identifier, GLuint name, GLsizei length, const GLchar *label) {
-    return kvth::call<void>(7100, {kvth::slot(identifier), kvth::slot(name), kvth::slot(length), kvth::slot(label)});
+    return kvth::call<void>(7100, {kvth::toSlot(identifier), kvth::toSlot(name), kvth::toSlot(length), kvth::toSlot(label)});
 }
 KV_EXPORT void KV_APIENTRY glObjectPtrLabel(const void *ptr, GLsizei length, const GLchar *label) {
-    return kvth::call<void>(7101, {kvth::slot(ptr), kvth::slot(length), kvth::slot(label)});
+    return kvth::call<void>(7101, {kvth::toSlot(ptr), kvth::toSlot(length), kvth::toSlot(label)});
 }
 KV_EXPORT void KV_APIENTRY glPatchParameteri(GLenum pname, GLint value) {
-    return kvth::call<void>(7102, {kvth::slot(pname), kvth::slot(value)});
+    return kvth::call<void>(7102, {kvth::toSlot(pname), kvth::toSlot(value)});
 }
 KV_EXPORT void KV_APIENTRY glPopDebugGroup() {
     return kvth::call<void>(7103, {});
 }
 KV_EXPORT void KV_APIENTRY glPrimitiveBoundingBox(GLfloat minX, GLfloat minY, GLfloat minZ, GLfloat minW, GLfloat maxX, GLfloat maxY, GLfloat maxZ, GLfloat maxW) {
-    return kvth::call<void>(7104, {kvth::slot(minX), kvth::slot(minY), kvth::slot(minZ), kvth::slot(minW), kvth::slot(maxX), kvth::slot(maxY), kvth::slot(maxZ), kvth::slot(maxW)});
+    return kvth::call<void>(7104, {kvth::toSlot(minX), kvth::toSlot(minY), kvth::toSlot(minZ), kvth::toSlot(minW), kvth::toSlot(maxX), kvth::toSlot(maxY), kvth::toSlot(maxZ), kvth::toSlot(maxW)});
 }
 KV_EXPORT void KV_APIENTRY glPushDebugGroup(GLenum source, GLuint id, GLsizei length, const GLchar *message) {
-    return kvth::call<void>(7105, {kvth::slot(source), kvth::slot(id), kvth::slot(length), kvth::slot(message)});
+    return kvth::call<void>(7105, {kvth::toSlot(source), kvth::toSlot(id), kvth::toSlot(length), kvth::toSlot(message)});
 }
 KV_EXPORT void KV_APIENTRY glReadnPixels(GLint x, GLint y, GLsizei width, GLsizei height, GLenum format, GLenum type, GLsizei bufSize, void *data) {
-    return kvth::call<void>(7106, {kvth::slot(x), kvth::slot(y), kvth::slot(width), kvth::slot(height), kvth::slot(format), kvth::slot(type), kvth::slot(bufSize), kvth::slot(data)});
+    return kvth::call<void>(7106, {kvth::toSlot(x), kvth::toSlot(y), kvth::toSlot(width), kvth::toSlot(height), kvth::toSlot(format), kvth::toSlot(type), kvth::toSlot(bufSize), kvth::toSlot(data)});
 }
 KV_EXPORT void KV_APIENTRY glSamplerParameterIiv(GLuint sampler, GLenum pname, const GLint *param) {
-    return kvth::call<void>(7107, {kvth::slot(sampler), kvth::slot(pname), kvth::slot(param)});
+    return kvth::call<void>(7107, {kvth::toSlot(sampler), kvth::toSlot(pname), kvth::toSlot(param)});
 }
 KV_EXPORT void KV_APIENTRY glSamplerParameterIuiv(GLuint sampler, GLenum pname, const GLuint *param) {
-    return kvth::call<void>(7108, {kvth::slot(sampler), kvth::slot(pname), kvth::slot(param)});
+    return kvth::call<void>(7108, {kvth::toSlot(sampler), kvth::toSlot(pname), kvth::toSlot(param)});
 }
 KV_EXPORT void KV_APIENTRY glTexBuffer(GLenum target, GLenum internalformat, GLuint buffer) {
-    return kvth::call<void>(7109, {kvth::slot(target), kvth::slot(internalformat), kvth::slot(buffer)});
+    return kvth::call<void>(7109, {kvth::toSlot(target), kvth::toSlot(internalformat), kvth::toSlot(buffer)});
 }
 KV_EXPORT void KV_APIENTRY glTexBufferRange(GLenum target, GLenum internalformat, GLuint buffer, GLintptr offset, GLsizeiptr size) {
-    return kvth::call<void>(7110, {kvth::slot(target), kvth::slot(internalformat), kvth::slot(buffer), kvth::slot(offset), kvth::slot(size)});
+    return kvth::call<void>(7110, {kvth::toSlot(target), kvth::toSlot(internalformat), kvth::toSlot(buffer), kvth::toSlot(offset), kvth::toSlot(size)});
 }
 KV_EXPORT void KV_APIENTRY glTexParameterIiv(GLenum target, GLenum pname, const GLint *params) {
-    return kvth::call<void>(7111, {kvth::slot(target), kvth::slot(pname), kvth::slot(params)});
+    return kvth::call<void>(7111, {kvth::toSlot(target), kvth::toSlot(pname), kvth::toSlot(params)});
 }
 KV_EXPORT void KV_APIENTRY glTexParameterIuiv(GLenum target, GLenum pname, const GLuint *params) {
-    return kvth::call<void>(7112, {kvth::slot(target), kvth::slot(pname), kvth::slot(params)});
+    return kvth::call<void>(7112, {kvth::toSlot(target), kvth::toSlot(pname), kvth::toSlot(params)});
 }
 KV_EXPORT void KV_APIENTRY glTexStorage3DMultisample(GLenum target, GLsizei samples, GLenum internalformat, GLsizei width, GLsizei height, GLsizei depth, GLboolean fixedsamplelocations) {
-    return kvth::call<void>(7113, {kvth::slot(target), kvth::slot(samples), kvth::slot(internalformat), kvth::slot(width), kvth::slot(height), kvth::slot(depth), kvth::slot(fixedsamplelocations)});
+    return kvth::call<void>(7113, {kvth::toSlot(target), kvth::toSlot(samples), kvth::toSlot(internalformat), kvth::toSlot(width), kvth::toSlot(height), kvth::toSlot(depth), kvth::toSlot(fixedsamplelocations)});
 }
 #endif
 

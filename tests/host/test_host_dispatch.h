@@ -3,6 +3,7 @@
 #pragma once
 
 #include "core/api/khronos.h"
+#include "core/slots.h"
 #include "platform/platform.h"
 #include "tests/host/test_host.h"
 
@@ -28,18 +29,7 @@ struct Function {
 extern const Function kFunctions[];
 extern const uint32_t kFunctionCount;
 
-template <class T>
-inline uint64_t slot(T v) {
-    if constexpr (std::is_pointer_v<T>) {
-        return static_cast<uint64_t>(reinterpret_cast<uintptr_t>(v));
-    } else if constexpr (std::is_floating_point_v<T>) {
-        uint64_t bits = 0;
-        std::memcpy(&bits, &v, sizeof(v));
-        return bits;
-    } else {
-        return static_cast<uint64_t>(v);
-    }
-}
+using kv::toSlot;
 
 template <class R>
 inline R fromSlot(uint64_t v) {
@@ -67,7 +57,7 @@ inline R call(uint16_t id, std::initializer_list<uint64_t> arguments) {
 template <class R>
 inline R call(uint16_t id, std::initializer_list<uint64_t> arguments, R fallback) {
     return fromSlot<R>(
-        dispatch(id, arguments.begin(), static_cast<uint32_t>(arguments.size()), slot(fallback)));
+        dispatch(id, arguments.begin(), static_cast<uint32_t>(arguments.size()), toSlot(fallback)));
 }
 
 } // namespace kvth
