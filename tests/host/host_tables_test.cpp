@@ -86,18 +86,16 @@ TEST_F(HostLibraryLoading, SecondCandidateLoadsWhenTheFirstIsMissing) {
     const std::string eglList = workPath("missing-egl.so") + ";" + testHostPath();
     const std::string es2List = workPath("missing-gles.so") + ";" + testHostPath();
     useConfig(hosts(eglList, es2List));
-    EXPECT_EXIT(inChild([&] {
-                    const kv::SEglHost &egl = eglTable();
-                    KVTH_CHILD_CHECK(!egl.failed());
-                    KVTH_CHILD_CHECK(isModuleOf(egl.module, testHostPath()));
-                    checkGroupResolved(egl, &egl.fn, kv::kSEglHostGroups[0]);
-                    const kv::GLESPPHost &es2 = es2Table();
-                    KVTH_CHILD_CHECK(!es2.failed());
-                    KVTH_CHILD_CHECK(isModuleOf(es2.module, testHostPath()));
-                    checkGroupResolved(es2, &es2.fn, kv::kGLESPPHostGroups[0]);
-                }),
-                ::testing::ExitedWithCode(0), "");
-    expectChildChecksPassed();
+    KVTH_EXPECT_CHILD_PASSES([&] {
+        const kv::SEglHost &egl = eglTable();
+        KVTH_CHILD_CHECK(!egl.failed());
+        KVTH_CHILD_CHECK(isModuleOf(egl.module, testHostPath()));
+        checkGroupResolved(egl, &egl.fn, kv::kSEglHostGroups[0]);
+        const kv::GLESPPHost &es2 = es2Table();
+        KVTH_CHILD_CHECK(!es2.failed());
+        KVTH_CHILD_CHECK(isModuleOf(es2.module, testHostPath()));
+        checkGroupResolved(es2, &es2.fn, kv::kGLESPPHostGroups[0]);
+    });
     const std::string console = childConsole();
     EXPECT_EQ(1u, countOf(console, "Loading host library '" + eglList + "'")) << console;
     EXPECT_EQ(1u, countOf(console, "Host library '" + eglList + "' loaded")) << console;
@@ -110,31 +108,27 @@ TEST_F(HostLibraryLoading, EachCandidateIsRetriedWithoutItsLastCharacter) {
     const std::string eglList = workPath("missing-egl.so") + "x;" + testHostPath() + "x";
     const std::string es2List = testHostPath() + "~";
     useConfig(hosts(eglList, es2List));
-    EXPECT_EXIT(inChild([&] {
-                    const kv::SEglHost &egl = eglTable();
-                    KVTH_CHILD_CHECK(!egl.failed());
-                    KVTH_CHILD_CHECK(isModuleOf(egl.module, testHostPath()));
-                    const kv::GLESPPHost &es2 = es2Table();
-                    KVTH_CHILD_CHECK(!es2.failed());
-                    KVTH_CHILD_CHECK(isModuleOf(es2.module, testHostPath()));
-                }),
-                ::testing::ExitedWithCode(0), "");
-    expectChildChecksPassed();
+    KVTH_EXPECT_CHILD_PASSES([&] {
+        const kv::SEglHost &egl = eglTable();
+        KVTH_CHILD_CHECK(!egl.failed());
+        KVTH_CHILD_CHECK(isModuleOf(egl.module, testHostPath()));
+        const kv::GLESPPHost &es2 = es2Table();
+        KVTH_CHILD_CHECK(!es2.failed());
+        KVTH_CHILD_CHECK(isModuleOf(es2.module, testHostPath()));
+    });
     EXPECT_EQ(0u, countOf(childConsole(), "Could not load host library")) << childConsole();
 }
 
 TEST_F(HostLibraryLoading, NoCandidateLoadingLeavesTheTableEmptyAndFailed) {
     const std::string eglList = workPath("missing-1.so") + ";" + workPath("missing-2.so");
     useConfig(hosts(eglList, testHostPath()));
-    EXPECT_EXIT(inChild([&] {
-                    const kv::SEglHost &egl = eglTable();
-                    KVTH_CHILD_CHECK(egl.failed());
-                    KVTH_CHILD_CHECK(egl.module == nullptr);
-                    for (uint32_t g = 0; g < kv::kSEglHostGroupCount; ++g)
-                        checkGroupNull(&egl.fn, kv::kSEglHostGroups[g]);
-                }),
-                ::testing::ExitedWithCode(0), "");
-    expectChildChecksPassed();
+    KVTH_EXPECT_CHILD_PASSES([&] {
+        const kv::SEglHost &egl = eglTable();
+        KVTH_CHILD_CHECK(egl.failed());
+        KVTH_CHILD_CHECK(egl.module == nullptr);
+        for (uint32_t g = 0; g < kv::kSEglHostGroupCount; ++g)
+            checkGroupNull(&egl.fn, kv::kSEglHostGroups[g]);
+    });
     const std::string console = childConsole();
     EXPECT_EQ(1u, countOf(console, "ERROR: Could not load host library '" + eglList + "'")) << console;
     EXPECT_EQ(0u, countOf(console, "Warning failed to find")) << console;
@@ -146,48 +140,42 @@ class HostVersionGroups : public FreshProcessTest {};
 
 TEST_F(HostVersionGroups, CompleteEglHostFillsEveryGroupAndExtensionsComeFromItsGetProcAddress) {
     useConfig(hosts(testHostPath(), testHostPath()));
-    EXPECT_EXIT(inChild([&] {
-                    const kv::SEglHost &egl = eglTable();
-                    KVTH_CHILD_CHECK(!egl.failed());
-                    for (uint32_t g = 0; g < kv::kSEglHostGroupCount; ++g)
-                        checkGroupResolved(egl, &egl.fn, kv::kSEglHostGroups[g]);
-                    // Every extension was asked of the host's eglGetProcAddress, and nothing else.
-                    const kv::HostGroup &extensions =
-                        group(kv::kSEglHostGroups, kv::kSEglHostGroupCount, "extensions");
-                    std::set<std::string> asked;
-                    const uint16_t getProcAddress = kvth_function_id("eglGetProcAddress");
-                    KvthCall call;
-                    for (uint32_t i = 0; kvth_log_entry(i, &call); ++i)
-                        if (call.id == getProcAddress)
-                            asked.insert(
-                                reinterpret_cast<const char *>(static_cast<uintptr_t>(call.arguments[0])));
-                    std::set<std::string> expected;
-                    for (uint32_t i = 0; i < extensions.count; ++i)
-                        expected.insert(extensions.symbols[i].name);
-                    KVTH_CHILD_CHECK(asked == expected);
-                }),
-                ::testing::ExitedWithCode(0), "");
-    expectChildChecksPassed();
+    KVTH_EXPECT_CHILD_PASSES([&] {
+        const kv::SEglHost &egl = eglTable();
+        KVTH_CHILD_CHECK(!egl.failed());
+        for (uint32_t g = 0; g < kv::kSEglHostGroupCount; ++g)
+            checkGroupResolved(egl, &egl.fn, kv::kSEglHostGroups[g]);
+        // Every extension was asked of the host's eglGetProcAddress, and nothing else.
+        const kv::HostGroup &extensions = group(kv::kSEglHostGroups, kv::kSEglHostGroupCount, "extensions");
+        std::set<std::string> asked;
+        const uint16_t getProcAddress = kvth_function_id("eglGetProcAddress");
+        KvthCall call;
+        for (uint32_t i = 0; kvth_log_entry(i, &call); ++i)
+            if (call.id == getProcAddress)
+                asked.insert(reinterpret_cast<const char *>(static_cast<uintptr_t>(call.arguments[0])));
+        std::set<std::string> expected;
+        for (uint32_t i = 0; i < extensions.count; ++i)
+            expected.insert(extensions.symbols[i].name);
+        KVTH_CHILD_CHECK(asked == expected);
+    });
     EXPECT_EQ(0u, countOf(childConsole(), "Warning failed to find")) << childConsole();
     EXPECT_EQ(0u, countOf(childConsole(), "Error getting function")) << childConsole();
 }
 
 TEST_F(HostVersionGroups, EglHostWithoutVersion12KeepsVersions10And11) {
     useConfig(hosts(egl11HostPath(), testHostPath()));
-    EXPECT_EXIT(inChild([&] {
-                    const kv::SEglHost &egl = eglTable();
-                    KVTH_CHILD_CHECK(!egl.failed());
-                    KVTH_CHILD_CHECK(isModuleOf(egl.module, egl11HostPath()));
-                    const kv::HostGroup *groups = kv::kSEglHostGroups;
-                    const uint32_t count = kv::kSEglHostGroupCount;
-                    checkGroupResolved(egl, &egl.fn, group(groups, count, "core"));
-                    checkGroupResolved(egl, &egl.fn, group(groups, count, "extensions"));
-                    checkGroupResolved(egl, &egl.fn, group(groups, count, "egl11"));
-                    checkGroupNull(&egl.fn, group(groups, count, "egl12"));
-                    checkGroupNull(&egl.fn, group(groups, count, "egl15"));
-                }),
-                ::testing::ExitedWithCode(0), "");
-    expectChildChecksPassed();
+    KVTH_EXPECT_CHILD_PASSES([&] {
+        const kv::SEglHost &egl = eglTable();
+        KVTH_CHILD_CHECK(!egl.failed());
+        KVTH_CHILD_CHECK(isModuleOf(egl.module, egl11HostPath()));
+        const kv::HostGroup *groups = kv::kSEglHostGroups;
+        const uint32_t count = kv::kSEglHostGroupCount;
+        checkGroupResolved(egl, &egl.fn, group(groups, count, "core"));
+        checkGroupResolved(egl, &egl.fn, group(groups, count, "extensions"));
+        checkGroupResolved(egl, &egl.fn, group(groups, count, "egl11"));
+        checkGroupNull(&egl.fn, group(groups, count, "egl12"));
+        checkGroupNull(&egl.fn, group(groups, count, "egl15"));
+    });
     const std::string console = childConsole();
     EXPECT_EQ(1u, countOf(console, "Warning failed to find EGL 1.2 functions")) << console;
     EXPECT_EQ(0u, countOf(console, "Warning failed to find EGL 1.1 functions")) << console;
@@ -196,14 +184,12 @@ TEST_F(HostVersionGroups, EglHostWithoutVersion12KeepsVersions10And11) {
 
 TEST_F(HostVersionGroups, CompleteGlesHostFillsEveryGroup) {
     useConfig(hosts(testHostPath(), testHostPath()));
-    EXPECT_EXIT(inChild([&] {
-                    const kv::GLESPPHost &es2 = es2Table();
-                    KVTH_CHILD_CHECK(!es2.failed());
-                    for (uint32_t g = 0; g < kv::kGLESPPHostGroupCount; ++g)
-                        checkGroupResolved(es2, &es2.fn, kv::kGLESPPHostGroups[g]);
-                }),
-                ::testing::ExitedWithCode(0), "");
-    expectChildChecksPassed();
+    KVTH_EXPECT_CHILD_PASSES([&] {
+        const kv::GLESPPHost &es2 = es2Table();
+        KVTH_CHILD_CHECK(!es2.failed());
+        for (uint32_t g = 0; g < kv::kGLESPPHostGroupCount; ++g)
+            checkGroupResolved(es2, &es2.fn, kv::kGLESPPHostGroups[g]);
+    });
     EXPECT_EQ(0u, countOf(childConsole(), "Warning failed to find")) << childConsole();
 }
 
@@ -213,34 +199,32 @@ class ConfigCapture : public FreshProcessTest {};
 
 TEST_F(ConfigCapture, AsksForEveryAttributeInOrderAndKeepsWhatTheHostAnswers) {
     useConfig(hosts(testHostPath(), testHostPath()));
-    EXPECT_EXIT(inChild([] {
-                    eglTable();
-                    EGLDisplay display = reinterpret_cast<EGLDisplay>(uintptr_t(0xD15));
-                    EGLConfig config = reinterpret_cast<EGLConfig>(uintptr_t(kKvthConfig));
-                    std::vector<EGLint> list = kv::egl::captureConfigAttributes(display, config);
-                    // Pairs in the order they are asked for (this host knows 34 of the 36), then
-                    // EGL_NONE.
-                    KVTH_CHILD_CHECK_EQ(69u, list.size());
-                    KVTH_CHILD_CHECK(list.back() == EGL_NONE);
-                    size_t next = 0;
-                    for (size_t i = 0; i + 1 < list.size(); i += 2) {
-                        while (next < 36 && kv::egl::kConfigAttributes[next].attribute != list[i])
-                            ++next;
-                        KVTH_CHILD_CHECK(next < 36);
-                    }
-                    bool renderable = false;
-                    for (size_t i = 0; i + 1 < list.size(); i += 2)
-                        renderable |= list[i] == EGL_RENDERABLE_TYPE;
-                    KVTH_CHILD_CHECK(renderable);
-                    // The list decides a context's version: ES 2 asked for on an ES 3 config is 3.0.
-                    const EGLint v2[] = {EGL_CONTEXT_CLIENT_VERSION, 2, EGL_NONE};
-                    KVTH_CHILD_CHECK_EQ(3u, kv::egl::apiVersionCode(v2, list));
-                    // A null display asks nothing.
-                    KVTH_CHILD_CHECK(kv::egl::captureConfigAttributes(EGL_NO_DISPLAY, config) ==
-                                     std::vector<EGLint>{EGL_NONE});
-                }),
-                ::testing::ExitedWithCode(0), "");
-    expectChildChecksPassed();
+    KVTH_EXPECT_CHILD_PASSES([] {
+        eglTable();
+        EGLDisplay display = reinterpret_cast<EGLDisplay>(uintptr_t(0xD15));
+        EGLConfig config = reinterpret_cast<EGLConfig>(uintptr_t(kKvthConfig));
+        std::vector<EGLint> list = kv::egl::captureConfigAttributes(display, config);
+        // Pairs in the order they are asked for (this host knows 34 of the 36), then
+        // EGL_NONE.
+        KVTH_CHILD_CHECK_EQ(69u, list.size());
+        KVTH_CHILD_CHECK(list.back() == EGL_NONE);
+        size_t next = 0;
+        for (size_t i = 0; i + 1 < list.size(); i += 2) {
+            while (next < 36 && kv::egl::kConfigAttributes[next].attribute != list[i])
+                ++next;
+            KVTH_CHILD_CHECK(next < 36);
+        }
+        bool renderable = false;
+        for (size_t i = 0; i + 1 < list.size(); i += 2)
+            renderable |= list[i] == EGL_RENDERABLE_TYPE;
+        KVTH_CHILD_CHECK(renderable);
+        // The list decides a context's version: ES 2 asked for on an ES 3 config is 3.0.
+        const EGLint v2[] = {EGL_CONTEXT_CLIENT_VERSION, 2, EGL_NONE};
+        KVTH_CHILD_CHECK_EQ(3u, kv::egl::apiVersionCode(v2, list));
+        // A null display asks nothing.
+        KVTH_CHILD_CHECK(kv::egl::captureConfigAttributes(EGL_NO_DISPLAY, config) ==
+                         std::vector<EGLint>{EGL_NONE});
+    });
     // The two it does not know are named by their numbers.
     const std::string console = childConsole();
     EXPECT_EQ(2u, countOf(console, "Failed to query for attribute")) << console;
@@ -250,19 +234,17 @@ TEST_F(ConfigCapture, AsksForEveryAttributeInOrderAndKeepsWhatTheHostAnswers) {
 
 TEST_F(ConfigCapture, AHostThatAnswersNothingGivesEglNoneAlone) {
     useConfig(hosts(testHostPath(), testHostPath()));
-    EXPECT_EXIT(inChild([] {
-                    eglTable();
-                    kvth_set_result("eglGetConfigAttrib", EGL_FALSE);
-                    std::vector<EGLint> list =
-                        kv::egl::captureConfigAttributes(reinterpret_cast<EGLDisplay>(uintptr_t(0xD15)),
-                                                         reinterpret_cast<EGLConfig>(uintptr_t(kKvthConfig)));
-                    KVTH_CHILD_CHECK(list == std::vector<EGLint>{EGL_NONE});
-                    // Without EGL_RENDERABLE_TYPE a context of version 2 or 3 is taken for ES 3.2.
-                    const EGLint v3[] = {EGL_CONTEXT_CLIENT_VERSION, 3, EGL_NONE};
-                    KVTH_CHILD_CHECK_EQ(5u, kv::egl::apiVersionCode(v3, list));
-                }),
-                ::testing::ExitedWithCode(0), "");
-    expectChildChecksPassed();
+    KVTH_EXPECT_CHILD_PASSES([] {
+        eglTable();
+        kvth_set_result("eglGetConfigAttrib", EGL_FALSE);
+        std::vector<EGLint> list =
+            kv::egl::captureConfigAttributes(reinterpret_cast<EGLDisplay>(uintptr_t(0xD15)),
+                                             reinterpret_cast<EGLConfig>(uintptr_t(kKvthConfig)));
+        KVTH_CHILD_CHECK(list == std::vector<EGLint>{EGL_NONE});
+        // Without EGL_RENDERABLE_TYPE a context of version 2 or 3 is taken for ES 3.2.
+        const EGLint v3[] = {EGL_CONTEXT_CLIENT_VERSION, 3, EGL_NONE};
+        KVTH_CHILD_CHECK_EQ(5u, kv::egl::apiVersionCode(v3, list));
+    });
     const std::string console = childConsole();
     EXPECT_EQ(36u, countOf(console, "Failed to query for attribute ")) << console;
     EXPECT_EQ(1u, countOf(console, "Failed to query for attribute EGL_ALPHA_SIZE")) << console;

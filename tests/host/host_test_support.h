@@ -76,6 +76,14 @@ void expectChildChecksPassed();
 // In the child: ends the process as an application would (running the library's shutdown).
 [[noreturn]] void endChild();
 
+// Runs a scenario (a callable) in a fresh child that must end normally, then reports the checks
+// that failed in it.
+#define KVTH_EXPECT_CHILD_PASSES(...)                                                                        \
+    do {                                                                                                     \
+        EXPECT_EXIT(::kvth::test::inChild(__VA_ARGS__), ::testing::ExitedWithCode(0), "");                   \
+        ::kvth::test::expectChildChecksPassed();                                                             \
+    } while (0)
+
 // The status of a process that ended with exit code -1 (255 where exit codes are 8 bits).
 bool exitedWithMinusOne(int status);
 

@@ -131,43 +131,40 @@ TEST_F(PassThrough, DisabledLibraryForwardsCallsUntouchedAndRecordsNothing) {
     LibraryConfig config = recording();
     config.enabled = false;
     useConfig(config);
-    EXPECT_EXIT(inChild([] {
-                    // The first call of each API builds its host table; start the log after that.
-                    egl::getCurrentContext();
-                    gles::flush();
-                    kvth_reset();
-                    kvth_set_result("eglGetDisplay", 0xD15);
-                    kvth_set_result("glCheckFramebufferStatus", GL_FRAMEBUFFER_UNSUPPORTED);
-                    kvth_raise_error_on("glEnable", GL_INVALID_ENUM);
-                    kvth_raise_error_on("eglSwapInterval", EGL_BAD_SURFACE);
+    KVTH_EXPECT_CHILD_PASSES([] {
+        // The first call of each API builds its host table; start the log after that.
+        egl::getCurrentContext();
+        gles::flush();
+        kvth_reset();
+        kvth_set_result("eglGetDisplay", 0xD15);
+        kvth_set_result("glCheckFramebufferStatus", GL_FRAMEBUFFER_UNSUPPORTED);
+        kvth_raise_error_on("glEnable", GL_INVALID_ENUM);
+        kvth_raise_error_on("eglSwapInterval", EGL_BAD_SURFACE);
 
-                    KVTH_CHILD_CHECK(egl::getDisplay(EGL_DEFAULT_DISPLAY) == handle<EGLDisplay>(0xD15));
-                    KVTH_CHILD_CHECK(egl::queryString(handle<EGLDisplay>(0xD15), EGL_VENDOR) ==
-                                     kvth_egl_string(EGL_VENDOR));
-                    egl::swapInterval(handle<EGLDisplay>(0xD15), 2);
-                    KVTH_CHILD_CHECK_EQ(static_cast<GLenum>(GL_FRAMEBUFFER_UNSUPPORTED),
-                                        gles::checkFramebufferStatus(GL_FRAMEBUFFER));
-                    KVTH_CHILD_CHECK(gles::getString(GL_VENDOR) ==
-                                     reinterpret_cast<const GLubyte *>(kvth_gl_string(GL_VENDOR)));
-                    gles::enable(GL_BLEND);
-                    gles::uniform4f(3, 0.25f, -1.5f, 2.0f, 1e-3f);
-                    // The host saw the calls as they were made, and no error query after any.
-                    checkHostSaw(
-                        0,
-                        {{"eglGetDisplay", {0}},
-                         {"eglQueryString", {0xD15, EGL_VENDOR}},
-                         {"eglSwapInterval", {0xD15, 2}},
-                         {"glCheckFramebufferStatus", {GL_FRAMEBUFFER}},
-                         {"glGetString", {GL_VENDOR}},
-                         {"glEnable", {GL_BLEND}},
-                         {"glUniform4f", {3, slotOf(0.25f), slotOf(-1.5f), slotOf(2.0f), slotOf(1e-3f)}}},
-                        __LINE__);
-                    // So the errors are still the host's to report.
-                    KVTH_CHILD_CHECK_EQ(static_cast<GLenum>(GL_INVALID_ENUM), gles::getError());
-                    KVTH_CHILD_CHECK_EQ(EGL_BAD_SURFACE, egl::getError());
-                }),
-                ::testing::ExitedWithCode(0), "");
-    expectChildChecksPassed();
+        KVTH_CHILD_CHECK(egl::getDisplay(EGL_DEFAULT_DISPLAY) == handle<EGLDisplay>(0xD15));
+        KVTH_CHILD_CHECK(egl::queryString(handle<EGLDisplay>(0xD15), EGL_VENDOR) ==
+                         kvth_egl_string(EGL_VENDOR));
+        egl::swapInterval(handle<EGLDisplay>(0xD15), 2);
+        KVTH_CHILD_CHECK_EQ(static_cast<GLenum>(GL_FRAMEBUFFER_UNSUPPORTED),
+                            gles::checkFramebufferStatus(GL_FRAMEBUFFER));
+        KVTH_CHILD_CHECK(gles::getString(GL_VENDOR) ==
+                         reinterpret_cast<const GLubyte *>(kvth_gl_string(GL_VENDOR)));
+        gles::enable(GL_BLEND);
+        gles::uniform4f(3, 0.25f, -1.5f, 2.0f, 1e-3f);
+        // The host saw the calls as they were made, and no error query after any.
+        checkHostSaw(0,
+                     {{"eglGetDisplay", {0}},
+                      {"eglQueryString", {0xD15, EGL_VENDOR}},
+                      {"eglSwapInterval", {0xD15, 2}},
+                      {"glCheckFramebufferStatus", {GL_FRAMEBUFFER}},
+                      {"glGetString", {GL_VENDOR}},
+                      {"glEnable", {GL_BLEND}},
+                      {"glUniform4f", {3, slotOf(0.25f), slotOf(-1.5f), slotOf(2.0f), slotOf(1e-3f)}}},
+                     __LINE__);
+        // So the errors are still the host's to report.
+        KVTH_CHILD_CHECK_EQ(static_cast<GLenum>(GL_INVALID_ENUM), gles::getError());
+        KVTH_CHILD_CHECK_EQ(EGL_BAD_SURFACE, egl::getError());
+    });
     const std::string trace = workPath("trace.kalvoren");
     EXPECT_TRUE(!fileExists(trace) || readBytes(trace).empty())
         << readBytes(trace).size() << " bytes recorded";
@@ -179,20 +176,18 @@ class RecordedErrors : public FreshProcessTest {};
 
 TEST_F(RecordedErrors, GlErrorIsRecordedWithTheCallAndStillReportedToTheApplication) {
     useConfig(recording());
-    EXPECT_EXIT(inChild([] {
-                    makeContextCurrent();
-                    gles::clear(GL_COLOR_BUFFER_BIT);
-                    kvth_raise_error_on("glEnable", GL_INVALID_ENUM);
-                    const uint32_t first = kvth_log_size();
-                    gles::enable(GL_BLEND);
-                    // The wrapper took the error from the host right after the call.
-                    checkHostSaw(first, {{"glEnable", {GL_BLEND}}, {"glGetError", {}}}, __LINE__);
-                    // The application still gets it, once.
-                    KVTH_CHILD_CHECK_EQ(static_cast<GLenum>(GL_INVALID_ENUM), gles::getError());
-                    KVTH_CHILD_CHECK_EQ(static_cast<GLenum>(GL_NO_ERROR), gles::getError());
-                }),
-                ::testing::ExitedWithCode(0), "");
-    expectChildChecksPassed();
+    KVTH_EXPECT_CHILD_PASSES([] {
+        makeContextCurrent();
+        gles::clear(GL_COLOR_BUFFER_BIT);
+        kvth_raise_error_on("glEnable", GL_INVALID_ENUM);
+        const uint32_t first = kvth_log_size();
+        gles::enable(GL_BLEND);
+        // The wrapper took the error from the host right after the call.
+        checkHostSaw(first, {{"glEnable", {GL_BLEND}}, {"glGetError", {}}}, __LINE__);
+        // The application still gets it, once.
+        KVTH_CHILD_CHECK_EQ(static_cast<GLenum>(GL_INVALID_ENUM), gles::getError());
+        KVTH_CHILD_CHECK_EQ(static_cast<GLenum>(GL_NO_ERROR), gles::getError());
+    });
 
     const TraceWalk t = walkTrace(workPath("trace.kalvoren"));
     ASSERT_TRUE(t.whole) << t.problem;
@@ -232,18 +227,16 @@ TEST_F(RecordedErrors, GlErrorIsRecordedWithTheCallAndStillReportedToTheApplicat
 
 TEST_F(RecordedErrors, EglErrorIsRecordedWithTheCallAndAnsweredByTheLibrary) {
     useConfig(recording());
-    EXPECT_EXIT(inChild([] {
-                    CurrentContext c = makeContextCurrent();
-                    kvth_set_result("eglSwapInterval", EGL_FALSE);
-                    kvth_raise_error_on("eglSwapInterval", EGL_BAD_SURFACE);
-                    const uint32_t first = kvth_log_size();
-                    KVTH_CHILD_CHECK(egl::swapInterval(c.display, 1) == EGL_FALSE);
-                    checkHostSaw(first, {{"eglSwapInterval", {0xD15, 1}}, {"eglGetError", {}}}, __LINE__);
-                    KVTH_CHILD_CHECK_EQ(EGL_BAD_SURFACE, egl::getError());
-                    KVTH_CHILD_CHECK_EQ(EGL_SUCCESS, egl::getError());
-                }),
-                ::testing::ExitedWithCode(0), "");
-    expectChildChecksPassed();
+    KVTH_EXPECT_CHILD_PASSES([] {
+        CurrentContext c = makeContextCurrent();
+        kvth_set_result("eglSwapInterval", EGL_FALSE);
+        kvth_raise_error_on("eglSwapInterval", EGL_BAD_SURFACE);
+        const uint32_t first = kvth_log_size();
+        KVTH_CHILD_CHECK(egl::swapInterval(c.display, 1) == EGL_FALSE);
+        checkHostSaw(first, {{"eglSwapInterval", {0xD15, 1}}, {"eglGetError", {}}}, __LINE__);
+        KVTH_CHILD_CHECK_EQ(EGL_BAD_SURFACE, egl::getError());
+        KVTH_CHILD_CHECK_EQ(EGL_SUCCESS, egl::getError());
+    });
 
     const TraceWalk t = walkTrace(workPath("trace.kalvoren"));
     ASSERT_TRUE(t.whole) << t.problem;
@@ -294,8 +287,7 @@ protected:
         LibraryConfig config = recording();
         config.endFrame = 1000000;
         useConfig(config);
-        EXPECT_EXIT(inChild(calls), ::testing::ExitedWithCode(0), "");
-        expectChildChecksPassed();
+        KVTH_EXPECT_CHILD_PASSES(calls);
 
         // The framing holds from the header to the end marker.
         const TraceWalk t = walkTrace(workPath("trace.kalvoren"));
@@ -384,27 +376,24 @@ std::vector<std::map<uint32_t, std::vector<uint8_t>>> drawnAttributes(const std:
 
 TEST_F(ClientArrays, UnreadableArraysAreReportedAndTheProcessLives) {
     useConfig(recording());
-    EXPECT_EXIT(inChild([] {
-                    makeContextCurrent();
-                    GuardedPages pages;
-                    // Two vec4 vertices just before a page that cannot be read.
-                    auto *vertices = reinterpret_cast<float *>(pages.unreadable() - 32);
-                    for (int i = 0; i < 8; ++i)
-                        vertices[i] = static_cast<float>(i);
-                    gles::bindBuffer(GL_ARRAY_BUFFER, 0);
-                    // A strided attribute at 0x100 is an offset given without a buffer.
-                    gles::vertexAttribPointer(kLow, 2, GL_FLOAT, GL_FALSE, 16,
-                                              reinterpret_cast<const void *>(0x100));
-                    gles::enableVertexAttribArray(kLow);
-                    gles::vertexAttribPointer(kPacked, 4, GL_FLOAT, GL_FALSE, 0, vertices);
-                    gles::enableVertexAttribArray(kPacked);
-                    gles::drawArrays(GL_TRIANGLES, 0, 2); // reads what can be read
-                    gles::drawArrays(GL_TRIANGLES, 0, 6); // runs into the page that cannot
-                    // Indices that cannot be read stop the capture too.
-                    gles::drawElements(GL_TRIANGLES, 3, GL_UNSIGNED_SHORT, pages.unreadable());
-                }),
-                ::testing::ExitedWithCode(0), "");
-    expectChildChecksPassed();
+    KVTH_EXPECT_CHILD_PASSES([] {
+        makeContextCurrent();
+        GuardedPages pages;
+        // Two vec4 vertices just before a page that cannot be read.
+        auto *vertices = reinterpret_cast<float *>(pages.unreadable() - 32);
+        for (int i = 0; i < 8; ++i)
+            vertices[i] = static_cast<float>(i);
+        gles::bindBuffer(GL_ARRAY_BUFFER, 0);
+        // A strided attribute at 0x100 is an offset given without a buffer.
+        gles::vertexAttribPointer(kLow, 2, GL_FLOAT, GL_FALSE, 16, reinterpret_cast<const void *>(0x100));
+        gles::enableVertexAttribArray(kLow);
+        gles::vertexAttribPointer(kPacked, 4, GL_FLOAT, GL_FALSE, 0, vertices);
+        gles::enableVertexAttribArray(kPacked);
+        gles::drawArrays(GL_TRIANGLES, 0, 2); // reads what can be read
+        gles::drawArrays(GL_TRIANGLES, 0, 6); // runs into the page that cannot
+        // Indices that cannot be read stop the capture too.
+        gles::drawElements(GL_TRIANGLES, 3, GL_UNSIGNED_SHORT, pages.unreadable());
+    });
     const std::string console = childConsole();
     EXPECT_EQ(2u, countOf(console, "VertexAttribPointer data is inaccessible at address 0x100.")) << console;
     EXPECT_EQ(2u, countOf(console, "Failed to save all the VertexAttribPointer data due to a crash"))
@@ -440,30 +429,27 @@ TEST_F(Overrides, StringsGainTheVersionAndLoseDisabledExtensions) {
     LibraryConfig config = recording();
     config.internal = "\"DisableExtensionList\": \"GL_OES_texture_npot;GL_KHR\"";
     useConfig(config);
-    EXPECT_EXIT(
-        inChild([] {
-            makeContextCurrent();
-            const char *renderer = reinterpret_cast<const char *>(gles::getString(GL_RENDERER));
-            KVTH_CHILD_CHECK(renderer &&
-                             std::string(renderer) == "Kalvoren test host + Kalvoren v3.13 (19.2@5581729)");
-            // The same text, kept once, on every later call.
-            KVTH_CHILD_CHECK(reinterpret_cast<const char *>(gles::getString(GL_RENDERER)) == renderer);
-            // Without a replacement the host's own pointer comes back.
-            KVTH_CHILD_CHECK(reinterpret_cast<const char *>(gles::getString(GL_VENDOR)) ==
-                             kvth_gl_string(GL_VENDOR));
-            // Whole names only: "GL_KHR" does not take GL_KHR_debug with it.
-            const char *extensions = reinterpret_cast<const char *>(gles::getString(GL_EXTENSIONS));
-            KVTH_CHILD_CHECK(extensions && std::string(extensions) ==
-                                               "GL_OES_element_index_uint GL_EXT_texture_format_BGRA8888 "
-                                               "GL_KHR_debug");
-            const char *version = egl::queryString(egl::getCurrentDisplay(), EGL_VERSION);
-            KVTH_CHILD_CHECK(version && std::string(version) == std::string(kvth_egl_string(EGL_VERSION)) +
-                                                                    " + Kalvoren v3.13 (19.2@5581729)");
-            // 0x7500 goes to the host untouched and unrecorded.
-            gles::getString(0x7500);
-        }),
-        ::testing::ExitedWithCode(0), "");
-    expectChildChecksPassed();
+    KVTH_EXPECT_CHILD_PASSES([] {
+        makeContextCurrent();
+        const char *renderer = reinterpret_cast<const char *>(gles::getString(GL_RENDERER));
+        KVTH_CHILD_CHECK(renderer &&
+                         std::string(renderer) == "Kalvoren test host + Kalvoren v3.13 (19.2@5581729)");
+        // The same text, kept once, on every later call.
+        KVTH_CHILD_CHECK(reinterpret_cast<const char *>(gles::getString(GL_RENDERER)) == renderer);
+        // Without a replacement the host's own pointer comes back.
+        KVTH_CHILD_CHECK(reinterpret_cast<const char *>(gles::getString(GL_VENDOR)) ==
+                         kvth_gl_string(GL_VENDOR));
+        // Whole names only: "GL_KHR" does not take GL_KHR_debug with it.
+        const char *extensions = reinterpret_cast<const char *>(gles::getString(GL_EXTENSIONS));
+        KVTH_CHILD_CHECK(extensions && std::string(extensions) ==
+                                           "GL_OES_element_index_uint GL_EXT_texture_format_BGRA8888 "
+                                           "GL_KHR_debug");
+        const char *version = egl::queryString(egl::getCurrentDisplay(), EGL_VERSION);
+        KVTH_CHILD_CHECK(version && std::string(version) == std::string(kvth_egl_string(EGL_VERSION)) +
+                                                                " + Kalvoren v3.13 (19.2@5581729)");
+        // 0x7500 goes to the host untouched and unrecorded.
+        gles::getString(0x7500);
+    });
     const TraceWalk t = walkTrace(workPath("trace.kalvoren"));
     ASSERT_TRUE(t.whole) << t.problem;
     EXPECT_EQ(4u, t.withId(kv::fn::glGetString::id).size()) << traceSummary(t);
@@ -473,27 +459,25 @@ TEST_F(Overrides, QueriesReportConfiguredAlignmentsAndNoBinaryFormats) {
     LibraryConfig config = recording();
     config.tracing = "\"UniformBufferOffsetAlignment\": 256";
     useConfig(config);
-    EXPECT_EXIT(inChild([] {
-                    makeContextCurrent();
-                    GLint value = 7;
-                    gles::getIntegerv(GL_UNIFORM_BUFFER_OFFSET_ALIGNMENT, &value);
-                    KVTH_CHILD_CHECK_EQ(256, value);
-                    GLint64 wide = 7;
-                    gles::getInteger64v(GL_SHADER_STORAGE_BUFFER_OFFSET_ALIGNMENT, &wide);
-                    KVTH_CHILD_CHECK_EQ(256, wide);
-                    GLfloat real = 7.0f;
-                    gles::getFloatv(GL_UNIFORM_BUFFER_OFFSET_ALIGNMENT, &real);
-                    KVTH_CHILD_CHECK(real == 256.0f);
-                    value = 7;
-                    gles::getIntegerv(GL_NUM_SHADER_BINARY_FORMATS, &value);
-                    KVTH_CHILD_CHECK_EQ(0, value);
-                    // A query the driver rejects keeps what it left.
-                    kvth_raise_error_on("glGetIntegerv", GL_INVALID_ENUM);
-                    value = 7;
-                    gles::getIntegerv(GL_UNIFORM_BUFFER_OFFSET_ALIGNMENT, &value);
-                    KVTH_CHILD_CHECK_EQ(7, value);
-                    KVTH_CHILD_CHECK_EQ(static_cast<GLenum>(GL_INVALID_ENUM), gles::getError());
-                }),
-                ::testing::ExitedWithCode(0), "");
-    expectChildChecksPassed();
+    KVTH_EXPECT_CHILD_PASSES([] {
+        makeContextCurrent();
+        GLint value = 7;
+        gles::getIntegerv(GL_UNIFORM_BUFFER_OFFSET_ALIGNMENT, &value);
+        KVTH_CHILD_CHECK_EQ(256, value);
+        GLint64 wide = 7;
+        gles::getInteger64v(GL_SHADER_STORAGE_BUFFER_OFFSET_ALIGNMENT, &wide);
+        KVTH_CHILD_CHECK_EQ(256, wide);
+        GLfloat real = 7.0f;
+        gles::getFloatv(GL_UNIFORM_BUFFER_OFFSET_ALIGNMENT, &real);
+        KVTH_CHILD_CHECK(real == 256.0f);
+        value = 7;
+        gles::getIntegerv(GL_NUM_SHADER_BINARY_FORMATS, &value);
+        KVTH_CHILD_CHECK_EQ(0, value);
+        // A query the driver rejects keeps what it left.
+        kvth_raise_error_on("glGetIntegerv", GL_INVALID_ENUM);
+        value = 7;
+        gles::getIntegerv(GL_UNIFORM_BUFFER_OFFSET_ALIGNMENT, &value);
+        KVTH_CHILD_CHECK_EQ(7, value);
+        KVTH_CHILD_CHECK_EQ(static_cast<GLenum>(GL_INVALID_ENUM), gles::getError());
+    });
 }
