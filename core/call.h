@@ -137,8 +137,6 @@ private:
                 c.failed = Api::failed(c.error);
                 Api::noteError(c.error);
             }
-        } else {
-            c.error = Api::kSuccess;
         }
         H::after(c, result, args...);
         if constexpr (!std::is_void_v<Ret>) c.result = toSlot(result);
