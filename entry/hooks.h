@@ -79,76 +79,58 @@ struct SurfaceCreationHooks : HookDefaults {
     static void noteCreated64(CallCtx &c, EGLSurface surface, EGLDisplay dpy, EGLConfig config, int kind,
                               uint64_t native, const EGLAttrib *attributes);
     static void noteRecorded(CallCtx &c, EGLSurface surface);
+    // After the record, for every kind of surface.
+    template <class... A>
+    static void done(CallCtx &c, EGLSurface &r, A...) {
+        noteRecorded(c, r);
+    }
 };
 
 template <>
 struct Hooks<fn::eglCreateWindowSurface> : SurfaceCreationHooks {
     static void after(CallCtx &c, EGLSurface &r, EGLDisplay dpy, EGLConfig config, EGLNativeWindowType win,
                       const EGLint *attrib_list);
-    static void done(CallCtx &c, EGLSurface &r, EGLDisplay, EGLConfig, EGLNativeWindowType, const EGLint *) {
-        noteRecorded(c, r);
-    }
 };
 
 template <>
 struct Hooks<fn::eglCreatePbufferSurface> : SurfaceCreationHooks {
     static void after(CallCtx &c, EGLSurface &r, EGLDisplay dpy, EGLConfig config, const EGLint *attrib_list);
-    static void done(CallCtx &c, EGLSurface &r, EGLDisplay, EGLConfig, const EGLint *) { noteRecorded(c, r); }
 };
 
 template <>
 struct Hooks<fn::eglCreatePixmapSurface> : SurfaceCreationHooks {
     static void after(CallCtx &c, EGLSurface &r, EGLDisplay dpy, EGLConfig config, EGLNativePixmapType pixmap,
                       const EGLint *attrib_list);
-    static void done(CallCtx &c, EGLSurface &r, EGLDisplay, EGLConfig, EGLNativePixmapType, const EGLint *) {
-        noteRecorded(c, r);
-    }
 };
 
 template <>
 struct Hooks<fn::eglCreatePbufferFromClientBuffer> : SurfaceCreationHooks {
     static void after(CallCtx &c, EGLSurface &r, EGLDisplay dpy, EGLenum buftype, EGLClientBuffer buffer,
                       EGLConfig config, const EGLint *attrib_list);
-    static void done(CallCtx &c, EGLSurface &r, EGLDisplay, EGLenum, EGLClientBuffer, EGLConfig,
-                     const EGLint *) {
-        noteRecorded(c, r);
-    }
 };
 
 template <>
 struct Hooks<fn::eglCreatePlatformWindowSurface> : SurfaceCreationHooks {
     static void after(CallCtx &c, EGLSurface &r, EGLDisplay dpy, EGLConfig config, void *native,
                       const EGLAttrib *attrib_list);
-    static void done(CallCtx &c, EGLSurface &r, EGLDisplay, EGLConfig, void *, const EGLAttrib *) {
-        noteRecorded(c, r);
-    }
 };
 
 template <>
 struct Hooks<fn::eglCreatePlatformPixmapSurface> : SurfaceCreationHooks {
     static void after(CallCtx &c, EGLSurface &r, EGLDisplay dpy, EGLConfig config, void *native,
                       const EGLAttrib *attrib_list);
-    static void done(CallCtx &c, EGLSurface &r, EGLDisplay, EGLConfig, void *, const EGLAttrib *) {
-        noteRecorded(c, r);
-    }
 };
 
 template <>
 struct Hooks<fn::eglCreatePlatformWindowSurfaceEXT> : SurfaceCreationHooks {
     static void after(CallCtx &c, EGLSurface &r, EGLDisplay dpy, EGLConfig config, void *native,
                       const EGLint *attrib_list);
-    static void done(CallCtx &c, EGLSurface &r, EGLDisplay, EGLConfig, void *, const EGLint *) {
-        noteRecorded(c, r);
-    }
 };
 
 template <>
 struct Hooks<fn::eglCreatePlatformPixmapSurfaceEXT> : SurfaceCreationHooks {
     static void after(CallCtx &c, EGLSurface &r, EGLDisplay dpy, EGLConfig config, void *native,
                       const EGLint *attrib_list);
-    static void done(CallCtx &c, EGLSurface &r, EGLDisplay, EGLConfig, void *, const EGLint *) {
-        noteRecorded(c, r);
-    }
 };
 
 // The swaps end a frame: the frame buffer may be read back first, the surface's recorded size is
