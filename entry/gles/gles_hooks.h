@@ -278,9 +278,10 @@ KV_GLES_UNIFORM_HOOKS(4ui, GLuint);
 void keepUniformValue(CallCtx &c, uint16_t call, GLuint program, GLint location, const uint32_t *words,
                       size_t count);
 
+// The raw word of a 32-bit value (a uniform component, a parameter, a vertex attribute constant).
 template <class T>
-uint32_t uniformWord(T value) {
-    static_assert(sizeof(T) == 4, "32-bit uniform component");
+uint32_t word(T value) {
+    static_assert(sizeof(T) == 4, "32-bit value");
     uint32_t bits;
     std::memcpy(&bits, &value, 4);
     return bits;
@@ -291,7 +292,7 @@ template <class F>
 struct UniformValueHooks : HookDefaults {
     template <class... V>
     static void after(CallCtx &c, Void &, GLint location, V... values) {
-        const uint32_t words[] = {uniformWord(values)...};
+        const uint32_t words[] = {word(values)...};
         keepUniformValue(c, F::id, 0, location, words, sizeof...(V));
     }
 };
@@ -301,7 +302,7 @@ template <class F>
 struct ProgramUniformValueHooks : HookDefaults {
     template <class... V>
     static void after(CallCtx &c, Void &, GLuint program, GLint location, V... values) {
-        const uint32_t words[] = {uniformWord(values)...};
+        const uint32_t words[] = {word(values)...};
         keepUniformValue(c, F::id, program, location, words, sizeof...(V));
     }
 };

@@ -62,15 +62,6 @@ bool readWords(const T *values, size_t count, std::vector<uint32_t> &out) {
     return false;
 }
 
-// The raw word of a 32-bit value.
-template <class T>
-uint32_t word(T value) {
-    static_assert(sizeof(T) == 4, "32-bit value");
-    uint32_t bits;
-    std::memcpy(&bits, &value, 4);
-    return bits;
-}
-
 // A string of `length` characters, or up to its terminator when `length` is negative.
 bool readText(const char *text, GLint length, std::string &out);
 // Strings as glShaderSource takes them: `count` pointers and an optional array of lengths (a
