@@ -588,7 +588,7 @@ def emit_catalogue(families, funcs):
     by_family = {}
     for f in funcs:
         by_family.setdefault(f.family, []).append(f)
-    out = [BANNER, '#include "core/api/api.h"\n', "namespace kv::api {\n"]
+    out = [BANNER, '#include "api/api.h"\n', "namespace kv::api {\n"]
     for key, first, last in families:
         out.append(f"static const CatalogueRow k{FAMILY_ENUM[key]}Rows[] = {{")
         for f in by_family[key]:
@@ -615,7 +615,7 @@ def group_index(field, group_ids):
 
 
 def emit_descriptions(funcs, group_ids):
-    out = [BANNER, '#include "core/api/api.h"\n', "namespace kv::api {\n"]
+    out = [BANNER, '#include "api/api.h"\n', "namespace kv::api {\n"]
     out.append("namespace {\n")
     for f in funcs:
         if not f.known:
@@ -673,7 +673,7 @@ def emit_enum_names(gl_enums, gl_rank, gl_groups, egl_enums, group_ids):
         key = (r, len(name), name)
         if value not in best or key < best[value][0]:
             best[value] = (key, name)
-    out = [BANNER, '#include "trace/enum_names.h"\n', "namespace kv::names {\n"]
+    out = [BANNER, '#include "api/enum_names.h"\n', "namespace kv::names {\n"]
     out.append("extern const EnumName kGlEnums[];")
     out.append("extern const uint32_t kGlEnumCount;")
     out.append("extern const EnumName kEglEnums[];")
@@ -737,7 +737,7 @@ def pfn_type(f):
 
 
 def emit_host_header(tables):
-    out = [BANNER, "#pragma once\n", '#include "core/api/khronos.h"', '#include "host/host_lib.h"\n', "namespace kv {\n"]
+    out = [BANNER, "#pragma once\n", '#include "api/khronos.h"', '#include "host/host_lib.h"\n', "namespace kv {\n"]
     for table, groups in tables.items():
         out.append(f"// Host entry points of {table}, grouped as the host library is searched.")
         out.append(f"struct {table}Fns {{")
@@ -915,7 +915,7 @@ def emit_entries(funcs, families_wanted, tables, title):
 
 
 def emit_entry_header(funcs, families_wanted, tables):
-    out = [BANNER, "#pragma once\n", '#include "core/api/khronos.h"', '#include "platform/platform.h"\n']
+    out = [BANNER, "#pragma once\n", '#include "api/khronos.h"', '#include "platform/platform.h"\n']
     for ns, members in by_namespace(exported(funcs, families_wanted, tables)).items():
         out.append(f"namespace {ns} {{\n")
         for f in members:
@@ -1102,12 +1102,12 @@ def main():
     hook_funcs = [(f, w) for f, w in hooks if f.family in traced and host_table_of(f, tables)]
 
     outputs = {
-        "core/api/catalogue_autogen.cpp": emit_catalogue(families, funcs),
-        "core/api/descriptions_autogen.cpp": emit_descriptions(funcs, group_ids),
-        "trace/enum_names_autogen.cpp": emit_enum_names(gl_enums, gl_rank, gl_groups, egl_enums, group_ids),
+        "api/catalogue_autogen.cpp": emit_catalogue(families, funcs),
+        "api/descriptions_autogen.cpp": emit_descriptions(funcs, group_ids),
+        "api/enum_names_autogen.cpp": emit_enum_names(gl_enums, gl_rank, gl_groups, egl_enums, group_ids),
         "host/host_tables_autogen.h": emit_host_header(tables),
         "host/host_tables_autogen.cpp": emit_host_source(tables),
-        "core/api/functions_autogen.h": emit_traits(funcs, tables, hook_funcs, traced),
+        "core/functions_autogen.h": emit_traits(funcs, tables, hook_funcs, traced),
         "entry/entries_autogen.h": emit_entry_header(funcs, traced, tables),
         "entry/egl/egl_entries_autogen.cpp": emit_entries(funcs, {"egl", "eglext"}, tables, "EGL entry points"),
         "entry/gles/gles_entries_autogen.cpp": emit_entries(funcs, {"gles20", "gles30", "gles31", "gles32"}, tables,

@@ -1,6 +1,7 @@
 #include "config/config.h"
 
-#include "core/messages.h"
+#include "base/messages.h"
+#include "host/host_paths.h"
 #include "platform/platform.h"
 
 #pragma GCC diagnostic push

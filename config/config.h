@@ -2,7 +2,7 @@
 // member-name order, on top of the defaults of the settings record.
 #pragma once
 
-#include "core/settings.h"
+#include "base/settings_record.h"
 
 #include <string>
 

@@ -1,6 +1,6 @@
 #include "core/call.h"
 
-#include "core/messages.h"
+#include "base/messages.h"
 #include "trace/frame_control.h"
 
 #include <atomic>

@@ -9,11 +9,11 @@
 // what its record holds is generated from the API description (F::write).
 #pragma once
 
-#include "core/api/functions_autogen.h"
+#include "core/functions_autogen.h"
 #include "core/call_types.h"
 #include "core/manager.h"
 #include "core/settings.h"
-#include "core/slots.h"
+#include "base/slots.h"
 #include "host/hosts.h"
 #include "trace/trace_writer.h"
 

@@ -2,8 +2,8 @@
 // the call record (used by the generated record writers and by hand-written capture hooks).
 #pragma once
 
-#include "core/api/api.h"
-#include "core/api/khronos.h"
+#include "api/api.h"
+#include "api/khronos.h"
 #include "platform/platform.h"
 #include "trace/record.h"
 

@@ -2,8 +2,8 @@
 // recorder keeps about the trace file it writes.
 #pragma once
 
-#include "core/thread_local_pointer.h"
-#include "core/zand_string.h"
+#include "base/thread_local_pointer.h"
+#include "base/zand_string.h"
 
 #include <cstdint>
 #include <map>
@@ -15,8 +15,6 @@ public:
     struct ThreadData {
         uint32_t value = 0;
         uint32_t currentFunction = 0;
-        // The partial render-state snapshot of this thread was written.
-        bool stateSaved = false;
     };
 
     static CTraceRecordManager &get();

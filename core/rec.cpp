@@ -1,6 +1,6 @@
 #include "core/call_types.h"
 
-#include "core/messages.h"
+#include "base/messages.h"
 #include "platform/platform.h"
 
 namespace kv::rec {

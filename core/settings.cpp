@@ -1,9 +1,9 @@
 #include "core/settings.h"
-#include "core/no_destructor.h"
+#include "base/no_destructor.h"
 
 #include "config/config.h"
 #include "core/lifecycle.h"
-#include "core/messages.h"
+#include "base/messages.h"
 #include "trace/trace_writer.h"
 
 #include <string>
@@ -70,19 +70,9 @@ void invalidateSettings() {
     detail::g_settingsPid.store(0, std::memory_order_release);
 }
 
-CZandString &configuredHostLibraryPath(int api) {
-    static CZandString *paths = new CZandString[4];
-    return paths[api & 3];
-}
-
-CZandString &defaultHostLibraryPath(int api) {
-    static CZandString *paths = new CZandString[4];
-    return paths[api & 3];
-}
-
-const CZandString &hostLibraryPath(int api) {
-    const CZandString &configured = configuredHostLibraryPath(api);
-    return configured.empty() ? defaultHostLibraryPath(api) : configured;
+void closeFully(Settings &s) {
+    trace::close(s);
+    invalidateSettings();
 }
 
 } // namespace kv

@@ -1,133 +1,11 @@
-// The process-wide settings record: every configuration value and the run state (mode, frame
-// counters, trace stream state). Built on first use from defaults and the configuration file.
+// The settings record of the current process: built on first use from the defaults and the
+// configuration file (and again when the process id changed, after a fork or a full close of the
+// trace), together with the trace file it opens.
 #pragma once
 
-#include "core/shared_ptr.h"
-#include "core/zand_string.h"
-#include "platform/platform.h"
-
-#include <atomic>
-#include <new>
-#include <cstdint>
+#include "base/settings_record.h"
 
 namespace kv {
-
-class CProfiler;
-class OutputStream;
-
-enum RunMode : int32_t { kModeDisabled = 0, kModeProfiling = 1, kModeRecording = 2 };
-
-// The strings an application may be shown instead of the driver's, in key order.
-enum ReportedString : int {
-    kEGLVendor,
-    kEGLVersion,
-    kEGLExtensions,
-    kES1Vendor,
-    kES1Renderer,
-    kES1Version,
-    kES1Extensions,
-    kES2Vendor,
-    kES2Renderer,
-    kES2Version,
-    kES2Extensions,
-    kES3Vendor,
-    kES3Renderer,
-    kES3Version,
-    kES3Extensions,
-    kReportedStringCount
-};
-
-// The profiling overrides, in key order.
-enum OverrideSwitch : int {
-    kForceViewport,
-    kDisableBlending,
-    kForce2x2Textures,
-    kForceFlatColourFrag,
-    kDisableStencilTest,
-    kDisableDepthTest,
-    kDisableScissorTest,
-    kDisableDrawCalls,
-    kDisableFlushNFinish,
-    kDisableTextureModifications,
-    kDisableTextureFiltering,
-    kDisableAlphaTest,
-    kDisableFBAccess,
-    kOverrideSwitchCount
-};
-
-constexpr uint32_t kNoAlignmentOverride = 0xFFFFFFFFu;
-constexpr const char *kRecorderVersion = "19.2@5581729";
-constexpr const char *kProductVersion = "v3.13";
-
-struct Settings {
-    // Trace output stream state.
-    OutputStream *traceFile = nullptr;
-    uint64_t bytesWritten = 0;
-    uint64_t lastThread = 0;
-
-    uint64_t cachedProcessId = 0;
-    // Network control flags: write the header at the next start; stream state; first start.
-    bool netWriteHeader = true;
-    bool netFlag2 = false;
-    bool netFlag3 = true;
-    bool exitOnLastFrame = false;
-    CZandString disabledExtensionList;
-    std::atomic<int32_t> mode{kModeRecording};
-    CZandString outputFilename{"%pname.kalvoren"};
-    bool recordData = true;
-    bool useCompression = false;
-    bool recordUnknownExtensionCalls = true;
-    uint32_t clientBufferRecordFrequency = 2;
-    uint32_t startFrame = 0;
-    std::atomic<uint32_t> currentFrame{0};
-    int32_t lastReportedFrame = -1;
-    uint32_t endFrame = 0;
-    uint32_t uniformBufferOffsetAlignment = kNoAlignmentOverride;
-    uint32_t shaderStorageBufferOffsetAlignment = kNoAlignmentOverride;
-    int32_t swapInterval = 0;
-    std::atomic<bool> snapshotPending{false};
-    std::atomic<bool> endMarkerWritten{false};
-    std::atomic<bool> snapshotInProgress{false};
-    std::atomic<bool> forwardToHost{true};
-    bool networkEnabled = false;
-    bool networkWait = false;
-    bool recordingEnabled = true;
-    bool saveFrameBuffer = false;
-    int32_t debugLevel = 1;
-    bool networkStreaming = false;
-    bool profilingEnabled = false;
-    SharedPtr<CProfiler> profiler;
-    uint32_t functionTimelineLevel = 1;
-    bool softwareCounters = true;
-    bool renderstateOverride = true;
-    bool appendTraceVersion = true;
-    bool disableBinaries = true;
-    bool disableBlobCache = true;
-    bool sectionDisabled = false;
-    bool overrides[kOverrideSwitchCount] = {};
-    int32_t cullingMode = 0;
-    int32_t networkBufferSize = 256;
-    CZandString reported[kReportedStringCount];
-    void *networkServer = nullptr;
-    // Set by the first frame-ending call.
-    std::atomic<bool> swapSeen{false};
-    // Whether the error check after each call is made (always on; kept as a field so that a
-    // snapshot or a test can turn it off).
-    bool checkErrors = true;
-
-    bool overrideActive(OverrideSwitch s) const {
-        return overrides[s] && profilingEnabled && renderstateOverride;
-    }
-
-    Settings() = default;
-    Settings(const Settings &) = delete;
-    Settings &operator=(const Settings &) = delete;
-    // Puts every field back to its default.
-    void reset() {
-        this->~Settings();
-        new (this) Settings();
-    }
-};
 
 // The settings of the current process, built on first use (and again when the process id changed,
 // after a fork or a full close of the trace).
@@ -139,12 +17,8 @@ KV_ALWAYS_INLINE int32_t runMode();
 // Forgets the cached process identity so that the settings are built afresh on next use.
 void invalidateSettings();
 
-// Host library paths: EGL, ES1, ES2/3, OpenCL. The configured path (the Host keys) wins over what
-// the default search found.
-enum HostApi : int { kHostEgl = 0, kHostEs1 = 1, kHostEs2 = 2, kHostCl = 3 };
-CZandString &configuredHostLibraryPath(int api);
-CZandString &defaultHostLibraryPath(int api);
-const CZandString &hostLibraryPath(int api);
+// Closes the trace file and forgets the settings (they are built afresh on next use).
+void closeFully(Settings &settings);
 
 namespace detail {
 extern Settings *g_settings;

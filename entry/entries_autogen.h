@@ -5,7 +5,7 @@
 
 #pragma once
 
-#include "core/api/khronos.h"
+#include "api/khronos.h"
 #include "platform/platform.h"
 
 namespace egl {

@@ -1,5 +1,5 @@
 #include "entry/proc_table.h"
-#include "core/no_destructor.h"
+#include "base/no_destructor.h"
 
 #include "platform/platform.h"
 

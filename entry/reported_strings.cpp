@@ -1,5 +1,5 @@
 #include "entry/reported_strings.h"
-#include "core/no_destructor.h"
+#include "base/no_destructor.h"
 
 #include "core/settings.h"
 

@@ -3,7 +3,7 @@
 // the disabled extensions removed. The returned strings live as long as the process.
 #pragma once
 
-#include "core/api/khronos.h"
+#include "api/khronos.h"
 
 #include <string>
 

@@ -1,8 +1,8 @@
 #include "host/host_lib.h"
 
-#include "core/lifecycle.h"
-#include "core/messages.h"
-#include "core/zand_string.h"
+#include "host/host_paths.h"
+#include "base/messages.h"
+#include "base/zand_string.h"
 
 #include <cstring>
 #include <string>

@@ -5,7 +5,7 @@
 
 #pragma once
 
-#include "core/api/khronos.h"
+#include "api/khronos.h"
 #include "host/host_lib.h"
 
 namespace kv {

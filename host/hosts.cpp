@@ -1,7 +1,8 @@
 #include "host/hosts.h"
 
-#include "core/messages.h"
-#include "core/settings.h"
+#include "base/messages.h"
+#include "base/settings_record.h"
+#include "host/host_paths.h"
 
 #include <cstring>
 

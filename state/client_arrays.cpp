@@ -1,8 +1,8 @@
 #include "state/client_arrays.h"
 
-#include "core/api/functions_autogen.h"
-#include "core/messages.h"
-#include "core/zand_string.h"
+#include "core/functions_autogen.h"
+#include "base/messages.h"
+#include "base/zand_string.h"
 #include "state/egl_state.h"
 
 #include <algorithm>

@@ -7,8 +7,8 @@
 // copy) and hand the values over.
 #pragma once
 
-#include "core/api/khronos.h"
-#include "core/shared_ptr.h"
+#include "api/khronos.h"
+#include "base/shared_ptr.h"
 #include "platform/platform.h"
 
 #include <cstdint>

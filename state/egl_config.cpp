@@ -1,7 +1,7 @@
 #include "state/egl_config.h"
 
-#include "core/messages.h"
-#include "core/zand_string.h"
+#include "base/messages.h"
+#include "base/zand_string.h"
 #include "host/hosts.h"
 
 namespace kv::egl {

@@ -1,7 +1,7 @@
 // The description of an EGL config, asked of the host attribute by attribute, as an attribute list.
 #pragma once
 
-#include "core/api/khronos.h"
+#include "api/khronos.h"
 
 #include <vector>
 

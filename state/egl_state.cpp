@@ -1,8 +1,8 @@
 #include "state/egl_state.h"
-#include "core/no_destructor.h"
+#include "base/no_destructor.h"
 
-#include "core/messages.h"
-#include "core/thread_local_pointer.h"
+#include "base/messages.h"
+#include "base/thread_local_pointer.h"
 
 namespace kv::egl {
 

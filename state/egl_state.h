@@ -2,7 +2,7 @@
 // thread the bound API, the EGL error of the latest call and the current context.
 #pragma once
 
-#include "core/api/khronos.h"
+#include "api/khronos.h"
 #include "platform/platform.h"
 #include "state/context_state.h"
 

@@ -1,7 +1,7 @@
 // kalvoren dump: every record of a trace, one line each, as text or as JSON lines.
 #include "tools/cli.h"
 
-#include "trace/enum_names.h"
+#include "api/enum_names.h"
 #include "trace/reader.h"
 #include "trace/value_format.h"
 

@@ -1,8 +1,7 @@
 #include "trace/frame_control.h"
 
-#include "core/manager.h"
-#include "core/messages.h"
-#include "core/settings.h"
+#include "base/messages.h"
+#include "base/settings_record.h"
 #include "trace/trace_writer.h"
 
 #include <atomic>
@@ -11,6 +10,8 @@ namespace kv::frames {
 
 namespace {
 std::atomic<SnapshotWriter> g_snapshotWriter{nullptr};
+// Whether the calling thread's state was written since recording started.
+thread_local bool t_stateSaved = false;
 
 void report(const char *fmt, int value) {
     msg::info(fmt, value);
@@ -32,12 +33,11 @@ void setSnapshotWriter(SnapshotWriter writer) {
 }
 
 void saveRenderState(Settings &s, bool full) {
-    CTraceRecordManager::ThreadData &thread = CTraceRecordManager::get().threadData();
-    if (!full && thread.stateSaved) return;
+    if (!full && t_stateSaved) return;
     (void)s;
     trace::writeSnapshotMarker();
     if (SnapshotWriter writer = g_snapshotWriter.load()) writer(full);
-    thread.stateSaved = true;
+    t_stateSaved = true;
     trace::writeSnapshotMarker();
 }
 
@@ -52,7 +52,7 @@ bool shouldRecord(Settings &s) {
             }
             if (!s.exitOnLastFrame) return false;
             if (s.debugLevel >= 1) msg::info("Exit. Last frame has been reached");
-            trace::close(s, false);
+            trace::close(s);
             platform::exitProcess(0);
         }
         if (s.debugLevel >= 1 && static_cast<int32_t>(f) != s.lastReportedFrame) {
@@ -64,7 +64,7 @@ bool shouldRecord(Settings &s) {
                 if (s.debugLevel >= 2) msg::info("Saving Render State");
                 withSnapshotInProgress(s, [&] { saveRenderState(s, true); });
                 s.snapshotPending = false;
-            } else if (!CTraceRecordManager::get().threadData().stateSaved) {
+            } else if (!t_stateSaved) {
                 // A thread's first recorded call after the full snapshot brings its own state.
                 withSnapshotInProgress(s, [&] { saveRenderState(s, false); });
             }

@@ -1,10 +1,10 @@
 // Reading traces: the header, then the records one at a time, each call record decoded by the
-// layout of its function (core/api) into named values and the data blocks it carries. The reader
+// layout of its function (api/) into named values and the data blocks it carries. The reader
 // streams its input, trusts no length it finds in it, and reports what it cannot read with the
 // record's number and file offset before going on with the next record.
 #pragma once
 
-#include "core/api/api.h"
+#include "api/api.h"
 
 #include <cstddef>
 #include <cstdint>

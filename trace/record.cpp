@@ -1,9 +1,10 @@
 #include "trace/record.h"
 
-#include "core/messages.h"
+#include "base/messages.h"
 #include "platform/platform.h"
 
 #include <cstdlib>
+#include <new>
 
 namespace kv {
 
@@ -120,5 +121,72 @@ void RecordHandle::appendStringArrayCL(const char *const *strings, uint32_t coun
         addBlock(length, s, false);
     }
 }
+
+namespace {
+
+platform::TlsSlot *g_recordSlot = nullptr;
+// The calling thread's record, also kept where it is read fastest.
+KV_FAST_THREAD_LOCAL CallRecord *t_record = nullptr;
+
+void freeRecord(void *p) {
+    if (t_record == p) t_record = nullptr;
+    delete static_cast<CallRecord *>(p);
+}
+
+CallRecord *newThreadRecord() {
+    auto *r = new (std::nothrow) CallRecord();
+    if (r) r->threadId = platform::threadId();
+    return r;
+}
+
+// Thread end on platforms whose thread-local slots clean up after themselves.
+void threadRecordCleanup(void *p) {
+    platform::consoleOut("Kalvoren: DllMain\r\n");
+    platform::consoleOut("Kalvoren: DLL_THREAD_DETACH\r\n");
+    freeRecord(p);
+}
+
+} // namespace
+
+CallRecord &threadRecord() {
+    if (KV_LIKELY(t_record != nullptr)) return *t_record;
+    if (KV_UNLIKELY(!g_recordSlot)) {
+        // Used before the library's entry routine ran (a static library in a test): make the slot.
+        static platform::TlsSlot *slot = new platform::TlsSlot(&threadRecordCleanup);
+        g_recordSlot = slot;
+    }
+    auto *r = static_cast<CallRecord *>(g_recordSlot->get());
+    if (KV_UNLIKELY(!r)) {
+        r = newThreadRecord();
+        if (!r) std::abort();
+        g_recordSlot->set(r);
+    }
+    t_record = r;
+    return *r;
+}
+
+namespace records {
+
+bool createSlot() {
+    g_recordSlot = new (std::nothrow) platform::TlsSlot(&threadRecordCleanup);
+    return g_recordSlot && g_recordSlot->valid();
+}
+
+bool attachThread() {
+    CallRecord *r = newThreadRecord();
+    if (!r) return false;
+    g_recordSlot->set(r);
+    return true;
+}
+
+void detachThread() {
+    if (!g_recordSlot) return;
+    if (void *r = g_recordSlot->get()) {
+        g_recordSlot->set(nullptr);
+        freeRecord(r);
+    }
+}
+
+} // namespace records
 
 } // namespace kv

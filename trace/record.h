@@ -2,7 +2,7 @@
 // blocks of client memory, referenced and not copied until the record is finished.
 #pragma once
 
-#include "core/dyn_array.h"
+#include "base/dyn_array.h"
 #include "platform/platform.h"
 
 #include <cstdint>
@@ -93,5 +93,19 @@ public:
 private:
     CallRecord *r_ = nullptr;
 };
+
+// The calling thread's call record, made on first use by a thread that existed before the library
+// was loaded.
+CallRecord &threadRecord();
+
+namespace records {
+// The thread-local slot of the per-thread records (the library's entry routine makes it at process
+// attach; false when it cannot be made).
+bool createSlot();
+// A record for a thread that starts now; false when it cannot be allocated.
+bool attachThread();
+// Frees the calling thread's record (thread or process detach).
+void detachThread();
+} // namespace records
 
 } // namespace kv

@@ -1,9 +1,8 @@
 #include "trace/trace_writer.h"
-#include "core/no_destructor.h"
+#include "base/no_destructor.h"
 
-#include "core/lifecycle.h"
-#include "core/messages.h"
-#include "core/settings.h"
+#include "base/messages.h"
+#include "base/settings_record.h"
 #include "trace/format.h"
 
 #include <zlib.h>
@@ -24,6 +23,8 @@ std::atomic<MirrorFn> g_mirror{nullptr};
 NoDestructor<CZandString> g_description;
 // The open stream; deleted only when the trace is closed.
 OutputStream *g_stream = nullptr;
+// The settings record whose trace file is open (it holds the stream's state).
+Settings *g_streamSettings = nullptr;
 
 // The compression scratch: one z_stream, a 2 MiB output buffer and a staging buffer for reading
 // application memory safely, used only under the record lock.
@@ -196,7 +197,14 @@ void finish(RecordHandle handle, uint64_t *lengthPosition) {
     // released here, so the thread's hold on the lock stays raised for the outer record.
     if (!handle) return;
     CallRecord &r = *handle.record();
-    Settings &s = getSettings();
+    Settings *open = g_streamSettings;
+    if (KV_UNLIKELY(!open)) {
+        // No trace is open (it was closed while the record was made): nothing to write.
+        r.inRecord = false;
+        g_recordLock->unlock();
+        return;
+    }
+    Settings &s = *open;
     const uint64_t writtenBefore = s.bytesWritten;
     uint8_t *bytes = r.inlineBytes.data();
 
@@ -316,6 +324,7 @@ bool writeHeader(Settings &s) {
 }
 
 bool openForRecording(Settings &s) {
+    g_streamSettings = &s;
     if (s.traceFile) {
         s.traceFile->close();
         delete g_stream;
@@ -352,21 +361,15 @@ void writeEndMarker(Settings &s) {
     if (s.traceFile) s.traceFile->flush();
 }
 
-void close(Settings &s, bool full) {
-    {
-        platform::LockGuard<platform::RecursiveLock> guard(*g_recordLock);
-        if (s.traceFile) {
-            s.traceFile->flush();
-            s.traceFile->close();
-        }
-        s.traceFile = nullptr;
-        delete g_stream;
-        g_stream = nullptr;
+void close(Settings &s) {
+    platform::LockGuard<platform::RecursiveLock> guard(*g_recordLock);
+    if (s.traceFile) {
+        s.traceFile->flush();
+        s.traceFile->close();
     }
-    if (full) {
-        // Network control shuts down with the trace (it exists only with network control).
-        invalidateSettings();
-    }
+    s.traceFile = nullptr;
+    delete g_stream;
+    g_stream = nullptr;
 }
 
 } // namespace kv::trace

@@ -32,9 +32,9 @@ bool writeHeader(Settings &settings);
 void writeEndMarker(Settings &settings);
 // A record with id 2 and no payload.
 void writeSnapshotMarker();
-// Flushes and closes the file; with `full`, also stops network control and forgets the cached
-// process identity.
-void close(Settings &settings, bool full);
+// Flushes and closes the file. (A full close, which also forgets the settings so that they are
+// built afresh, is the recording manager's.)
+void close(Settings &settings);
 
 // Writes size * count bytes (refusing a size of 0). Mirrors them to the network first when the
 // trace is streamed.

@@ -1,6 +1,6 @@
 #include "trace/value_format.h"
 
-#include "trace/enum_names.h"
+#include "api/enum_names.h"
 
 #include <algorithm>
 #include <cmath>

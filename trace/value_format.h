@@ -3,7 +3,7 @@
 // the one-line form of `kalvoren dump`.
 #pragma once
 
-#include "core/api/api.h"
+#include "api/api.h"
 #include "trace/reader.h"
 
 #include <cstddef>

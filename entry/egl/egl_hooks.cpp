@@ -1,8 +1,8 @@
 // What the EGL entry points do beyond the common protocol: EGL's own error state, contexts and
 // surfaces entered in the state tracker, the strings the library changes, the entry points it hands
 // out by name, and the swaps that end frames.
-#include "core/messages.h"
-#include "core/no_destructor.h"
+#include "base/messages.h"
+#include "base/no_destructor.h"
 #include "entry/hooks.h"
 #include "entry/proc_table.h"
 #include "entry/reported_strings.h"

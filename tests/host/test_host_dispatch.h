@@ -2,8 +2,8 @@
 // call to.
 #pragma once
 
-#include "core/api/khronos.h"
-#include "core/slots.h"
+#include "api/khronos.h"
+#include "base/slots.h"
 #include "platform/platform.h"
 #include "tests/host/test_host.h"
 

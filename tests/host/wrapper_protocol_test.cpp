@@ -2,7 +2,7 @@
 // the driver: pass-through, error checking and recording, the recursion guard, and every wrapper
 // running once. Each configuration runs in a process of its own (the library reads its settings
 // once per process); the trace is read back once the process has ended.
-#include "core/api/functions_autogen.h"
+#include "core/functions_autogen.h"
 #include "entry/entries_autogen.h"
 #include "tests/host/all_entries.h"
 #include "tests/host/host_test_support.h"

@@ -1,6 +1,6 @@
 // The function catalogue: ids are the trace format, so every family's range, its start rows and its
 // neighbours are pinned here.
-#include "core/api/api.h"
+#include "api/api.h"
 
 #include <gtest/gtest.h>
 

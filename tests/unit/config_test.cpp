@@ -3,6 +3,7 @@
 // files and values, each of which is reported while the defaults stay in force.
 #include "config/config.h"
 #include "core/settings.h"
+#include "host/host_paths.h"
 #include "tests/unit/test_support.h"
 
 #include <gtest/gtest.h>

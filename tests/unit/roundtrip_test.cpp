@@ -4,7 +4,7 @@
 #include "tests/unit/reader_test_support.h"
 #include "tests/unit/test_support.h"
 
-#include "core/api/functions_autogen.h"
+#include "core/functions_autogen.h"
 #include "core/call_types.h"
 #include "core/lifecycle.h"
 #include "platform/platform.h"

@@ -226,7 +226,7 @@ TraceSession::TraceSession(const std::string &path, bool compression) : s_(getSe
 }
 
 TraceSession::~TraceSession() {
-    trace::close(s_, false);
+    trace::close(s_);
     const Saved &v = *saved_;
     s_.outputFilename = v.outputFilename;
     s_.recordingEnabled = v.recordingEnabled;
@@ -246,7 +246,7 @@ TraceSession::~TraceSession() {
 }
 
 std::vector<uint8_t> TraceSession::closeAndRead() {
-    trace::close(s_, false);
+    trace::close(s_);
     return readFile(path_);
 }
 
@@ -260,7 +260,7 @@ RebuiltSettings::RebuiltSettings(const char *configText) {
     if (const char *old = std::getenv("KALVOREN_CONFIG")) oldConfig_ = old;
     ConsoleCapture capture;
     // A full close ends the trace of the settings in force and has them read afresh on next use.
-    trace::close(getSettings(), true);
+    closeFully(getSettings());
     setEnv("KALVOREN_CONFIG", configPath_.c_str());
     (void)getSettings();
     output_ = capture.finish();
@@ -268,7 +268,7 @@ RebuiltSettings::RebuiltSettings(const char *configText) {
 
 RebuiltSettings::~RebuiltSettings() {
     ConsoleCapture quiet;
-    trace::close(getSettings(), true);
+    closeFully(getSettings());
     setEnv("KALVOREN_CONFIG", oldConfig_.empty() ? nullptr : oldConfig_.c_str());
     (void)getSettings();
 }

@@ -1,6 +1,6 @@
-#include "core/messages.h"
+#include "base/messages.h"
 
-#include "core/zand_string.h"
+#include "base/zand_string.h"
 #include "platform/platform.h"
 
 #include <cstdarg>

@@ -1,4 +1,4 @@
-#include "core/zand_string.h"
+#include "base/zand_string.h"
 
 #include <cstdio>
 #include <cstring>

@@ -3,7 +3,7 @@
 // (gl.xml) and the EGL and OpenCL headers. Edit those and run `python3 api/generate.py`.
 // clang-format off
 
-#include "core/api/api.h"
+#include "api/api.h"
 
 namespace kv::api {
 

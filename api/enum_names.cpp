@@ -1,4 +1,4 @@
-#include "trace/enum_names.h"
+#include "api/enum_names.h"
 
 #include <algorithm>
 

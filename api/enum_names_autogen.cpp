@@ -3,7 +3,7 @@
 // (gl.xml) and the EGL and OpenCL headers. Edit those and run `python3 api/generate.py`.
 // clang-format off
 
-#include "trace/enum_names.h"
+#include "api/enum_names.h"
 
 namespace kv::names {
 

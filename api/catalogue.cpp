@@ -1,4 +1,4 @@
-#include "core/api/api.h"
+#include "api/api.h"
 
 #include <vector>
 
