@@ -2,9 +2,12 @@
 # Kalvoren against another tracer, side by side in one run, on real programs (Mesa's llvmpipe):
 #   call_heavy (bench/call_heavy.c: cheap calls, only the call loop timed)
 #   glmark2-es2 ideas and build:use-vbo=false (under Xvfb, a small window)
+#   glmark2-es2 texture and clear at 320x240: scenes that draw little per frame, where what each
+#   frame costs (swap, frame-end bookkeeping) shows
 # each run plainly, through Kalvoren (recording every frame) and under apitrace
 # (`apitrace trace --api egl`). Every configuration runs RUNS times (default 3), interleaved, and
-# the median is reported: the overhead per call in ns and the slowdown as a ratio.
+# the median is reported: the overhead per call in ns, the time added per frame in microseconds
+# and the slowdown as a ratio.
 #
 #   bench/compare_tracers.sh [BUILD_DIR] [RUNS]
 set -u
@@ -62,7 +65,7 @@ for tool in "${tools[@]}"; do heavy_ns[$tool]=$(median <"$work/heavy.$tool"); do
 declare -A fps
 scenes=()
 if [ $have_glmark = 1 ]; then
-    scenes=(ideas build:use-vbo=false)
+    scenes=(ideas build:use-vbo=false texture clear)
     for scene in "${scenes[@]}"; do
         for ((i = 0; i < runs; i++)); do
             for tool in "${tools[@]}"; do
@@ -97,6 +100,12 @@ for scene in "${scenes[@]}"; do
     ratio=$(awk -v k="$ko" -v a="$ao" 'BEGIN { if (a + 0 > 0) printf "%.2f", k / a; else printf "-" }')
     printf '%-26s %8s fps %8s fps %8s fps\n' "glmark2 $scene" "$p" "$k" "${a:--}"
     printf '%-26s %12s %9s ns %9s ns   %s   (%s calls per frame)\n' "  overhead per call" "" "$ko" "$ao" "$ratio" "$per_frame"
+    # Time added per frame, whatever it is spent on.
+    per() { awk -v p="$p" -v t="$1" 'BEGIN { if (t > 0 && p > 0) printf "%.1f", 1e6 / t - 1e6 / p; else printf "-" }'; }
+    kf=$(per "$k")
+    af=$([ -n "$a" ] && per "$a" || echo -)
+    ratio=$(awk -v k="$kf" -v a="$af" 'BEGIN { if (a + 0 > 0) printf "%.2f", k / a; else printf "-" }')
+    printf '%-26s %12s %9s us %9s us   %s\n' "  added per frame" "" "$kf" "$af" "$ratio"
     printf '%-26s %12s %11sx %11sx\n' "  slowdown" "1.00x" "$(awk -v p="$p" -v k="$k" 'BEGIN{printf "%.2f", k ? p/k : 0}')" \
         "$([ -n "$a" ] && awk -v p="$p" -v a="$a" 'BEGIN{printf "%.2f", a ? p/a : 0}' || echo -)"
 done

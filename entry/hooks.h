@@ -67,6 +67,12 @@ struct Hooks<fn::eglDestroySurface> : HookDefaults {
 };
 
 template <>
+struct Hooks<fn::eglQuerySurface> : HookDefaults {
+    static void after(CallCtx &c, EGLBoolean &result, EGLDisplay dpy, EGLSurface surface, EGLint attribute,
+                      EGLint *value);
+};
+
+template <>
 struct Hooks<fn::eglSwapInterval> : HookDefaults {
     static void after(CallCtx &c, EGLBoolean &result, EGLDisplay dpy, EGLint interval);
 };

@@ -53,6 +53,14 @@ DisplayRecord *display(EGLDisplay handle, bool create) {
     return raw;
 }
 
+std::shared_ptr<SurfaceSize> surfaceSize(EGLDisplay handle, EGLSurface surface) {
+    DisplayRecord *d = display(handle, false);
+    if (!d) return nullptr;
+    platform::LockGuard<platform::Mutex> guard(d->lock);
+    auto it = d->surfaces.find(surface);
+    return it == d->surfaces.end() ? nullptr : it->second.size;
+}
+
 std::vector<DisplayRecord *> displays() {
     platform::LockGuard<platform::Mutex> guard(*g_displaysLock);
     std::vector<DisplayRecord *> out;

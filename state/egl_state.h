@@ -6,6 +6,7 @@
 #include "platform/platform.h"
 #include "state/context_state.h"
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -28,6 +29,53 @@ struct ContextRecord {
 
 enum class SurfaceKind : uint8_t { Window, Pbuffer, Pixmap, ClientBuffer };
 
+// A surface's size as the recorder last learnt it. Asking EGL costs a round trip to the window
+// system on some platforms (X11: a geometry request per query), so each swap does not ask: the
+// size is learnt at creation and from the application's own size queries, and a swap asks again
+// only when there is reason to think a window changed (see SurfaceSize::askAtSwap).
+struct SurfaceSize {
+    std::atomic<int32_t> width{0};
+    std::atomic<int32_t> height{0};
+    std::atomic<bool> known{false};
+    // Pbuffers and pixmaps keep their size for life.
+    bool fixed = false;
+    // Set when the application gave the default framebuffer a viewport of a size it did not have
+    // before: programs follow a resize with a new viewport.
+    std::atomic<bool> stale{false};
+    std::atomic<int32_t> lastViewportWidth{-1};
+    std::atomic<int32_t> lastViewportHeight{-1};
+    std::atomic<uint32_t> swapsSinceAsked{0};
+
+    // A window that changes size without a new viewport is still caught after this many swaps.
+    static constexpr uint32_t kAskAtLeastEvery = 60;
+
+    void set(int32_t w, int32_t h) {
+        width.store(w, std::memory_order_relaxed);
+        height.store(h, std::memory_order_relaxed);
+        known.store(true, std::memory_order_relaxed);
+        stale.store(false, std::memory_order_relaxed);
+        swapsSinceAsked.store(0, std::memory_order_relaxed);
+    }
+    // Whether a swap must ask EGL for the size (and counts the swap).
+    bool askAtSwap() {
+        if (!known.load(std::memory_order_relaxed)) return true;
+        if (fixed) return false;
+        if (stale.load(std::memory_order_relaxed)) return true;
+        return swapsSinceAsked.fetch_add(1, std::memory_order_relaxed) + 1 >= kAskAtLeastEvery;
+    }
+    // The application set a viewport while the default framebuffer was bound.
+    void noteViewport(int32_t w, int32_t h) {
+        if (fixed) return;
+        if (w == lastViewportWidth.load(std::memory_order_relaxed) &&
+            h == lastViewportHeight.load(std::memory_order_relaxed))
+            return;
+        lastViewportWidth.store(w, std::memory_order_relaxed);
+        lastViewportHeight.store(h, std::memory_order_relaxed);
+        if (w != width.load(std::memory_order_relaxed) || h != height.load(std::memory_order_relaxed))
+            stale.store(true, std::memory_order_relaxed);
+    }
+};
+
 struct SurfaceRecord {
     EGLSurface surface = EGL_NO_SURFACE;
     EGLConfig config = nullptr;
@@ -35,6 +83,7 @@ struct SurfaceRecord {
     uint64_t native = 0;
     std::vector<EGLint> attributes;
     EGLint swapInterval = 1;
+    std::shared_ptr<SurfaceSize> size = std::make_shared<SurfaceSize>();
 };
 
 struct DisplayRecord {
@@ -54,6 +103,8 @@ struct ThreadState {
     EGLDisplay display = EGL_NO_DISPLAY;
     EGLSurface draw = EGL_NO_SURFACE;
     EGLSurface read = EGL_NO_SURFACE;
+    // The size of the draw surface (null when it is not one the recorder saw created).
+    std::shared_ptr<SurfaceSize> drawSize;
 };
 
 // The calling thread's EGL state (made on first use).
@@ -65,6 +116,9 @@ ThreadState *threadStateIfAny();
 DisplayRecord *display(EGLDisplay handle, bool create);
 // Every display record, in ascending handle order.
 std::vector<DisplayRecord *> displays();
+
+// The size record of a surface the recorder saw created; null for any other.
+std::shared_ptr<SurfaceSize> surfaceSize(EGLDisplay display, EGLSurface surface);
 
 // The API version code of a context from its attribute list and its config's attributes.
 uint32_t apiVersionCode(const EGLint *contextAttributes, const std::vector<EGLint> &configAttributes);

@@ -162,6 +162,7 @@ void Hooks<fn::eglMakeCurrent>::after(CallCtx &c, EGLBoolean &result, EGLDisplay
     t.draw = draw;
     t.read = read;
     t.current = ctx == EGL_NO_CONTEXT ? nullptr : egl::findContext(dpy, ctx);
+    t.drawSize = draw == EGL_NO_SURFACE ? nullptr : egl::surfaceSize(dpy, draw);
     if (t.current && t.current->es2) t.current->es2->everCurrent = true;
 }
 
@@ -171,6 +172,7 @@ void Hooks<fn::eglReleaseThread>::after(CallCtx &c, EGLBoolean &result) {
     t.current = nullptr;
     t.display = EGL_NO_DISPLAY;
     t.draw = t.read = EGL_NO_SURFACE;
+    t.drawSize = nullptr;
     t.boundApi = EGL_OPENGL_ES_API;
 }
 
@@ -183,6 +185,19 @@ void Hooks<fn::eglDestroySurface>::after(CallCtx &c, EGLBoolean &result, EGLDisp
     platform::LockGuard<platform::Mutex> guard(*g_positionsLock);
     auto it = surfacePositions().find(dpy);
     if (it != surfacePositions().end()) it->second.erase(surface);
+}
+
+void Hooks<fn::eglQuerySurface>::after(CallCtx &c, EGLBoolean &result, EGLDisplay dpy, EGLSurface surface,
+                                       EGLint attribute, EGLint *value) {
+    if (c.failed || result != EGL_TRUE || !value || (attribute != EGL_WIDTH && attribute != EGL_HEIGHT))
+        return;
+    EGLint answer = 0;
+    if (platform::guardedCopy(&answer, value, sizeof(answer)) != sizeof(answer)) return;
+    egl::ThreadState *t = egl::threadStateIfAny();
+    std::shared_ptr<egl::SurfaceSize> size =
+        t && t->draw == surface && t->drawSize ? t->drawSize : egl::surfaceSize(dpy, surface);
+    if (!size || !size->known.load(std::memory_order_relaxed)) return;
+    (attribute == EGL_WIDTH ? size->width : size->height).store(answer, std::memory_order_relaxed);
 }
 
 void Hooks<fn::eglSwapInterval>::after(CallCtx &c, EGLBoolean &result, EGLDisplay dpy, EGLint interval) {
@@ -210,6 +225,9 @@ void SurfaceCreationHooks::noteCreated(CallCtx &c, EGLSurface surface, EGLDispla
     record.kind = static_cast<egl::SurfaceKind>(kind);
     record.native = native;
     record.attributes = copyAttributes(attributes);
+    record.size->fixed = record.kind != egl::SurfaceKind::Window;
+    record.size->set(static_cast<int32_t>(c.scratch[kCreatedWidth]),
+                     static_cast<int32_t>(c.scratch[kCreatedHeight]));
     platform::LockGuard<platform::Mutex> guard(d->lock);
     d->surfaces[surface] = std::move(record);
 }
@@ -343,6 +361,28 @@ bool readFrameBuffer(int32_t width, int32_t height, uint8_t *pixels) {
     return true;
 }
 
+// The size a swap records. EGL is asked when the frame buffer is read back anyway (the read needs
+// the exact size, and one query is little beside the read), and otherwise only when the surface's
+// size record says a window may have changed; see SurfaceSize.
+void sizeAtSwap(EGLDisplay dpy, EGLSurface surface, bool mustAsk, int32_t &width, int32_t &height) {
+    if (dpy == EGL_NO_DISPLAY || surface == EGL_NO_SURFACE) return;
+    egl::ThreadState *t = egl::threadStateIfAny();
+    std::shared_ptr<egl::SurfaceSize> found;
+    egl::SurfaceSize *size = t && t->draw == surface ? t->drawSize.get() : nullptr;
+    if (!size) {
+        found = egl::surfaceSize(dpy, surface);
+        size = found.get();
+    }
+    if (size && !mustAsk && !size->askAtSwap()) {
+        width = size->width.load(std::memory_order_relaxed);
+        height = size->height.load(std::memory_order_relaxed);
+        return;
+    }
+    width = querySurface(dpy, surface, EGL_WIDTH);
+    height = querySurface(dpy, surface, EGL_HEIGHT);
+    if (size) size->set(width, height);
+}
+
 // Rewrites the width and height in a surface's creation record when the surface grew.
 void correctSurfaceSize(EGLDisplay dpy, EGLSurface surface, int32_t width, int32_t height) {
     Settings &s = getSettings();
@@ -381,8 +421,8 @@ void SwapHooks::beforeSwap(CallCtx &c, EGLDisplay dpy, EGLSurface surface) {
     Settings &s = getSettings();
     if (s.mode.load() == kModeProfiling && s.swapInterval != -1)
         SEglHost::get().fn.eglSwapInterval(dpy, s.swapInterval);
-    int32_t width = querySurface(dpy, surface, EGL_WIDTH);
-    int32_t height = querySurface(dpy, surface, EGL_HEIGHT);
+    int32_t width = 0, height = 0;
+    sizeAtSwap(dpy, surface, c.d.saveFrameBuffer, width, height);
     c.scratch[kSwapWidth] = static_cast<uint32_t>(width);
     c.scratch[kSwapHeight] = static_cast<uint32_t>(height);
     if (!c.d.saveFrameBuffer || width <= 0 || height <= 0) return;

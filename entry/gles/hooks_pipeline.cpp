@@ -112,12 +112,19 @@ void Hooks<fn::glScissor>::after(CallCtx &c, Void &, GLint x, GLint y, GLsizei w
     });
 }
 void Hooks<fn::glViewport>::after(CallCtx &c, Void &, GLint x, GLint y, GLsizei width, GLsizei height) {
+    bool defaultFramebuffer = false;
     updateState(c, [&](CEs2ContextState &s) {
         s.viewport[0] = x;
         s.viewport[1] = y;
         s.viewport[2] = width;
         s.viewport[3] = height;
+        defaultFramebuffer = s.drawFramebuffer == 0;
     });
+    // A new viewport on the window is how programs follow a resize: the next swap asks the
+    // window's size again.
+    if (!defaultFramebuffer) return;
+    if (egl::ThreadState *t = egl::threadStateIfAny(); t && t->drawSize)
+        t->drawSize->noteViewport(width, height);
 }
 
 // ---- Stencil -----------------------------------------------------------------------------------

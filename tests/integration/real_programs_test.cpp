@@ -197,19 +197,55 @@ TEST(RealPrograms, VersionStringGainsTheRecorderVersionOnce) {
     EXPECT_EQ(first, second);
 }
 
-TEST(RealPrograms, AWindowThatGrowsHasItsCreationRecordRewritten) {
+// A window that changes size between frames (64x48, 96x80, 32x32, two frames each). Each swap
+// records the size the window had, whether the program asks EGL for it every frame or only
+// follows each resize with a new viewport (the swap then learns of the change without asking the
+// window system every frame); the creation record grows to the largest size; saved frame buffers
+// have the size of their swap and hold the frame's clear colour.
+TEST(RealPrograms, SwapsFollowAWindowThatChangesSize) {
     if (std::system("command -v xvfb-run > /dev/null") != 0) GTEST_SKIP() << "xvfb-run is not installed";
-    TracedRun run = runTraced("window", KV_WINDOW_PROGRAM, ", \"EndFrame\": 4294967295", "xvfb-run -a");
-    if (run.status == 77) GTEST_SKIP() << "no X display";
-    ASSERT_EQ(run.status, 0) << run.output;
-    Trace t = readTrace(run.trace);
-    EXPECT_EQ(t.problems, 0u);
-    auto created = t.calls("eglCreateWindowSurface");
-    ASSERT_EQ(created.size(), 1u);
-    // 64x48 when created, 96x80 later, 32x32 last: sizes only ever grow.
-    EXPECT_EQ(argValue(*created[0], "width"), 96u);
-    EXPECT_EQ(argValue(*created[0], "height"), 80u);
-    EXPECT_EQ(argValue(*created[0], "surface"), t.calls("eglSwapBuffers").at(0)->args.at(1).value);
+    const uint32_t sizes[6][2] = {{64, 48}, {64, 48}, {96, 80}, {96, 80}, {32, 32}, {32, 32}};
+    struct Case {
+        const char *name, *arguments, *keys;
+        bool saved;
+    } cases[] = {{"window-query", "", "", false},
+                 {"window-viewport", " --viewport", "", false},
+                 {"window-saved", " --viewport", ", \"SaveFrameBuffer\": true", true}};
+    for (const Case &k : cases) {
+        SCOPED_TRACE(k.name);
+        TracedRun run = runTraced(k.name, std::string(KV_WINDOW_PROGRAM) + k.arguments,
+                                  std::string(", \"EndFrame\": 4294967295") + k.keys, "xvfb-run -a");
+        if (run.status == 77) GTEST_SKIP() << "no X display";
+        ASSERT_EQ(run.status, 0) << run.output;
+        Trace t = readTrace(run.trace);
+        EXPECT_EQ(t.problems, 0u);
+        auto created = t.calls("eglCreateWindowSurface");
+        ASSERT_EQ(created.size(), 1u);
+        EXPECT_EQ(argValue(*created[0], "width"), 96u);
+        EXPECT_EQ(argValue(*created[0], "height"), 80u);
+        auto swaps = t.calls("eglSwapBuffers");
+        ASSERT_EQ(swaps.size(), 6u);
+        for (size_t i = 0; i < swaps.size(); ++i) {
+            const Entry &swap = *swaps[i];
+            EXPECT_EQ(argValue(swap, "surface"), argValue(*created[0], "surface"));
+            EXPECT_EQ(argValue(swap, "fbWidth"), sizes[i][0]) << "swap " << i;
+            EXPECT_EQ(argValue(swap, "fbHeight"), sizes[i][1]) << "swap " << i;
+            const auto &pixels = swap.args.back();
+            if (!k.saved) {
+                EXPECT_EQ(pixels.count, 0u) << "swap " << i;
+                continue;
+            }
+            std::vector<uint8_t> stored = t.bytes(swap, pixels.block);
+            ASSERT_EQ(stored.size(), sizes[i][0] * sizes[i][1] * 4u) << "swap " << i;
+            // glClearColor(0.2 * frame, 0.4, 0.6, 1) in 8-bit channels.
+            const uint8_t expected[4] = {static_cast<uint8_t>(i / 2 == 0   ? 0
+                                                              : i / 2 == 1 ? 51
+                                                                           : 102),
+                                         102, 153, 255};
+            for (size_t p = 0; p < stored.size(); p += 4)
+                ASSERT_EQ(std::memcmp(&stored[p], expected, 4), 0) << "swap " << i << " pixel " << p / 4;
+        }
+    }
 }
 
 // What the program passed, rebuilt here: attribute 0 packed vec3 (v * 10 + c), attribute 1 the

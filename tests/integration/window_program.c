@@ -1,10 +1,13 @@
-/* An X11 window whose size changes between frames: 64x48, then 96x80, then 32x32. Prints the
- * surface size EGL reports before each swap. Needs an X display (run it under xvfb-run). */
+/* An X11 window whose size changes between frames: 64x48, then 96x80, then 32x32, two frames each.
+ * By default it prints the surface size EGL reports before each swap; with --viewport it asks EGL
+ * nothing and, like most programs, follows each resize with a viewport of the new size. Needs an X
+ * display (run it under xvfb-run). */
 #include <EGL/egl.h>
 #include <GLES2/gl2.h>
 #include <X11/Xlib.h>
 
 #include <stdio.h>
+#include <string.h>
 
 static void resize(Display *x, Window window, unsigned width, unsigned height) {
     XResizeWindow(x, window, width, height);
@@ -17,7 +20,8 @@ static void resize(Display *x, Window window, unsigned width, unsigned height) {
     }
 }
 
-int main(void) {
+int main(int argc, char **argv) {
+    int viewport = argc > 1 && strcmp(argv[1], "--viewport") == 0;
     Display *x = XOpenDisplay(NULL);
     if (!x) {
         fprintf(stderr, "window_program: no X display\n");
@@ -43,12 +47,15 @@ int main(void) {
         if (frame > 0) resize(x, window, sizes[frame][0], sizes[frame][1]);
         /* The new size reaches the surface with the frame drawn after the change. */
         for (int pass = 0; pass < 2; ++pass) {
+            if (viewport) glViewport(0, 0, (GLsizei)sizes[frame][0], (GLsizei)sizes[frame][1]);
             glClearColor(0.2f * (float)frame, 0.4f, 0.6f, 1.0f);
             glClear(GL_COLOR_BUFFER_BIT);
-            EGLint width = 0, height = 0;
-            eglQuerySurface(display, surface, EGL_WIDTH, &width);
-            eglQuerySurface(display, surface, EGL_HEIGHT, &height);
-            printf("frame %d.%d surface %dx%d\n", frame, pass, width, height);
+            if (!viewport) {
+                EGLint width = 0, height = 0;
+                eglQuerySurface(display, surface, EGL_WIDTH, &width);
+                eglQuerySurface(display, surface, EGL_HEIGHT, &height);
+                printf("frame %d.%d surface %dx%d\n", frame, pass, width, height);
+            }
             eglSwapBuffers(display, surface);
         }
     }
