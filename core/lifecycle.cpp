@@ -38,6 +38,7 @@ bool EntryRoutine::threadAttach() {
 
 void EntryRoutine::threadDetach() {
     announceEntry();
+    // Standard output only, unlike the other entry messages: that is how the message is defined.
     platform::consoleOut("Kalvoren: DLL_THREAD_DETACH\r\n");
     records::detachThread();
 }
