@@ -441,6 +441,13 @@ bool MappedFile::grow(uint64_t need) {
     // of the mapping is first written.
     int rc = posix_fallocate(static_cast<int>(fd_), static_cast<off_t>(capacity_),
                              static_cast<off_t>(target - capacity_));
+    // Short of room for a whole step, what is needed may still fit.
+    const uint64_t least = std::min(limit, (need + 0xFFFF) & ~uint64_t(0xFFFF));
+    if (rc == ENOSPC && least < target) {
+        target = least;
+        rc = posix_fallocate(static_cast<int>(fd_), static_cast<off_t>(capacity_),
+                             static_cast<off_t>(target - capacity_));
+    }
     if (rc != 0) {
         failure_ = rc == ENOSPC ? Failure::DiskFull : rc == EFBIG ? Failure::SizeLimit : Failure::Other;
         return false;

@@ -299,6 +299,8 @@ std::FILE *openExclusive(const char *path, bool *inUse);
 // 64-bit tell and seek on a standard file.
 int64_t fileTell(std::FILE *file);
 bool fileSeek(std::FILE *file, int64_t offset, int origin);
+// Cuts an open standard file (flushed first) to `size` bytes.
+bool fileTruncate(std::FILE *file, int64_t size);
 
 // Runs a function when a process forks (in the child), so that cached process identities can be
 // refreshed without a system call per API call. A no-op where fork does not exist.

@@ -368,6 +368,10 @@ bool fileSeek(std::FILE *file, int64_t offset, int origin) {
     return fseeko(file, static_cast<off_t>(offset), origin) == 0;
 }
 
+bool fileTruncate(std::FILE *file, int64_t size) {
+    return std::fflush(file) == 0 && ftruncate(fileno(file), static_cast<off_t>(size)) == 0;
+}
+
 void onForkChild(void (*handler)()) {
     pthread_atfork(nullptr, nullptr, handler);
 }

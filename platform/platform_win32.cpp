@@ -4,6 +4,7 @@
 #if defined(_WIN32)
 
 #include <windows.h>
+#include <io.h>
 
 #include <atomic>
 #include <cstdlib>
@@ -305,6 +306,10 @@ int64_t fileTell(std::FILE *file) {
 
 bool fileSeek(std::FILE *file, int64_t offset, int origin) {
     return _fseeki64(file, offset, origin) == 0;
+}
+
+bool fileTruncate(std::FILE *file, int64_t size) {
+    return std::fflush(file) == 0 && _chsize_s(_fileno(file), size) == 0;
 }
 
 void onForkChild(void (*)()) {}

@@ -48,7 +48,7 @@ public:
         }
         if (std::fwrite(bytes, n, 1, file_) == 1) return true;
         std::clearerr(file_);
-        failure_ = StreamFailure::Other;
+        failedWrite_ = true;
         return false;
     }
 
@@ -79,16 +79,25 @@ public:
         if (!file_) return false;
         if (std::fflush(file_) == 0) return true;
         std::clearerr(file_);
+        failedWrite_ = true;
         return false;
     }
+    void commit() override { committed_ = tell(); }
+    // A record that failed half-way (a full disk) leaves bytes behind it: only whole records stay.
     void close() override {
-        if (file_) std::fclose(file_);
+        if (!file_) return;
+        if ((failedWrite_ || failure_ != StreamFailure::None) && tell() >= committed_)
+            platform::fileTruncate(file_, committed_);
+        std::fclose(file_);
         file_ = nullptr;
     }
     bool isOpen() const override { return file_ != nullptr; }
 
 private:
     std::FILE *file_;
+    uint64_t committed_ = 0;
+    // A device or a pipe may take bytes again after a failure; only the size limit is for good.
+    bool failedWrite_ = false;
     uint64_t limit_;
     StreamFailure failure_ = StreamFailure::None;
     uint8_t staging_[64 * 1024];

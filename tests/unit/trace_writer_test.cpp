@@ -289,8 +289,9 @@ TEST(TraceWriter, AFullDiskIsReportedAndRecordingGoesOn) {
     EXPECT_NE(output.find("ERROR: Writing to trace file failed. Size attempted: 1048576"), std::string::npos)
         << output;
     // The small record that follows waits in the file's buffer and fails when it is flushed; it is
-    // reported with its own size: length, id and value.
-    EXPECT_NE(output.find("ERROR: Writing to trace file failed. Size attempted: 8\n"), std::string::npos)
+    // reported with its own size: length, id and value, after the thread marker that the failed
+    // record took with it.
+    EXPECT_NE(output.find("ERROR: Writing to trace file failed. Size attempted: 22\n"), std::string::npos)
         << output;
     EXPECT_EQ(output.find("Size attempted: 0\n"), std::string::npos) << output;
     EXPECT_EQ(trace::recordLock().count(), 0u);
