@@ -87,4 +87,15 @@ std::string alwaysFullDevice() {
     return ::stat("/dev/full", &st) == 0 && S_ISCHR(st.st_mode) ? "/dev/full" : "";
 }
 
+std::string endlessDevice() {
+    struct stat st;
+    return ::stat("/dev/zero", &st) == 0 && S_ISCHR(st.st_mode) ? "/dev/zero" : "";
+}
+
+std::string makeFifo(const std::string &name) {
+    std::string path = scratchPath(name);
+    ::unlink(path.c_str());
+    return ::mkfifo(path.c_str(), 0600) == 0 ? path : "";
+}
+
 } // namespace kv::test

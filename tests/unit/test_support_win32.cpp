@@ -62,6 +62,14 @@ GuardedPages::~GuardedPages() {
 FileSizeLimit::FileSizeLimit(uint64_t) {}
 FileSizeLimit::~FileSizeLimit() {}
 
+std::string endlessDevice() {
+    return "";
+}
+
+std::string makeFifo(const std::string &) {
+    return "";
+}
+
 std::string alwaysFullDevice() {
     return "";
 }
