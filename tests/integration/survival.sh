@@ -259,5 +259,17 @@ for mode in guard guard-default; do
     fi
 done
 
+# ---- Reading a FIFO fails at once instead of waiting for a writer ----------------------------
+mkfifo "$work/fifo.kalvoren"
+for command in info dump repair; do
+    timeout 10 "$kalvoren" $command "$work/fifo.kalvoren" >"$work/fifo.out" 2>&1
+    status=$?
+    if [ $status -ne 2 ] || ! grep -q "is not a file" "$work/fifo.out"; then
+        fail "kalvoren $command on a FIFO: exit status $status ($(head -c 200 "$work/fifo.out"))"
+    else
+        ok "kalvoren $command on a FIFO says it is not a file"
+    fi
+done
+
 echo "$passed passed, $failures failed"
 [ $failures -eq 0 ]

@@ -527,8 +527,8 @@ TEST(ConfigFile, ProblemsWithTheFileAreReported) {
         {"larger than 1 MiB", huge, kModeDisabled, false, " (larger than 1 MiB; it is not read)"},
     };
     // A FIFO would block the first call for ever, a device would be read for ever.
-    const std::string fifo = test::makeFifo("fifo-config.json");
-    if (!fifo.empty()) cases.push_back({"a FIFO", fifo, kModeDisabled, false, " (not a regular file; it is not read)"});
+    const std::string fifo = test::scratchPath("fifo-config.json");
+    if (test::makeFifo(fifo)) cases.push_back({"a FIFO", fifo, kModeDisabled, false, " (not a regular file; it is not read)"});
     const std::string endless = test::endlessDevice();
     if (!endless.empty())
         cases.push_back({"an endless device", endless, kModeDisabled, false, " (not a regular file; it is not read)"});

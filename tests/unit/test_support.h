@@ -112,10 +112,10 @@ private:
 
 // A file name that exists and always fails writes with "no space left", or empty where there is none.
 std::string alwaysFullDevice();
-// A device that reads as endless zeros, and a new FIFO of that name in the scratch directory;
-// empty where the system has none.
+// A device that reads as endless zeros; empty where the system has none.
 std::string endlessDevice();
-std::string makeFifo(const std::string &name);
+// Makes a FIFO at `path`; false where the system has none.
+bool makeFifo(const std::string &path);
 
 // Ends the process at once (no exit handlers) with code 0 when `ok`, else 1.
 [[noreturn]] void exitWith(bool ok);

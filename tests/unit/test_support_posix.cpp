@@ -92,10 +92,9 @@ std::string endlessDevice() {
     return ::stat("/dev/zero", &st) == 0 && S_ISCHR(st.st_mode) ? "/dev/zero" : "";
 }
 
-std::string makeFifo(const std::string &name) {
-    std::string path = scratchPath(name);
+bool makeFifo(const std::string &path) {
     ::unlink(path.c_str());
-    return ::mkfifo(path.c_str(), 0600) == 0 ? path : "";
+    return ::mkfifo(path.c_str(), 0600) == 0;
 }
 
 } // namespace kv::test
