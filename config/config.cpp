@@ -57,9 +57,10 @@ const std::vector<KnownKeys> &knownKeys() {
             {"Host", {"EglLibraryPath", "Es1LibraryPath", "Es2LibraryPath", "ClLibraryPath"}},
             {"Debug", {"Level"}},
             {"Tracing",
-             {"OutputFilename", "UseCompression", "RecordUnknownExtensionCalls", "RecordData", "SaveFrameBuffer",
-              "StartFrame", "EndFrame", "ExitOnLastFrame", "AppendTraceVersion", "DisableBinaries",
-              "UniformBufferOffsetAlignment", "ShaderStorageBufferOffsetAlignment", "ClientBufferRecordFrequency"}},
+             {"OutputFilename", "UseCompression", "RecordUnknownExtensionCalls", "RecordData",
+              "SaveFrameBuffer", "StartFrame", "EndFrame", "ExitOnLastFrame", "AppendTraceVersion",
+              "DisableBinaries", "UniformBufferOffsetAlignment", "ShaderStorageBufferOffsetAlignment",
+              "ClientBufferRecordFrequency"}},
             {"Network", {"Enabled", "BufferSize", "Wait"}},
             {"Profiling",
              {"Enabled", "SwapInterval", "FunctionTimelineLevel", "SoftwareCounters", "RenderstateOverride",
@@ -458,7 +459,8 @@ void applyConfigFile(Settings &s) {
     std::FILE *probe = regular && refused.empty() ? std::fopen(path.c_str(), "rb") : nullptr;
     if (!probe) {
         CZandString text = CZandString::format("Config file not found. Tried: %s", path.c_str());
-        if (!refused.empty()) text.append(CZandString::format(" (%s; it is not read)", refused.c_str()).c_str());
+        if (!refused.empty())
+            text.append(CZandString::format(" (%s; it is not read)", refused.c_str()).c_str());
         msg::emit(msg::kDebugger, "", text.c_str());
         msg::emit(msg::kOut, "WARNING: ", text.c_str());
         showConfigError(text.c_str());

@@ -177,8 +177,8 @@ struct ActiveTrace {
     std::atomic<uint64_t> capacity{0};
     std::atomic<uintptr_t> windowStart{0};
     std::atomic<uintptr_t> windowEnd{0};
-    std::atomic<int> cutDepth{0};        // handlers between cutting the file and growing it back
-    std::atomic<uint64_t> cutter{0};     // the thread that cut it
+    std::atomic<int> cutDepth{0};         // handlers between cutting the file and growing it back
+    std::atomic<uint64_t> cutter{0};      // the thread that cut it
     std::atomic<bool> mappingLost{false}; // the file shrank under the mapping, not by us
 };
 ActiveTrace g_trace;
@@ -260,7 +260,8 @@ constexpr int kEndingSignals[] = {SIGHUP,  SIGINT,  SIGQUIT, SIGILL,  SIGTRAP, S
 struct sigaction g_previous[NSIG];
 
 bool synchronous(int sig) {
-    return sig == SIGSEGV || sig == SIGBUS || sig == SIGILL || sig == SIGFPE || sig == SIGTRAP || sig == SIGSYS;
+    return sig == SIGSEGV || sig == SIGBUS || sig == SIGILL || sig == SIGFPE || sig == SIGTRAP ||
+           sig == SIGSYS;
 }
 
 void endingHandler(int sig, siginfo_t *info, void *context) {
@@ -512,7 +513,8 @@ void MappedFile::commit(uint64_t end) {
 }
 
 MappedFile::Failure MappedFile::failure() const {
-    if (failure_ == Failure::None && g_trace.mappingLost.load(std::memory_order_relaxed)) return Failure::CutShort;
+    if (failure_ == Failure::None && g_trace.mappingLost.load(std::memory_order_relaxed))
+        return Failure::CutShort;
     return failure_;
 }
 

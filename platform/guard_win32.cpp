@@ -201,7 +201,7 @@ bool MappedFile::grow(uint64_t need) {
         return false;
     }
     HANDLE mapping = CreateFileMappingA(file, nullptr, PAGE_READWRITE, static_cast<DWORD>(target >> 32),
-                                       static_cast<DWORD>(target & 0xFFFFFFFFu), nullptr);
+                                        static_cast<DWORD>(target & 0xFFFFFFFFu), nullptr);
     if (!mapping) {
         failure_ = Failure::Other;
         return false;

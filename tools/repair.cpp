@@ -63,8 +63,8 @@ int repairCommand(const std::vector<std::string> &args) {
         complain("%s %s", path.c_str(), error.c_str());
         return kExitUsage;
     }
-    std::printf("%s: cut %llu bytes of tail; %llu bytes of complete records remain\n", path.c_str(), ull(tail),
-                ull(size - tail));
+    std::printf("%s: cut %llu bytes of tail; %llu bytes of complete records remain\n", path.c_str(),
+                ull(tail), ull(size - tail));
     return kExitOk;
 }
 

@@ -114,7 +114,8 @@ static int readCarelessly(const char *mode) {
     if (!pages) return 1;
     const char *vs = "#version 300 es\nlayout(location = 0) in vec3 p;\n"
                      "void main() { gl_Position = vec4(p, 1.0); gl_PointSize = 1.0; }\n";
-    const char *fs = "#version 300 es\nprecision mediump float;\nout vec4 c;\nvoid main() { c = vec4(1.0); }\n";
+    const char *fs =
+        "#version 300 es\nprecision mediump float;\nout vec4 c;\nvoid main() { c = vec4(1.0); }\n";
     GLuint program = glCreateProgram();
     GLuint shaders[2] = {glCreateShader(GL_VERTEX_SHADER), glCreateShader(GL_FRAGMENT_SHADER)};
     glShaderSource(shaders[0], 1, &vs, NULL);

@@ -459,7 +459,8 @@ TEST(ConfigKeys, UnknownKeysAreWarnedOnceWithTheClosestKnownKey) {
     Applied a = apply(config);
     for (const char *expected :
          {"WARNING: Config section '*': unknown key 'Tracng' is ignored; the closest known key is 'Tracing'.",
-          "unknown key 'Tracing.outputfilename' is ignored; the closest known key is 'Tracing.OutputFilename'.",
+          "unknown key 'Tracing.outputfilename' is ignored; the closest known key is "
+          "'Tracing.OutputFilename'.",
           "unknown key 'Tracing.EndFrme' is ignored; the closest known key is 'Tracing.EndFrame'.",
           "unknown key 'Profiling.Overrides.DisableBlend' is ignored; the closest known key is "
           "'Profiling.Overrides.DisableBlending'."})
@@ -528,10 +529,12 @@ TEST(ConfigFile, ProblemsWithTheFileAreReported) {
     };
     // A FIFO would block the first call for ever, a device would be read for ever.
     const std::string fifo = test::scratchPath("fifo-config.json");
-    if (test::makeFifo(fifo)) cases.push_back({"a FIFO", fifo, kModeDisabled, false, " (not a regular file; it is not read)"});
+    if (test::makeFifo(fifo))
+        cases.push_back({"a FIFO", fifo, kModeDisabled, false, " (not a regular file; it is not read)"});
     const std::string endless = test::endlessDevice();
     if (!endless.empty())
-        cases.push_back({"an endless device", endless, kModeDisabled, false, " (not a regular file; it is not read)"});
+        cases.push_back(
+            {"an endless device", endless, kModeDisabled, false, " (not a regular file; it is not read)"});
     for (const FileCase &c : cases) {
         test::EnvScope env("KALVOREN_CONFIG", c.path);
         Settings s;

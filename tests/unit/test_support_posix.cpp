@@ -87,6 +87,13 @@ std::string alwaysFullDevice() {
     return ::stat("/dev/full", &st) == 0 && S_ISCHR(st.st_mode) ? "/dev/full" : "";
 }
 
+bool limitAddressSpace(uint64_t bytes) {
+    struct rlimit limit;
+    if (::getrlimit(RLIMIT_AS, &limit) != 0) return false;
+    limit.rlim_cur = static_cast<rlim_t>(bytes);
+    return ::setrlimit(RLIMIT_AS, &limit) == 0;
+}
+
 std::string endlessDevice() {
     struct stat st;
     return ::stat("/dev/zero", &st) == 0 && S_ISCHR(st.st_mode) ? "/dev/zero" : "";

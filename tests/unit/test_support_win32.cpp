@@ -62,6 +62,10 @@ GuardedPages::~GuardedPages() {
 FileSizeLimit::FileSizeLimit(uint64_t) {}
 FileSizeLimit::~FileSizeLimit() {}
 
+bool limitAddressSpace(uint64_t) {
+    return false;
+}
+
 std::string endlessDevice() {
     return "";
 }
