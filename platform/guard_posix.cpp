@@ -109,7 +109,34 @@ uint64_t guardedGather(void *dst, const void *src, uint64_t count, size_t size, 
     auto *out = static_cast<uint8_t *>(dst);
     const auto *in = static_cast<const uint8_t *>(src);
     uint64_t done = 0;
-    if (useKernel()) {
+    if (useKernel() && stride <= 8 * size && size <= 4096) {
+        // Dense pieces: the span they lie in is read a chunk at a time and gathered from there
+        // (one system call per chunk; a piece per remote entry costs the kernel far more).
+        alignas(16) uint8_t chunk[16384];
+        bool refusedNow = false;
+        while (done < count) {
+            uint64_t k = std::min<uint64_t>(count - done, (sizeof(chunk) - size) / stride + 1);
+            size_t span = static_cast<size_t>((k - 1) * stride + size);
+            iovec local{chunk, span}, remote{const_cast<uint8_t *>(in + done * stride), span};
+            ssize_t got = kernelCopy(&local, 1, &remote, 1);
+            if (got < 0) {
+                if (refused(errno)) {
+                    refusedNow = true;
+                    break;
+                }
+                got = 0;
+            }
+            uint64_t whole = static_cast<size_t>(got) >= span ? k
+                             : static_cast<size_t>(got) < size
+                                 ? 0
+                                 : (static_cast<size_t>(got) - size) / stride + 1;
+            for (uint64_t i = 0; i < whole; ++i)
+                std::memcpy(out + (done + i) * size, chunk + i * stride, size);
+            done += whole;
+            if (whole < k) return done;
+        }
+        if (!refusedNow) return done;
+    } else if (useKernel()) {
         iovec remote[kBatch];
         while (done < count) {
             size_t n = static_cast<size_t>(std::min<uint64_t>(kBatch, count - done));
@@ -435,6 +462,7 @@ bool MappedFile::grow(uint64_t need) {
     const uint64_t limit = fileSizeLimit();
     if (need > limit) {
         failure_ = Failure::SizeLimit;
+        fastEnd_ = 0;
         return false;
     }
     target = std::min(target, limit);
@@ -451,6 +479,7 @@ bool MappedFile::grow(uint64_t need) {
     }
     if (rc != 0) {
         failure_ = rc == ENOSPC ? Failure::DiskFull : rc == EFBIG ? Failure::SizeLimit : Failure::Other;
+        fastEnd_ = 0;
         return false;
     }
     capacity_ = target;
@@ -459,6 +488,7 @@ bool MappedFile::grow(uint64_t need) {
 }
 
 bool MappedFile::mapWindow(uint64_t offset) {
+    fastEnd_ = 0;
     if (window_) {
         g_trace.windowStart.store(0);
         g_trace.windowEnd.store(0);
@@ -485,6 +515,7 @@ uint8_t *MappedFile::span(uint64_t offset, size_t *available) {
     if (KV_UNLIKELY(failure_ != Failure::None)) return nullptr;
     if (KV_UNLIKELY(g_trace.mappingLost.load(std::memory_order_relaxed))) {
         failure_ = Failure::CutShort;
+        fastEnd_ = 0;
         return nullptr;
     }
     if (KV_UNLIKELY(!window_ || offset < windowStart_ || offset >= windowStart_ + windowSize_)) {
@@ -503,6 +534,7 @@ uint8_t *MappedFile::span(uint64_t offset, size_t *available) {
         madvise(window_ + (from - windowStart_), static_cast<size_t>(to - from), MADV_POPULATE_WRITE);
         prefaulted_ = to;
     }
+    fastEnd_ = std::min(end, prefaulted_);
     *available = static_cast<size_t>(end - offset);
     return window_ + (offset - windowStart_);
 }
@@ -524,6 +556,7 @@ void MappedFile::close(uint64_t finalSize) {
     g_trace.fd.store(-1, std::memory_order_release);
     g_trace.windowStart.store(0);
     g_trace.windowEnd.store(0);
+    fastEnd_ = 0;
     if (window_) munmap(window_, windowSize_);
     window_ = nullptr;
     // A file that another program cut short is not lengthened again with zeros.

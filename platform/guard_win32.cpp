@@ -187,6 +187,7 @@ MappedFile::Open MappedFile::create(const char *path) {
 // and the window is mapped again by the caller.
 bool MappedFile::grow(uint64_t need) {
     if (need <= capacity_) return true;
+    fastEnd_ = 0;
     uint64_t step = std::min<uint64_t>(std::max<uint64_t>(capacity_ / 4, 4ull << 20), 32ull << 20);
     uint64_t target = std::max(need, capacity_ + step);
     if (window_) UnmapViewOfFile(window_);
@@ -212,6 +213,7 @@ bool MappedFile::grow(uint64_t need) {
 }
 
 bool MappedFile::mapWindow(uint64_t offset) {
+    fastEnd_ = 0;
     if (window_) UnmapViewOfFile(window_);
     window_ = nullptr;
     if (!mapping_) return false;
@@ -237,6 +239,7 @@ uint8_t *MappedFile::span(uint64_t offset, size_t *available) {
     } else if (KV_UNLIKELY(!window_ || offset < windowStart_ || offset >= windowStart_ + windowSize_)) {
         if (!mapWindow(offset)) return nullptr;
     }
+    fastEnd_ = windowStart_ + windowSize_;
     *available = static_cast<size_t>(windowStart_ + windowSize_ - offset);
     return window_ + (offset - windowStart_);
 }
@@ -253,6 +256,7 @@ MappedFile::Failure MappedFile::failure() const {
 void MappedFile::close(uint64_t finalSize) {
     MappedFile *self = this;
     g_trace.file.compare_exchange_strong(self, nullptr);
+    fastEnd_ = 0;
     if (window_) UnmapViewOfFile(window_);
     window_ = nullptr;
     if (mapping_) CloseHandle(reinterpret_cast<HANDLE>(mapping_));

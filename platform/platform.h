@@ -263,6 +263,11 @@ public:
     // is returned). Null when the file cannot grow that far or the mapping failed; failure() says
     // why, and every later call fails at once.
     uint8_t *span(uint64_t offset, size_t *available);
+    // The same without a call when [offset, offset + n) lies in the part of the window that is
+    // ready for writing; null when span() must do the work.
+    uint8_t *fastSpan(uint64_t offset, size_t n) const {
+        return offset >= windowStart_ && offset + n <= fastEnd_ ? window_ + (offset - windowStart_) : nullptr;
+    }
     // Everything before `end` is complete: an ending cuts the file there.
     void commit(uint64_t end);
     uint64_t committed() const { return committed_; }
@@ -281,6 +286,7 @@ private:
     uint64_t windowStart_ = 0;
     uint64_t windowSize_ = 0;
     uint64_t prefaulted_ = 0; // end of the pages of the window mapped in ahead of the writes
+    uint64_t fastEnd_ = 0;    // fastSpan() serves offsets below this
     uint64_t capacity_ = 0;   // bytes the file holds on disk
     uint64_t committed_ = 0;
     Failure failure_ = Failure::None;

@@ -37,12 +37,21 @@ bool readable(const void *p, uint64_t n) {
     return platform::guardedReadable(p, n);
 }
 
-void handOver(RecordHandle &h, uint32_t index, const void *pointer, uint32_t bytes, const void *data) {
+// `data` is the library's own copy, or null when the block is read from `pointer` itself.
+void handOver(RecordHandle &h, uint32_t index, const void *pointer, uint32_t bytes, const void *data,
+              bool owned) {
     h.u32(index);
     h.ptr(pointer);
     h.u32(bytes);
-    h.addBlock(bytes, data, true);
+    if (owned)
+        h.addOwnBlock(bytes, data, true);
+    else
+        h.addBlock(bytes, data, true);
 }
+
+// Up to this size a client block is copied at once (one guarded read) rather than checked now and
+// read again when the record is written.
+constexpr uint64_t kCopiedBlock = 64 * 1024;
 
 uint32_t indexSize(GLenum type) {
     switch (type) {
@@ -200,8 +209,14 @@ bool captureAttributes(RecordHandle &h, CEs2ContextState &state, uint32_t range,
         const uint8_t *pointer = static_cast<const uint8_t *>(binding.clientPointer);
 
         if (binding.stride == element) {
-            if (readable(pointer, bytes)) {
-                handOver(h, entry.first, pointer, static_cast<uint32_t>(bytes), pointer);
+            if (bytes <= kCopiedBlock) {
+                auto *copy = static_cast<uint8_t *>(h.scratch(static_cast<size_t>(bytes)));
+                if (platform::guardedCopy(copy, pointer, static_cast<size_t>(bytes)) == bytes) {
+                    handOver(h, entry.first, pointer, static_cast<uint32_t>(bytes), copy, true);
+                    continue;
+                }
+            } else if (readable(pointer, bytes)) {
+                handOver(h, entry.first, pointer, static_cast<uint32_t>(bytes), pointer, false);
                 continue;
             }
             const uint64_t skipped = needed * element;
@@ -216,12 +231,12 @@ bool captureAttributes(RecordHandle &h, CEs2ContextState &state, uint32_t range,
                 reportCrash();
                 return false;
             }
-            handOver(h, entry.first, pointer, static_cast<uint32_t>(bytes), copy);
+            handOver(h, entry.first, pointer, static_cast<uint32_t>(bytes), copy, true);
             continue;
         }
         if (!instanced && reinterpret_cast<uintptr_t>(pointer) < kLowestClientAddress) {
             reportInaccessible(pointer);
-            handOver(h, entry.first, nullptr, 0, nullptr);
+            handOver(h, entry.first, nullptr, 0, nullptr, false);
             continue;
         }
         auto *gathered = static_cast<uint8_t *>(h.scratch(static_cast<size_t>(bytes)));
@@ -237,7 +252,7 @@ bool captureAttributes(RecordHandle &h, CEs2ContextState &state, uint32_t range,
             reportCrash();
             return false;
         }
-        handOver(h, entry.first, pointer, static_cast<uint32_t>(bytes), gathered);
+        handOver(h, entry.first, pointer, static_cast<uint32_t>(bytes), gathered, true);
     }
     return true;
 }
@@ -321,7 +336,13 @@ bool captureElements(RecordHandle &h, CallCtx &c, const GLsizei *counts, GLenum 
             return false;
         }
         uint32_t indexBytes = contents ? 0 : static_cast<uint32_t>(count * width);
-        if (indexBytes && !readable(data, indexBytes)) {
+        bool copied = false;
+        if (indexBytes && indexBytes <= kCopiedBlock) {
+            auto *copy = static_cast<uint8_t *>(h.scratch(indexBytes));
+            copied = platform::guardedCopy(copy, data, indexBytes) == indexBytes;
+            if (copied) data = copy;
+        }
+        if (indexBytes && !copied && !readable(data, indexBytes)) {
             // Indices that cannot be read are recorded as none, and the capture stops here.
             reportCrash();
             h.ptr(given);
@@ -331,15 +352,19 @@ bool captureElements(RecordHandle &h, CallCtx &c, const GLsizei *counts, GLenum 
         }
         h.ptr(given);
         h.u32(indexBytes);
-        h.addBlock(indexBytes, data, true);
+        if (copied)
+            h.addOwnBlock(indexBytes, data, true);
+        else
+            h.addBlock(indexBytes, data, true);
         h.ptr(given);
         if (count > 0) drawsSomething = true;
         if (scan && available) {
             uint32_t m = 0;
-            bool ok = contents ? (m = maxIndexUnchecked(type, data, available), true)
-                               : maxIndex(type, data, static_cast<uint32_t>(available), &m);
+            // Indices already copied (or the recorder's copy of a buffer) need no guard.
+            bool ok = contents || copied ? (m = maxIndexUnchecked(type, data, available), true)
+                                         : maxIndex(type, data, static_cast<uint32_t>(available), &m);
             if (ok && restart && m == restart)
-                ok = contents
+                ok = contents || copied
                          ? (m = maxIndexBelow(type, data, available, restart), true)
                          : maxIndexBelowGuarded(type, data, static_cast<uint32_t>(available), restart, &m);
             if (!ok) {

@@ -110,7 +110,11 @@ public:
     platform::MappedFile::Open open(const char *path) { return file_.create(path); }
 
     bool write(const void *bytes, size_t n) override {
-        if (!copyAt(pos_, bytes, n)) return false;
+        if (uint8_t *dst = file_.fastSpan(pos_, n)) {
+            std::memcpy(dst, bytes, n);
+        } else if (!copyAt(pos_, bytes, n)) {
+            return false;
+        }
         advance(n);
         return true;
     }
@@ -137,7 +141,12 @@ public:
     }
 
     bool patch(uint64_t position, const void *bytes, size_t n) override {
-        return position + n <= end_ && copyAt(position, bytes, n);
+        if (position + n > end_) return false;
+        if (uint8_t *dst = file_.fastSpan(position, n)) {
+            std::memcpy(dst, bytes, n);
+            return true;
+        }
+        return copyAt(position, bytes, n);
     }
 
     uint64_t tell() override { return pos_; }

@@ -86,7 +86,13 @@ uint32_t writeCompressed(Settings &s, const SDataBlock &block) {
         } while (zs.avail_out == 0 || (flush == Z_FINISH && rc == Z_OK));
         return rc;
     };
-    for (uint32_t done = 0; done < block.size;) {
+    if (block.owned) {
+        zs.next_in = const_cast<Bytef *>(src);
+        zs.avail_in = block.size;
+        while (zs.avail_in > 0)
+            drain(Z_NO_FLUSH);
+    }
+    for (uint32_t done = block.owned ? block.size : 0; done < block.size;) {
         uint32_t piece = static_cast<uint32_t>(std::min<size_t>(kDeflateIn, block.size - done));
         size_t got = faulted ? 0 : platform::guardedCopy(g_deflateIn, src + done, piece);
         if (got < piece) {
@@ -117,6 +123,10 @@ uint32_t writeRaw(Settings &s, const SDataBlock &block) {
     }
     OutputStream *out = s.traceFile;
     if (!out || !s.recordingEnabled) return block.size;
+    if (block.owned) {
+        write(s, block.data, block.size, 1);
+        return block.size;
+    }
     size_t got = 0;
     if (!out->writeClient(block.data, block.size, &got)) {
         g_writeFailed = true;
