@@ -467,6 +467,33 @@ TEST_F(ClientArrays, ARecordThatRunsOutOfMemoryIsDroppedAndTheLockFreed) {
     EXPECT_EQ(2u, walk.withId(kv::fn::glClear::id).size());
 }
 
+// ---- A process that crashes ------------------------------------------------------------------
+
+class Crash : public FreshProcessTest {};
+
+void crashHere(volatile int *where) {
+    *where = 1;
+}
+
+// A fault that nothing of the application handles ends the process as it would untraced (SIGSEGV;
+// on Windows the unhandled-exception path), and the trace file is cut to exactly its records first.
+TEST_F(Crash, AnUnhandledFaultLeavesATraceOfExactlyItsRecords) {
+    useConfig(recording());
+    EXPECT_EXIT(
+        inChild([] {
+            makeContextCurrent();
+            for (int i = 0; i < 50; ++i)
+                gles::clear(GL_COLOR_BUFFER_BIT);
+            static volatile int *nowhere = nullptr;
+            crashHere(nowhere);
+        }),
+        [](int status) { return status != 0; }, "");
+    TraceWalk walk = walkTrace(workPath("trace.kalvoren"));
+    EXPECT_TRUE(walk.whole) << walk.problem;
+    EXPECT_FALSE(walk.endMarker);
+    EXPECT_EQ(50u, walk.withId(kv::fn::glClear::id).size());
+}
+
 // ---- Answers the library changes --------------------------------------------------------------
 
 class Overrides : public FreshProcessTest {};
