@@ -9,7 +9,13 @@
 #include <json/json.h>
 #pragma GCC diagnostic pop
 
+#include "base/no_destructor.h"
+
+#include <algorithm>
+#include <cctype>
 #include <cstdio>
+#include <set>
+#include <vector>
 #include <cstring>
 #include <memory>
 #include <sys/stat.h>
@@ -37,6 +43,86 @@ const char *const kOverrideKeys[kOverrideSwitchCount] = {
 constexpr const char *kBinaryExtensions =
     "GL_ZUL_shader_binary;GL_ARM_mali_shader_binary;GL_DMP_shader_binary;GL_FJ_shader_binary_GCCSO;"
     "GL_VIV_shader_binary;";
+
+// Every key a section may hold, by the object that holds it ("" for the section itself).
+struct KnownKeys {
+    const char *object;
+    std::vector<const char *> keys;
+};
+
+const std::vector<KnownKeys> &knownKeys() {
+    static const std::vector<KnownKeys> known = [] {
+        std::vector<KnownKeys> k = {
+            {"", {"Enabled", "Host", "Debug", "Tracing", "Network", "Profiling", "Internal"}},
+            {"Host", {"EglLibraryPath", "Es1LibraryPath", "Es2LibraryPath", "ClLibraryPath"}},
+            {"Debug", {"Level"}},
+            {"Tracing",
+             {"OutputFilename", "UseCompression", "RecordUnknownExtensionCalls", "RecordData",
+              "SaveFrameBuffer", "StartFrame", "EndFrame", "ExitOnLastFrame", "AppendTraceVersion",
+              "DisableBinaries", "UniformBufferOffsetAlignment", "ShaderStorageBufferOffsetAlignment",
+              "ClientBufferRecordFrequency"}},
+            {"Network", {"Enabled", "BufferSize", "Wait"}},
+            {"Profiling",
+             {"Enabled", "SwapInterval", "FunctionTimelineLevel", "SoftwareCounters", "RenderstateOverride",
+              "Overrides"}},
+            {"Profiling.Overrides", {"CullingMode"}},
+            {"Internal", {"DisableBlobCache", "DisableExtensionList"}},
+        };
+        for (auto &entry : k) {
+            if (std::strcmp(entry.object, "Profiling.Overrides") == 0)
+                entry.keys.insert(entry.keys.end(), std::begin(kOverrideKeys), std::end(kOverrideKeys));
+            if (std::strcmp(entry.object, "Internal") == 0)
+                entry.keys.insert(entry.keys.end(), std::begin(kReportedKeys), std::end(kReportedKeys));
+        }
+        return k;
+    }();
+    return known;
+}
+
+// Edits between two names, letters compared without case: a key typed in the wrong case is one
+// edit from the right one at most per letter, and is found first.
+size_t distance(const std::string &a, const std::string &b) {
+    std::vector<size_t> row(b.size() + 1);
+    for (size_t j = 0; j <= b.size(); ++j)
+        row[j] = j;
+    for (size_t i = 1; i <= a.size(); ++i) {
+        size_t diagonal = row[0];
+        row[0] = i;
+        for (size_t j = 1; j <= b.size(); ++j) {
+            size_t above = row[j];
+            bool same = std::tolower(static_cast<unsigned char>(a[i - 1])) ==
+                        std::tolower(static_cast<unsigned char>(b[j - 1]));
+            row[j] = std::min({row[j] + 1, row[j - 1] + 1, diagonal + (same ? 0 : 1)});
+            diagonal = above;
+        }
+    }
+    return row[b.size()];
+}
+
+// Members of a section's object that no setting reads are reported once per process and name,
+// with the known key they most resemble.
+void warnUnknownKeys(const Json::Value &object, const char *path, const std::string &section) {
+    if (!object.isObject()) return;
+    const KnownKeys *known = nullptr;
+    for (const KnownKeys &k : knownKeys())
+        if (std::strcmp(k.object, path) == 0) known = &k;
+    if (!known) return;
+    static NoDestructor<std::set<std::string>> warned;
+    for (const std::string &name : object.getMemberNames()) {
+        bool isKnown = false;
+        for (const char *key : known->keys)
+            isKnown |= name == key;
+        if (isKnown) continue;
+        std::string full = *path ? std::string(path) + "." + name : name;
+        if (!warned->insert(full).second) continue;
+        const char *closest = known->keys.front();
+        for (const char *key : known->keys)
+            if (distance(name, key) < distance(name, closest)) closest = key;
+        std::string suggestion = *path ? std::string(path) + "." + closest : std::string(closest);
+        msg::warning("Config section '%s': unknown key '%s' is ignored; the closest known key is '%s'.",
+                     section.c_str(), full.c_str(), suggestion.c_str());
+    }
+}
 
 void showConfigError(const char *text) {
     platform::messageBox(text, "Error parsing config");
@@ -121,6 +207,19 @@ void readSection(Settings &s, const Json::Value &section, const std::string &nam
     }
     SectionReader r(section, name);
     const Json::Value *root = &section;
+    warnUnknownKeys(section, "", name);
+    for (const KnownKeys &k : knownKeys()) {
+        if (!*k.object) continue;
+        const Json::Value *object = &section;
+        std::string path = k.object;
+        for (size_t from = 0; object && from <= path.size();) {
+            size_t dot = path.find('.', from);
+            std::string part = path.substr(from, dot == std::string::npos ? std::string::npos : dot - from);
+            object = object->isObject() && object->isMember(part) ? &(*object)[part] : nullptr;
+            from = dot == std::string::npos ? path.size() + 1 : dot + 1;
+        }
+        if (object) warnUnknownKeys(*object, k.object, name);
+    }
 
     bool enabled = !s.sectionDisabled;
     r.readBool(root, "Enabled", "Enabled", enabled);
@@ -198,10 +297,9 @@ void readSection(Settings &s, const Json::Value &section, const std::string &nam
     }
 }
 
-bool isDirectory(const std::string &path) {
-    struct stat st;
-    return stat(path.c_str(), &st) == 0 && (st.st_mode & S_IFMT) == S_IFDIR;
-}
+// A configuration is small: anything larger is not one (a device such as /dev/zero would
+// otherwise be read for ever).
+constexpr uint64_t kMaxConfigBytes = 1u << 20;
 
 bool readWholeFile(const std::string &path, std::string &text, std::string &problem) {
     std::FILE *f = std::fopen(path.c_str(), "rb");
@@ -212,12 +310,16 @@ bool readWholeFile(const std::string &path, std::string &text, std::string &prob
     std::string buffer;
     char chunk[16384];
     size_t n;
-    while ((n = std::fread(chunk, 1, sizeof(chunk), f)) > 0)
+    while ((n = std::fread(chunk, 1, sizeof(chunk), f)) > 0 && buffer.size() <= kMaxConfigBytes)
         buffer.append(chunk, n);
     bool failed = std::ferror(f) != 0;
     std::fclose(f);
     if (failed) {
         problem = "it cannot be read";
+        return false;
+    }
+    if (buffer.size() > kMaxConfigBytes) {
+        problem = "it is larger than 1 MiB";
         return false;
     }
     text.swap(buffer);
@@ -261,7 +363,7 @@ CZandString expandOutputFilename(const CZandString &name, uint64_t pid, const st
 }
 
 void applyConfigText(Settings &s, const char *text, size_t length, const std::string &exeName,
-                     const std::string &exePath) {
+                     const std::string &exePath, const std::string &where) {
     // Editors on Windows like to start a UTF-8 file with a byte order mark, which is not JSON.
     if (length >= 3 && std::memcmp(text, "\xEF\xBB\xBF", 3) == 0) {
         text += 3;
@@ -275,10 +377,31 @@ void applyConfigText(Settings &s, const char *text, size_t length, const std::st
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
         Json::Reader reader(Json::Features::all());
         parsed = reader.parse(text, text + length, root, false);
-        if (!parsed) errors = reader.getFormattedErrorMessages();
+        if (!parsed) {
+            // Where the first error is, as FILE, line L, column C, then the reader's own words.
+            std::vector<Json::Reader::StructuredError> found = reader.getStructuredErrors();
+            if (!found.empty()) {
+                size_t at = static_cast<size_t>(std::max<ptrdiff_t>(0, found.front().offset_start));
+                int line = 1, column = 1;
+                for (size_t i = 0; i < at && i < length; ++i) {
+                    if (text[i] == '\n') {
+                        ++line;
+                        column = 1;
+                    } else {
+                        ++column;
+                    }
+                }
+                errors = CZandString::format("%s, line %d, column %d: %s", where.c_str(), line, column,
+                                             found.front().message.c_str())
+                             .str();
+                if (found.size() > 1) errors += " (and " + std::to_string(found.size() - 1) + " more)";
+            } else {
+                errors = where + ": " + reader.getFormattedErrorMessages();
+            }
+        }
 #pragma GCC diagnostic pop
     } catch (const std::exception &e) {
-        errors = e.what();
+        errors = where + ": " + e.what();
     }
     if (!parsed) {
         CZandString message = CZandString::format("Failed to parse configuration: %s\n", errors.c_str());
@@ -287,7 +410,8 @@ void applyConfigText(Settings &s, const char *text, size_t length, const std::st
         return;
     }
     if (!root.isObject()) {
-        msg::error("The configuration must be a JSON object of sections; the defaults stay in force.");
+        msg::error("The configuration %s must be a JSON object of sections; the defaults stay in force.",
+                   where.c_str());
         return;
     }
     bool matched = false;
@@ -322,12 +446,21 @@ void applyConfigFile(Settings &s) {
         shown = cwd + "/" + path;
     }
     std::string exePath = platform::executablePath();
-    // Some systems open a directory for reading and others do not; it is no configuration file on any.
-    const bool directory = isDirectory(path);
-    std::FILE *probe = directory ? nullptr : std::fopen(path.c_str(), "rb");
+    // Only a regular file of a sane size is read: a FIFO would block the application in its first
+    // call, a device could be read for ever, and a directory is no configuration on any system.
+    struct stat st;
+    const bool exists = stat(path.c_str(), &st) == 0;
+    const bool regular = exists && (st.st_mode & S_IFMT) == S_IFREG;
+    std::string refused;
+    if (exists && !regular)
+        refused = (st.st_mode & S_IFMT) == S_IFDIR ? "a directory" : "not a regular file";
+    else if (regular && static_cast<uint64_t>(st.st_size) > kMaxConfigBytes)
+        refused = "larger than 1 MiB";
+    std::FILE *probe = regular && refused.empty() ? std::fopen(path.c_str(), "rb") : nullptr;
     if (!probe) {
         CZandString text = CZandString::format("Config file not found. Tried: %s", path.c_str());
-        if (directory) text.append(" (a directory)");
+        if (!refused.empty())
+            text.append(CZandString::format(" (%s; it is not read)", refused.c_str()).c_str());
         msg::emit(msg::kDebugger, "", text.c_str());
         msg::emit(msg::kOut, "WARNING: ", text.c_str());
         showConfigError(text.c_str());
@@ -344,9 +477,12 @@ void applyConfigFile(Settings &s) {
             msg::emit(msg::kDebugger | msg::kErr, "ERROR: ", message.c_str());
             showConfigError(message.c_str());
         } else {
-            applyConfigText(s, text.data(), text.size(), platform::baseName(exePath), exePath);
+            applyConfigText(s, text.data(), text.size(), platform::baseName(exePath), exePath, shown);
         }
     }
+    // The default name is expanded as a configured one is (a name read from the file already is).
+    if (s.outputFilename == CZandString(kDefaultOutputFilename))
+        s.outputFilename = expandOutputFilename(s.outputFilename, platform::processId(), exePath);
     makeStartupDecisions(s);
 }
 
@@ -376,6 +512,17 @@ void makeStartupDecisions(Settings &s) {
         // The profiler is not part of this build.
         msg::emit(msg::kDebugger, "", "Failed to allocate the profiler");
         msg::emit(msg::kErr, "ERROR: ", "Failed to allocate the profiler");
+    }
+    if (s.mode == kModeRecording && s.recordingEnabled && !s.networkEnabled) {
+        if (s.startFrame > s.endFrame) {
+            msg::warning("StartFrame (%u) is above EndFrame (%u): no frame will be recorded.", s.startFrame,
+                         s.endFrame);
+        } else if (s.endFrame == UINT32_MAX) {
+            msg::info("Frames %u to the last will be recorded.", s.startFrame);
+        } else {
+            msg::info("Frames %u to %u will be recorded%s.", s.startFrame, s.endFrame,
+                      s.exitOnLastFrame ? ", then the process ends" : "");
+        }
     }
     if (s.disableBinaries) {
         if (!s.disabledExtensionList.empty()) s.disabledExtensionList.append(";");

@@ -9,6 +9,8 @@
 namespace kv::config {
 
 constexpr const char *kConfigFileName = "kalvorenconfig.json";
+// Tracing.OutputFilename when no configuration sets it (expanded like a configured name).
+constexpr const char *kDefaultOutputFilename = "%pname.kalvoren";
 
 // Where the configuration is read from: the file named by KALVOREN_CONFIG, else
 // "kalvorenconfig.json" in the working directory.
@@ -21,7 +23,7 @@ void applyConfigFile(Settings &settings);
 
 // The same from text already in memory (`where` names it in messages); used by applyConfigFile.
 void applyConfigText(Settings &settings, const char *text, size_t length, const std::string &executableName,
-                     const std::string &executablePath);
+                     const std::string &executablePath, const std::string &where = kConfigFileName);
 
 // Whether a section name applies to an executable: an exact name, or a prefix ending in '*'. A
 // '*' anywhere else makes the pattern invalid (`misplaced` is set).

@@ -64,6 +64,13 @@ void fillDecision(Settings &s, uint16_t id, CallDecision &d, ParamDesc *params) 
                 CZandString::format("Calling function with unknown ID %i", static_cast<int>(id)).c_str());
     }
 }
+void reportUnrecorded(uint16_t id) {
+    const char *name = api::functionName(id);
+    msg::error("%s could not be recorded (out of memory while its record was made); the call was made and "
+               "recording goes on.",
+               name ? name : "A call");
+}
+
 void setOpenClInitialisation(void (*initialise)()) {
     g_clInitialisation.store(initialise);
 }

@@ -27,6 +27,8 @@ void fillDecision(Settings &settings, uint16_t id, CallDecision &d, ParamDesc *p
 // What runs once, before the first OpenCL call recorded with its data (the OpenCL family installs
 // the writer of the platform description).
 void setOpenClInitialisation(void (*initialise)());
+// Says that a call could not be recorded (its record was dropped after an exception).
+void reportUnrecorded(uint16_t id);
 
 // The per-API last error values (the host's error after the latest call of that API).
 extern uint32_t g_lastErrorEs1;
@@ -144,9 +146,22 @@ private:
             RecordHandle h = trace::begin(F::id);
             if (h) {
                 c.record = &h;
-                h.u32(c.error);
-                if constexpr (!std::is_void_v<Ret>) rec::put<F::result>(h, result);
-                F::write(h, c, args...);
+                // A record that cannot be made (memory ran out in a capture) is dropped whole, and
+                // the lock is given back: the application gets its answer either way.
+                try {
+                    h.u32(c.error);
+                    if constexpr (!std::is_void_v<Ret>) rec::put<F::result>(h, result);
+                    F::write(h, c, args...);
+                } catch (...) {
+                    c.record = nullptr;
+                    trace::abandon(h);
+                    reportUnrecorded(F::id);
+                    H::done(c, result, args...);
+                    if constexpr (!std::is_void_v<Ret>)
+                        return result;
+                    else
+                        return;
+                }
                 c.record = nullptr;
             }
             trace::finish(h, &c.recordPosition);

@@ -3,6 +3,7 @@
 
 #include "base/messages.h"
 #include "core/settings.h"
+#include "trace/record.h"
 #include "trace/trace_writer.h"
 
 namespace kv {
@@ -38,6 +39,7 @@ bool EntryRoutine::threadAttach() {
 
 void EntryRoutine::threadDetach() {
     announceEntry();
+    // Standard output only, unlike the other entry messages: that is how the message is defined.
     platform::consoleOut("Kalvoren: DLL_THREAD_DETACH\r\n");
     records::detachThread();
 }
@@ -48,8 +50,10 @@ void EntryRoutine::processDetach() {
     if (detail::g_settings && detail::g_settingsPid.load() == processId() &&
         detail::g_settings->mode.load() == kModeRecording) {
         Settings &s = *detail::g_settings;
-        // The process ends while recording: the recording ends here, cleanly.
-        if (s.traceFile && !s.endMarkerWritten.load() && !s.networkEnabled) {
+        // The process ends while recording: the recording ends here, cleanly. A thread that ends
+        // the process from inside a record (exit from a signal handler) leaves that record out:
+        // the file is cut after the last whole one, with no end marker behind a half.
+        if (s.traceFile && !s.endMarkerWritten.load() && !s.networkEnabled && !threadRecord().inRecord) {
             trace::writeEndMarker(s);
             s.endMarkerWritten = true;
         }

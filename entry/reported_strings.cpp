@@ -3,6 +3,7 @@
 
 #include "core/settings.h"
 
+#include <cctype>
 #include <vector>
 
 namespace kv {
@@ -41,7 +42,14 @@ const char *filtered(CZandString &slot, const char *host, const CZandString &dis
 std::string filterExtensions(const char *list, const std::string &disabled) {
     if (!list) return std::string();
     std::string text(list);
+    // The separator is the host's own: a blank in the API, but the list is joined again with what
+    // the driver used.
     char separator = ' ';
+    for (char c : text)
+        if (!std::isalnum(static_cast<unsigned char>(c)) && c != '_') {
+            separator = c;
+            break;
+        }
     std::vector<std::string> kept;
     size_t start = 0;
     while (start < text.size()) {

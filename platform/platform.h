@@ -200,6 +200,14 @@ void consoleErr(const char *text);
 // A blocking message box on Windows; elsewhere the text goes to standard error.
 void messageBox(const char *text, const char *caption);
 [[noreturn]] void exitProcess(int code);
+// Installs the handlers that cut the open trace file to its records when a signal (POSIX) or an
+// unhandled exception or console close (Windows) ends the process. Each is chained to what was
+// installed before: the application's handler, or the default action, runs as it would have.
+// Signals the application ignores are left alone. Idempotent.
+void installEndingHandlers();
+// Puts the ending handlers back in front of handlers the application installed since, chaining to
+// those; cheap enough to call once per frame.
+void refreshEndingHandlers();
 // Operating system identity for the trace header: major and minor version and a free text.
 struct OsVersion {
     int major = 0;
@@ -211,51 +219,94 @@ OsVersion osVersion();
 
 // ---- Memory ----------------------------------------------------------------------------------
 
-// Installs the fault guard used by guardedCopy; idempotent, cheap to call again (it checks that
-// the guard is still the first to see access faults and re-installs it when someone replaced it).
+// Prepares the guarded copy; idempotent. Where the system can copy application memory for us and
+// report a bad address as an error (Linux), no signal handler is involved, so whatever the
+// application later does with its own handlers cannot take the guard away or see our faults.
+// Elsewhere a fault handler that runs before any of the application's is installed.
 void installFaultGuard();
 // Copies n bytes from application memory that may be unmapped or protected. Returns the number of
-// bytes copied: n on success, less when an access fault stopped the copy. Costs a memcpy when the
-// memory is readable.
+// bytes copied: n on success, less when an unreadable page stopped the copy.
 size_t guardedCopy(void *dst, const void *src, size_t n);
+// Gathers `count` pieces of `size` bytes each, `stride` bytes apart in application memory, into
+// consecutive bytes at `dst`. Returns how many whole pieces were copied (fewer when one could not
+// be read).
+uint64_t guardedGather(void *dst, const void *src, uint64_t count, size_t size, size_t stride);
+// Whether every byte of [p, p + n) can be read now (one byte per page is tried).
+bool guardedReadable(const void *p, uint64_t n);
 // Length of a 0-terminated string in application memory, reading at most `limit` bytes; returns
 // false (and the length read so far) when the memory faults before a terminator is found.
 bool guardedStrlen(const char *s, size_t limit, size_t *length);
 
 // ---- Files -----------------------------------------------------------------------------------
 
-// A file mapped for writing that grows in chunks; the bytes written through the mapping reach the
-// file even when the process dies without closing it.
+// The trace file written through a bounded window of a file mapping. The file on disk is grown in
+// large steps ahead of the writes; what lies beyond the last complete record (`commit`) is cut
+// away whenever the process ends in a way that runs any code of ours (close, exit, a caught
+// signal or, on Windows, an unhandled exception or a console close), so that the file then holds
+// exactly its records. Only one such file is open per process.
 class MappedFile {
 public:
+    enum class Open { Ok, InUse, Failed };
+    enum class Failure { None, DiskFull, SizeLimit, CutShort, Other };
+
     MappedFile() = default;
     ~MappedFile();
     MappedFile(const MappedFile &) = delete;
     MappedFile &operator=(const MappedFile &) = delete;
-    // Creates or truncates the file. Returns false when it cannot be created or mapped.
-    bool create(const char *path, uint64_t initialCapacity);
-    // Makes sure at least `capacity` bytes are backed on disk and mapped. Returns false when the
-    // file cannot grow (disk full, size limit); the old mapping then stays valid.
-    bool reserve(uint64_t capacity);
-    uint8_t *data() const { return data_; }
-    uint64_t capacity() const { return capacity_; }
-    // Maps in the pages of [offset, offset + length) ahead of their first write, in one batch
-    // (much cheaper than a page fault per page). A hint: where the system cannot, nothing happens.
-    void prefault(uint64_t offset, uint64_t length);
-    // Sets the final length, unmaps and closes.
+
+    // Creates the file, takes it for this process (another recorder holding it gives InUse and
+    // leaves it untouched), empties it and maps the first window. Failed: it cannot be created or
+    // mapped (a pipe, a device), and the caller writes it another way.
+    Open create(const char *path);
+    // Where the bytes at `offset` can be written: maps the window that holds them when needed.
+    // `*available` receives how many bytes may be written from there (at least one, unless null
+    // is returned). Null when the file cannot grow that far or the mapping failed; failure() says
+    // why, and every later call fails at once.
+    uint8_t *span(uint64_t offset, size_t *available);
+    // The same without a call when [offset, offset + n) lies in the part of the window that is
+    // ready for writing; null when span() must do the work.
+    uint8_t *fastSpan(uint64_t offset, size_t n) const {
+        return offset >= windowStart_ && offset + n <= fastEnd_ ? window_ + (offset - windowStart_) : nullptr;
+    }
+    // Everything before `end` is complete: an ending cuts the file there.
+    void commit(uint64_t end);
+    uint64_t committed() const { return committed_; }
+    Failure failure() const;
+    // Cuts the file to `finalSize`, unmaps and closes.
     void close(uint64_t finalSize);
-    bool isOpen() const { return data_ != nullptr; }
+    bool isOpen() const { return fd_ != -1; }
+
+    static constexpr uint64_t kWindow = 32ull << 20;
 
 private:
-    uint8_t *data_ = nullptr;
-    uint64_t capacity_ = 0;
+    bool grow(uint64_t need);
+    bool mapWindow(uint64_t offset);
+
+    uint8_t *window_ = nullptr;
+    uint64_t windowStart_ = 0;
+    uint64_t windowSize_ = 0;
+    uint64_t prefaulted_ = 0; // end of the pages of the window mapped in ahead of the writes
+    uint64_t fastEnd_ = 0;    // fastSpan() serves offsets below this
+    uint64_t capacity_ = 0;   // bytes the file holds on disk
+    uint64_t committed_ = 0;
+    Failure failure_ = Failure::None;
     intptr_t fd_ = -1;
     intptr_t mapping_ = 0;
 };
 
+// The largest file this process may write (the file-size resource limit); UINT64_MAX when there
+// is none. Writing beyond it would end the process with a signal.
+uint64_t fileSizeLimit();
+
+// Opens a file for buffered writing (truncating it) after taking it for this process, as
+// MappedFile::create does; `inUse` is set when another recorder holds it.
+std::FILE *openExclusive(const char *path, bool *inUse);
+
 // 64-bit tell and seek on a standard file.
 int64_t fileTell(std::FILE *file);
 bool fileSeek(std::FILE *file, int64_t offset, int origin);
+// Cuts an open standard file (flushed first) to `size` bytes.
+bool fileTruncate(std::FILE *file, int64_t size);
 
 // Runs a function when a process forks (in the child), so that cached process identities can be
 // refreshed without a system call per API call. A no-op where fork does not exist.

@@ -21,7 +21,7 @@ void SpinLock::wait() {
 bool guardedStrlen(const char *s, size_t limit, size_t *length) {
     *length = 0;
     if (!s) return false;
-    char chunk[256];
+    char chunk[4096];
     size_t total = 0;
     while (total < limit) {
         // Never read across a page boundary in one step: a string may end just before an

@@ -4,6 +4,7 @@
 #if defined(_WIN32)
 
 #include <windows.h>
+#include <io.h>
 
 #include <atomic>
 #include <cstdlib>
@@ -299,152 +300,16 @@ OsVersion osVersion() {
     return v;
 }
 
-// ---- Memory ----------------------------------------------------------------------------------
-
-// See the POSIX side: a leaf routine around `rep movsb` whose fault is turned into an early
-// return by a vectored exception handler. rdi and rsi are callee-saved on Windows; they are kept
-// in volatile registers so that the routine never touches the stack and needs no unwind data.
-extern "C" size_t kv_guarded_copy_impl(void *dst, const void *src, size_t n);
-extern "C" char kv_guarded_copy_fault_at[];
-extern "C" char kv_guarded_copy_fault_exit[];
-
-__asm__(".text\n"
-        ".p2align 4\n"
-        ".globl kv_guarded_copy_impl\n"
-        "kv_guarded_copy_impl:\n"
-        "  mov %rdi, %r10\n"
-        "  mov %rsi, %r11\n"
-        "  mov %rcx, %rdi\n"
-        "  mov %rdx, %rsi\n"
-        "  mov %r8, %rcx\n"
-        "  mov %r8, %rax\n"
-        ".globl kv_guarded_copy_fault_at\n"
-        "kv_guarded_copy_fault_at:\n"
-        "  rep movsb\n"
-        "  mov %r10, %rdi\n"
-        "  mov %r11, %rsi\n"
-        "  ret\n"
-        ".globl kv_guarded_copy_fault_exit\n"
-        "kv_guarded_copy_fault_exit:\n"
-        "  sub %rcx, %rax\n"
-        "  mov %r10, %rdi\n"
-        "  mov %r11, %rsi\n"
-        "  ret\n");
-
-static LONG CALLBACK faultHandler(EXCEPTION_POINTERS *pointers) {
-    DWORD code = pointers->ExceptionRecord->ExceptionCode;
-    if ((code == EXCEPTION_ACCESS_VIOLATION || code == EXCEPTION_IN_PAGE_ERROR) &&
-        pointers->ContextRecord->Rip == reinterpret_cast<DWORD64>(kv_guarded_copy_fault_at)) {
-        pointers->ContextRecord->Rip = reinterpret_cast<DWORD64>(kv_guarded_copy_fault_exit);
-        return EXCEPTION_CONTINUE_EXECUTION;
-    }
-    return EXCEPTION_CONTINUE_SEARCH;
-}
-
-static std::atomic<bool> g_guardInstalled{false};
-
-void installFaultGuard() {
-    // A vectored handler added first sees every fault before any frame-based handler of the
-    // application, so it never needs to be installed again.
-    if (g_guardInstalled.exchange(true)) return;
-    AddVectoredExceptionHandler(1, faultHandler);
-}
-
-size_t guardedCopy(void *dst, const void *src, size_t n) {
-    if (n == 0 || !src) return 0;
-    if (KV_UNLIKELY(!g_guardInstalled.load(std::memory_order_acquire))) installFaultGuard();
-    return kv_guarded_copy_impl(dst, src, n);
-}
-
-// ---- Files -----------------------------------------------------------------------------------
-
-MappedFile::~MappedFile() {
-    if (data_) close(capacity_);
-}
-
-bool MappedFile::create(const char *path, uint64_t initialCapacity) {
-    HANDLE file = CreateFileA(path, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ, nullptr, CREATE_ALWAYS,
-                              FILE_ATTRIBUTE_NORMAL, nullptr);
-    if (file == INVALID_HANDLE_VALUE) return false;
-    if (GetFileType(file) != FILE_TYPE_DISK) {
-        CloseHandle(file);
-        return false;
-    }
-    fd_ = reinterpret_cast<intptr_t>(file);
-    if (!reserve(initialCapacity)) {
-        CloseHandle(file);
-        fd_ = -1;
-        return false;
-    }
-    return true;
-}
-
-static bool mapWhole(intptr_t fd, uint64_t capacity, uint8_t *&data, intptr_t &mappingOut) {
-    HANDLE file = reinterpret_cast<HANDLE>(fd);
-    HANDLE mapping = CreateFileMappingA(file, nullptr, PAGE_READWRITE, static_cast<DWORD>(capacity >> 32),
-                                        static_cast<DWORD>(capacity & 0xFFFFFFFFu), nullptr);
-    if (!mapping) return false;
-    void *view = MapViewOfFile(mapping, FILE_MAP_ALL_ACCESS, 0, 0, 0);
-    if (!view) {
-        CloseHandle(mapping);
-        return false;
-    }
-    data = static_cast<uint8_t *>(view);
-    mappingOut = reinterpret_cast<intptr_t>(mapping);
-    return true;
-}
-
-bool MappedFile::reserve(uint64_t capacity) {
-    if (capacity <= capacity_ && data_) return true;
-    // A mapped file cannot change its length: drop the view, grow the file, map it again.
-    uint64_t old = capacity_;
-    if (data_) UnmapViewOfFile(data_);
-    if (mapping_) CloseHandle(reinterpret_cast<HANDLE>(mapping_));
-    data_ = nullptr;
-    mapping_ = 0;
-    HANDLE file = reinterpret_cast<HANDLE>(fd_);
-    LARGE_INTEGER size;
-    size.QuadPart = static_cast<LONGLONG>(capacity);
-    if (SetFilePointerEx(file, size, nullptr, FILE_BEGIN) && SetEndOfFile(file) &&
-        mapWhole(fd_, capacity, data_, mapping_)) {
-        capacity_ = capacity;
-        return true;
-    }
-    capacity_ = 0;
-    if (old > 0) {
-        size.QuadPart = static_cast<LONGLONG>(old);
-        if (SetFilePointerEx(file, size, nullptr, FILE_BEGIN)) SetEndOfFile(file);
-        if (mapWhole(fd_, old, data_, mapping_)) capacity_ = old;
-    }
-    return false;
-}
-
-void MappedFile::prefault(uint64_t, uint64_t) {
-    // Windows maps the pages of a view as they are touched; there is nothing cheaper to ask for.
-}
-
-void MappedFile::close(uint64_t finalSize) {
-    if (data_) UnmapViewOfFile(data_);
-    data_ = nullptr;
-    if (mapping_) CloseHandle(reinterpret_cast<HANDLE>(mapping_));
-    mapping_ = 0;
-    if (fd_ != -1) {
-        HANDLE file = reinterpret_cast<HANDLE>(fd_);
-        LARGE_INTEGER size;
-        size.QuadPart = static_cast<LONGLONG>(finalSize);
-        if (SetFilePointerEx(file, size, nullptr, FILE_BEGIN)) SetEndOfFile(file);
-        CloseHandle(file);
-    }
-    fd_ = -1;
-    capacity_ = 0;
-}
-
 int64_t fileTell(std::FILE *file) {
     return _ftelli64(file);
 }
 
 bool fileSeek(std::FILE *file, int64_t offset, int origin) {
     return _fseeki64(file, offset, origin) == 0;
+}
+
+bool fileTruncate(std::FILE *file, int64_t size) {
+    return std::fflush(file) == 0 && _chsize_s(_fileno(file), size) == 0;
 }
 
 void onForkChild(void (*)()) {}

@@ -2,6 +2,7 @@
 // its environment, temporary files, paths and terminals.
 #pragma once
 
+#include <cstdint>
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -27,6 +28,10 @@ std::FILE *createTemporaryFile(const char *prefix, const char *suffix, std::stri
 std::string absolutePath(const std::string &path);
 // Joins a directory and a name with the system's separator.
 std::string joinPath(const std::string &directory, const std::string &name);
+
+// Cuts a file to `size` bytes (which must not be more than it has). False with `error` set when
+// it cannot be done.
+bool truncateFile(const std::string &path, uint64_t size, std::string *error);
 
 // Whether the stream is connected to a terminal.
 bool isTerminal(std::FILE *stream);

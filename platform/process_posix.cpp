@@ -74,6 +74,12 @@ int runProgram(const std::vector<std::string> &argv, std::string *error) {
     return result;
 }
 
+bool truncateFile(const std::string &path, uint64_t size, std::string *error) {
+    if (truncate(path.c_str(), static_cast<off_t>(size)) == 0) return true;
+    *error = std::strerror(errno);
+    return false;
+}
+
 bool setEnv(const char *name, const std::string &value) {
     return setenv(name, value.c_str(), 1) == 0;
 }

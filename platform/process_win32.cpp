@@ -93,6 +93,21 @@ int runProgram(const std::vector<std::string> &argv, std::string *error) {
     return result;
 }
 
+bool truncateFile(const std::string &path, uint64_t size, std::string *error) {
+    HANDLE file = CreateFileA(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
+                              FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (file == INVALID_HANDLE_VALUE) {
+        *error = "cannot be opened for writing (error " + std::to_string(GetLastError()) + ")";
+        return false;
+    }
+    LARGE_INTEGER at;
+    at.QuadPart = static_cast<LONGLONG>(size);
+    bool ok = SetFilePointerEx(file, at, nullptr, FILE_BEGIN) && SetEndOfFile(file);
+    if (!ok) *error = "cannot be cut (error " + std::to_string(GetLastError()) + ")";
+    CloseHandle(file);
+    return ok;
+}
+
 bool setEnv(const char *name, const std::string &value) {
     // Both the system's copy (which new processes inherit) and the C runtime's (getenv).
     bool ok = SetEnvironmentVariableA(name, value.c_str()) != 0;

@@ -31,24 +31,27 @@ void reportInaccessible(const void *pointer) {
     msg::emit(msg::kErr, "ERROR: ", text.c_str());
 }
 
-// Whether every page of [p, p + n) can be read: one byte per page through the guarded copy, so
-// that a block read straight from the application later cannot fault.
+// Whether every page of [p, p + n) can be read, so that a block read straight from the
+// application later cannot fault.
 bool readable(const void *p, uint64_t n) {
-    if (n == 0) return true;
-    const uint8_t *bytes = static_cast<const uint8_t *>(p);
-    uint8_t probe;
-    uint64_t step = 4096 - (reinterpret_cast<uintptr_t>(bytes) & 4095);
-    for (uint64_t at = 0; at < n; at += step, step = 4096)
-        if (platform::guardedCopy(&probe, bytes + at, 1) != 1) return false;
-    return platform::guardedCopy(&probe, bytes + n - 1, 1) == 1;
+    return platform::guardedReadable(p, n);
 }
 
-void handOver(RecordHandle &h, uint32_t index, const void *pointer, uint32_t bytes, const void *data) {
+// `data` is the library's own copy, or null when the block is read from `pointer` itself.
+void handOver(RecordHandle &h, uint32_t index, const void *pointer, uint32_t bytes, const void *data,
+              bool owned) {
     h.u32(index);
     h.ptr(pointer);
     h.u32(bytes);
-    h.addBlock(bytes, data, true);
+    if (owned)
+        h.addOwnBlock(bytes, data, true);
+    else
+        h.addBlock(bytes, data, true);
 }
+
+// Up to this size a client block is copied at once (one guarded read) rather than checked now and
+// read again when the record is written.
+constexpr uint64_t kCopiedBlock = 64 * 1024;
 
 uint32_t indexSize(GLenum type) {
     switch (type) {
@@ -132,6 +135,34 @@ uint32_t maxIndexUnchecked(GLenum type, const void *indices, size_t count) {
     return std::max(m, maxIndexPlain(type, bytes + done * width, count - done));
 }
 
+uint32_t maxIndexBelow(GLenum type, const void *indices, size_t count, uint32_t excluded) {
+    uint32_t m = 0;
+    for (size_t i = 0; i < count; ++i) {
+        uint32_t v = type == GL_UNSIGNED_BYTE    ? static_cast<const uint8_t *>(indices)[i]
+                     : type == GL_UNSIGNED_SHORT ? static_cast<const uint16_t *>(indices)[i]
+                                                 : static_cast<const uint32_t *>(indices)[i];
+        if (v != excluded) m = std::max(m, v);
+    }
+    return m;
+}
+
+bool maxIndexBelowGuarded(GLenum type, const void *indices, uint32_t count, uint32_t excluded,
+                          uint32_t *maximum) {
+    uint32_t width = indexSize(type);
+    *maximum = 0;
+    if (width == 0 || count == 0) return true;
+    alignas(16) uint8_t chunk[16384];
+    const uint8_t *src = static_cast<const uint8_t *>(indices);
+    uint64_t total = uint64_t(count) * width;
+    for (uint64_t done = 0; done < total;) {
+        size_t piece = static_cast<size_t>(std::min<uint64_t>(sizeof(chunk), total - done));
+        if (platform::guardedCopy(chunk, src + done, piece) != piece) return false;
+        *maximum = std::max(*maximum, maxIndexBelow(type, chunk, piece / width, excluded));
+        done += piece;
+    }
+    return true;
+}
+
 bool maxIndex(GLenum type, const void *indices, uint32_t count, uint32_t *maximum) {
     uint32_t width = indexSize(type);
     *maximum = 0;
@@ -148,7 +179,8 @@ bool maxIndex(GLenum type, const void *indices, uint32_t count, uint32_t *maximu
     return true;
 }
 
-bool captureAttributes(RecordHandle &h, CEs2ContextState &state, uint32_t range, uint32_t instances) {
+bool captureAttributes(RecordHandle &h, CEs2ContextState &state, uint32_t range, uint32_t instances,
+                       uint32_t neededFrom) {
     VaoRecord &vao = state.currentVao();
     for (auto &entry : vao.attributes) {
         const AttributeRecord &attribute = entry.second;
@@ -163,34 +195,64 @@ bool captureAttributes(RecordHandle &h, CEs2ContextState &state, uint32_t range,
         uint64_t element =
             static_cast<uint64_t>(std::max(attribute.size, 0)) * componentTypeSize(attribute.type);
         uint64_t elements = range;
+        // Instancing is decided per attribute: only one with a divisor advances per instance.
         bool instanced = instances != 0 && binding.divisor != 0;
         if (instanced) elements = (uint64_t(instances) + binding.divisor - 1) / binding.divisor;
         uint64_t bytes = element * elements;
         if (bytes > 0xFFFFFFF0ull - h.size()) bytes = 0;
+        if (element == 0) bytes = 0;
+        elements = element ? bytes / element : 0;
+        // The driver reads from the first vertex drawn; what lies before it is recorded (a player
+        // counts vertices from 0) but is not needed, so memory there that cannot be read is
+        // recorded as zeros instead of ending the capture.
+        const uint64_t needed = instanced ? 0 : std::min<uint64_t>(neededFrom, elements);
         const uint8_t *pointer = static_cast<const uint8_t *>(binding.clientPointer);
 
         if (binding.stride == element) {
-            if (!readable(pointer, bytes)) {
+            if (bytes <= kCopiedBlock) {
+                auto *copy = static_cast<uint8_t *>(h.scratch(static_cast<size_t>(bytes)));
+                if (platform::guardedCopy(copy, pointer, static_cast<size_t>(bytes)) == bytes) {
+                    handOver(h, entry.first, pointer, static_cast<uint32_t>(bytes), copy, true);
+                    continue;
+                }
+            } else if (readable(pointer, bytes)) {
+                handOver(h, entry.first, pointer, static_cast<uint32_t>(bytes), pointer, false);
+                continue;
+            }
+            const uint64_t skipped = needed * element;
+            if (skipped == 0 || !readable(pointer + skipped, bytes - skipped)) {
                 reportCrash();
                 return false;
             }
-            handOver(h, entry.first, pointer, static_cast<uint32_t>(bytes), pointer);
+            auto *copy = static_cast<uint8_t *>(h.scratch(static_cast<size_t>(bytes)));
+            std::memset(copy, 0, static_cast<size_t>(skipped));
+            if (platform::guardedCopy(copy + skipped, pointer + skipped,
+                                      static_cast<size_t>(bytes - skipped)) != bytes - skipped) {
+                reportCrash();
+                return false;
+            }
+            handOver(h, entry.first, pointer, static_cast<uint32_t>(bytes), copy, true);
             continue;
         }
-        if (!instances && reinterpret_cast<uintptr_t>(pointer) < kLowestClientAddress) {
+        if (!instanced && reinterpret_cast<uintptr_t>(pointer) < kLowestClientAddress) {
             reportInaccessible(pointer);
-            handOver(h, entry.first, nullptr, 0, nullptr);
+            handOver(h, entry.first, nullptr, 0, nullptr, false);
             continue;
         }
         auto *gathered = static_cast<uint8_t *>(h.scratch(static_cast<size_t>(bytes)));
-        for (uint64_t i = 0; i < elements; ++i) {
-            if (platform::guardedCopy(gathered + i * element, pointer + i * binding.stride, element) !=
-                element) {
-                reportCrash();
-                return false;
-            }
+        uint64_t copied = platform::guardedGather(gathered, pointer, elements, static_cast<size_t>(element),
+                                                  binding.stride);
+        if (copied < elements && copied < needed) {
+            std::memset(gathered, 0, static_cast<size_t>(needed * element));
+            copied = needed + platform::guardedGather(gathered + needed * element,
+                                                      pointer + needed * binding.stride, elements - needed,
+                                                      static_cast<size_t>(element), binding.stride);
         }
-        handOver(h, entry.first, pointer, static_cast<uint32_t>(bytes), gathered);
+        if (copied < elements) {
+            reportCrash();
+            return false;
+        }
+        handOver(h, entry.first, pointer, static_cast<uint32_t>(bytes), gathered, true);
     }
     return true;
 }
@@ -198,13 +260,18 @@ bool captureAttributes(RecordHandle &h, CEs2ContextState &state, uint32_t range,
 bool captureArrays(RecordHandle &h, CallCtx &c, const GLint *firsts, const GLsizei *counts, uint32_t draws,
                    uint32_t instances) {
     if (!firsts || !counts || c.failed) return false;
+    // Only draws that draw something read memory.
+    uint32_t range = 0, lowest = UINT32_MAX;
+    for (uint32_t i = 0; i < draws; ++i) {
+        if (counts[i] <= 0) continue;
+        range = std::max(range, static_cast<uint32_t>(firsts[i]) + static_cast<uint32_t>(counts[i]));
+        lowest = std::min(lowest, static_cast<uint32_t>(firsts[i]));
+    }
+    if (range == 0) return false;
     CEs2ContextState *state = egl::currentEs2State();
     if (!state) return false;
-    uint32_t range = 0;
-    for (uint32_t i = 0; i < draws; ++i)
-        range = std::max(range, static_cast<uint32_t>(firsts[i]) + static_cast<uint32_t>(counts[i]));
     platform::LockGuard<StateLock> guard(stateLock());
-    return captureAttributes(h, *state, range, instances);
+    return captureAttributes(h, *state, range, instances, lowest);
 }
 
 bool captureElements(RecordHandle &h, CallCtx &c, const GLsizei *counts, GLenum type,
@@ -237,6 +304,12 @@ bool captureElements(RecordHandle &h, CallCtx &c, const GLsizei *counts, GLenum 
     }
     uint32_t maximum = knownMaximum;
     bool scan = knownMaximum == 0 && clientArrays;
+    // With primitive restart on, the all-ones index of the type ends a primitive and names no vertex.
+    uint32_t restart = 0;
+    auto restartCap = state->capabilities.find(GL_PRIMITIVE_RESTART_FIXED_INDEX);
+    if (restartCap != state->capabilities.end() && restartCap->second && width)
+        restart = width == 4 ? 0xFFFFFFFFu : (1u << (8 * width)) - 1;
+    bool drawsSomething = false;
     for (uint32_t d = 0; d < draws; ++d) {
         uint64_t count = counts && counts[d] > 0 ? static_cast<uint64_t>(counts[d]) : 0;
         const void *given = indices ? indices[d] : nullptr;
@@ -263,7 +336,13 @@ bool captureElements(RecordHandle &h, CallCtx &c, const GLsizei *counts, GLenum 
             return false;
         }
         uint32_t indexBytes = contents ? 0 : static_cast<uint32_t>(count * width);
-        if (indexBytes && !readable(data, indexBytes)) {
+        bool copied = false;
+        if (indexBytes && indexBytes <= kCopiedBlock) {
+            auto *copy = static_cast<uint8_t *>(h.scratch(indexBytes));
+            copied = platform::guardedCopy(copy, data, indexBytes) == indexBytes;
+            if (copied) data = copy;
+        }
+        if (indexBytes && !copied && !readable(data, indexBytes)) {
             // Indices that cannot be read are recorded as none, and the capture stops here.
             reportCrash();
             h.ptr(given);
@@ -273,12 +352,21 @@ bool captureElements(RecordHandle &h, CallCtx &c, const GLsizei *counts, GLenum 
         }
         h.ptr(given);
         h.u32(indexBytes);
-        h.addBlock(indexBytes, data, true);
+        if (copied)
+            h.addOwnBlock(indexBytes, data, true);
+        else
+            h.addBlock(indexBytes, data, true);
         h.ptr(given);
+        if (count > 0) drawsSomething = true;
         if (scan && available) {
             uint32_t m = 0;
-            bool ok = contents ? (m = maxIndexUnchecked(type, data, available), true)
-                               : maxIndex(type, data, static_cast<uint32_t>(available), &m);
+            // Indices already copied (or the recorder's copy of a buffer) need no guard.
+            bool ok = contents || copied ? (m = maxIndexUnchecked(type, data, available), true)
+                                         : maxIndex(type, data, static_cast<uint32_t>(available), &m);
+            if (ok && restart && m == restart)
+                ok = contents || copied
+                         ? (m = maxIndexBelow(type, data, available, restart), true)
+                         : maxIndexBelowGuarded(type, data, static_cast<uint32_t>(available), restart, &m);
             if (!ok) {
                 reportCrash();
                 return false;
@@ -288,7 +376,7 @@ bool captureElements(RecordHandle &h, CallCtx &c, const GLsizei *counts, GLenum 
         }
     }
     if (draws > 1) h.u64(draws);
-    return !clientArrays || captureAttributes(h, *state, maximum + 1, instances);
+    return !clientArrays || !drawsSomething || captureAttributes(h, *state, maximum + 1, instances, 0);
 }
 
 } // namespace kv::arrays
@@ -306,8 +394,9 @@ void glDrawArrays_tail(RecordHandle &h, CallCtx &c, GLenum, GLint first, GLsizei
 
 void glDrawArraysInstanced_tail(RecordHandle &h, CallCtx &c, GLenum, GLint first, GLsizei count,
                                 GLsizei instances) {
-    if (c.d.recordData)
-        captureArrays(h, c, &first, &count, 1, instances > 0 ? static_cast<uint32_t>(instances) : 0);
+    // An instance count of 0 draws nothing (and is no non-instanced draw).
+    if (c.d.recordData && instances > 0)
+        captureArrays(h, c, &first, &count, 1, static_cast<uint32_t>(instances));
 }
 
 void glDrawElements_tail(RecordHandle &h, CallCtx &c, GLenum, GLsizei count, GLenum type,
@@ -323,9 +412,8 @@ void glDrawRangeElements_tail(RecordHandle &h, CallCtx &c, GLenum, GLuint, GLuin
 
 void glDrawElementsInstanced_tail(RecordHandle &h, CallCtx &c, GLenum, GLsizei count, GLenum type,
                                   const void *indices, GLsizei instances) {
-    if (c.d.recordData)
-        captureElements(h, c, &count, type, &indices, 1, instances > 0 ? static_cast<uint32_t>(instances) : 0,
-                        0, nullptr);
+    if (c.d.recordData && instances > 0)
+        captureElements(h, c, &count, type, &indices, 1, static_cast<uint32_t>(instances), 0, nullptr);
 }
 
 void glDrawElementsBaseVertex_tail(RecordHandle &h, CallCtx &c, GLenum, GLsizei count, GLenum type,
@@ -341,9 +429,8 @@ void glDrawRangeElementsBaseVertex_tail(RecordHandle &h, CallCtx &c, GLenum, GLu
 
 void glDrawElementsInstancedBaseVertex_tail(RecordHandle &h, CallCtx &c, GLenum, GLsizei count, GLenum type,
                                             const void *indices, GLsizei instances, GLint basevertex) {
-    if (c.d.recordData)
-        captureElements(h, c, &count, type, &indices, 1, instances > 0 ? static_cast<uint32_t>(instances) : 0,
-                        0, &basevertex);
+    if (c.d.recordData && instances > 0)
+        captureElements(h, c, &count, type, &indices, 1, static_cast<uint32_t>(instances), 0, &basevertex);
 }
 
 } // namespace kv::capture

@@ -21,6 +21,10 @@ bool maxIndex(GLenum type, const void *indices, uint32_t count, uint32_t *maximu
 // The same over memory known to be readable (the scan itself).
 uint32_t maxIndexUnchecked(GLenum type, const void *indices, size_t count);
 uint32_t maxIndexPlain(GLenum type, const void *indices, size_t count);
+// The largest index other than `excluded` (the primitive-restart index).
+uint32_t maxIndexBelow(GLenum type, const void *indices, size_t count, uint32_t excluded);
+bool maxIndexBelowGuarded(GLenum type, const void *indices, uint32_t count, uint32_t excluded,
+                          uint32_t *maximum);
 
 // Array draws. `firsts` and `counts` hold one entry per draw.
 bool captureArrays(RecordHandle &h, CallCtx &c, const GLint *firsts, const GLsizei *counts, uint32_t draws,
@@ -32,6 +36,9 @@ bool captureElements(RecordHandle &h, CallCtx &c, const GLsizei *counts, GLenum 
 
 // The attributes of a vertex array object for a vertex range (shared by both draw kinds); `state`
 // is locked by the caller.
-bool captureAttributes(RecordHandle &h, CEs2ContextState &state, uint32_t vertexRange, uint32_t instances);
+// Vertices below `neededFrom` are outside what the driver reads: memory there that cannot be read
+// is recorded as zeros.
+bool captureAttributes(RecordHandle &h, CEs2ContextState &state, uint32_t vertexRange, uint32_t instances,
+                       uint32_t neededFrom);
 
 } // namespace kv::arrays

@@ -187,6 +187,11 @@ int printInfo(const std::string &path, const InfoOptions &options, std::FILE *ou
                      bytes(t.compressedStored).c_str(), ratio);
     }
     std::fprintf(out, "End:           %s\n", reader::endingText(r->ending()));
+    if (r->tailBytes() > 0)
+        std::fprintf(
+            out,
+            "Tail:          %llu bytes follow the last complete record%s ('kalvoren repair' cuts them)\n",
+            ull(r->tailBytes()), r->ending() == reader::Ending::EndMarker ? " and the end marker" : "");
     const std::string ending = reader::endingText(r->ending());
     for (const std::string &note : r->notes())
         if (note.compare(0, ending.size(), ending) != 0)

@@ -103,6 +103,7 @@ const char kUsage[] =
     "Commands:\n"
     "  info TRACE       what a trace holds: its header, records, calls, frames, threads and data\n"
     "  dump TRACE       every record, one line each (or JSON lines with --json)\n"
+    "  repair TRACE     cut a trace whose recording process died to its last complete record\n"
     "  record -- PROGRAM [ARGS...]\n"
     "                   run a program with Kalvoren in place of its EGL and OpenGL ES drivers\n"
     "  help [COMMAND]   how to use a command\n"
@@ -115,6 +116,7 @@ int help(const std::string &command) {
     if (command == "dump") return dumpCommand({"--help"});
     if (command == "info") return infoCommand({"--help"});
     if (command == "record") return recordCommand({"--help"});
+    if (command == "repair") return repairCommand({"--help"});
     std::fputs(kUsage, stdout);
     return command.empty() ? kExitOk : kExitUsage;
 }
@@ -132,6 +134,7 @@ int main(int argc, char **argv) {
     if (command == "dump") return dumpCommand(args);
     if (command == "info") return infoCommand(args);
     if (command == "record") return recordCommand(args);
+    if (command == "repair") return repairCommand(args);
     if (command == "help" || command == "--help" || command == "-h") return help(args.empty() ? "" : args[0]);
     if (command == "--version" || command == "version") {
         std::printf("kalvoren %s\n", KV_VERSION_TEXT);

@@ -33,6 +33,10 @@ constexpr uint32_t kReservedBytes = 32;
 constexpr uint32_t kFrameHeaderSize = 6;
 constexpr uint16_t kThreadMarkerId = 1;
 constexpr uint16_t kSnapshotMarkerId = 2;
+// The length a record carries while it is being written, replaced by its real length once its
+// last byte is in place: a record that still says this was never finished (its process died),
+// and no finished record can say it (a record's length is at most 0xFFFFFFFD).
+constexpr uint32_t kUnfinishedLength = 0xFFFFFFFFu;
 
 // The end marker: 0x13 0x10 and a u64 zero; not framed like a record.
 constexpr uint8_t kEndMarker[10] = {0x13, 0x10, 0, 0, 0, 0, 0, 0, 0, 0};

@@ -85,6 +85,9 @@ bool shouldRecord(Settings &s) {
 
 void frameEnded(Settings &s) {
     s.currentFrame.fetch_add(1, std::memory_order_relaxed);
+    // An application may install its own signal handlers at any time; the ones that keep the trace
+    // exact are put back in front of them (chained to them) while a trace is written.
+    if (s.traceFile) platform::refreshEndingHandlers();
     s.swapSeen = true;
 }
 

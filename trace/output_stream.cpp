@@ -35,16 +35,29 @@ bool copyClient(const void *bytes, size_t n, uint8_t *staging, size_t stagingSiz
 
 class BufferedStream final : public OutputStream {
 public:
-    explicit BufferedStream(std::FILE *file) : file_(file) {}
+    explicit BufferedStream(std::FILE *file) : file_(file), limit_(platform::fileSizeLimit()) {}
     ~BufferedStream() override { close(); }
 
     bool write(const void *bytes, size_t n) override {
         if (!file_) return false;
         if (n == 0) return true;
+        // Beyond the file-size limit the system would end the process with a signal.
+        if (KV_UNLIKELY(limit_ != UINT64_MAX) && tell() + n > limit_) {
+            failure_ = StreamFailure::SizeLimit;
+            return false;
+        }
         if (std::fwrite(bytes, n, 1, file_) == 1) return true;
         std::clearerr(file_);
+        failedWrite_ = true;
         return false;
     }
+
+    bool patch(uint64_t position, const void *bytes, size_t n) override {
+        uint64_t here = tell();
+        bool ok = seek(position) && write(bytes, n);
+        return seek(here) && ok;
+    }
+    StreamFailure failure() const override { return failure_; }
 
     bool writeClient(const void *bytes, size_t n, size_t *readable) override {
         return copyClient(bytes, n, staging_, sizeof(staging_), readable,
@@ -66,16 +79,27 @@ public:
         if (!file_) return false;
         if (std::fflush(file_) == 0) return true;
         std::clearerr(file_);
+        failedWrite_ = true;
         return false;
     }
+    void commit() override { committed_ = tell(); }
+    // A record that failed half-way (a full disk) leaves bytes behind it: only whole records stay.
     void close() override {
-        if (file_) std::fclose(file_);
+        if (!file_) return;
+        if ((failedWrite_ || failure_ != StreamFailure::None) && tell() >= committed_)
+            platform::fileTruncate(file_, committed_);
+        std::fclose(file_);
         file_ = nullptr;
     }
     bool isOpen() const override { return file_ != nullptr; }
 
 private:
     std::FILE *file_;
+    uint64_t committed_ = 0;
+    // A device or a pipe may take bytes again after a failure; only the size limit is for good.
+    bool failedWrite_ = false;
+    uint64_t limit_;
+    StreamFailure failure_ = StreamFailure::None;
     uint8_t staging_[64 * 1024];
 };
 
@@ -83,30 +107,60 @@ class MappedStream final : public OutputStream {
 public:
     ~MappedStream() override { close(); }
 
-    bool open(const char *path) { return file_.create(path, kFirstChunk); }
+    platform::MappedFile::Open open(const char *path) { return file_.create(path); }
 
     bool write(const void *bytes, size_t n) override {
-        if (!ensure(n)) return false;
-        std::memcpy(file_.data() + pos_, bytes, n);
+        if (uint8_t *dst = file_.fastSpan(pos_, n)) {
+            std::memcpy(dst, bytes, n);
+        } else if (!copyAt(pos_, bytes, n)) {
+            return false;
+        }
         advance(n);
         return true;
     }
 
     bool writeClient(const void *bytes, size_t n, size_t *readable) override {
         *readable = 0;
-        if (!ensure(n)) return false;
-        uint8_t *dst = file_.data() + pos_;
-        size_t got = platform::guardedCopy(dst, bytes, n);
-        if (got < n) std::memset(dst + got, 0, n - got);
-        advance(n);
-        *readable = got;
+        const uint8_t *src = static_cast<const uint8_t *>(bytes);
+        bool faulted = false;
+        for (size_t done = 0; done < n;) {
+            size_t available = 0;
+            uint8_t *dst = file_.span(pos_, &available);
+            if (!dst) return false;
+            size_t piece = std::min(available, n - done);
+            size_t got = faulted ? 0 : platform::guardedCopy(dst, src + done, piece);
+            if (got < piece) {
+                faulted = true;
+                std::memset(dst + got, 0, piece - got);
+            }
+            *readable += got;
+            advance(piece);
+            done += piece;
+        }
         return true;
+    }
+
+    bool patch(uint64_t position, const void *bytes, size_t n) override {
+        if (position + n > end_) return false;
+        if (uint8_t *dst = file_.fastSpan(position, n)) {
+            std::memcpy(dst, bytes, n);
+            return true;
+        }
+        return copyAt(position, bytes, n);
     }
 
     uint64_t tell() override { return pos_; }
     bool read(uint64_t position, void *out, size_t n) override {
         if (position + n > end_) return false;
-        std::memcpy(out, file_.data() + position, n);
+        uint8_t *to = static_cast<uint8_t *>(out);
+        for (size_t done = 0; done < n;) {
+            size_t available = 0;
+            const uint8_t *from = file_.span(position + done, &available);
+            if (!from) return false;
+            size_t piece = std::min(available, n - done);
+            std::memcpy(to + done, from, piece);
+            done += piece;
+        }
         return true;
     }
     bool seek(uint64_t position) override {
@@ -115,32 +169,44 @@ public:
         return true;
     }
     // The mapping is shared with the file: what is written is already the kernel's to keep.
-    bool flush() override { return file_.isOpen(); }
+    bool flush() override { return file_.isOpen() && file_.failure() == platform::MappedFile::Failure::None; }
+    void commit() override { file_.commit(end_); }
+    void abandon(uint64_t position) override {
+        if (position > end_) return;
+        pos_ = end_ = position;
+    }
+    bool writesLengthLast() const override { return true; }
+    StreamFailure failure() const override {
+        switch (file_.failure()) {
+        case platform::MappedFile::Failure::None:
+            return StreamFailure::None;
+        case platform::MappedFile::Failure::DiskFull:
+            return StreamFailure::DiskFull;
+        case platform::MappedFile::Failure::SizeLimit:
+            return StreamFailure::SizeLimit;
+        case platform::MappedFile::Failure::CutShort:
+            return StreamFailure::CutShort;
+        case platform::MappedFile::Failure::Other:
+            break;
+        }
+        return StreamFailure::Other;
+    }
+    // Only whole records stay: a record still being written when the trace is closed is not one.
     void close() override {
-        if (file_.isOpen()) file_.close(end_);
+        if (file_.isOpen()) file_.close(file_.committed());
     }
     bool isOpen() const override { return file_.isOpen(); }
 
 private:
-    static constexpr uint64_t kFirstChunk = 4ull << 20;
-    static constexpr uint64_t kLargestStep = 256ull << 20;
-    static constexpr uint64_t kPrefaultBatch = 1ull << 20;
-
-    bool ensure(size_t n) {
-        if (!file_.isOpen()) return false;
-        uint64_t need = pos_ + n;
-        if (KV_UNLIKELY(need > file_.capacity())) {
-            uint64_t capacity = file_.capacity();
-            while (capacity < need)
-                capacity += std::min(capacity, kLargestStep);
-            if (!file_.reserve(capacity)) return false;
-        }
-        // Pages are mapped in ahead of the writes, a batch at a time.
-        if (KV_UNLIKELY(need > prefaulted_)) {
-            prefaulted_ = std::max(prefaulted_, pos_ & ~uint64_t(4095));
-            uint64_t batch = std::max<uint64_t>(kPrefaultBatch, need - prefaulted_);
-            file_.prefault(prefaulted_, batch);
-            prefaulted_ += batch;
+    bool copyAt(uint64_t position, const void *bytes, size_t n) {
+        const uint8_t *src = static_cast<const uint8_t *>(bytes);
+        for (size_t done = 0; done < n;) {
+            size_t available = 0;
+            uint8_t *dst = file_.span(position + done, &available);
+            if (!dst) return false;
+            size_t piece = std::min(available, n - done);
+            std::memcpy(dst, src + done, piece);
+            done += piece;
         }
         return true;
     }
@@ -152,17 +218,25 @@ private:
     platform::MappedFile file_;
     uint64_t pos_ = 0;
     uint64_t end_ = 0;
-    uint64_t prefaulted_ = 0;
 };
 
 } // namespace
 
-std::unique_ptr<OutputStream> openOutputStream(const char *path, StreamKind kind) {
+std::unique_ptr<OutputStream> openOutputStream(const char *path, StreamKind kind, bool *inUse) {
+    *inUse = false;
     if (kind == StreamKind::Mapped) {
         auto mapped = std::make_unique<MappedStream>();
-        if (mapped->open(path)) return mapped;
+        switch (mapped->open(path)) {
+        case platform::MappedFile::Open::Ok:
+            return mapped;
+        case platform::MappedFile::Open::InUse:
+            *inUse = true;
+            return nullptr;
+        case platform::MappedFile::Open::Failed:
+            break;
+        }
     }
-    std::FILE *file = std::fopen(path, "wb+");
+    std::FILE *file = platform::openExclusive(path, inUse);
     if (!file) return nullptr;
     return std::make_unique<BufferedStream>(file);
 }

@@ -13,6 +13,9 @@
 
 namespace kv {
 
+// Why writing stopped.
+enum class StreamFailure { None, DiskFull, SizeLimit, CutShort, Other };
+
 class OutputStream {
 public:
     virtual ~OutputStream() = default;
@@ -22,20 +25,31 @@ public:
     // written as zeros so that the record keeps its length. Stores the number of readable bytes in
     // `readable`; returns false when the write itself failed.
     virtual bool writeClient(const void *bytes, size_t n, size_t *readable) = 0;
+    // Overwrites n bytes written earlier at `position`; the write position is kept.
+    virtual bool patch(uint64_t position, const void *bytes, size_t n) = 0;
     virtual uint64_t tell() = 0;
     // Reads back n bytes written earlier at `position`; the write position is kept.
     virtual bool read(uint64_t position, void *out, size_t n) = 0;
     virtual bool seek(uint64_t position) = 0;
     // Makes everything written so far survive the process.
     virtual bool flush() = 0;
+    // Everything written so far is whole records: an ending of the process keeps exactly that.
+    virtual void commit() {}
+    // Forgets what was written from `position` on (a record that could not be written whole).
+    virtual void abandon(uint64_t position) { seek(position); }
+    // True when a record's length is best written last (kUnfinishedLength until then): the
+    // mapped stream, whose bytes reach the file as they are written.
+    virtual bool writesLengthLast() const { return false; }
+    virtual StreamFailure failure() const { return StreamFailure::None; }
     virtual void close() = 0;
     virtual bool isOpen() const = 0;
 };
 
 enum class StreamKind { Buffered, Mapped };
 
-// Opens (truncating) a trace file. Mapped falls back to Buffered where the file cannot be mapped
-// (a pipe, a device). Returns null when the file cannot be opened.
-std::unique_ptr<OutputStream> openOutputStream(const char *path, StreamKind kind);
+// Opens (truncating) a trace file for this process alone. Mapped falls back to Buffered where the
+// file cannot be mapped (a pipe, a device). Returns null when the file cannot be opened; `inUse`
+// is then set when another recording process holds it.
+std::unique_ptr<OutputStream> openOutputStream(const char *path, StreamKind kind, bool *inUse);
 
 } // namespace kv

@@ -6,6 +6,7 @@
 #include <zlib.h>
 
 #include <algorithm>
+#include <sys/stat.h>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -122,6 +123,13 @@ constexpr size_t kChunk = 64 * 1024;
 } // namespace
 
 std::unique_ptr<Source> openFileSource(const std::string &path, std::string *error) {
+    // Opening a FIFO for reading would wait for a writer: anything but a regular file is refused
+    // before it is opened.
+    struct stat st;
+    if (stat(path.c_str(), &st) == 0 && !S_ISREG(st.st_mode)) {
+        if (error) *error = "is not a file";
+        return nullptr;
+    }
     std::FILE *file = std::fopen(path.c_str(), "rb");
     if (!file) {
         if (error) *error = std::string("cannot be opened (") + std::strerror(errno) + ")";
@@ -180,6 +188,8 @@ const char *endingText(Ending ending) {
         return "not closed: the file ends after its last record without an end marker";
     case Ending::Truncated:
         return "truncated: the last record is cut short";
+    case Ending::Unfinished:
+        return "not closed: the recording process died while it wrote the last record";
     case Ending::GaveUp:
         return "abandoned: too many unreadable records in a row";
     }
@@ -674,6 +684,14 @@ uint64_t Reader::position() const {
 Ending Reader::ending() const {
     return impl_->ending;
 }
+uint64_t Reader::tailBytes() const {
+    const Impl &m = *impl_;
+    uint64_t keep = m.endOffset;
+    if (m.ending == Ending::EndMarker) keep += sizeof(format::kEndMarker);
+    if (m.ending == Ending::NotYet || m.ending == Ending::GaveUp || keep > m.size) return 0;
+    return m.size - keep;
+}
+
 uint64_t Reader::endOffset() const {
     return impl_->endOffset;
 }
@@ -789,6 +807,11 @@ bool Reader::next(Entry &e) {
                   textf("record %llu at offset %llu: ", ull(e.index), ull(e.offset)) + e.problem);
         if (++m.badInARow >= kGiveUpAfter) m.giveUp = true;
         return true;
+    }
+    if (length == format::kUnfinishedLength) {
+        m.notes.push_back(endingText(Ending::Unfinished));
+        m.finish(Ending::Unfinished, m.pos);
+        return false;
     }
     if (length > left - format::kFrameHeaderSize) {
         const api::FuncDesc *d = api::describe(id);

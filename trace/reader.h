@@ -118,11 +118,12 @@ struct Problem {
 // How the walk ended.
 enum class Ending : uint8_t {
     NotYet,
-    EndMarker, // the recorder closed the trace
-    ZeroTail,  // only zero bytes follow the last record: the recording process died first
-    EndOfFile, // the file ends after a whole record without an end marker
-    Truncated, // the last record is cut short
-    GaveUp,    // too many unreadable records in a row
+    EndMarker,  // the recorder closed the trace
+    ZeroTail,   // only zero bytes follow the last record: the recording process died first
+    EndOfFile,  // the file ends after a whole record without an end marker
+    Truncated,  // the last record is cut short
+    Unfinished, // the last record was still being written when the recording process died
+    GaveUp,     // too many unreadable records in a row
 };
 
 class Reader {
@@ -146,6 +147,9 @@ public:
 
     Ending ending() const;
     uint64_t endOffset() const;
+    // Bytes after the last complete record (and after the end marker, when there is one): what
+    // a repair cuts away.
+    uint64_t tailBytes() const;
     // Problems found so far (the first ones are kept with their text; all are counted).
     const std::vector<Problem> &problems() const;
     uint64_t problemCount() const;

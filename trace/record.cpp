@@ -54,7 +54,9 @@ void *RecordScratch::allocate(size_t bytes) {
     }
     size_t size = bytes > (256u << 10) ? bytes : (256u << 10);
     auto *data = static_cast<uint8_t *>(std::malloc(size));
-    if (!data) std::abort();
+    // The record that needs it is dropped whole (the call wrapper catches this); the application
+    // goes on.
+    if (!data) throw std::bad_alloc();
     chunks_.push_back(Chunk{data, size, bytes});
     current_ = chunks_.size() - 1;
     return data;

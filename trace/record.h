@@ -15,6 +15,7 @@ struct SDataBlock {
     uint32_t size;     // 0 when the pointer is null
     const void *data;
     bool compressible;
+    bool owned; // the library's own memory (a gathered copy): read without a guard
 };
 
 // Scratch memory that lives until the record is finished (gathered vertex data, copies of values
@@ -72,10 +73,11 @@ public:
     // Registers client memory to be stored at the current position. Size 0 or a null pointer
     // registers nothing (the size written before the block keeps the caller's count).
     void addBlock(uint32_t size, const void *data, bool compressible) {
-        // A null pointer's block holds nothing, compressed or not: nothing is registered.
-        if (size == 0 || !data) return;
-        r_->blocks.push_back(SDataBlock{r_->logicalSize, size, data, compressible});
-        r_->logicalSize += size;
+        add(size, data, compressible, false);
+    }
+    // A block of the library's own memory (scratch copies), which needs no guard when it is written.
+    void addOwnBlock(uint32_t size, const void *data, bool compressible) {
+        add(size, data, compressible, true);
     }
 
     // The text's pointer (8), its length (4) and a block of the text without its terminator.
@@ -91,6 +93,13 @@ public:
     void *scratch(size_t bytes) { return r_->scratch.allocate(bytes); }
 
 private:
+    void add(uint32_t size, const void *data, bool compressible, bool owned) {
+        // A null pointer's block holds nothing, compressed or not: nothing is registered.
+        if (size == 0 || !data) return;
+        r_->blocks.push_back(SDataBlock{r_->logicalSize, size, data, compressible, owned});
+        r_->logicalSize += size;
+    }
+
     CallRecord *r_ = nullptr;
 };
 

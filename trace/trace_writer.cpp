@@ -34,6 +34,8 @@ uint8_t *g_deflateOut = nullptr;
 uint8_t *g_deflateIn = nullptr;
 
 uint32_t g_writeFailures = 0;
+// A write of the record being finished failed: the record is abandoned whole.
+bool g_writeFailed = false;
 
 void reportWriteFailure(size_t bytes) {
     // A full disk fails every record; say so a few times, then once that we stop saying it.
@@ -84,7 +86,13 @@ uint32_t writeCompressed(Settings &s, const SDataBlock &block) {
         } while (zs.avail_out == 0 || (flush == Z_FINISH && rc == Z_OK));
         return rc;
     };
-    for (uint32_t done = 0; done < block.size;) {
+    if (block.owned) {
+        zs.next_in = const_cast<Bytef *>(src);
+        zs.avail_in = block.size;
+        while (zs.avail_in > 0)
+            drain(Z_NO_FLUSH);
+    }
+    for (uint32_t done = block.owned ? block.size : 0; done < block.size;) {
         uint32_t piece = static_cast<uint32_t>(std::min<size_t>(kDeflateIn, block.size - done));
         size_t got = faulted ? 0 : platform::guardedCopy(g_deflateIn, src + done, piece);
         if (got < piece) {
@@ -115,8 +123,13 @@ uint32_t writeRaw(Settings &s, const SDataBlock &block) {
     }
     OutputStream *out = s.traceFile;
     if (!out || !s.recordingEnabled) return block.size;
+    if (block.owned) {
+        write(s, block.data, block.size, 1);
+        return block.size;
+    }
     size_t got = 0;
     if (!out->writeClient(block.data, block.size, &got)) {
+        g_writeFailed = true;
         reportWriteFailure(block.size);
         return block.size;
     }
@@ -156,6 +169,7 @@ bool write(Settings &s, const void *bytes, size_t size, size_t count) {
         s.bytesWritten += size * count;
         return true;
     }
+    g_writeFailed = true;
     reportWriteFailure(size * count);
     return false;
 }
@@ -192,6 +206,43 @@ RecordHandle begin(uint16_t id) {
     return h;
 }
 
+namespace {
+
+// Ends the recording after a failure that more writes cannot mend: the file keeps its whole
+// records and the application runs on unrecorded.
+void stopRecording(Settings &s, const char *why) {
+    msg::error("%s; recording stops here and the application runs on. The trace keeps the records "
+               "written before.",
+               why);
+    s.recordingEnabled = false;
+    close(s);
+}
+
+// Called when a record could not be written: says why where a message of its own fits, and stops
+// where going on cannot help.
+void onStreamFailure(Settings &s) {
+    switch (s.traceFile ? s.traceFile->failure() : StreamFailure::None) {
+    case StreamFailure::SizeLimit:
+        stopRecording(s, "The trace reached the file-size limit");
+        break;
+    case StreamFailure::CutShort:
+        stopRecording(s, "The trace file was cut short by another program while it was written");
+        break;
+    default:
+        // A full disk or a failed write: reported with each failed write (a few times); later
+        // records fail at once without touching the disk.
+        break;
+    }
+}
+
+} // namespace
+
+void abandon(RecordHandle handle) {
+    if (!handle) return;
+    handle.record()->inRecord = false;
+    g_recordLock->unlock();
+}
+
 void finish(RecordHandle handle, uint64_t *lengthPosition) {
     // A null handle comes from a nested begin, which took the lock without a record; it is not
     // released here, so the thread's hold on the lock stays raised for the outer record.
@@ -205,7 +256,18 @@ void finish(RecordHandle handle, uint64_t *lengthPosition) {
         return;
     }
     Settings &s = *open;
+    OutputStream *out = s.traceFile;
+    if (KV_UNLIKELY(out && out->failure() != StreamFailure::None)) {
+        // The stream cannot take more (a full disk): the record fails at once, as cheaply as that.
+        reportWriteFailure(r.logicalSize + 4);
+        r.inRecord = false;
+        g_recordLock->unlock();
+        return;
+    }
     const uint64_t writtenBefore = s.bytesWritten;
+    const uint64_t threadBefore = s.lastThread;
+    const uint64_t recordStart = tell(s);
+    g_writeFailed = false;
     uint8_t *bytes = r.inlineBytes.data();
 
     // The thread marker, when the thread changed, goes out with the record's first bytes.
@@ -219,17 +281,13 @@ void finish(RecordHandle handle, uint64_t *lengthPosition) {
         std::memcpy(bytes + 6, &thread, 8);
         from = 0;
     }
-    putU32(bytes + kMarkerBytes, r.logicalSize - 2);
+    // Where the bytes reach the file as they are written, the length goes in last: a record cut
+    // short by the death of its process still says it is unfinished.
+    const bool lengthLast = out && out->writesLengthLast();
+    putU32(bytes + kMarkerBytes, lengthLast ? format::kUnfinishedLength : r.logicalSize - 2);
 
-    bool compressing = false;
-    if (s.useCompression)
-        for (const SDataBlock &block : r.blocks)
-            compressing |= block.compressible;
-    uint64_t lengthAt = 0;
-    if (lengthPosition || compressing) {
-        lengthAt = tell(s) + (kMarkerBytes - from);
-        if (lengthPosition) *lengthPosition = lengthAt;
-    }
+    const uint64_t lengthAt = recordStart + (kMarkerBytes - from);
+    if (lengthPosition) *lengthPosition = lengthAt;
 
     // Inline bytes up to each block's place, then the block; the inline index of a logical offset
     // is the offset less the block bytes before it, after the prefix.
@@ -248,21 +306,26 @@ void finish(RecordHandle handle, uint64_t *lengthPosition) {
     if (end > inlinePos) write(s, bytes + inlinePos, end - inlinePos, 1);
 
     uint64_t storedTotal = (end - kPrefixBytes) + storedBlocks;
-    if (storedTotal != r.logicalSize) {
-        uint64_t here = tell(s);
+    if (!g_writeFailed && (lengthLast || storedTotal != r.logicalSize)) {
         uint8_t length[4];
         putU32(length, static_cast<uint32_t>(storedTotal - 2));
-        if (seek(s, lengthAt)) {
-            write(s, length, 4, 1);
-            seek(s, here);
-        }
+        if (s.traceFile && !s.traceFile->patch(lengthAt, length, 4)) g_writeFailed = true;
     }
 
     r.inRecord = false;
-    if (s.traceFile && !s.traceFile->flush()) {
+    if (s.traceFile && !g_writeFailed && !s.traceFile->flush()) {
         // The record's bytes were only buffered: it is the record that could not be written.
         reportWriteFailure(s.bytesWritten - writtenBefore);
+        g_writeFailed = true;
+    }
+    if (KV_UNLIKELY(g_writeFailed)) {
+        // A record is in the file whole or not at all.
+        if (s.traceFile) s.traceFile->abandon(recordStart);
         s.bytesWritten = writtenBefore;
+        s.lastThread = threadBefore;
+        onStreamFailure(s);
+    } else if (s.traceFile) {
+        s.traceFile->commit();
     }
     g_recordLock->unlock();
 }
@@ -319,8 +382,32 @@ bool writeHeader(Settings &s) {
     uint8_t zeros[format::kReservedBytes + 8] = {};
     put(zeros, sizeof(zeros));
     bool ok = write(s, buf, n, 1);
-    if (s.traceFile) s.traceFile->flush();
+    if (s.traceFile) {
+        s.traceFile->flush();
+        if (ok) s.traceFile->commit();
+    }
     return ok;
+}
+
+// "app.kalvoren" becomes "app-<pid>.kalvoren" (then "app-<pid>-2.kalvoren" and so on).
+CZandString distinctName(const CZandString &name, int attempt) {
+    std::string text = name.str();
+    std::string suffix = "-" + std::to_string(platform::processId());
+    if (attempt > 0) {
+        // Strip what the previous attempt added.
+        size_t dash = text.rfind(suffix);
+        if (dash != std::string::npos) {
+            size_t stop = text.find('.', dash);
+            text.erase(dash, (stop == std::string::npos ? text.size() : stop) - dash);
+        }
+        suffix += "-" + std::to_string(attempt + 1);
+    }
+    size_t slash = text.find_last_of("/\\");
+    size_t dot = text.rfind('.');
+    if (dot == std::string::npos || (slash != std::string::npos && dot < slash) || dot == 0)
+        dot = text.size();
+    text.insert(dot, suffix);
+    return CZandString(text);
 }
 
 bool openForRecording(Settings &s) {
@@ -344,7 +431,17 @@ bool openForRecording(Settings &s) {
         std::fclose(probe);
         msg::info("'%s' already exists so will be overwritten.", path);
     }
-    g_stream = openOutputStream(path, streamKind()).release();
+    bool inUse = false;
+    g_stream = openOutputStream(path, streamKind(), &inUse).release();
+    // Two recorders never share a file: this one takes a name of its own beside the other's.
+    for (int attempt = 0; !g_stream && inUse && attempt < 100; ++attempt) {
+        CZandString taken = s.outputFilename;
+        s.outputFilename = distinctName(taken, attempt);
+        msg::warning("'%s' is being written by another recording process; this process records to '%s' "
+                     "instead.",
+                     taken.c_str(), s.outputFilename.c_str());
+        g_stream = openOutputStream(s.outputFilename.c_str(), streamKind(), &inUse).release();
+    }
     if (!g_stream) return false;
     s.traceFile = g_stream;
     s.bytesWritten = 0;
@@ -357,8 +454,10 @@ bool openForRecording(Settings &s) {
 
 void writeEndMarker(Settings &s) {
     platform::LockGuard<platform::RecursiveLock> guard(*g_recordLock);
-    write(s, format::kEndMarker, sizeof(format::kEndMarker), 1);
-    if (s.traceFile) s.traceFile->flush();
+    if (write(s, format::kEndMarker, sizeof(format::kEndMarker), 1) && s.traceFile) {
+        s.traceFile->flush();
+        s.traceFile->commit();
+    }
 }
 
 void close(Settings &s) {

@@ -2,6 +2,7 @@
 // and compressed blocks, snapshot and end markers. Every byte of the file passes through write().
 #pragma once
 
+#include "base/zand_string.h"
 #include "platform/platform.h"
 #include "trace/output_stream.h"
 #include "trace/record.h"
@@ -24,6 +25,12 @@ RecordHandle begin(uint16_t id);
 // Frames the record, writes it with its blocks and releases the lock. A null handle does nothing.
 // `lengthPosition`, when given, receives the file position of the record's length field.
 void finish(RecordHandle handle, uint64_t *lengthPosition = nullptr);
+// Drops a record that cannot be finished (an exception while it was made) and releases the lock
+// as finish() would. A null handle does nothing.
+void abandon(RecordHandle handle);
+
+// A name beside `name` for a process that finds `name` taken by another recorder.
+CZandString distinctName(const CZandString &name, int attempt);
 
 // Opens the configured trace file (closing one that is open) and, unless network control will
 // write it later, the header. Prints the file's messages; returns whether the file is open.

@@ -13,6 +13,8 @@
 
 #include <gtest/gtest.h>
 
+#include <thread>
+
 #include <cstring>
 #include <map>
 #include <set>
@@ -419,6 +421,77 @@ TEST_F(ClientArrays, UnreadableArraysAreReportedAndTheProcessLives) {
     auto indexed = drawnAttributes(workPath("trace.kalvoren"), kv::fn::glDrawElements::id, nullptr);
     ASSERT_EQ(1u, indexed.size());
     EXPECT_TRUE(indexed[0].empty());
+}
+
+// Instancing is decided per attribute: a strided attribute without a divisor at a low address is
+// an offset without a buffer in an instanced draw too, reported and skipped.
+TEST_F(ClientArrays, ALowAddressIsReportedInAnInstancedDrawToo) {
+    useConfig(recording());
+    KVTH_EXPECT_CHILD_PASSES([] {
+        makeContextCurrent();
+        gles::bindBuffer(GL_ARRAY_BUFFER, 0);
+        gles::vertexAttribPointer(kLow, 2, GL_FLOAT, GL_FALSE, 16, reinterpret_cast<const void *>(0x100));
+        gles::enableVertexAttribArray(kLow);
+        gles::drawArraysInstanced(GL_TRIANGLES, 0, 3, 4);
+        // An instance count of 0 draws nothing and reads nothing.
+        gles::drawArraysInstanced(GL_TRIANGLES, 0, 3, 0);
+    });
+    const std::string console = childConsole();
+    EXPECT_EQ(1u, countOf(console, "VertexAttribPointer data is inaccessible at address 0x100.")) << console;
+    EXPECT_EQ(0u, countOf(console, "Failed to save all the VertexAttribPointer data")) << console;
+}
+
+// A record that cannot be made (memory runs out while a draw's arrays are gathered) is dropped
+// whole: the call returns to the application, the recording lock is free, and other threads record.
+TEST_F(ClientArrays, ARecordThatRunsOutOfMemoryIsDroppedAndTheLockFreed) {
+    // (An unlimited address space is no change; a system without the limit skips the test.)
+    if (!kv::test::limitAddressSpace(~0ull)) GTEST_SKIP() << "no address-space limit on this system";
+    useConfig(recording());
+    KVTH_EXPECT_CHILD_PASSES([] {
+        makeContextCurrent();
+        if (!kv::test::limitAddressSpace(3ull << 30)) return;
+        static float vertices[64];
+        gles::bindBuffer(GL_ARRAY_BUFFER, 0);
+        gles::vertexAttribPointer(0, 3, GL_FLOAT, GL_FALSE, 16, vertices);
+        gles::enableVertexAttribArray(0);
+        // 300 million strided vertices: 3.6 GB to gather, more than the process may have.
+        gles::drawArrays(GL_POINTS, 0, 300000000);
+        std::thread other([] { gles::clear(GL_COLOR_BUFFER_BIT); });
+        other.join();
+        gles::clear(GL_DEPTH_BUFFER_BIT);
+    });
+    const std::string console = childConsole();
+    EXPECT_EQ(1u, countOf(console, "glDrawArrays could not be recorded (out of memory")) << console;
+    TraceWalk walk = walkTrace(workPath("trace.kalvoren"));
+    EXPECT_EQ(walk.problem, "");
+    EXPECT_EQ(2u, walk.withId(kv::fn::glClear::id).size());
+}
+
+// ---- A process that crashes ------------------------------------------------------------------
+
+class Crash : public FreshProcessTest {};
+
+void crashHere(volatile int *where) {
+    *where = 1;
+}
+
+// A fault that nothing of the application handles ends the process as it would untraced (SIGSEGV;
+// on Windows the unhandled-exception path), and the trace file is cut to exactly its records first.
+TEST_F(Crash, AnUnhandledFaultLeavesATraceOfExactlyItsRecords) {
+    useConfig(recording());
+    EXPECT_EXIT(
+        inChild([] {
+            makeContextCurrent();
+            for (int i = 0; i < 50; ++i)
+                gles::clear(GL_COLOR_BUFFER_BIT);
+            static volatile int *nowhere = nullptr;
+            crashHere(nowhere);
+        }),
+        [](int status) { return status != 0; }, "");
+    TraceWalk walk = walkTrace(workPath("trace.kalvoren"));
+    EXPECT_TRUE(walk.whole) << walk.problem;
+    EXPECT_FALSE(walk.endMarker);
+    EXPECT_EQ(50u, walk.withId(kv::fn::glClear::id).size());
 }
 
 // ---- Answers the library changes --------------------------------------------------------------

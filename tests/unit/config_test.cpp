@@ -449,19 +449,92 @@ struct FileCase {
     std::string console;
 };
 
+// Misspelt keys and sections are ignored as before, but said once, with the key they resemble.
+TEST(ConfigKeys, UnknownKeysAreWarnedOnceWithTheClosestKnownKey) {
+    const std::string config = R"({
+        "*": {"Tracng": {"EndFrame": 3}, "Tracing": {"outputfilename": "x.kalvoren", "EndFrme": 2},
+              "Profiling": {"Overrides": {"DisableBlend": true}}},
+        "app.exe": {"Tracing": {"outputfilename": "y.kalvoren"}}
+    })";
+    Applied a = apply(config);
+    for (const char *expected :
+         {"WARNING: Config section '*': unknown key 'Tracng' is ignored; the closest known key is 'Tracing'.",
+          "unknown key 'Tracing.outputfilename' is ignored; the closest known key is "
+          "'Tracing.OutputFilename'.",
+          "unknown key 'Tracing.EndFrme' is ignored; the closest known key is 'Tracing.EndFrame'.",
+          "unknown key 'Profiling.Overrides.DisableBlend' is ignored; the closest known key is "
+          "'Profiling.Overrides.DisableBlending'."})
+        EXPECT_NE(a.output.find(expected), std::string::npos) << expected << "\n" << a.output;
+    // Once per key, though two sections hold it.
+    const std::string key = "unknown key 'Tracing.outputfilename'";
+    EXPECT_EQ(a.output.find(key, a.output.find(key) + 1), std::string::npos) << a.output;
+    EXPECT_EQ(a.settings->endFrame, 0u);
+}
+
+// The start-up message says which frames will be recorded, and a range that can never record is
+// warned about.
+TEST(ConfigStartup, TheFramesToBeRecordedAreNamed) {
+    struct Case {
+        const char *config, *said;
+    } cases[] = {
+        {R"({"*": {}})", "Frames 0 to 0 will be recorded."},
+        {R"({"*": {"Tracing": {"EndFrame": 4294967295}}})", "Frames 0 to the last will be recorded."},
+        {R"({"*": {"Tracing": {"StartFrame": 2, "EndFrame": 5, "ExitOnLastFrame": true}}})",
+         "Frames 2 to 5 will be recorded, then the process ends."},
+        {R"({"*": {"Tracing": {"StartFrame": 5}}})",
+         "WARNING: StartFrame (5) is above EndFrame (0): no frame will be recorded."},
+    };
+    for (const Case &c : cases) {
+        Applied a = apply(c.config, /*decide=*/true);
+        EXPECT_NE(a.output.find(c.said), std::string::npos) << c.config << "\n" << a.output;
+    }
+}
+
+// Without a name of its own (or when the file cannot be parsed) the trace goes to the default
+// name, expanded like a configured one: never a file literally named "%pname.kalvoren".
+TEST(ConfigFile, TheDefaultOutputNameIsExpanded) {
+    const std::string plain = test::scratchPath("nameless-config.json");
+    const std::string broken = test::scratchPath("nameless-broken-config.json");
+    test::writeFile(plain, R"({"*": {"Tracing": {"EndFrame": 1}}})");
+    test::writeFile(broken, "{");
+    const std::string exe = platform::baseName(platform::executablePath());
+    for (const std::string &path : {plain, broken}) {
+        test::EnvScope env("KALVOREN_CONFIG", path);
+        Settings s;
+        test::ConsoleCapture capture;
+        config::applyConfigFile(s);
+        capture.finish();
+        EXPECT_EQ(s.outputFilename.str(), exe + ".kalvoren") << path;
+    }
+}
+
 TEST(ConfigFile, ProblemsWithTheFileAreReported) {
     const std::string missing = test::scratchPath("no-such-config.json");
     const std::string broken = test::scratchPath("broken-config.json");
     const std::string withMark = test::scratchPath("marked-config.json");
     test::writeFile(broken, "{\"*\": {\"Tracing\": {\"StartFrame\": 2,}}");
     test::writeFile(withMark, "\xEF\xBB\xBF{\"*\": {\"Tracing\": {\"StartFrame\": 2}}}");
-    const FileCase cases[] = {
+    const std::string huge = test::scratchPath("huge-config.json");
+    test::writeFile(huge, "{\"*\": {}}" + std::string(2u << 20, ' '));
+    std::vector<FileCase> cases = {
         {"missing", missing, kModeDisabled, false, "WARNING: Config file not found. Tried: " + missing},
         {"a directory", test::scratchDir(), kModeDisabled, false,
-         "WARNING: Config file not found. Tried: " + test::scratchDir() + " (a directory)"},
-        {"broken", broken, kModeRecording, true, "ERROR: Failed to parse configuration: "},
+         "WARNING: Config file not found. Tried: " + test::scratchDir() + " (a directory; it is not read)"},
+        // A parse error names the file, the line and the column; the defaults then record.
+        {"broken", broken, kModeRecording, true,
+         "ERROR: Failed to parse configuration: " + broken + ", line 1, column 36: "},
         {"with a byte order mark", withMark, kModeRecording, true, "Reading config section: *"},
+        // Only regular files of at most 1 MiB are read; anything else is as no file at all.
+        {"larger than 1 MiB", huge, kModeDisabled, false, " (larger than 1 MiB; it is not read)"},
     };
+    // A FIFO would block the first call for ever, a device would be read for ever.
+    const std::string fifo = test::scratchPath("fifo-config.json");
+    if (test::makeFifo(fifo))
+        cases.push_back({"a FIFO", fifo, kModeDisabled, false, " (not a regular file; it is not read)"});
+    const std::string endless = test::endlessDevice();
+    if (!endless.empty())
+        cases.push_back(
+            {"an endless device", endless, kModeDisabled, false, " (not a regular file; it is not read)"});
     for (const FileCase &c : cases) {
         test::EnvScope env("KALVOREN_CONFIG", c.path);
         Settings s;

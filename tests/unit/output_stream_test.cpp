@@ -19,6 +19,11 @@ std::vector<uint8_t> pattern(size_t n, uint32_t seed) {
     return v;
 }
 
+std::unique_ptr<OutputStream> openStream(const std::string &file, StreamKind kind) {
+    bool inUse = false;
+    return openOutputStream(file.c_str(), kind, &inUse);
+}
+
 class OutputStreamTest : public ::testing::TestWithParam<StreamKind> {
 protected:
     std::string path(const char *stem) {
@@ -29,7 +34,7 @@ protected:
 
 TEST_P(OutputStreamTest, WritesSeeksAndReadsBack) {
     const std::string file = path("basic");
-    auto out = openOutputStream(file.c_str(), GetParam());
+    auto out = openStream(file, GetParam());
     ASSERT_TRUE(out && out->isOpen());
 
     std::vector<uint8_t> expected = {'h', 'e', 'a', 'd', 'e', 'r'};
@@ -59,6 +64,7 @@ TEST_P(OutputStreamTest, WritesSeeksAndReadsBack) {
     expected.insert(expected.end(), {'e', 'n', 'd'});
     EXPECT_TRUE(out->write("", 0));
     EXPECT_TRUE(out->flush());
+    out->commit();
     out->close();
     EXPECT_FALSE(out->isOpen());
     EXPECT_FALSE(out->write("late", 4));
@@ -71,7 +77,7 @@ TEST_P(OutputStreamTest, WritesSeeksAndReadsBack) {
 // and the caller learns how much was readable.
 TEST_P(OutputStreamTest, ClientMemoryThatCannotBeReadIsWrittenAsZeros) {
     const std::string file = path("client");
-    auto out = openOutputStream(file.c_str(), GetParam());
+    auto out = openStream(file, GetParam());
     ASSERT_TRUE(out);
 
     // More than the buffered mechanism's staging buffer, all readable.
@@ -86,6 +92,7 @@ TEST_P(OutputStreamTest, ClientMemoryThatCannotBeReadIsWrittenAsZeros) {
     ASSERT_TRUE(out->writeClient(src, 300, &readable));
     EXPECT_EQ(readable, 100u);
     EXPECT_EQ(out->tell(), big.size() + 300);
+    out->commit();
     out->close();
 
     std::vector<uint8_t> expected = big;
@@ -97,7 +104,7 @@ TEST_P(OutputStreamTest, ClientMemoryThatCannotBeReadIsWrittenAsZeros) {
 // The mapping starts with a few MiB and grows as needed; the file ends where the writing ended.
 TEST_P(OutputStreamTest, GrowsPastItsFirstChunk) {
     const std::string file = path("growth");
-    auto out = openOutputStream(file.c_str(), GetParam());
+    auto out = openStream(file, GetParam());
     ASSERT_TRUE(out);
     std::vector<uint8_t> piece = pattern((1u << 20) + 1, 3);
     std::vector<uint8_t> expected;
@@ -106,14 +113,71 @@ TEST_P(OutputStreamTest, GrowsPastItsFirstChunk) {
         expected.insert(expected.end(), piece.begin(), piece.end());
     }
     EXPECT_EQ(out->tell(), expected.size());
+    out->commit();
     out->close();
     EXPECT_TRUE(test::readFile(file) == expected);
 }
 
+// Far more than the mapped window: the window moves along, and earlier bytes can still be read
+// back and patched (a record's length, a surface's size) wherever they lie.
+TEST_P(OutputStreamTest, WritesFarBeyondOneWindowAndPatchesBehindIt) {
+    const std::string file = path("window");
+    auto out = openStream(file, GetParam());
+    ASSERT_TRUE(out);
+    std::vector<uint8_t> piece = pattern(3u << 20, 4);
+    const int pieces = static_cast<int>((platform::MappedFile::kWindow * 3) / piece.size()) + 1;
+    for (int i = 0; i < pieces; ++i)
+        ASSERT_TRUE(out->write(piece.data(), piece.size())) << "piece " << i;
+    const uint64_t total = uint64_t(pieces) * piece.size();
+    ASSERT_TRUE(out->patch(10, "PATCH", 5));
+    uint8_t back[5] = {};
+    ASSERT_TRUE(out->read(10, back, 5));
+    EXPECT_EQ(std::memcmp(back, "PATCH", 5), 0);
+    EXPECT_EQ(out->tell(), total);
+    out->commit();
+    out->close();
+    std::vector<uint8_t> written = test::readFile(file);
+    ASSERT_EQ(written.size(), total);
+    EXPECT_EQ(std::memcmp(written.data() + 10, "PATCH", 5), 0);
+    EXPECT_EQ(std::memcmp(written.data() + total - piece.size(), piece.data(), piece.size()), 0);
+}
+
+// Two recorders never share a file: the second is refused before anything of the first is lost.
+TEST_P(OutputStreamTest, AFileInUseByAnotherRecorderIsRefusedUntouched) {
+    const std::string file = path("taken");
+    auto first = openStream(file, GetParam());
+    ASSERT_TRUE(first);
+    ASSERT_TRUE(first->write("first", 5));
+    first->commit();
+    ASSERT_TRUE(first->flush());
+    bool inUse = false;
+    EXPECT_EQ(openOutputStream(file.c_str(), GetParam(), &inUse), nullptr);
+    EXPECT_TRUE(inUse);
+    first->close();
+    EXPECT_EQ(test::readFile(file), std::vector<uint8_t>({'f', 'i', 'r', 's', 't'}));
+    auto again = openStream(file, GetParam());
+    EXPECT_TRUE(again);
+}
+
 TEST_P(OutputStreamTest, AFileThatCannotBeCreatedGivesNoStream) {
     const std::string inMissingDirectory = test::scratchPath("no-such-directory/trace.kalvoren");
-    EXPECT_EQ(openOutputStream(inMissingDirectory.c_str(), GetParam()), nullptr);
-    EXPECT_EQ(openOutputStream(test::scratchDir().c_str(), GetParam()), nullptr);
+    EXPECT_EQ(openStream(inMissingDirectory, GetParam()), nullptr);
+    EXPECT_EQ(openStream(test::scratchDir(), GetParam()), nullptr);
+}
+
+// What was not committed (a record cut short) is not part of the file once it is closed.
+TEST(OutputStream, TheMappedFileEndsAtItsLastCommittedByte) {
+    const std::string file = test::scratchPath("committed.mapped");
+    auto out = openStream(file, StreamKind::Mapped);
+    ASSERT_TRUE(out);
+    ASSERT_TRUE(out->write("whole", 5));
+    out->commit();
+    ASSERT_TRUE(out->write("half", 4));
+    out->abandon(5);
+    EXPECT_EQ(out->tell(), 5u);
+    ASSERT_TRUE(out->write("cut", 3));
+    out->close();
+    EXPECT_EQ(test::readFile(file), std::vector<uint8_t>({'w', 'h', 'o', 'l', 'e'}));
 }
 
 INSTANTIATE_TEST_SUITE_P(Kinds, OutputStreamTest, ::testing::Values(StreamKind::Buffered, StreamKind::Mapped),
@@ -126,7 +190,7 @@ INSTANTIATE_TEST_SUITE_P(Kinds, OutputStreamTest, ::testing::Values(StreamKind::
 TEST(OutputStream, ADeviceIsWrittenThroughTheBufferedMechanism) {
     const std::string device = test::alwaysFullDevice();
     if (device.empty()) GTEST_SKIP() << "no device that is always full";
-    auto out = openOutputStream(device.c_str(), StreamKind::Mapped);
+    auto out = openStream(device, StreamKind::Mapped);
     ASSERT_TRUE(out && out->isOpen());
     std::vector<uint8_t> big(1u << 20, 1);
     EXPECT_FALSE(out->write(big.data(), big.size()));

@@ -6,6 +6,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <thread>
 #include <vector>
@@ -54,6 +56,42 @@ TEST(GuardedCopy, StopsAtAnUnreadablePageOnAnyThread) {
     }
     std::vector<uint8_t> dst(16);
     EXPECT_EQ(platform::guardedCopy(dst.data(), pages.unreadable(), dst.size()), 0u);
+}
+
+void applicationFaultHandler(int) {
+    std::abort();
+}
+
+// The guard does not depend on the handlers the application installs afterwards: a fault of ours
+// never reaches them, and a handler reset to the default action does not take the guard away.
+TEST(GuardedCopy, KeepsWorkingWhateverTheApplicationDoesWithItsHandlers) {
+    GuardedPages pages;
+    std::vector<uint8_t> dst(64);
+    for (auto handler : {&applicationFaultHandler, static_cast<void (*)(int)>(SIG_DFL)}) {
+        auto previous = std::signal(SIGSEGV, handler);
+        EXPECT_EQ(platform::guardedCopy(dst.data(), pages.unreadable(), dst.size()), 0u);
+        EXPECT_FALSE(platform::guardedReadable(pages.unreadable() - 10, 20));
+        std::signal(SIGSEGV, previous);
+    }
+}
+
+// Strided pieces are gathered whole up to the first that cannot be read; readability is told page
+// by page.
+TEST(GuardedCopy, GathersStridedPiecesAndTellsReadablePages) {
+    GuardedPages pages;
+    uint8_t *base = pages.unreadable() - 4096;
+    for (int i = 0; i < 4096; ++i)
+        base[i] = static_cast<uint8_t>(i);
+    std::vector<uint8_t> dst(12 * 300, 0xEE);
+    // 16 bytes apart, 12 each: piece 256 is the first that runs into the unreadable page.
+    EXPECT_EQ(platform::guardedGather(dst.data(), base, 300, 12, 16), 256u);
+    for (int piece : {0, 1, 255})
+        EXPECT_EQ(std::memcmp(dst.data() + piece * 12, base + piece * 16, 12), 0) << piece;
+    EXPECT_EQ(platform::guardedGather(dst.data(), base, 100, 12, 16), 100u);
+    EXPECT_TRUE(platform::guardedReadable(base, 4096));
+    EXPECT_FALSE(platform::guardedReadable(base, 4097));
+    EXPECT_FALSE(platform::guardedReadable(base + 5000, 1));
+    EXPECT_TRUE(platform::guardedReadable(nullptr, 0));
 }
 
 TEST(GuardedStrlen, MeasuresReadableTextAndStopsAtAnUnreadablePage) {

@@ -28,8 +28,12 @@ public:
 
 private:
     Payload &put(const void *p, size_t n) {
-        const uint8_t *b = static_cast<const uint8_t *>(p);
-        data_.insert(data_.end(), b, b + n);
+        // Not vector::insert: inlined at -O3, GCC 12 sees its memmove of an empty vector's null
+        // storage (never reached) and warns that an argument is null (-Wnonnull).
+        if (n == 0) return *this;
+        const size_t at = data_.size();
+        data_.resize(at + n);
+        std::memcpy(&data_[at], p, n);
         return *this;
     }
     std::vector<uint8_t> data_;

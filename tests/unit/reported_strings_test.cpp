@@ -16,6 +16,8 @@ TEST(ExtensionFilter, TakesOutWholeNamesOfTheDisableList) {
     EXPECT_EQ(filterExtensions(nullptr, "GL_EXT_a"), "");
     // Doubled separators in the host's list leave no empty names behind.
     EXPECT_EQ(filterExtensions("GL_A  GL_B ", "GL_B"), "GL_A");
+    // The list is split and joined with the separator the host's string uses.
+    EXPECT_EQ(filterExtensions("GL_A\nGL_B\nGL_C", "GL_B"), "GL_A\nGL_C");
 }
 
 } // namespace

@@ -112,6 +112,13 @@ private:
 
 // A file name that exists and always fails writes with "no space left", or empty where there is none.
 std::string alwaysFullDevice();
+// Lowers the address space this process may use to `bytes` (for good); false where the system
+// has no such limit.
+bool limitAddressSpace(uint64_t bytes);
+// A device that reads as endless zeros; empty where the system has none.
+std::string endlessDevice();
+// Makes a FIFO at `path`; false where the system has none.
+bool makeFifo(const std::string &path);
 
 // Ends the process at once (no exit handlers) with code 0 when `ok`, else 1.
 [[noreturn]] void exitWith(bool ok);

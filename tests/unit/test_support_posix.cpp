@@ -87,4 +87,21 @@ std::string alwaysFullDevice() {
     return ::stat("/dev/full", &st) == 0 && S_ISCHR(st.st_mode) ? "/dev/full" : "";
 }
 
+bool limitAddressSpace(uint64_t bytes) {
+    struct rlimit limit;
+    if (::getrlimit(RLIMIT_AS, &limit) != 0) return false;
+    limit.rlim_cur = static_cast<rlim_t>(bytes);
+    return ::setrlimit(RLIMIT_AS, &limit) == 0;
+}
+
+std::string endlessDevice() {
+    struct stat st;
+    return ::stat("/dev/zero", &st) == 0 && S_ISCHR(st.st_mode) ? "/dev/zero" : "";
+}
+
+bool makeFifo(const std::string &path) {
+    ::unlink(path.c_str());
+    return ::mkfifo(path.c_str(), 0600) == 0;
+}
+
 } // namespace kv::test

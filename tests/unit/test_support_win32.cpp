@@ -62,6 +62,18 @@ GuardedPages::~GuardedPages() {
 FileSizeLimit::FileSizeLimit(uint64_t) {}
 FileSizeLimit::~FileSizeLimit() {}
 
+bool limitAddressSpace(uint64_t) {
+    return false;
+}
+
+std::string endlessDevice() {
+    return "";
+}
+
+bool makeFifo(const std::string &) {
+    return false;
+}
+
 std::string alwaysFullDevice() {
     return "";
 }

@@ -289,25 +289,40 @@ TEST(TraceWriter, AFullDiskIsReportedAndRecordingGoesOn) {
     EXPECT_NE(output.find("ERROR: Writing to trace file failed. Size attempted: 1048576"), std::string::npos)
         << output;
     // The small record that follows waits in the file's buffer and fails when it is flushed; it is
-    // reported with its own size: length, id and value.
-    EXPECT_NE(output.find("ERROR: Writing to trace file failed. Size attempted: 8\n"), std::string::npos)
+    // reported with its own size: length, id and value, after the thread marker that the failed
+    // record took with it.
+    EXPECT_NE(output.find("ERROR: Writing to trace file failed. Size attempted: 22\n"), std::string::npos)
         << output;
     EXPECT_EQ(output.find("Size attempted: 0\n"), std::string::npos) << output;
     EXPECT_EQ(trace::recordLock().count(), 0u);
     EXPECT_NE(t.settings().traceFile, nullptr);
 }
 
-TEST(TraceWriter, AFileSizeLimitIsReportedAndRecordingGoesOn) {
-    test::TraceSession t(test::scratchPath("limited.kalvoren"));
+// The recorder never writes past the file-size limit (the system would end the process with a
+// signal): the record that would cross it is dropped whole, recording stops with a message, and
+// the file keeps exactly the records before it.
+TEST(TraceWriter, AFileSizeLimitStopsRecordingWithWholeRecords) {
+    const std::string path = test::scratchPath("limited.kalvoren");
+    test::TraceSession t(path);
     ASSERT_TRUE(t.opened());
     test::FileSizeLimit limit(6u << 20);
     if (!limit.active()) GTEST_SKIP() << "no file size limit on this system";
-    std::string output;
-    recordIntoAFailingFile(t, 5u << 20, &output);
-    EXPECT_NE(output.find("ERROR: Writing to trace file failed. Size attempted: 5242880"), std::string::npos)
-        << output;
+    std::string first, second;
+    recordIntoAFailingFile(t, 4u << 20, &first);
+    EXPECT_EQ(first, "") << "a record below the limit is written";
+    recordIntoAFailingFile(t, 4u << 20, &second);
+    EXPECT_NE(second.find("The trace reached the file-size limit; recording stops"), std::string::npos)
+        << second;
     EXPECT_EQ(trace::recordLock().count(), 0u);
-    EXPECT_NE(t.settings().traceFile, nullptr);
+    EXPECT_EQ(t.settings().traceFile, nullptr);
+    EXPECT_FALSE(t.settings().recordingEnabled);
+
+    std::string problem;
+    std::vector<TraceItem> items = test::walkTrace(test::readFile(path), t.headerEnd(), &problem);
+    EXPECT_EQ(problem, "");
+    ASSERT_EQ(items.size(), 3u) << "thread marker, the first block's record and the record after it";
+    EXPECT_EQ(items[1].id, 50);
+    EXPECT_EQ(items[2].id, 51);
 }
 
 } // namespace
