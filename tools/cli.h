@@ -18,6 +18,8 @@ constexpr int kExitUsage = 2;
 int dumpCommand(const std::vector<std::string> &args);
 int infoCommand(const std::vector<std::string> &args);
 int recordCommand(const std::vector<std::string> &args);
+int replayCommand(const std::vector<std::string> &args);
+int framesCommand(const std::vector<std::string> &args);
 
 struct InfoOptions {
     size_t top = 20; // functions listed by call count
