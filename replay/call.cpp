@@ -122,8 +122,10 @@ const char *const *Call::strings(int i) {
     for (uint32_t k = 0; k < a.partCount; ++k) {
         const reader::Part &p = e.parts[a.firstPart + k];
         if (p.block >= 0) {
+            // Copied with a terminator: not every function takes the lengths.
             const reader::Block &b = e.blocks[static_cast<size_t>(p.block)];
-            thread.stringPointers.push_back(reinterpret_cast<const char *>(e.bytes(b)));
+            thread.strings.emplace_back(reinterpret_cast<const char *>(e.bytes(b)), b.size);
+            thread.stringPointers.push_back(thread.strings.back().c_str());
             thread.stringLengths.push_back(static_cast<GLint>(b.size));
         } else {
             thread.stringPointers.push_back("");

@@ -413,6 +413,15 @@ void Player::play(Worker &w) {
     Call c(*this, w.state, e);
     fn(c);
     ++calls_;
+    if (options.checkErrors && e.desc->error == api::ErrorKind::Gl && w.state.context && c.ok()) {
+        GLenum error = gles->glGetError();
+        if (error != GL_NO_ERROR) {
+            char text[96];
+            std::snprintf(text, sizeof(text), "the local driver reported error 0x%04x where the recording had none",
+                          error);
+            problem(e, text);
+        }
+    }
 }
 
 int Player::run() {

@@ -17,6 +17,7 @@ struct Options {
     bool benchmark = false;           // only the calls: no comparison, dumps or progress
     bool window = false;              // real windows instead of pbuffers
     bool quiet = false;               // no per-frame lines
+    bool checkErrors = false;         // ask the driver for its error after every OpenGL ES call
     uint32_t tolerance = 0;           // largest channel difference still taken as equal
     std::string dumpDirectory;        // the replayed frames as PNG files
     std::string eglLibrary, glesLibrary; // the local driver, when not the default one

@@ -25,6 +25,8 @@ const char kHelp[] =
     "  --benchmark        only the calls: no comparison, dumps or progress; prints frames per second\n"
     "  --window           real windows instead of pbuffers (X11 on Linux, Win32 on Windows)\n"
     "  --quiet            no line per frame\n"
+    "  --check-errors     ask the driver for its error after every OpenGL ES call and report the\n"
+    "                     calls that fail here but succeeded when recorded\n"
     "  --egl PATH, --gles PATH   the driver libraries to play on (default: the system's)\n"
     "\n"
     "Exit status: 0 when every compared frame is within the tolerance and every record was played;\n"
@@ -77,6 +79,8 @@ int replayCommand(const std::vector<std::string> &args) {
             o.benchmark = true;
         } else if (a == "--window") {
             o.window = true;
+        } else if (a == "--check-errors") {
+            o.checkErrors = true;
         } else if (a == "--quiet") {
             o.quiet = true;
         } else if (!takeTracePath("replay", a, o.trace)) {
