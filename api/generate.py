@@ -20,6 +20,8 @@ import re
 import sys
 import xml.etree.ElementTree as ET
 
+import generate_replay
+
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 GL_XML = os.environ.get("KV_GL_XML", "/usr/share/khronos-api/gl.xml")
 INCLUDE = os.environ.get("KV_KHRONOS_INCLUDE", "/usr/include")
@@ -351,6 +353,8 @@ def read_records():
             _, table, label, span = line.split()
             a, b = span.split("-")
             rec.hostgroups.append((table, label, int(a), int(b)))
+        elif line.startswith("class "):
+            generate_replay.read_line(rec, line, where, fail)
         elif line.startswith("record "):
             m = re.match(r"record\s+(\d+)\s*:\s*(.*)$", line)
             fields = []
@@ -1119,6 +1123,7 @@ def main():
         "tests/host/test_host_autogen.cpp": emit_test_host(tables),
         "tests/host/all_entries_autogen.cpp": emit_all_entries(funcs, tables),
     }
+    outputs.update(generate_replay.emit(funcs, host_table_of, tables, rec, GL_XML, BANNER, fail))
     stale = []
     for rel, text in outputs.items():
         path = os.path.join(ROOT, rel)

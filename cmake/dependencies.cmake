@@ -45,6 +45,34 @@ else()
   add_library(kv_khronos INTERFACE)
 endif()
 
+# libpng writes frames as PNG files (kalvoren frames, replay --dump-frames).
+if(WIN32)
+  # Built from Debian's libpng1.6 source package (scripts/fetch-sources puts it in .deps/), with
+  # the configuration the package ships prebuilt.
+  set(KV_LIBPNG_SOURCE "${CMAKE_SOURCE_DIR}/.deps/libpng" CACHE PATH "libpng source tree")
+  if(NOT EXISTS "${KV_LIBPNG_SOURCE}/png.c")
+    message(FATAL_ERROR "No libpng sources in ${KV_LIBPNG_SOURCE}: run scripts/fetch-sources")
+  endif()
+  configure_file(${KV_LIBPNG_SOURCE}/scripts/pnglibconf.h.prebuilt ${CMAKE_BINARY_DIR}/libpng/pnglibconf.h
+    COPYONLY)
+  set(_kv_png_sources)
+  foreach(f png pngerror pngget pngmem pngpread pngread pngrio pngrtran pngrutil pngset pngtrans pngwio
+      pngwrite pngwtran pngwutil)
+    list(APPEND _kv_png_sources ${KV_LIBPNG_SOURCE}/${f}.c)
+  endforeach()
+  add_library(kv_libpng STATIC ${_kv_png_sources})
+  target_include_directories(kv_libpng SYSTEM PUBLIC ${KV_LIBPNG_SOURCE} ${CMAKE_BINARY_DIR}/libpng)
+  target_compile_definitions(kv_libpng PRIVATE PNG_ARM_NEON_OPT=0 PNG_INTEL_SSE_OPT=0)
+  target_link_libraries(kv_libpng PUBLIC ZLIB::ZLIB)
+  add_library(kv_png INTERFACE)
+  target_link_libraries(kv_png INTERFACE kv_libpng)
+else()
+  find_package(PNG REQUIRED)
+  add_library(kv_png INTERFACE)
+  target_link_libraries(kv_png INTERFACE PNG::PNG)
+endif()
+add_library(KV::png ALIAS kv_png)
+
 add_library(kv_zlib INTERFACE)
 target_link_libraries(kv_zlib INTERFACE ZLIB::ZLIB)
 

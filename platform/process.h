@@ -36,6 +36,12 @@ bool truncateFile(const std::string &path, uint64_t size, std::string *error);
 // Whether the stream is connected to a terminal.
 bool isTerminal(std::FILE *stream);
 
+// Windows for a player that shows what it replays: the window system's connection (an X11
+// display on POSIX, opened once; null when there is none), and a visible window of the given size
+// on it, as the native window handle EGL takes (0 when none could be made).
+void *openWindowSystem();
+uint64_t createWindow(void *windowSystem, int32_t width, int32_t height, const char *title);
+
 // The environment variable that lists the directories in which the loader looks for a
 // program's libraries before the system's, and the separator of its entries.
 const char *librarySearchVariable();

@@ -5,6 +5,7 @@
 
 #if !defined(_WIN32)
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
@@ -132,6 +133,62 @@ const char *librarySearchVariable() {
 
 char pathListSeparator() {
     return ':';
+}
+
+// X11 through libX11 loaded when a window is first asked for: a player without --window, and a
+// machine without X, never need it.
+namespace {
+
+struct Xlib {
+    void *(*openDisplay)(const char *) = nullptr;
+    int (*defaultScreen)(void *) = nullptr;
+    unsigned long (*rootWindow)(void *, int) = nullptr;
+    unsigned long (*createSimpleWindow)(void *, unsigned long, int, int, unsigned, unsigned, unsigned,
+                                        unsigned long, unsigned long) = nullptr;
+    int (*mapWindow)(void *, unsigned long) = nullptr;
+    int (*storeName)(void *, unsigned long, const char *) = nullptr;
+    int (*flush)(void *) = nullptr;
+    bool loaded = false;
+};
+
+Xlib &xlib() {
+    static Xlib x = [] {
+        Xlib l;
+        void *m = dlopen("libX11.so.6", RTLD_NOW | RTLD_LOCAL);
+        if (!m) return l;
+        l.openDisplay = reinterpret_cast<decltype(l.openDisplay)>(dlsym(m, "XOpenDisplay"));
+        l.defaultScreen = reinterpret_cast<decltype(l.defaultScreen)>(dlsym(m, "XDefaultScreen"));
+        l.rootWindow = reinterpret_cast<decltype(l.rootWindow)>(dlsym(m, "XRootWindow"));
+        l.createSimpleWindow =
+            reinterpret_cast<decltype(l.createSimpleWindow)>(dlsym(m, "XCreateSimpleWindow"));
+        l.mapWindow = reinterpret_cast<decltype(l.mapWindow)>(dlsym(m, "XMapWindow"));
+        l.storeName = reinterpret_cast<decltype(l.storeName)>(dlsym(m, "XStoreName"));
+        l.flush = reinterpret_cast<decltype(l.flush)>(dlsym(m, "XFlush"));
+        l.loaded = l.openDisplay && l.defaultScreen && l.rootWindow && l.createSimpleWindow && l.mapWindow &&
+                   l.storeName && l.flush;
+        return l;
+    }();
+    return x;
+}
+
+} // namespace
+
+void *openWindowSystem() {
+    static void *display = xlib().loaded ? xlib().openDisplay(nullptr) : nullptr;
+    return display;
+}
+
+uint64_t createWindow(void *windowSystem, int32_t width, int32_t height, const char *title) {
+    Xlib &x = xlib();
+    if (!windowSystem || !x.loaded) return 0;
+    int screen = x.defaultScreen(windowSystem);
+    unsigned long window =
+        x.createSimpleWindow(windowSystem, x.rootWindow(windowSystem, screen), 0, 0,
+                             static_cast<unsigned>(width), static_cast<unsigned>(height), 0, 0, 0);
+    x.storeName(windowSystem, window, title);
+    x.mapWindow(windowSystem, window);
+    x.flush(windowSystem);
+    return window;
 }
 
 } // namespace kv::platform

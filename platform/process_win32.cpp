@@ -171,6 +171,29 @@ char pathListSeparator() {
     return ';';
 }
 
+void *openWindowSystem() {
+    // EGL on Windows takes the default display; windows need no connection of their own.
+    return nullptr;
+}
+
+uint64_t createWindow(void *, int32_t width, int32_t height, const char *title) {
+    static const char *const kClass = "KalvorenReplayWindow";
+    static bool registered = [] {
+        WNDCLASSA wc = {};
+        wc.lpfnWndProc = DefWindowProcA;
+        wc.hInstance = GetModuleHandleA(nullptr);
+        wc.lpszClassName = kClass;
+        return RegisterClassA(&wc) != 0;
+    }();
+    if (!registered) return 0;
+    RECT rect = {0, 0, width, height};
+    AdjustWindowRect(&rect, WS_OVERLAPPEDWINDOW, FALSE);
+    HWND window = CreateWindowA(kClass, title, WS_OVERLAPPEDWINDOW | WS_VISIBLE, CW_USEDEFAULT, CW_USEDEFAULT,
+                                rect.right - rect.left, rect.bottom - rect.top, nullptr, nullptr,
+                                GetModuleHandleA(nullptr), nullptr);
+    return reinterpret_cast<uint64_t>(window);
+}
+
 } // namespace kv::platform
 
 #endif

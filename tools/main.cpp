@@ -1,4 +1,4 @@
-// kalvoren: look into traces and record them.
+// kalvoren: record traces, look into them and play them back.
 #include "tools/cli.h"
 
 #include "platform/platform.h"
@@ -106,6 +106,10 @@ const char kUsage[] =
     "  repair TRACE     cut a trace whose recording process died to its last complete record\n"
     "  record -- PROGRAM [ARGS...]\n"
     "                   run a program with Kalvoren in place of its EGL and OpenGL ES drivers\n"
+    "  replay TRACE     play a trace back on this machine's driver, comparing every frame with the\n"
+    "                   one the application drew\n"
+    "  frames TRACE -o DIR\n"
+    "                   the frame buffers saved in a trace, as PNG files\n"
     "  help [COMMAND]   how to use a command\n"
     "\n"
     "Exit status: 0 when the trace was read whole, 1 when problems were found in it, 2 when the\n"
@@ -117,6 +121,8 @@ int help(const std::string &command) {
     if (command == "info") return infoCommand({"--help"});
     if (command == "record") return recordCommand({"--help"});
     if (command == "repair") return repairCommand({"--help"});
+    if (command == "replay") return replayCommand({"--help"});
+    if (command == "frames") return framesCommand({"--help"});
     std::fputs(kUsage, stdout);
     return command.empty() ? kExitOk : kExitUsage;
 }
@@ -135,6 +141,8 @@ int main(int argc, char **argv) {
     if (command == "info") return infoCommand(args);
     if (command == "record") return recordCommand(args);
     if (command == "repair") return repairCommand(args);
+    if (command == "replay") return replayCommand(args);
+    if (command == "frames") return framesCommand(args);
     if (command == "help" || command == "--help" || command == "-h") return help(args.empty() ? "" : args[0]);
     if (command == "--version" || command == "version") {
         std::printf("kalvoren %s\n", KV_VERSION_TEXT);

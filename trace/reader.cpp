@@ -213,6 +213,8 @@ struct Reader::Impl {
     std::vector<Problem> problems;
     uint64_t problemCount = 0;
     std::vector<std::string> notes;
+    bool keepBytes = false;
+    const std::vector<bool> *decodeOnly = nullptr;
 
     z_stream zs{};
     bool zsReady = false;
@@ -252,7 +254,7 @@ struct Reader::Impl {
     // (when given) and stops once they are kept; otherwise runs to the stream's end, failing when
     // it would produce more than `limit` bytes. `consumed` receives the stored size.
     bool inflateRun(uint64_t from, uint64_t end, uint64_t limit, std::vector<uint8_t> *sink, size_t keep,
-                    uint64_t &consumed, uint64_t &produced, std::string &why) {
+                    uint64_t &consumed, uint64_t &produced, std::string &why, bool toEnd = false) {
         if (!zsReady) {
             std::memset(&zs, 0, sizeof(zs));
             if (inflateInit(&zs) != Z_OK) {
@@ -291,7 +293,7 @@ struct Reader::Impl {
             if (sink) {
                 size_t take = std::min(made, keep - sink->size());
                 sink->insert(sink->end(), out.data(), out.data() + take);
-                if (sink->size() >= keep) return true;
+                if (sink->size() >= keep && !toEnd) return true;
             }
             if (produced > limit) {
                 why = textf("its zlib stream inflates to more than %llu bytes", ull(limit));
@@ -618,22 +620,43 @@ private:
         b.element = element;
         b.arg = argIndex;
         b.part = part;
+        const bool bytes = keep && m_.keepBytes;
+        if (bytes) b.at = static_cast<uint32_t>(e_.data.size());
         if (compressible && m_.header.compression()) {
             uint64_t stored = 0, produced = 0;
             std::string why;
-            if (!m_.inflateRun(c_.pos(), c_.end(), expected, nullptr, 0, stored, produced, why))
+            // Kept bytes are appended to the entry's data as they inflate: one pass for both.
+            size_t before = e_.data.size();
+            bool ran = bytes ? m_.inflateRun(c_.pos(), c_.end(), expected, &e_.data, before + expected,
+                                             stored, produced, why, true)
+                             : m_.inflateRun(c_.pos(), c_.end(), expected, nullptr, 0, stored, produced, why);
+            if (!ran) {
+                if (bytes) e_.data.resize(before);
                 return fail(textf("the block of %s: ", where_) + why);
-            if (produced != expected)
+            }
+            if (produced != expected) {
+                if (bytes) e_.data.resize(before);
                 return fail(
                     textf("the block of %s inflates to %llu bytes, not %u", where_, ull(produced), expected));
+            }
             b.compressed = true;
             b.stored = static_cast<uint32_t>(stored);
             b.size = static_cast<uint32_t>(produced);
             c_.skip(stored);
         } else {
-            if (!c_.skip(expected))
+            if (c_.left() < expected)
                 return fail(textf("the record (length %u) ends inside the %u data bytes of %s", e_.length,
                                   expected, where_));
+            if (bytes) {
+                size_t before = e_.data.size();
+                e_.data.resize(before + expected);
+                if (!c_.bytes(e_.data.data() + before, expected)) {
+                    e_.data.resize(before);
+                    return fail(textf("the %u data bytes of %s could not be read", expected, where_));
+                }
+            } else {
+                c_.skip(expected);
+            }
             b.stored = b.size = expected;
         }
         if (!keep) return true;
@@ -729,6 +752,7 @@ bool Reader::next(Entry &e) {
     e.blocks.clear();
     e.droppedParts = 0;
     e.problem.clear();
+    e.data.clear();
     e.offset = m.pos;
     e.thread = m.thread;
     e.index = m.nextIndex;
@@ -860,7 +884,7 @@ bool Reader::next(Entry &e) {
         } else if (!e.desc->hasLayout) {
             e.kind = Entry::Kind::Unreadable;
             e.problem = std::string("no record layout is known for ") + e.desc->name;
-        } else {
+        } else if (!m.decodeOnly || (id < m.decodeOnly->size() && (*m.decodeOnly)[id])) {
             Decoder(m, e, payload).run();
         }
     }
@@ -874,6 +898,30 @@ bool Reader::next(Entry &e) {
         if (++m.badInARow >= kGiveUpAfter) m.giveUp = true;
     }
     return true;
+}
+
+void Reader::keepBlockBytes(bool keep) {
+    impl_->keepBytes = keep;
+}
+
+void Reader::decodeOnly(const std::vector<bool> *ids) {
+    impl_->decodeOnly = ids;
+}
+
+Reader::Mark Reader::mark() const {
+    return Mark{impl_->pos, impl_->nextIndex, impl_->thread, impl_->inSnapshot};
+}
+
+void Reader::rewind(const Mark &mark) {
+    Impl &m = *impl_;
+    m.pos = mark.pos;
+    m.nextIndex = mark.nextIndex;
+    m.thread = mark.thread;
+    m.inSnapshot = mark.inSnapshot;
+    m.ending = Ending::NotYet;
+    m.endOffset = 0;
+    m.giveUp = false;
+    m.badInARow = 0;
 }
 
 bool Reader::blockBytes(const Block &block, std::vector<uint8_t> &out, size_t limit, std::string *error) {

@@ -60,6 +60,7 @@ struct Block {
     api::Type element = api::Type::U8;
     int32_t arg = -1;  // the argument it belongs to
     int32_t part = -1; // the part of that argument, or -1
+    uint32_t at = 0;   // where its bytes start in Entry::data, when the reader keeps block bytes
 };
 
 // An element of a compound argument: one string of a string array, one client array of a draw,
@@ -105,8 +106,12 @@ struct Entry {
     std::vector<Block> blocks;
     uint64_t droppedParts = 0; // parts (and their blocks) beyond what one entry keeps
     std::string problem;       // what could not be read; the decoded part is kept
+    // The bytes of every kept block, inflated, one after another (only when the reader keeps block
+    // bytes: a player needs them all, and inflating each block once costs half of inflating twice).
+    std::vector<uint8_t> data;
 
     const char *name() const;
+    const uint8_t *bytes(const Block &block) const { return data.data() + block.at; }
 };
 
 struct Problem {
@@ -161,6 +166,24 @@ public:
     // false with a reason when they cannot be read whole up to the limit.
     bool blockBytes(const Block &block, std::vector<uint8_t> &out, size_t limit,
                     std::string *error = nullptr);
+
+    // Keep the bytes of every block in Entry::data while decoding (off by default: a reader that
+    // only shows records reads the few blocks it shows with blockBytes).
+    void keepBlockBytes(bool keep);
+    // Decode only the records whose id is set in `ids` (null: all); the others come back with their
+    // framing, name and thread but no arguments. For a quick first walk through a large trace.
+    void decodeOnly(const std::vector<bool> *ids);
+
+    // A place in the walk to come back to (a player looping over a range of frames).
+    struct Mark {
+        uint64_t pos = 0;
+        uint64_t nextIndex = 0;
+        uint64_t thread = 0;
+        bool inSnapshot = false;
+    };
+    Mark mark() const;
+    // Goes back (or forward) to a mark taken on this reader; the walk goes on from there.
+    void rewind(const Mark &mark);
 
     // Problems kept with their text; the rest are only counted.
     static constexpr size_t kKeptProblems = 1000;

@@ -1,0 +1,317 @@
+#include "replay/call.h"
+
+#include "replay/session.h"
+
+#include <algorithm>
+#include <cstdio>
+
+namespace kv::replay {
+
+namespace {
+
+// What a scratch output holds at least: every query answer fits, and so does a small read-back.
+constexpr size_t kMinimumOutput = 64 * 1024;
+
+uint32_t componentSize(GLenum type) {
+    switch (type) {
+    case GL_BYTE:
+    case GL_UNSIGNED_BYTE:
+        return 1;
+    case GL_SHORT:
+    case GL_UNSIGNED_SHORT:
+    case GL_HALF_FLOAT:
+    case GL_HALF_FLOAT_OES:
+        return 2;
+    default:
+        return 4;
+    }
+}
+
+} // namespace
+
+const SEglHostFns &Call::egl() const {
+    return *player.egl;
+}
+const GLESPPHostFns &Call::gles() const {
+    return *player.gles;
+}
+const SEs1HostFns &Call::es1() const {
+    return player.es1();
+}
+
+ContextState &Call::context() const {
+    return thread.context ? *thread.context : player.noContext;
+}
+
+void Call::fail(const char *why) {
+    ok_ = false;
+    player.problem(e, why);
+}
+
+void Call::missing() {
+    ok_ = false;
+    player.problem(e, std::string("the local driver has no ") + e.name() + "; the call was skipped");
+}
+
+const uint8_t *Call::block(int i, uint32_t *bytes) const {
+    const reader::Arg &a = e.args[static_cast<size_t>(i)];
+    if (a.block < 0) {
+        if (bytes) *bytes = 0;
+        return nullptr;
+    }
+    const reader::Block &b = e.blocks[static_cast<size_t>(a.block)];
+    if (bytes) *bytes = b.size;
+    return e.bytes(b);
+}
+
+int Call::field(const char *name) const {
+    if (!e.desc) return -1;
+    for (size_t i = 0; i < e.args.size(); ++i)
+        if (std::strcmp(e.args[i].field->name, name) == 0) return static_cast<int>(i);
+    return -1;
+}
+
+bool Call::bufferBound(GLenum binding) const {
+    // Only OpenGL ES 3 has pixel buffers; asking an ES 2 context would raise an error.
+    if (context().apiVersion < 3) return false;
+    GLint bound = 0;
+    gles().glGetIntegerv(binding, &bound);
+    return bound != 0;
+}
+
+const void *Call::in(int i) {
+    const uint8_t *bytes = block(i);
+    if (bytes) return bytes;
+    const reader::Arg &a = e.args[static_cast<size_t>(i)];
+    if (a.value == 0) return nullptr;
+    // No bytes for a pointer: an offset into a bound pixel unpack buffer, or data of no size.
+    if (a.field->kind == api::Field::Blob && a.field->type == api::Type::U8 && bufferBound(GL_PIXEL_UNPACK_BUFFER_BINDING))
+        return reinterpret_cast<const void *>(static_cast<uintptr_t>(a.value));
+    if (a.hasCount && a.count > 0) {
+        fail("the record lacks the data the call reads");
+        return nullptr;
+    }
+    return nullptr;
+}
+
+void *Call::out(int i, uint64_t hint) {
+    const reader::Arg &a = e.args[static_cast<size_t>(i)];
+    if (a.value == 0) return nullptr; // the application asked for nothing here
+    if (a.field->kind == api::Field::Blob && a.field->type == api::Type::U8 && !(a.hasCount && a.count > 0) &&
+        bufferBound(GL_PIXEL_PACK_BUFFER_BINDING))
+        return reinterpret_cast<void *>(static_cast<uintptr_t>(a.value));
+    uint64_t bytes = a.hasCount ? a.count * uint64_t(api::typeWidth(a.field->type)) : 0;
+    bytes = std::max<uint64_t>(bytes, std::min<uint64_t>(hint, 1u << 26) * 8);
+    return thread.slabs.get(outputs_++, static_cast<size_t>(std::max<uint64_t>(bytes, kMinimumOutput)));
+}
+
+const char *Call::string(int i) {
+    const reader::Arg &a = e.args[static_cast<size_t>(i)];
+    if (a.value == 0) return nullptr;
+    uint32_t n = 0;
+    const uint8_t *bytes = block(i, &n);
+    thread.strings.emplace_back(reinterpret_cast<const char *>(bytes ? bytes : reinterpret_cast<const uint8_t *>("")), n);
+    return thread.strings.back().c_str();
+}
+
+const char *const *Call::strings(int i) {
+    const reader::Arg &a = e.args[static_cast<size_t>(i)];
+    thread.stringPointers.clear();
+    thread.stringLengths.clear();
+    if (a.value == 0) return nullptr;
+    for (uint32_t k = 0; k < a.partCount; ++k) {
+        const reader::Part &p = e.parts[a.firstPart + k];
+        if (p.block >= 0) {
+            // Copied with a terminator: not every function takes the lengths.
+            const reader::Block &b = e.blocks[static_cast<size_t>(p.block)];
+            thread.strings.emplace_back(reinterpret_cast<const char *>(e.bytes(b)), b.size);
+            thread.stringPointers.push_back(thread.strings.back().c_str());
+            thread.stringLengths.push_back(static_cast<GLint>(b.size));
+        } else {
+            thread.stringPointers.push_back("");
+            thread.stringLengths.push_back(0);
+        }
+    }
+    if (thread.stringPointers.size() < a.count) fail("the record lacks some of the strings");
+    return thread.stringPointers.data();
+}
+
+const GLint *Call::stringLengths(int) {
+    return thread.stringLengths.data();
+}
+
+// ---- Names ------------------------------------------------------------------------------------
+
+NameMap &Call::map(Obj kind) const {
+    ContextState &ctx = context();
+    int k = static_cast<int>(kind);
+    return k < kSharedKinds ? ctx.shared->names[k] : ctx.own[k - kSharedKinds];
+}
+
+uint32_t Call::mapName(Obj kind, uint32_t recorded) {
+    if (recorded == 0) return 0;
+    uint64_t local;
+    NameMap &m = map(kind);
+    if (m.find(recorded, local)) return static_cast<uint32_t>(local);
+    // A name the trace never saw created: OpenGL ES 2 creates objects that are bound by a name the
+    // application made up. The local driver makes one of its own for it, so that its own names
+    // never collide with it.
+    GLuint made = 0;
+    const GLESPPHostFns &gl = gles();
+    switch (kind) {
+    case Obj::Buffer:
+        gl.glGenBuffers(1, &made);
+        break;
+    case Obj::Texture:
+        gl.glGenTextures(1, &made);
+        break;
+    case Obj::Renderbuffer:
+        gl.glGenRenderbuffers(1, &made);
+        break;
+    case Obj::Framebuffer:
+        gl.glGenFramebuffers(1, &made);
+        break;
+    default:
+        made = recorded;
+        break;
+    }
+    if (made == 0) made = recorded;
+    m.set(recorded, made);
+    return made;
+}
+
+const uint32_t *Call::names(Obj kind, int i) {
+    uint32_t bytes = 0;
+    const uint8_t *recorded = block(i, &bytes);
+    if (!recorded) return reinterpret_cast<const uint32_t *>(in(i));
+    thread.names.resize(bytes / 4);
+    for (size_t k = 0; k < thread.names.size(); ++k) {
+        uint32_t r;
+        std::memcpy(&r, recorded + 4 * k, 4);
+        thread.names[k] = mapName(kind, r);
+    }
+    return thread.names.data();
+}
+
+void Call::createdNames(Obj kind, int i, const GLuint *made) {
+    uint32_t bytes = 0;
+    const uint8_t *recorded = block(i, &bytes);
+    if (!recorded || !made) return;
+    NameMap &m = map(kind);
+    for (uint32_t k = 0; k + 4 <= bytes; k += 4) {
+        uint32_t r;
+        std::memcpy(&r, recorded + k, 4);
+        if (r) m.set(r, made[k / 4]);
+    }
+}
+
+void Call::createdName(Obj kind, uint32_t made) {
+    uint32_t recorded = static_cast<uint32_t>(e.result);
+    if (recorded && made) map(kind).set(recorded, made);
+}
+
+uint64_t Call::mapSync(uint64_t recorded) {
+    if (recorded == 0) return 0;
+    uint64_t local;
+    if (map(Obj::Sync).find(recorded, local)) return local;
+    fail("the sync object was not created in the trace");
+    return 0;
+}
+
+void Call::createdSync(GLsync made) {
+    if (e.result && made) map(Obj::Sync).set(e.result, reinterpret_cast<uintptr_t>(made));
+}
+
+uint64_t Call::mapHandle(Handle kind, uint64_t recorded) {
+    if (recorded == 0) return 0;
+    uint64_t local;
+    if (player.handles[static_cast<int>(kind)].find(recorded, local)) return local;
+    if (kind == Handle::Config) return reinterpret_cast<uintptr_t>(player.configFor(recorded));
+    if (kind == Handle::Display) return reinterpret_cast<uintptr_t>(player.localDisplay());
+    char text[96];
+    std::snprintf(text, sizeof(text), "it names a handle the trace never created (0x%llx)",
+                  static_cast<unsigned long long>(recorded));
+    fail(text);
+    return 0;
+}
+
+void Call::noteHandle(Handle kind, uint64_t recorded, uint64_t local) {
+    if (recorded && local) player.handles[static_cast<int>(kind)].set(recorded, local);
+}
+
+uint32_t Call::currentProgram() const {
+    return context().currentProgram;
+}
+
+int64_t Call::programValue(ProgramValue kind, uint32_t program, int i) {
+    int64_t recorded = static_cast<int32_t>(value(i));
+    if (recorded < 0) return recorded;
+    auto &programs = context().shared->programValues[static_cast<int>(kind)];
+    auto p = programs.find(program);
+    if (p == programs.end() || p->second.empty()) return recorded;
+    // Elements of a uniform array follow their first element: a location the trace never asked
+    // for is placed after the nearest one it did.
+    auto it = p->second.upper_bound(recorded);
+    if (it == p->second.begin()) return recorded;
+    --it;
+    return it->second + (recorded - it->first);
+}
+
+void Call::createdProgramValue(ProgramValue kind, uint32_t program, int64_t made) {
+    int64_t recorded = static_cast<int32_t>(e.result);
+    if (recorded < 0 || made < 0) return;
+    context().shared->programValues[static_cast<int>(kind)][program][recorded] = made;
+}
+
+// ---- Draws ------------------------------------------------------------------------------------
+
+bool Call::clientArrays(int tail) {
+    const reader::Arg &a = e.args[static_cast<size_t>(tail)];
+    if (a.partial) {
+        fail("the client arrays of the draw were not recorded whole; the draw was skipped");
+        return false;
+    }
+    const GLESPPHostFns &gl = gles();
+    for (uint32_t k = 0; k < a.partCount; ++k) {
+        const reader::Part &p = e.parts[a.firstPart + k];
+        if (p.kind != reader::Part::Kind::Attribute) continue;
+        if (p.count == 0 || p.block < 0) {
+            fail("a client array of the draw was not recorded; the draw was skipped");
+            return false;
+        }
+        const uint8_t *data = e.bytes(e.blocks[static_cast<size_t>(p.block)]);
+        // The record holds the attribute tightly packed; its format is the one the application
+        // set, which the driver still holds.
+        GLint size = 4, type = GL_FLOAT, normalized = 0, integer = 0;
+        gl.glGetVertexAttribiv(p.index, GL_VERTEX_ATTRIB_ARRAY_SIZE, &size);
+        gl.glGetVertexAttribiv(p.index, GL_VERTEX_ATTRIB_ARRAY_TYPE, &type);
+        gl.glGetVertexAttribiv(p.index, GL_VERTEX_ATTRIB_ARRAY_NORMALIZED, &normalized);
+        if (context().apiVersion >= 3) gl.glGetVertexAttribiv(p.index, GL_VERTEX_ATTRIB_ARRAY_INTEGER, &integer);
+        GLsizei stride = static_cast<GLsizei>(static_cast<uint32_t>(std::max(size, 0)) *
+                                              componentSize(static_cast<GLenum>(type)));
+        if (integer && gl.glVertexAttribIPointer)
+            gl.glVertexAttribIPointer(p.index, size, static_cast<GLenum>(type), stride, data);
+        else
+            gl.glVertexAttribPointer(p.index, size, static_cast<GLenum>(type), static_cast<GLboolean>(normalized),
+                                     stride, data);
+    }
+    return true;
+}
+
+const void *Call::indices(int tail, int param) {
+    const reader::Arg &a = e.args[static_cast<size_t>(tail)];
+    uint64_t pointer = value(param);
+    for (uint32_t k = 0; k < a.partCount; ++k) {
+        const reader::Part &p = e.parts[a.firstPart + k];
+        if (p.kind != reader::Part::Kind::Indices || p.index != 0) continue;
+        if (p.count == 0) break; // indices in an element buffer: the pointer is an offset
+        if (p.missing || p.block < 0) {
+            fail("the indices of the draw were not recorded; the draw was skipped");
+            return nullptr;
+        }
+        return e.bytes(e.blocks[static_cast<size_t>(p.block)]);
+    }
+    return reinterpret_cast<const void *>(static_cast<uintptr_t>(pointer));
+}
+
+} // namespace kv::replay

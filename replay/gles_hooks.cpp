@@ -1,0 +1,54 @@
+// OpenGL ES: the program in use (uniform locations belong to it), attribute locations, and the
+// writes an application made through buffer mappings.
+#include "replay/hooks.h"
+#include "replay/session.h"
+
+namespace kv::replay {
+
+void Hooks<fn::glUseProgram>::after(Call &c, GLuint program) {
+    c.context().currentProgram = program;
+}
+
+void Hooks<fn::glGetAttribLocation>::after(Call &c, GLint &result, GLuint program, const GLchar *name) {
+    GLint recorded = static_cast<GLint>(static_cast<int32_t>(c.e.result));
+    if (recorded < 0 || result == recorded || !name) return;
+    // The application sets up its vertex arrays with the recorded location: the attribute is bound
+    // there and the program linked again.
+    c.gles().glBindAttribLocation(program, static_cast<GLuint>(recorded), name);
+    c.gles().glLinkProgram(program);
+    result = recorded;
+}
+
+void Hooks<fn::glMapBufferRange>::after(Call &c, void *&result, GLenum target, GLintptr offset, GLsizeiptr length,
+                                        GLbitfield) {
+    Mapping &m = c.context().mappings[target];
+    m.pointer = static_cast<uint8_t *>(result);
+    m.offset = offset;
+    m.length = length;
+    if (!result) c.fail("the local driver could not map the buffer");
+}
+
+bool Hooks<fn::glFlushMappedBufferRange>::before(Call &c, GLenum &target, GLintptr &offset, GLsizeiptr &length) {
+    auto it = c.context().mappings.find(target);
+    int data = c.field("data");
+    uint32_t bytes = 0;
+    const uint8_t *written = data >= 0 ? c.block(data, &bytes) : nullptr;
+    if (it == c.context().mappings.end() || !it->second.pointer || !written) return true;
+    if (offset < 0 || length < 0 || offset + length > it->second.length) return true;
+    std::memcpy(it->second.pointer + offset, written, std::min<uint64_t>(bytes, static_cast<uint64_t>(length)));
+    return true;
+}
+
+bool Hooks<fn::glUnmapBuffer>::before(Call &c, GLenum &target) {
+    auto it = c.context().mappings.find(target);
+    if (it == c.context().mappings.end()) return true;
+    int data = c.field("data");
+    uint32_t bytes = 0;
+    const uint8_t *written = data >= 0 ? c.block(data, &bytes) : nullptr;
+    if (it->second.pointer && written)
+        std::memcpy(it->second.pointer, written, std::min<uint64_t>(bytes, static_cast<uint64_t>(it->second.length)));
+    c.context().mappings.erase(it);
+    return true;
+}
+
+} // namespace kv::replay
