@@ -7,6 +7,14 @@
 
 namespace kv::msg {
 
+namespace {
+bool progressOnConsole = true;
+}
+
+void keepProgressOffConsole() {
+    progressOnConsole = false;
+}
+
 void emit(unsigned channels, const char *consolePrefix, const char *text) {
     if (channels & kDebugger) {
         platform::debugOutput(text);
@@ -29,7 +37,7 @@ void emit(unsigned channels, const char *consolePrefix, const char *text) {
     emit(channels, prefix, text.c_str())
 
 void info(const char *fmt, ...) {
-    KV_FORMAT_AND_EMIT(kDebugger | kOut, "");
+    KV_FORMAT_AND_EMIT(progressOnConsole ? kDebugger | kOut : kDebugger, "");
 }
 void warning(const char *fmt, ...) {
     KV_FORMAT_AND_EMIT(kDebugger | kOut, "WARNING: ");

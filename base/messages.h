@@ -24,4 +24,8 @@ void error(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
 // The debugger only.
 void debug(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
 
+// Progress lines (info) stay off the console from now on; a tool that loads the host libraries
+// itself (the player) keeps its own output readable. Warnings and errors are unaffected.
+void keepProgressOffConsole();
+
 } // namespace kv::msg

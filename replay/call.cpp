@@ -85,7 +85,8 @@ const void *Call::in(int i) {
     const reader::Arg &a = e.args[static_cast<size_t>(i)];
     if (a.value == 0) return nullptr;
     // No bytes for a pointer: an offset into a bound pixel unpack buffer, or data of no size.
-    if (a.field->kind == api::Field::Blob && a.field->type == api::Type::U8 && bufferBound(GL_PIXEL_UNPACK_BUFFER_BINDING))
+    if (a.field->kind == api::Field::Blob && a.field->type == api::Type::U8 &&
+        bufferBound(GL_PIXEL_UNPACK_BUFFER_BINDING))
         return reinterpret_cast<const void *>(static_cast<uintptr_t>(a.value));
     if (a.hasCount && a.count > 0) {
         fail("the record lacks the data the call reads");
@@ -110,7 +111,8 @@ const char *Call::string(int i) {
     if (a.value == 0) return nullptr;
     uint32_t n = 0;
     const uint8_t *bytes = block(i, &n);
-    thread.strings.emplace_back(reinterpret_cast<const char *>(bytes ? bytes : reinterpret_cast<const uint8_t *>("")), n);
+    thread.strings.emplace_back(
+        reinterpret_cast<const char *>(bytes ? bytes : reinterpret_cast<const uint8_t *>("")), n);
     return thread.strings.back().c_str();
 }
 
@@ -286,14 +288,15 @@ bool Call::clientArrays(int tail) {
         gl.glGetVertexAttribiv(p.index, GL_VERTEX_ATTRIB_ARRAY_SIZE, &size);
         gl.glGetVertexAttribiv(p.index, GL_VERTEX_ATTRIB_ARRAY_TYPE, &type);
         gl.glGetVertexAttribiv(p.index, GL_VERTEX_ATTRIB_ARRAY_NORMALIZED, &normalized);
-        if (context().apiVersion >= 3) gl.glGetVertexAttribiv(p.index, GL_VERTEX_ATTRIB_ARRAY_INTEGER, &integer);
+        if (context().apiVersion >= 3)
+            gl.glGetVertexAttribiv(p.index, GL_VERTEX_ATTRIB_ARRAY_INTEGER, &integer);
         GLsizei stride = static_cast<GLsizei>(static_cast<uint32_t>(std::max(size, 0)) *
                                               componentSize(static_cast<GLenum>(type)));
         if (integer && gl.glVertexAttribIPointer)
             gl.glVertexAttribIPointer(p.index, size, static_cast<GLenum>(type), stride, data);
         else
-            gl.glVertexAttribPointer(p.index, size, static_cast<GLenum>(type), static_cast<GLboolean>(normalized),
-                                     stride, data);
+            gl.glVertexAttribPointer(p.index, size, static_cast<GLenum>(type),
+                                     static_cast<GLboolean>(normalized), stride, data);
     }
     return true;
 }

@@ -76,7 +76,8 @@ private:
 struct ShareGroup {
     NameMap names[kSharedKinds];
     // Per local program: recorded value -> local value (uniform locations, block indices).
-    std::unordered_map<uint32_t, std::map<int64_t, int64_t>> programValues[static_cast<int>(ProgramValue::Count)];
+    std::unordered_map<uint32_t, std::map<int64_t, int64_t>>
+        programValues[static_cast<int>(ProgramValue::Count)];
 };
 
 struct Mapping {
@@ -90,7 +91,7 @@ struct ContextState {
     int apiVersion = 2; // major version the context was created for
     std::shared_ptr<ShareGroup> shared = std::make_shared<ShareGroup>();
     NameMap own[static_cast<int>(Obj::Count) - kSharedKinds];
-    uint32_t currentProgram = 0; // local name
+    uint32_t currentProgram = 0;        // local name
     std::map<GLenum, Mapping> mappings; // buffer mappings by target
 };
 

@@ -18,10 +18,11 @@ std::vector<EGLint> localConfigAttributes(Call &c, const EGLint *attribs) {
         switch (a[0]) {
         case EGL_SURFACE_TYPE:
             surfaceType = true;
-            out.insert(out.end(), {a[0], (a[1] & ~(EGL_WINDOW_BIT | EGL_PIXMAP_BIT)) | c.player.surfaceBit()});
+            out.insert(out.end(),
+                       {a[0], (a[1] & ~(EGL_WINDOW_BIT | EGL_PIXMAP_BIT)) | c.player.surfaceBit()});
             break;
-        case EGL_CONFIG_ID:          // another machine's numbering
-        case EGL_NATIVE_VISUAL_ID:   // another window system's visuals
+        case EGL_CONFIG_ID:        // another machine's numbering
+        case EGL_NATIVE_VISUAL_ID: // another window system's visuals
         case EGL_NATIVE_VISUAL_TYPE:
         case EGL_NATIVE_RENDERABLE:
             break;
@@ -35,8 +36,8 @@ std::vector<EGLint> localConfigAttributes(Call &c, const EGLint *attribs) {
 }
 
 // Fills `configs` with the local configs standing for the recorded ones, in the recorded order.
-EGLBoolean mapConfigs(Call &c, int recordedField, std::vector<EGLConfig> &local, EGLConfig *configs, EGLint size,
-                      EGLint *count) {
+EGLBoolean mapConfigs(Call &c, int recordedField, std::vector<EGLConfig> &local, EGLConfig *configs,
+                      EGLint size, EGLint *count) {
     uint32_t bytes = 0;
     const uint8_t *recorded = c.block(recordedField, &bytes);
     EGLint n = 0;
@@ -105,39 +106,40 @@ EGLDisplay Hooks<fn::eglGetPlatformDisplayEXT>::call(Call &c, EGLenum, void *, c
     return c.player.localDisplay();
 }
 
-EGLBoolean Hooks<fn::eglChooseConfig>::call(Call &c, EGLDisplay dpy, const EGLint *attribs, EGLConfig *configs,
-                                            EGLint size, EGLint *count) {
+EGLBoolean Hooks<fn::eglChooseConfig>::call(Call &c, EGLDisplay dpy, const EGLint *attribs,
+                                            EGLConfig *configs, EGLint size, EGLint *count) {
     std::vector<EGLConfig> local = chooseLocal(c, dpy, attribs);
     return mapConfigs(c, 2, local, configs, size, count);
 }
 
-EGLBoolean Hooks<fn::eglGetConfigs>::call(Call &c, EGLDisplay dpy, EGLConfig *configs, EGLint size, EGLint *count) {
+EGLBoolean Hooks<fn::eglGetConfigs>::call(Call &c, EGLDisplay dpy, EGLConfig *configs, EGLint size,
+                                          EGLint *count) {
     std::vector<EGLConfig> local = chooseLocal(c, dpy, nullptr);
     return mapConfigs(c, 1, local, configs, size, count);
 }
 
-EGLSurface Hooks<fn::eglCreateWindowSurface>::call(Call &c, EGLDisplay dpy, EGLConfig config, EGLNativeWindowType,
-                                                   const EGLint *attribs) {
+EGLSurface Hooks<fn::eglCreateWindowSurface>::call(Call &c, EGLDisplay dpy, EGLConfig config,
+                                                   EGLNativeWindowType, const EGLint *attribs) {
     return surfaceFor(c, dpy, config, attribs, true);
 }
 EGLSurface Hooks<fn::eglCreatePlatformWindowSurface>::call(Call &c, EGLDisplay dpy, EGLConfig config, void *,
                                                            const EGLAttrib *attribs) {
     return surfaceFor(c, dpy, config, narrow(attribs).data(), true);
 }
-EGLSurface Hooks<fn::eglCreatePlatformWindowSurfaceEXT>::call(Call &c, EGLDisplay dpy, EGLConfig config, void *,
-                                                              const EGLint *attribs) {
+EGLSurface Hooks<fn::eglCreatePlatformWindowSurfaceEXT>::call(Call &c, EGLDisplay dpy, EGLConfig config,
+                                                              void *, const EGLint *attribs) {
     return surfaceFor(c, dpy, config, attribs, true);
 }
-EGLSurface Hooks<fn::eglCreatePixmapSurface>::call(Call &c, EGLDisplay dpy, EGLConfig config, EGLNativePixmapType,
-                                                   const EGLint *attribs) {
+EGLSurface Hooks<fn::eglCreatePixmapSurface>::call(Call &c, EGLDisplay dpy, EGLConfig config,
+                                                   EGLNativePixmapType, const EGLint *attribs) {
     return surfaceFor(c, dpy, config, attribs, false);
 }
 EGLSurface Hooks<fn::eglCreatePlatformPixmapSurface>::call(Call &c, EGLDisplay dpy, EGLConfig config, void *,
                                                            const EGLAttrib *attribs) {
     return surfaceFor(c, dpy, config, narrow(attribs).data(), false);
 }
-EGLSurface Hooks<fn::eglCreatePlatformPixmapSurfaceEXT>::call(Call &c, EGLDisplay dpy, EGLConfig config, void *,
-                                                              const EGLint *attribs) {
+EGLSurface Hooks<fn::eglCreatePlatformPixmapSurfaceEXT>::call(Call &c, EGLDisplay dpy, EGLConfig config,
+                                                              void *, const EGLint *attribs) {
     return surfaceFor(c, dpy, config, attribs, false);
 }
 
@@ -180,12 +182,13 @@ bool Hooks<fn::eglSwapBuffers>::before(Call &c, EGLDisplay &, EGLSurface &) {
 void Hooks<fn::eglSwapBuffers>::after(Call &c, EGLBoolean &, EGLDisplay, EGLSurface) {
     c.player.frameEnded(c);
 }
-bool Hooks<fn::eglSwapBuffersWithDamageEXT>::before(Call &c, EGLDisplay &, EGLSurface &, const EGLint *&, EGLint &) {
+bool Hooks<fn::eglSwapBuffersWithDamageEXT>::before(Call &c, EGLDisplay &, EGLSurface &, const EGLint *&,
+                                                    EGLint &) {
     c.player.frameShown(c);
     return true;
 }
-void Hooks<fn::eglSwapBuffersWithDamageEXT>::after(Call &c, EGLBoolean &, EGLDisplay, EGLSurface, const EGLint *,
-                                                   EGLint) {
+void Hooks<fn::eglSwapBuffersWithDamageEXT>::after(Call &c, EGLBoolean &, EGLDisplay, EGLSurface,
+                                                   const EGLint *, EGLint) {
     c.player.frameEnded(c);
 }
 

@@ -19,8 +19,8 @@ void Hooks<fn::glGetAttribLocation>::after(Call &c, GLint &result, GLuint progra
     result = recorded;
 }
 
-void Hooks<fn::glMapBufferRange>::after(Call &c, void *&result, GLenum target, GLintptr offset, GLsizeiptr length,
-                                        GLbitfield) {
+void Hooks<fn::glMapBufferRange>::after(Call &c, void *&result, GLenum target, GLintptr offset,
+                                        GLsizeiptr length, GLbitfield) {
     Mapping &m = c.context().mappings[target];
     m.pointer = static_cast<uint8_t *>(result);
     m.offset = offset;
@@ -28,14 +28,16 @@ void Hooks<fn::glMapBufferRange>::after(Call &c, void *&result, GLenum target, G
     if (!result) c.fail("the local driver could not map the buffer");
 }
 
-bool Hooks<fn::glFlushMappedBufferRange>::before(Call &c, GLenum &target, GLintptr &offset, GLsizeiptr &length) {
+bool Hooks<fn::glFlushMappedBufferRange>::before(Call &c, GLenum &target, GLintptr &offset,
+                                                 GLsizeiptr &length) {
     auto it = c.context().mappings.find(target);
     int data = c.field("data");
     uint32_t bytes = 0;
     const uint8_t *written = data >= 0 ? c.block(data, &bytes) : nullptr;
     if (it == c.context().mappings.end() || !it->second.pointer || !written) return true;
     if (offset < 0 || length < 0 || offset + length > it->second.length) return true;
-    std::memcpy(it->second.pointer + offset, written, std::min<uint64_t>(bytes, static_cast<uint64_t>(length)));
+    std::memcpy(it->second.pointer + offset, written,
+                std::min<uint64_t>(bytes, static_cast<uint64_t>(length)));
     return true;
 }
 
@@ -46,7 +48,8 @@ bool Hooks<fn::glUnmapBuffer>::before(Call &c, GLenum &target) {
     uint32_t bytes = 0;
     const uint8_t *written = data >= 0 ? c.block(data, &bytes) : nullptr;
     if (it->second.pointer && written)
-        std::memcpy(it->second.pointer, written, std::min<uint64_t>(bytes, static_cast<uint64_t>(it->second.length)));
+        std::memcpy(it->second.pointer, written,
+                    std::min<uint64_t>(bytes, static_cast<uint64_t>(it->second.length)));
     c.context().mappings.erase(it);
     return true;
 }

@@ -83,8 +83,8 @@ void Player::problem(const reader::Entry &e, const std::string &text) {
     std::string key = std::string(e.name()) + "|" + text;
     if (!said_.insert(key).second) return;
     if (said_.size() > 200) return;
-    std::fprintf(stderr, "kalvoren: record %llu (%s): %s\n", static_cast<unsigned long long>(e.index), e.name(),
-                 text.c_str());
+    std::fprintf(stderr, "kalvoren: record %llu (%s): %s\n", static_cast<unsigned long long>(e.index),
+                 e.name(), text.c_str());
 }
 
 // ---- The first walk: what the trace says of its configs, and how many frames it holds ---------
@@ -136,9 +136,11 @@ EGLDisplay Player::localDisplay() {
     const char *extensions = egl->eglQueryString(EGL_NO_DISPLAY, EGL_EXTENSIONS);
     if (extensions && std::strstr(extensions, "EGL_MESA_platform_surfaceless")) {
         if (egl->eglGetPlatformDisplay)
-            display_ = egl->eglGetPlatformDisplay(EGL_PLATFORM_SURFACELESS_MESA, EGL_DEFAULT_DISPLAY, nullptr);
+            display_ =
+                egl->eglGetPlatformDisplay(EGL_PLATFORM_SURFACELESS_MESA, EGL_DEFAULT_DISPLAY, nullptr);
         else if (egl->eglGetPlatformDisplayEXT)
-            display_ = egl->eglGetPlatformDisplayEXT(EGL_PLATFORM_SURFACELESS_MESA, EGL_DEFAULT_DISPLAY, nullptr);
+            display_ =
+                egl->eglGetPlatformDisplayEXT(EGL_PLATFORM_SURFACELESS_MESA, EGL_DEFAULT_DISPLAY, nullptr);
     }
     if (display_ == EGL_NO_DISPLAY) display_ = egl->eglGetDisplay(EGL_DEFAULT_DISPLAY);
     return display_;
@@ -161,7 +163,8 @@ EGLConfig Player::configFor(uint64_t recorded, EGLConfig fallback) {
     if (attrs != configAttributes_.end()) want = attrs->second;
     EGLint renderable = EGL_OPENGL_ES2_BIT;
     if (want.count(EGL_RENDERABLE_TYPE))
-        renderable = want[EGL_RENDERABLE_TYPE] & (EGL_OPENGL_ES_BIT | EGL_OPENGL_ES2_BIT | EGL_OPENGL_ES3_BIT);
+        renderable =
+            want[EGL_RENDERABLE_TYPE] & (EGL_OPENGL_ES_BIT | EGL_OPENGL_ES2_BIT | EGL_OPENGL_ES3_BIT);
     std::vector<EGLConfig> candidates;
     for (int attempt = 0; attempt < 2 && candidates.empty(); ++attempt) {
         std::vector<EGLint> list = {EGL_SURFACE_TYPE, surfaceBit()};
@@ -252,7 +255,8 @@ void Player::frameShown(Call &c) {
     if (width <= 0 || height <= 0) {
         // No saved size: the size of the surface drawn to.
         EGLint w = 0, h = 0;
-        EGLDisplay dpy = reinterpret_cast<EGLDisplay>(static_cast<uintptr_t>(c.mapHandle(Handle::Display, c.value(0))));
+        EGLDisplay dpy =
+            reinterpret_cast<EGLDisplay>(static_cast<uintptr_t>(c.mapHandle(Handle::Display, c.value(0))));
         egl->eglQuerySurface(dpy, c.thread.draw, EGL_WIDTH, &w);
         egl->eglQuerySurface(dpy, c.thread.draw, EGL_HEIGHT, &h);
         width = w, height = h;
@@ -278,11 +282,12 @@ void Player::frameShown(Call &c) {
             if (r.differing == 0)
                 std::printf("frame %llu: identical\n", static_cast<unsigned long long>(frame));
             else
-                std::printf("frame %llu: differs: largest channel difference %u, %llu of %llu pixels differ%s\n",
-                            static_cast<unsigned long long>(frame), r.largest,
-                            static_cast<unsigned long long>(r.differing),
-                            static_cast<unsigned long long>(pixels_.size() / 4),
-                            r.largest <= options.tolerance ? " (within the tolerance)" : "");
+                std::printf(
+                    "frame %llu: differs: largest channel difference %u, %llu of %llu pixels differ%s\n",
+                    static_cast<unsigned long long>(frame), r.largest,
+                    static_cast<unsigned long long>(r.differing),
+                    static_cast<unsigned long long>(pixels_.size() / 4),
+                    r.largest <= options.tolerance ? " (within the tolerance)" : "");
             std::fflush(stdout);
         }
     }
@@ -322,9 +327,11 @@ void Player::progress(bool last) {
     uint64_t now = platform::tickCountMs();
     if (!last && now - progressShownMs_ < 250) return;
     double seconds = double(now - startMs_) / 1000.0;
-    uint64_t total = std::min<uint64_t>(totalFrames_, options.lastFrame == UINT64_MAX ? totalFrames_ : options.lastFrame + 1);
-    std::fprintf(stderr, "\rframe %llu of %llu, %.0f calls/s   ", static_cast<unsigned long long>(framesPlayed_),
-                 static_cast<unsigned long long>(total), seconds > 0 ? double(calls_) / seconds : 0.0);
+    uint64_t total = std::min<uint64_t>(
+        totalFrames_, options.lastFrame == UINT64_MAX ? totalFrames_ : options.lastFrame + 1);
+    std::fprintf(stderr, "\rframe %llu of %llu, %.0f calls/s   ",
+                 static_cast<unsigned long long>(framesPlayed_), static_cast<unsigned long long>(total),
+                 seconds > 0 ? double(calls_) / seconds : 0.0);
     if (last) std::fprintf(stderr, "\r%60s\r", "");
     std::fflush(stderr);
     progressShownMs_ = now;
@@ -395,7 +402,8 @@ void Player::play(Worker &w) {
         if (e.id == kContextInformation && e.args.size() >= 5) {
             auto it = contexts.find(e.args[1].value);
             uint32_t version = static_cast<uint32_t>(e.args[4].value);
-            if (it != contexts.end() && version >= 1) it->second->apiVersion = version >= 3 ? 3 : int(version);
+            if (it != contexts.end() && version >= 1)
+                it->second->apiVersion = version >= 3 ? 3 : int(version);
         }
         return;
     }
@@ -417,8 +425,8 @@ void Player::play(Worker &w) {
         GLenum error = gles->glGetError();
         if (error != GL_NO_ERROR) {
             char text[96];
-            std::snprintf(text, sizeof(text), "the local driver reported error 0x%04x where the recording had none",
-                          error);
+            std::snprintf(text, sizeof(text),
+                          "the local driver reported error 0x%04x where the recording had none", error);
             problem(e, text);
         }
     }
@@ -439,8 +447,9 @@ int Player::run() {
     }
     reader_->keepBlockBytes(true);
     if (!reader_->header().recordData())
-        std::fprintf(stderr, "kalvoren: the trace holds no client data (RecordData was off): uploads and client "
-                             "arrays cannot be replayed\n");
+        std::fprintf(stderr,
+                     "kalvoren: the trace holds no client data (RecordData was off): uploads and client "
+                     "arrays cannot be replayed\n");
     searchDefaultHostLibraries();
     const SEglHost &eglHost = SEglHost::get();
     const GLESPPHost &glesHost = GLESPPHost::get();
@@ -487,11 +496,12 @@ int Player::finish() {
     uint64_t frames = framesPlayed_ - benchFrames_ + (options.firstFrame == 0 ? benchFrames_ : 0);
     uint64_t calls = calls_ - (options.firstFrame == 0 ? 0 : benchCalls_);
     if (options.benchmark) {
-        std::printf("%llu frames in %.3f s: %.2f frames per second; %llu calls, %.0f calls per second (%.0f ns "
-                    "per call)\n",
-                    static_cast<unsigned long long>(frames), seconds, seconds > 0 ? double(frames) / seconds : 0.0,
-                    static_cast<unsigned long long>(calls), seconds > 0 ? double(calls) / seconds : 0.0,
-                    calls ? seconds * 1e9 / double(calls) : 0.0);
+        std::printf(
+            "%llu frames in %.3f s: %.2f frames per second; %llu calls, %.0f calls per second (%.0f ns "
+            "per call)\n",
+            static_cast<unsigned long long>(frames), seconds, seconds > 0 ? double(frames) / seconds : 0.0,
+            static_cast<unsigned long long>(calls), seconds > 0 ? double(calls) / seconds : 0.0,
+            calls ? seconds * 1e9 / double(calls) : 0.0);
     }
     int status = 0;
     uint64_t differ = 0, within = 0;
@@ -506,7 +516,8 @@ int Player::finish() {
         std::printf("replayed %llu frames, %llu calls", static_cast<unsigned long long>(framesPlayed_),
                     static_cast<unsigned long long>(calls_));
         if (!results_.empty()) {
-            std::printf("; %llu frames compared: %llu identical", static_cast<unsigned long long>(results_.size()),
+            std::printf("; %llu frames compared: %llu identical",
+                        static_cast<unsigned long long>(results_.size()),
                         static_cast<unsigned long long>(results_.size() - differ - within));
             if (within) std::printf(", %llu within the tolerance", static_cast<unsigned long long>(within));
             if (differ) std::printf(", %llu differ", static_cast<unsigned long long>(differ));
@@ -519,13 +530,15 @@ int Player::finish() {
         std::printf("%llu calls that failed when recorded were not made\n",
                     static_cast<unsigned long long>(failedSkipped_));
     if (problems_) {
-        std::fprintf(stderr, "kalvoren: %llu records could not be played\n", static_cast<unsigned long long>(problems_));
+        std::fprintf(stderr, "kalvoren: %llu records could not be played\n",
+                     static_cast<unsigned long long>(problems_));
         status = 1;
     }
     if (reader_->ending() == reader::Ending::Truncated || reader_->ending() == reader::Ending::GaveUp) {
         // The walk stopped early: the reader's last problem says where and why.
         if (!reader_->problems().empty())
-            std::fprintf(stderr, "kalvoren: %s; the replay stopped there\n", reader_->problems().back().text.c_str());
+            std::fprintf(stderr, "kalvoren: %s; the replay stopped there\n",
+                         reader_->problems().back().text.c_str());
         status = 1;
     }
     if (differ) status = 1;

@@ -10,16 +10,16 @@ namespace kv::replay {
 
 struct Options {
     std::string trace;
-    uint64_t firstFrame = 0;          // frames reported (compared, dumped) from here
-    uint64_t lastFrame = UINT64_MAX;  // the replay stops after this frame
-    uint32_t loops = 0;               // times the range is played again
-    bool compare = true;              // compare with the saved frame buffers
-    bool benchmark = false;           // only the calls: no comparison, dumps or progress
-    bool window = false;              // real windows instead of pbuffers
-    bool quiet = false;               // no per-frame lines
-    bool checkErrors = false;         // ask the driver for its error after every OpenGL ES call
-    uint32_t tolerance = 0;           // largest channel difference still taken as equal
-    std::string dumpDirectory;        // the replayed frames as PNG files
+    uint64_t firstFrame = 0;             // frames reported (compared, dumped) from here
+    uint64_t lastFrame = UINT64_MAX;     // the replay stops after this frame
+    uint32_t loops = 0;                  // times the range is played again
+    bool compare = true;                 // compare with the saved frame buffers
+    bool benchmark = false;              // only the calls: no comparison, dumps or progress
+    bool window = false;                 // real windows instead of pbuffers
+    bool quiet = false;                  // no per-frame lines
+    bool checkErrors = false;            // ask the driver for its error after every OpenGL ES call
+    uint32_t tolerance = 0;              // largest channel difference still taken as equal
+    std::string dumpDirectory;           // the replayed frames as PNG files
     std::string eglLibrary, glesLibrary; // the local driver, when not the default one
 };
 

@@ -20,13 +20,15 @@ void onError(png_structp png, png_const_charp message) {
 void onWarning(png_structp, png_const_charp) {}
 
 // Everything libpng may leave through its error handler, with no local state to lose on the way.
-bool encode(png_structp png, png_infop info, std::FILE *file, int32_t width, int32_t height, png_bytepp rows) {
+bool encode(png_structp png, png_infop info, std::FILE *file, int32_t width, int32_t height,
+            png_bytepp rows) {
     if (setjmp(png_jmpbuf(png)) != 0) return false;
     png_init_io(png, file);
     // Level 1: frames are written while a replay runs.
     png_set_compression_level(png, 1);
     png_set_IHDR(png, info, static_cast<png_uint_32>(width), static_cast<png_uint_32>(height), 8,
-                 PNG_COLOR_TYPE_RGB_ALPHA, PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
+                 PNG_COLOR_TYPE_RGB_ALPHA, PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT,
+                 PNG_FILTER_TYPE_DEFAULT);
     png_write_info(png, info);
     png_write_image(png, rows);
     png_write_end(png, nullptr);
@@ -51,8 +53,8 @@ bool writePng(const std::string &path, int32_t width, int32_t height, const uint
     png_infop info = png ? png_create_info_struct(png) : nullptr;
     std::vector<png_bytep> rows(static_cast<size_t>(height));
     for (int32_t y = 0; y < height; ++y)
-        rows[static_cast<size_t>(y)] =
-            const_cast<png_bytep>(rgbaBottomUp + static_cast<size_t>(height - 1 - y) * static_cast<size_t>(width) * 4);
+        rows[static_cast<size_t>(y)] = const_cast<png_bytep>(
+            rgbaBottomUp + static_cast<size_t>(height - 1 - y) * static_cast<size_t>(width) * 4);
     bool ok = png && info && encode(png, info, file, width, height, rows.data());
     if (!ok && why.empty()) why = "libpng could not be started";
     png_destroy_write_struct(png ? &png : nullptr, info ? &info : nullptr);

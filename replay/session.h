@@ -18,8 +18,8 @@ struct FrameResult {
     uint64_t frame = 0;
     bool compared = false;
     bool sizeDiffers = false;
-    uint32_t largest = 0;    // largest channel difference
-    uint64_t differing = 0;  // pixels with any channel differing
+    uint32_t largest = 0;   // largest channel difference
+    uint64_t differing = 0; // pixels with any channel differing
 };
 
 class Player {

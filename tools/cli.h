@@ -15,6 +15,9 @@ constexpr int kExitOk = 0;
 constexpr int kExitProblems = 1;
 constexpr int kExitUsage = 2;
 
+// Creates DIR (and its parents) for files a command writes; false, with a message, when it cannot.
+bool makeOutputDirectory(const std::string &directory);
+
 int dumpCommand(const std::vector<std::string> &args);
 int infoCommand(const std::vector<std::string> &args);
 int recordCommand(const std::vector<std::string> &args);

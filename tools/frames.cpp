@@ -19,7 +19,7 @@ const char kHelp[] =
     "files named frame-NNNNNN.png, the frame number as recorded.\n"
     "\n"
     "Options:\n"
-    "  -o DIR, --output DIR   where the files go (it must exist)\n"
+    "  -o DIR, --output DIR   where the files go (made when missing)\n"
     "  --frames A-B           only frames A to B ('A-' to the end, 'A' just A)\n";
 
 int fieldIndex(const reader::Entry &e, const char *name) {
@@ -57,6 +57,7 @@ int framesCommand(const std::vector<std::string> &args) {
         complain("frames: usage: kalvoren frames TRACE -o DIR [--frames A-B]");
         return kExitUsage;
     }
+    if (!makeOutputDirectory(directory)) return kExitUsage;
     std::string error;
     std::unique_ptr<reader::Reader> r = reader::Reader::openFile(path, &error);
     if (!r) {
@@ -100,7 +101,9 @@ int framesCommand(const std::vector<std::string> &args) {
         ++written;
     }
     std::printf("%llu frames written to %s", static_cast<unsigned long long>(written), directory.c_str());
-    if (withoutPixels) std::printf(" (%llu frames without a saved frame buffer)", static_cast<unsigned long long>(withoutPixels));
+    if (withoutPixels)
+        std::printf(" (%llu frames without a saved frame buffer)",
+                    static_cast<unsigned long long>(withoutPixels));
     std::printf("\n");
     if (failed || r->ending() == reader::Ending::Truncated) return kExitProblems;
     return written || withoutPixels ? kExitOk : kExitProblems;

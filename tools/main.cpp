@@ -6,6 +6,8 @@
 
 #include <cstdarg>
 #include <cstring>
+#include <filesystem>
+#include <system_error>
 
 #ifndef KV_VERSION_TEXT
 #define KV_VERSION_TEXT "unknown"
@@ -28,6 +30,16 @@ const std::string *optionValue(const std::vector<std::string> &args, size_t &i, 
         return nullptr;
     }
     return &args[++i];
+}
+
+bool makeOutputDirectory(const std::string &directory) {
+    std::error_code error;
+    std::filesystem::create_directories(std::filesystem::u8path(directory), error);
+    if (error) {
+        complain("%s: cannot be made (%s)", directory.c_str(), error.message().c_str());
+        return false;
+    }
+    return true;
 }
 
 bool takeTracePath(const char *command, const std::string &a, std::string &path) {

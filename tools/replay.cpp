@@ -1,6 +1,7 @@
 // kalvoren replay: plays a trace back on this machine's driver and compares its frames.
 #include "tools/cli.h"
 
+#include "base/messages.h"
 #include "replay/player.h"
 
 namespace kv::cli {
@@ -92,6 +93,8 @@ int replayCommand(const std::vector<std::string> &args) {
         return kExitUsage;
     }
     if (o.benchmark) o.compare = false;
+    if (!o.dumpDirectory.empty() && !makeOutputDirectory(o.dumpDirectory)) return kExitUsage;
+    msg::keepProgressOffConsole(); // the host libraries' loading lines
     return replay::play(o);
 }
 

@@ -48,34 +48,37 @@ static GLuint program(const char *vs, const char *fs) {
 }
 
 /* Positions of a fan of triangles, computed on the GPU. */
-static const char *kCompute = "#version 310 es\n"
-                              "layout(local_size_x = 6) in;\n"
-                              "layout(std430, binding = 0) buffer Out { vec4 v[]; };\n"
-                              "uniform float phase;\n"
-                              "void main() {\n"
-                              "  uint i = gl_GlobalInvocationID.x;\n"
-                              "  float a = phase + float(i / 3u) * 1.1 + float(i % 3u) * 0.5;\n"
-                              "  v[i] = (i % 3u == 0u) ? vec4(0.0, 0.0, 0.0, 1.0) : vec4(0.6 * cos(a), 0.6 * sin(a), 0.0, 1.0);\n"
-                              "}\n";
+static const char *kCompute =
+    "#version 310 es\n"
+    "layout(local_size_x = 6) in;\n"
+    "layout(std430, binding = 0) buffer Out { vec4 v[]; };\n"
+    "uniform float phase;\n"
+    "void main() {\n"
+    "  uint i = gl_GlobalInvocationID.x;\n"
+    "  float a = phase + float(i / 3u) * 1.1 + float(i % 3u) * 0.5;\n"
+    "  v[i] = (i % 3u == 0u) ? vec4(0.0, 0.0, 0.0, 1.0) : vec4(0.6 * cos(a), 0.6 * sin(a), 0.0, 1.0);\n"
+    "}\n";
 
 /* Transform feedback: scales and shifts what it is given. */
-static const char *kFeedbackVs = "#version 300 es\n"
-                                 "in vec4 pos;\n"
-                                 "out vec4 moved;\n"
-                                 "uniform float shift;\n"
-                                 "void main() { moved = vec4(pos.xy * 0.5 + vec2(shift, 0.3), 0.0, 1.0); gl_Position = moved; }\n";
+static const char *kFeedbackVs =
+    "#version 300 es\n"
+    "in vec4 pos;\n"
+    "out vec4 moved;\n"
+    "uniform float shift;\n"
+    "void main() { moved = vec4(pos.xy * 0.5 + vec2(shift, 0.3), 0.0, 1.0); gl_Position = moved; }\n";
 static const char *kFeedbackFs = "#version 300 es\n"
                                  "precision mediump float;\n"
                                  "out vec4 c;\n"
                                  "void main() { c = vec4(1.0); }\n";
 
 /* Instanced, coloured from a uniform block, writing two render targets. */
-static const char *kSceneVs = "#version 300 es\n"
-                              "layout(location = 0) in vec4 pos;\n"
-                              "layout(location = 1) in vec2 offset;\n"
-                              "layout(location = 2) in float shade;\n"
-                              "out float v_shade;\n"
-                              "void main() { v_shade = shade; gl_Position = vec4(pos.xy * 0.3 + offset, 0.0, 1.0); }\n";
+static const char *kSceneVs =
+    "#version 300 es\n"
+    "layout(location = 0) in vec4 pos;\n"
+    "layout(location = 1) in vec2 offset;\n"
+    "layout(location = 2) in float shade;\n"
+    "out float v_shade;\n"
+    "void main() { v_shade = shade; gl_Position = vec4(pos.xy * 0.3 + offset, 0.0, 1.0); }\n";
 static const char *kSceneFs = "#version 300 es\n"
                               "precision mediump float;\n"
                               "layout(std140) uniform Colours { vec4 first; vec4 second; };\n"
@@ -115,12 +118,14 @@ int main(int argc, char **argv) {
 
     GLuint buffers[5];
     glGenBuffers(5, buffers);
-    GLuint fan = buffers[0], moved = buffers[1], offsets = buffers[2], colours = buffers[3], mapped = buffers[4];
+    GLuint fan = buffers[0], moved = buffers[1], offsets = buffers[2], colours = buffers[3],
+           mapped = buffers[4];
     glBindBuffer(GL_SHADER_STORAGE_BUFFER, fan);
     glBufferData(GL_SHADER_STORAGE_BUFFER, 18 * 16, NULL, GL_DYNAMIC_DRAW);
     glBindBuffer(GL_ARRAY_BUFFER, moved);
     glBufferData(GL_ARRAY_BUFFER, 18 * 16, NULL, GL_DYNAMIC_COPY);
-    const float offsetData[kInstances * 2] = {-0.6f, -0.5f, -0.3f, 0.4f, 0.0f, -0.2f, 0.3f, 0.5f, 0.6f, -0.4f};
+    const float offsetData[kInstances * 2] = {-0.6f, -0.5f, -0.3f, 0.4f, 0.0f,
+                                              -0.2f, 0.3f,  0.5f,  0.6f, -0.4f};
     glBindBuffer(GL_ARRAY_BUFFER, offsets);
     glBufferData(GL_ARRAY_BUFFER, sizeof(offsetData), offsetData, GL_STATIC_DRAW);
     glBindBuffer(GL_UNIFORM_BUFFER, colours);
@@ -182,7 +187,8 @@ int main(int argc, char **argv) {
 
         /* The uniform block, written through a mapping; the texture uploaded. */
         glBindBuffer(GL_UNIFORM_BUFFER, colours);
-        float *c = (float *)glMapBufferRange(GL_UNIFORM_BUFFER, 0, 32, GL_MAP_WRITE_BIT | GL_MAP_INVALIDATE_BUFFER_BIT);
+        float *c = (float *)glMapBufferRange(GL_UNIFORM_BUFFER, 0, 32,
+                                             GL_MAP_WRITE_BIT | GL_MAP_INVALIDATE_BUFFER_BIT);
         const float block[8] = {1.0f, 0.2f * (float)frame, 0.1f, 1.0f, 0.1f, 0.9f, 0.3f * (float)frame, 1.0f};
         memcpy(c, block, sizeof(block));
         glUnmapBuffer(GL_UNIFORM_BUFFER);
@@ -194,7 +200,8 @@ int main(int argc, char **argv) {
         /* A second copy of the fan, written through an explicitly flushed mapping. */
         glBindBuffer(GL_COPY_READ_BUFFER, moved);
         glBindBuffer(GL_ARRAY_BUFFER, mapped);
-        float *m = (float *)glMapBufferRange(GL_ARRAY_BUFFER, 0, 18 * 16, GL_MAP_WRITE_BIT | GL_MAP_FLUSH_EXPLICIT_BIT);
+        float *m = (float *)glMapBufferRange(GL_ARRAY_BUFFER, 0, 18 * 16,
+                                             GL_MAP_WRITE_BIT | GL_MAP_FLUSH_EXPLICIT_BIT);
         for (int i = 0; i < 18; ++i) {
             m[4 * i + 0] = (float)(i % 6) * 0.1f - 0.3f;
             m[4 * i + 1] = (float)(i / 6) * 0.2f - 0.7f + 0.05f * (float)frame;
@@ -238,7 +245,8 @@ int main(int argc, char **argv) {
         glReadBuffer(GL_COLOR_ATTACHMENT0);
         glBlitFramebuffer(0, 0, kWidth, kHeight, 0, 0, kWidth / 2, kHeight, GL_COLOR_BUFFER_BIT, GL_NEAREST);
         glReadBuffer(GL_COLOR_ATTACHMENT1);
-        glBlitFramebuffer(0, 0, kWidth, kHeight, kWidth / 2, 0, kWidth, kHeight, GL_COLOR_BUFFER_BIT, GL_NEAREST);
+        glBlitFramebuffer(0, 0, kWidth, kHeight, kWidth / 2, 0, kWidth, kHeight, GL_COLOR_BUFFER_BIT,
+                          GL_NEAREST);
         glBindFramebuffer(GL_FRAMEBUFFER, 0);
         eglSwapBuffers(egl.display, egl.surface);
     }

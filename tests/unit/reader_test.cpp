@@ -419,8 +419,11 @@ TEST(ReaderForPlayers, KeptBytesSkimmingAndMarks) {
     // only when the layout says so, so a second glBufferData stands for the raw case below.
     raw.u32(0).u32(0x8892).u64(second.size()).u64(0x2000).u32(static_cast<uint32_t>(second.size()));
     raw.bytes(deflated(second)).u32(0x88E4);
-    b.thread(7).record(kGlBufferData, compressed).record(kGlBufferData, raw).thread(8).record(kGlBufferData,
-                                                                                                compressed);
+    b.thread(7)
+        .record(kGlBufferData, compressed)
+        .record(kGlBufferData, raw)
+        .thread(8)
+        .record(kGlBufferData, compressed);
     auto r = openBytes(b.bytes);
     ASSERT_TRUE(r);
     r->keepBlockBytes(true);
