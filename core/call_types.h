@@ -44,6 +44,9 @@ struct CallCtx {
     uint16_t id = 0;
     uint32_t error = 0;  // the API's error code after the call
     bool failed = false; // the driver rejected the call: it read and wrote nothing
+    // An extension function called on an OpenGL ES 1 context: there is no ES2/3 shadow state to
+    // update, and the driver's error stays the application's to read.
+    bool es1 = false;
     // Values a function's hooks hand to each other (for example the frame buffer read before a
     // swap, for the record written after it).
     uint64_t scratch[6] = {};

@@ -24,6 +24,14 @@ struct ContextRecord {
     uint32_t apiVersion = 2;               // 1 = ES1, 2 = ES2, 3 = ES3.0, 4 = ES3.1, 5 = ES3.2
     std::unique_ptr<CEs2ContextState> es2;
     bool destroyed = false;
+    // One byte per GL extension name the extension wrappers know (kGlExtensionNames): whether the
+    // driver offers it in this context; filled on the first extension call made on the context.
+    std::vector<uint8_t> extensionFlags;
+    bool extensionFlagsFilled = false;
+    // The driver's indices of the GL extensions the application is shown (glGetStringi,
+    // GL_NUM_EXTENSIONS) when the configuration hides some; made on first use.
+    std::vector<uint32_t> shownExtensions;
+    bool shownExtensionsKnown = false;
 };
 
 enum class SurfaceKind : uint8_t { Window, Pbuffer, Pixmap, ClientBuffer };

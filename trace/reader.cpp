@@ -161,6 +161,7 @@ const char *Entry::name() const {
     if (id == format::kThreadMarkerId) return "thread marker";
     if (id == format::kSnapshotMarkerId) return "snapshot marker";
     if (desc && desc->name && desc->name[0]) return desc->name;
+    if (!calledName.empty()) return calledName.c_str();
     return "unknown function";
 }
 
@@ -711,6 +712,7 @@ bool Reader::next(Entry &e) {
     e.blocks.clear();
     e.droppedParts = 0;
     e.problem.clear();
+    e.calledName.clear();
     e.offset = m.pos;
     e.thread = m.thread;
     e.index = m.nextIndex;
@@ -830,7 +832,8 @@ bool Reader::next(Entry &e) {
     } else {
         e.desc = api::describe(id);
         e.inSnapshot = m.inSnapshot;
-        if (!e.desc || !e.desc->name || !e.desc->name[0]) {
+        const bool named = e.desc && e.desc->name && e.desc->name[0];
+        if (!e.desc || (!named && !e.desc->hasLayout)) {
             e.desc = nullptr;
             e.kind = Entry::Kind::Unreadable;
             e.problem = textf("unknown function id %u", id);
@@ -839,6 +842,14 @@ bool Reader::next(Entry &e) {
             e.problem = std::string("no record layout is known for ") + e.desc->name;
         } else {
             Decoder(m, e, payload).run();
+            // A family's own row records calls of functions the recorder had no wrapper for; the
+            // record's first block names the function.
+            if (!named && !e.args.empty() && e.args[0].block >= 0) {
+                const Block &b = e.blocks[static_cast<size_t>(e.args[0].block)];
+                std::vector<uint8_t> text;
+                if (b.element == api::Type::Char && blockBytes(b, text, 256))
+                    e.calledName.assign(text.begin(), text.end());
+            }
         }
     }
 

@@ -105,6 +105,9 @@ struct Entry {
     std::vector<Block> blocks;
     uint64_t droppedParts = 0; // parts (and their blocks) beyond what one entry keeps
     std::string problem;       // what could not be read; the decoded part is kept
+    // A call of a function the recorder had no wrapper for (the family's own row): the name the
+    // record gives.
+    std::string calledName;
 
     const char *name() const;
 };
