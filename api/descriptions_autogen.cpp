@@ -399,6 +399,24 @@ const FieldDesc kFields_eglSetDamageRegionKHR_1124[] = {
     {"rects", Field::Blob, Type::I32, 0, -1, 0},
     {"n_rects", Field::Value, Type::I32, 0, -1, 0},
 };
+// (Client buffer creation) (1500): display Handle | image Handle | target EglEnum | buffer Ptr | width I32 | height I32 | pixels Blob<U8>(z)(always)
+const FieldDesc kFields__Client_buffer_creation__1500[] = {
+    {"display", Field::Value, Type::Handle, 0, -1, 0},
+    {"image", Field::Value, Type::Handle, 0, -1, 0},
+    {"target", Field::Value, Type::EglEnum, 0, -1, 0},
+    {"buffer", Field::Value, Type::Ptr, 0, -1, 0},
+    {"width", Field::Value, Type::I32, 0, -1, 0},
+    {"height", Field::Value, Type::I32, 0, -1, 0},
+    {"pixels", Field::Blob, Type::U8, kAlways | kCompressible, -1, 0},
+};
+// (Client buffer update) (1501): display Handle | image Handle | width I32 | height I32 | pixels Blob<U8>(z)(always)
+const FieldDesc kFields__Client_buffer_update__1501[] = {
+    {"display", Field::Value, Type::Handle, 0, -1, 0},
+    {"image", Field::Value, Type::Handle, 0, -1, 0},
+    {"width", Field::Value, Type::I32, 0, -1, 0},
+    {"height", Field::Value, Type::I32, 0, -1, 0},
+    {"pixels", Field::Blob, Type::U8, kAlways | kCompressible, -1, 0},
+};
 // (Context information) (1502): display Handle | context Handle | config Handle | shareContext Handle | apiVersion U32 | contextAttribs Attribs | configAttribs Attribs
 const FieldDesc kFields__Context_information__1502[] = {
     {"display", Field::Value, Type::Handle, 0, -1, 0},
@@ -536,7 +554,7 @@ const FieldDesc kFields_glCompressedTexImage2D_2022[] = {
     {"height", Field::Value, Type::I32, 0, -1, 0},
     {"border", Field::Value, Type::I32, 0, -1, 0},
     {"imageSize", Field::Value, Type::I32, 0, -1, 0},
-    {"data", Field::Blob, Type::U8, kCompressible, -1, 0},
+    {"data", Field::Blob, Type::U8, kCompressible | kUnpackBuffer, -1, 0},
 };
 // glCompressedTexSubImage2D (2023): error u32 | target GlEnum | level I32 | xoffset I32 | yoffset I32 | width I32 | height I32 | format GlEnum | imageSize I32 | data Blob<U8>(z)
 const FieldDesc kFields_glCompressedTexSubImage2D_2023[] = {
@@ -548,7 +566,7 @@ const FieldDesc kFields_glCompressedTexSubImage2D_2023[] = {
     {"height", Field::Value, Type::I32, 0, -1, 0},
     {"format", Field::Value, Type::GlEnum, 0, -1, 11},
     {"imageSize", Field::Value, Type::I32, 0, -1, 0},
-    {"data", Field::Blob, Type::U8, kCompressible, -1, 0},
+    {"data", Field::Blob, Type::U8, kCompressible | kUnpackBuffer, -1, 0},
 };
 // glCopyTexImage2D (2024): error u32 | target GlEnum | level I32 | internalformat GlEnum | x I32 | y I32 | width I32 | height I32 | border I32
 const FieldDesc kFields_glCopyTexImage2D_2024[] = {
@@ -916,7 +934,7 @@ const FieldDesc kFields_glReadPixels_2093[] = {
     {"height", Field::Value, Type::I32, 0, -1, 0},
     {"format", Field::Value, Type::GlEnum, 0, -1, 34},
     {"type", Field::Value, Type::GlEnum, 0, -1, 35},
-    {"pixels", Field::Blob, Type::U8, kCompressible | kOutput, -1, 0},
+    {"pixels", Field::Blob, Type::U8, kCompressible | kOutput | kPackBuffer, -1, 0},
 };
 // glRenderbufferStorage (2095): error u32 | target GlEnum | internalformat GlEnum | width I32 | height I32
 const FieldDesc kFields_glRenderbufferStorage_2095[] = {
@@ -997,7 +1015,7 @@ const FieldDesc kFields_glTexImage2D_2106[] = {
     {"border", Field::Value, Type::I32, 0, -1, 0},
     {"format", Field::Value, Type::GlEnum, 0, -1, 34},
     {"type", Field::Value, Type::GlEnum, 0, -1, 35},
-    {"pixels", Field::Blob, Type::U8, kCompressible, -1, 0},
+    {"pixels", Field::Blob, Type::U8, kCompressible | kUnpackBuffer, -1, 0},
 };
 // glTexParameterf (2107): error u32 | target GlEnum | pname GlEnum | param F32
 const FieldDesc kFields_glTexParameterf_2107[] = {
@@ -1033,7 +1051,7 @@ const FieldDesc kFields_glTexSubImage2D_2111[] = {
     {"height", Field::Value, Type::I32, 0, -1, 0},
     {"format", Field::Value, Type::GlEnum, 0, -1, 34},
     {"type", Field::Value, Type::GlEnum, 0, -1, 35},
-    {"pixels", Field::Blob, Type::U8, kCompressible, -1, 0},
+    {"pixels", Field::Blob, Type::U8, kCompressible | kUnpackBuffer, -1, 0},
 };
 // glUniform1f (2112): error u32 | location I32 | v0 F32
 const FieldDesc kFields_glUniform1f_2112[] = {
@@ -1357,7 +1375,7 @@ const FieldDesc kFields_glCompressedTexImage2D_3023[] = {
     {"height", Field::Value, Type::I32, 0, -1, 0},
     {"border", Field::Value, Type::I32, 0, -1, 0},
     {"imageSize", Field::Value, Type::I32, 0, -1, 0},
-    {"data", Field::Blob, Type::U8, kCompressible, -1, 0},
+    {"data", Field::Blob, Type::U8, kCompressible | kUnpackBuffer, -1, 0},
 };
 // glCompressedTexSubImage2D (3024): error u32 | target GlEnum | level I32 | xoffset I32 | yoffset I32 | width I32 | height I32 | format GlEnum | imageSize I32 | data Blob<U8>(z)
 const FieldDesc kFields_glCompressedTexSubImage2D_3024[] = {
@@ -1369,7 +1387,7 @@ const FieldDesc kFields_glCompressedTexSubImage2D_3024[] = {
     {"height", Field::Value, Type::I32, 0, -1, 0},
     {"format", Field::Value, Type::GlEnum, 0, -1, 11},
     {"imageSize", Field::Value, Type::I32, 0, -1, 0},
-    {"data", Field::Blob, Type::U8, kCompressible, -1, 0},
+    {"data", Field::Blob, Type::U8, kCompressible | kUnpackBuffer, -1, 0},
 };
 // glCopyTexImage2D (3025): error u32 | target GlEnum | level I32 | internalformat GlEnum | x I32 | y I32 | width I32 | height I32 | border I32
 const FieldDesc kFields_glCopyTexImage2D_3025[] = {
@@ -1833,7 +1851,7 @@ const FieldDesc kFields_glReadPixels_3114[] = {
     {"height", Field::Value, Type::I32, 0, -1, 0},
     {"format", Field::Value, Type::GlEnum, 0, -1, 34},
     {"type", Field::Value, Type::GlEnum, 0, -1, 35},
-    {"pixels", Field::Blob, Type::U8, kCompressible | kOutput, -1, 0},
+    {"pixels", Field::Blob, Type::U8, kCompressible | kOutput | kPackBuffer, -1, 0},
 };
 // glRotatef (3115): error u32 | angle F32 | x F32 | y F32 | z F32
 const FieldDesc kFields_glRotatef_3115[] = {
@@ -1951,7 +1969,7 @@ const FieldDesc kFields_glTexImage2D_3133[] = {
     {"border", Field::Value, Type::I32, 0, -1, 0},
     {"format", Field::Value, Type::GlEnum, 0, -1, 34},
     {"type", Field::Value, Type::GlEnum, 0, -1, 35},
-    {"pixels", Field::Blob, Type::U8, kCompressible, -1, 0},
+    {"pixels", Field::Blob, Type::U8, kCompressible | kUnpackBuffer, -1, 0},
 };
 // glTexParameterf (3134): error u32 | target GlEnum | pname GlEnum | param F32
 const FieldDesc kFields_glTexParameterf_3134[] = {
@@ -1999,7 +2017,7 @@ const FieldDesc kFields_glTexSubImage2D_3140[] = {
     {"height", Field::Value, Type::I32, 0, -1, 0},
     {"format", Field::Value, Type::GlEnum, 0, -1, 34},
     {"type", Field::Value, Type::GlEnum, 0, -1, 35},
-    {"pixels", Field::Blob, Type::U8, kCompressible, -1, 0},
+    {"pixels", Field::Blob, Type::U8, kCompressible | kUnpackBuffer, -1, 0},
 };
 // glTranslatef (3141): error u32 | x F32 | y F32 | z F32
 const FieldDesc kFields_glTranslatef_3141[] = {
@@ -2757,7 +2775,7 @@ const FieldDesc kFields_glTexImage3DOES_4128[] = {
     {"border", Field::Value, Type::I32, 0, -1, 0},
     {"format", Field::Value, Type::GlEnum, 0, -1, 34},
     {"type", Field::Value, Type::GlEnum, 0, -1, 35},
-    {"pixels", Field::Blob, Type::U8, kCompressible, -1, 0},
+    {"pixels", Field::Blob, Type::U8, kCompressible | kUnpackBuffer, -1, 0},
 };
 // glTexSubImage3DOES (4129): error u32 | target GlEnum | level I32 | xoffset I32 | yoffset I32 | zoffset I32 | width I32 | height I32 | depth I32 | format GlEnum | type GlEnum | pixels Blob<U8>(z)
 const FieldDesc kFields_glTexSubImage3DOES_4129[] = {
@@ -2771,7 +2789,7 @@ const FieldDesc kFields_glTexSubImage3DOES_4129[] = {
     {"depth", Field::Value, Type::I32, 0, -1, 0},
     {"format", Field::Value, Type::GlEnum, 0, -1, 34},
     {"type", Field::Value, Type::GlEnum, 0, -1, 35},
-    {"pixels", Field::Blob, Type::U8, kCompressible, -1, 0},
+    {"pixels", Field::Blob, Type::U8, kCompressible | kUnpackBuffer, -1, 0},
 };
 // glCopyTexSubImage3DOES (4130): error u32 | target GlEnum | level I32 | xoffset I32 | yoffset I32 | zoffset I32 | x I32 | y I32 | width I32 | height I32
 const FieldDesc kFields_glCopyTexSubImage3DOES_4130[] = {
@@ -2795,7 +2813,7 @@ const FieldDesc kFields_glCompressedTexImage3DOES_4131[] = {
     {"depth", Field::Value, Type::I32, 0, -1, 0},
     {"border", Field::Value, Type::I32, 0, -1, 0},
     {"imageSize", Field::Value, Type::I32, 0, -1, 0},
-    {"data", Field::Blob, Type::U8, kCompressible, -1, 0},
+    {"data", Field::Blob, Type::U8, kCompressible | kUnpackBuffer, -1, 0},
 };
 // glCompressedTexSubImage3DOES (4132): error u32 | target GlEnum | level I32 | xoffset I32 | yoffset I32 | zoffset I32 | width I32 | height I32 | depth I32 | format GlEnum | imageSize I32 | data Blob<U8>(z)
 const FieldDesc kFields_glCompressedTexSubImage3DOES_4132[] = {
@@ -2809,7 +2827,7 @@ const FieldDesc kFields_glCompressedTexSubImage3DOES_4132[] = {
     {"depth", Field::Value, Type::I32, 0, -1, 0},
     {"format", Field::Value, Type::GlEnum, 0, -1, 11},
     {"imageSize", Field::Value, Type::I32, 0, -1, 0},
-    {"data", Field::Blob, Type::U8, kCompressible, -1, 0},
+    {"data", Field::Blob, Type::U8, kCompressible | kUnpackBuffer, -1, 0},
 };
 // glFramebufferTexture3DOES (4133): error u32 | target GlEnum | attachment GlEnum | textarget GlEnum | texture U32 | level I32 | zoffset I32
 const FieldDesc kFields_glFramebufferTexture3DOES_4133[] = {
@@ -3017,7 +3035,7 @@ const FieldDesc kFields_glReadnPixelsEXT_4168[] = {
     {"format", Field::Value, Type::GlEnum, 0, -1, 34},
     {"type", Field::Value, Type::GlEnum, 0, -1, 35},
     {"bufSize", Field::Value, Type::I32, 0, -1, 0},
-    {"data", Field::Blob, Type::U8, kCompressible | kOutput, -1, 0},
+    {"data", Field::Blob, Type::U8, kCompressible | kOutput | kPackBuffer, -1, 0},
 };
 // glGetnUniformfvEXT (4169): error u32 | program U32 | location I32 | bufSize I32 | params Blob<F32>(out)
 const FieldDesc kFields_glGetnUniformfvEXT_4169[] = {
@@ -3930,7 +3948,7 @@ const FieldDesc kFields_glTexImage3D_5145[] = {
     {"border", Field::Value, Type::I32, 0, -1, 0},
     {"format", Field::Value, Type::GlEnum, 0, -1, 34},
     {"type", Field::Value, Type::GlEnum, 0, -1, 35},
-    {"pixels", Field::Blob, Type::U8, kCompressible, -1, 0},
+    {"pixels", Field::Blob, Type::U8, kCompressible | kUnpackBuffer, -1, 0},
 };
 // glTexSubImage3D (5146): error u32 | target GlEnum | level I32 | xoffset I32 | yoffset I32 | zoffset I32 | width I32 | height I32 | depth I32 | format GlEnum | type GlEnum | pixels Blob<U8>(z)
 const FieldDesc kFields_glTexSubImage3D_5146[] = {
@@ -3944,7 +3962,7 @@ const FieldDesc kFields_glTexSubImage3D_5146[] = {
     {"depth", Field::Value, Type::I32, 0, -1, 0},
     {"format", Field::Value, Type::GlEnum, 0, -1, 34},
     {"type", Field::Value, Type::GlEnum, 0, -1, 35},
-    {"pixels", Field::Blob, Type::U8, kCompressible, -1, 0},
+    {"pixels", Field::Blob, Type::U8, kCompressible | kUnpackBuffer, -1, 0},
 };
 // glCopyTexSubImage3D (5147): error u32 | target GlEnum | level I32 | xoffset I32 | yoffset I32 | zoffset I32 | x I32 | y I32 | width I32 | height I32
 const FieldDesc kFields_glCopyTexSubImage3D_5147[] = {
@@ -3968,7 +3986,7 @@ const FieldDesc kFields_glCompressedTexImage3D_5148[] = {
     {"depth", Field::Value, Type::I32, 0, -1, 0},
     {"border", Field::Value, Type::I32, 0, -1, 0},
     {"imageSize", Field::Value, Type::I32, 0, -1, 0},
-    {"data", Field::Blob, Type::U8, kCompressible, -1, 0},
+    {"data", Field::Blob, Type::U8, kCompressible | kUnpackBuffer, -1, 0},
 };
 // glCompressedTexSubImage3D (5149): error u32 | target GlEnum | level I32 | xoffset I32 | yoffset I32 | zoffset I32 | width I32 | height I32 | depth I32 | format GlEnum | imageSize I32 | data Blob<U8>(z)
 const FieldDesc kFields_glCompressedTexSubImage3D_5149[] = {
@@ -3982,7 +4000,7 @@ const FieldDesc kFields_glCompressedTexSubImage3D_5149[] = {
     {"depth", Field::Value, Type::I32, 0, -1, 0},
     {"format", Field::Value, Type::GlEnum, 0, -1, 11},
     {"imageSize", Field::Value, Type::I32, 0, -1, 0},
-    {"data", Field::Blob, Type::U8, kCompressible, -1, 0},
+    {"data", Field::Blob, Type::U8, kCompressible | kUnpackBuffer, -1, 0},
 };
 // glGenQueries (5150): error u32 | n I32 | ids Blob<U32>(out)
 const FieldDesc kFields_glGenQueries_5150[] = {
@@ -5284,7 +5302,7 @@ const FieldDesc kFields_glReadnPixels_7106[] = {
     {"format", Field::Value, Type::GlEnum, 0, -1, 34},
     {"type", Field::Value, Type::GlEnum, 0, -1, 35},
     {"bufSize", Field::Value, Type::I32, 0, -1, 0},
-    {"data", Field::Blob, Type::U8, kCompressible | kOutput, -1, 0},
+    {"data", Field::Blob, Type::U8, kCompressible | kOutput | kPackBuffer, -1, 0},
 };
 // glSamplerParameterIiv (7107): error u32 | sampler U32 | pname GlEnum | param Blob<I32>
 const FieldDesc kFields_glSamplerParameterIiv_7107[] = {
@@ -6238,8 +6256,8 @@ const FuncDesc kDescriptions[] = {
     {1122, 10, Family::EglExt, ErrorKind::Egl, Type::Handle, "eglCreatePlatformWindowSurfaceEXT", kFields_eglCreatePlatformWindowSurfaceEXT_1122, 7, true},
     {1123, 10, Family::EglExt, ErrorKind::Egl, Type::Handle, "eglCreatePlatformPixmapSurfaceEXT", kFields_eglCreatePlatformPixmapSurfaceEXT_1123, 7, true},
     {1124, 10, Family::EglExt, ErrorKind::Egl, Type::EglBoolean, "eglSetDamageRegionKHR", kFields_eglSetDamageRegionKHR_1124, 4, true},
-    {1500, 0, Family::Pseudo, ErrorKind::None, Type::None, "(Client buffer creation)", nullptr, 0, false},
-    {1501, 0, Family::Pseudo, ErrorKind::None, Type::None, "(Client buffer update)", nullptr, 0, false},
+    {1500, 0, Family::Pseudo, ErrorKind::None, Type::None, "(Client buffer creation)", kFields__Client_buffer_creation__1500, 7, true},
+    {1501, 0, Family::Pseudo, ErrorKind::None, Type::None, "(Client buffer update)", kFields__Client_buffer_update__1501, 5, true},
     {1502, 0, Family::Pseudo, ErrorKind::None, Type::None, "(Context information)", kFields__Context_information__1502, 7, true},
     {1503, 0, Family::Pseudo, ErrorKind::None, Type::None, "(Display information)", kFields__Display_information__1503, 4, true},
     {2000, 0, Family::Gles20, ErrorKind::Gl, Type::None, "", nullptr, 0, false},

@@ -507,6 +507,7 @@ def build_layout(func, rec, cl_typedefs, hooks):
             fl.append("kCompressible")
         if "always" in flags:
             fl.append("kAlways")
+        fl += [{"unpack": "kUnpackBuffer", "pack": "kPackBuffer"}[x] for x in flags if x in ("unpack", "pack")]
         if rule == "value":
             fields.append(Field(p.name, "Value", vtype_override or "Ptr", param=p))
         elif rule == "string":
@@ -864,7 +865,7 @@ def writer_line(f, fd):
         if fd.expr and fd.expr[0] == "shared":
             return f"    kv::rec::put<api::Type::{fd.type}>(h, kv::capture::{fd.expr[1]}(c));"
         return f"    kv::rec::put<api::Type::{fd.type}>(h, {fd.name});"
-    flags = flag_expr({x for x in fd.flags if x != "kOutput"}).replace("kCompressible", "api::kCompressible").replace("kAlways", "api::kAlways")
+    flags = flag_expr({x for x in fd.flags if x in ("kCompressible", "kAlways")}).replace("kCompressible", "api::kCompressible").replace("kAlways", "api::kAlways")
     if fd.kind == "Blob":
         if fd.expr[0] == "count":
             _, arg, width = fd.expr
@@ -1177,7 +1178,7 @@ def emit_ext_entries(members):
 # The tables the test host stands in for: the table, the name of its API in switches, the family
 # constant of its functions and how its version groups are labelled.
 TEST_HOST_TABLES = [("SEglHost", "EGL", "kEgl", "egl"), ("GLESPPHost", "GLES", "kGles", "es"),
-                    ("SGlesExtHost", "GLEXT", "kGles", "ext")]
+                    ("SGlesExtHost", "GLEXT", "kGles", "glext")]
 # What a function returns when the test has not programmed anything, by result type (0 otherwise).
 TEST_HOST_DEFAULTS = {"EGLBoolean": "EGL_TRUE"}
 TEST_HOST_MAX_ARGS = 16

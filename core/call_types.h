@@ -109,9 +109,13 @@ KV_ALWAYS_INLINE void put(RecordHandle &h, V v) {
     }
 }
 
+// The size of a pointer's data when the pointer is an offset into a buffer object bound to a pixel
+// pack or unpack target: the record then holds the 8-byte value alone.
+constexpr uint64_t kBufferOffset = ~uint64_t(0);
+
 // A pointer with its data: the pointer (8) and, when the trace holds client data (or the field is
 // always written), the byte count (4) and the block. A call the driver rejected records a count of
-// 0: it read nothing and wrote nothing.
+// 0: it read nothing and wrote nothing. A size of kBufferOffset writes the pointer alone.
 void blob(RecordHandle &h, CallCtx &c, const void *data, uint64_t bytes, uint8_t flags);
 inline void blob(RecordHandle &h, CallCtx &c, Blob b, uint8_t flags) {
     blob(h, c, b.data, b.bytes, flags);

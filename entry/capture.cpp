@@ -159,23 +159,24 @@ uint64_t imageSize(const PixelStore &store, GLsizei width, GLsizei height, GLsiz
 }
 
 uint64_t imageBytes(CallCtx &, GLsizei width, GLsizei height, GLsizei depth, GLenum format, GLenum type) {
-    if (boundBuffer(GL_PIXEL_UNPACK_BUFFER) != 0) return 0;
+    if (boundBuffer(GL_PIXEL_UNPACK_BUFFER) != 0) return rec::kBufferOffset;
     return imageSize(pixelStore(false), width, height, depth, format, type);
 }
 
 uint64_t unpackedBytes(CallCtx &, GLsizei size) {
-    if (boundBuffer(GL_PIXEL_UNPACK_BUFFER) != 0) return 0;
+    if (boundBuffer(GL_PIXEL_UNPACK_BUFFER) != 0) return rec::kBufferOffset;
     return size > 0 ? static_cast<uint64_t>(size) : 0;
 }
 
 uint64_t packedBytes(CallCtx &, GLsizei width, GLsizei height, GLenum format, GLenum type) {
-    if (boundBuffer(GL_PIXEL_PACK_BUFFER) != 0) return 0;
+    if (boundBuffer(GL_PIXEL_PACK_BUFFER) != 0) return rec::kBufferOffset;
     return imageSize(pixelStore(true), width, height, 1, format, type);
 }
 
 uint64_t packedBytesBounded(CallCtx &c, GLsizei width, GLsizei height, GLenum format, GLenum type,
                             GLsizei bufSize) {
     uint64_t bytes = packedBytes(c, width, height, format, type);
+    if (bytes == rec::kBufferOffset) return bytes;
     uint64_t limit = bufSize > 0 ? static_cast<uint64_t>(bufSize) : 0;
     return bytes < limit ? bytes : limit;
 }

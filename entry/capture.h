@@ -1,6 +1,7 @@
 // Hand-written size functions shared by many record layouts: how much client memory a call reads
 // or writes, where the registry can only say "it depends". Each returns an element count for the
-// pointer it sizes (bytes for void pointers); 0 when the data lives in a bound buffer object.
+// pointer it sizes (bytes for void pointers); rec::kBufferOffset when the pointer is an offset into
+// a buffer bound to the pixel pack or unpack target.
 #pragma once
 
 #include "core/call_types.h"

@@ -67,22 +67,21 @@ const char *filtered(const CZandString &configured, const char *host, const CZan
 
 std::string filterExtensions(const char *list, const std::string &disabled) {
     if (!list) return std::string();
-    std::string text(list);
-    char separator = ' ';
-    std::vector<std::string> kept;
+    // The disabled names go with the separator after them; everything else stays as the driver
+    // wrote it (some drivers end their lists with a separator).
+    const std::string text(list);
+    const char separator = ' ';
+    std::string out;
     size_t start = 0;
     while (start < text.size()) {
         size_t end = text.find(separator, start);
         if (end == std::string::npos) end = text.size();
-        std::string name = text.substr(start, end - start);
-        if (!name.empty() && !isDisabledExtension(name, disabled)) kept.push_back(name);
-        start = end + 1;
+        const std::string name = text.substr(start, end - start);
+        const size_t next = end < text.size() ? end + 1 : end;
+        if (name.empty() || !isDisabledExtension(name, disabled)) out.append(text, start, next - start);
+        start = next;
     }
-    std::string out;
-    for (size_t i = 0; i < kept.size(); ++i) {
-        if (i) out += separator;
-        out += kept[i];
-    }
+    if (!out.empty() && out.back() == separator && (text.empty() || text.back() != separator)) out.pop_back();
     return out;
 }
 

@@ -45,6 +45,18 @@ struct SurfaceRecord {
     EGLint swapInterval = 1;
 };
 
+// An EGL image made from a client buffer (memory the application or the system owns, not an
+// object of a context): what a player needs to make it again is its contents.
+struct ClientBufferRecord {
+    EGLImage image = EGL_NO_IMAGE;
+    EGLenum target = 0;
+    EGLClientBuffer buffer = nullptr;
+    int32_t width = 0;  // from the attribute list, when it says
+    int32_t height = 0;
+    uint64_t contentHash = 0; // of the contents last recorded
+    bool recorded = false;    // whether contents were recorded yet
+};
+
 struct DisplayRecord {
     EGLDisplay display = EGL_NO_DISPLAY;
     EGLint major = 0;
@@ -53,6 +65,7 @@ struct DisplayRecord {
     platform::Mutex lock; // guards the two tables
     std::map<EGLContext, std::shared_ptr<ContextRecord>> contexts;
     std::map<EGLSurface, SurfaceRecord> surfaces;
+    std::map<EGLImage, ClientBufferRecord> clientBuffers; // guarded by `lock` too
 };
 
 struct ThreadState {

@@ -142,6 +142,13 @@ uint8_t capture::eglGetProcAddress_handedOut(CallCtx &c, const char *) {
     return static_cast<uint8_t>(c.scratch[kHandedOut]);
 }
 
+Void Hooks<fn::eglSetBlobCacheFuncsANDROID>::host(CallCtx &c, EGLDisplay dpy, EGLSetBlobFuncANDROID set,
+                                                 EGLGetBlobFuncANDROID get) {
+    const auto fn = EglApi::host().fn.eglSetBlobCacheFuncsANDROID;
+    if (!c.d.disableBlobCache && fn) fn(dpy, set, get);
+    return Void{};
+}
+
 void Hooks<fn::eglQueryString>::after(CallCtx &c, const char *&result, EGLDisplay, EGLint name) {
     if (c.failed || !result) return;
     result = reportedEglString(name, result);

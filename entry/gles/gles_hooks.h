@@ -79,6 +79,16 @@ template <>
 struct Hooks<fn::glMapBufferOES> : HookDefaults {
     static void after(CallCtx &c, void *&result, GLenum target, GLenum access);
 };
+// OpenGL ES takes an EGL image: a client buffer's contents may be due first
+// (entry/egl/client_buffers.cpp).
+template <>
+struct Hooks<fn::glEGLImageTargetTexture2DOES> : HookDefaults {
+    static void before(CallCtx &c, GLenum target, GLeglImageOES image);
+};
+template <>
+struct Hooks<fn::glEGLImageTargetRenderbufferStorageOES> : HookDefaults {
+    static void before(CallCtx &c, GLenum target, GLeglImageOES image);
+};
 template <>
 struct Hooks<fn::glFlushMappedBufferRange> : HookDefaults {
     static void before(CallCtx &c, GLenum target, GLintptr offset, GLsizeiptr length);

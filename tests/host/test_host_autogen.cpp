@@ -37,8 +37,8 @@
 #ifndef KVTH_OMIT_ES32
 #define KVTH_OMIT_ES32 0
 #endif
-#ifndef KVTH_OMIT_EXTENSIONS
-#define KVTH_OMIT_EXTENSIONS 0
+#ifndef KVTH_OMIT_GLEXT_EXTENSIONS
+#define KVTH_OMIT_GLEXT_EXTENSIONS 0
 #endif
 
 extern "C" {
@@ -1352,7 +1352,7 @@ KV_EXPORT void KV_APIENTRY glTexStorage3DMultisample(GLenum target, GLsizei samp
 #endif
 
 // SGlesExtHost extensions
-#if !KVTH_OMIT_EXTENSIONS
+#if !KVTH_OMIT_GLEXT_EXTENSIONS
 KV_EXPORT void KV_APIENTRY glDiscardFramebufferEXT(GLenum target, GLsizei numAttachments, const GLenum *attachments) {
     return kvth::call<void>(4001, {kvth::toSlot(target), kvth::toSlot(numAttachments), kvth::toSlot(attachments)});
 }
@@ -2648,7 +2648,7 @@ const Function kFunctions[] = {
     {7112, "glTexParameterIuiv", kGles, 3, reinterpret_cast<void (*)()>(&glTexParameterIuiv)},
     {7113, "glTexStorage3DMultisample", kGles, 7, reinterpret_cast<void (*)()>(&glTexStorage3DMultisample)},
 #endif
-#if !KVTH_OMIT_EXTENSIONS
+#if !KVTH_OMIT_GLEXT_EXTENSIONS
     {4001, "glDiscardFramebufferEXT", kGles, 3, reinterpret_cast<void (*)()>(&glDiscardFramebufferEXT)},
     {4002, "glMultiDrawElementsEXT", kGles, 5, reinterpret_cast<void (*)()>(&glMultiDrawElementsEXT)},
     {4003, "glMultiDrawArraysEXT", kGles, 4, reinterpret_cast<void (*)()>(&glMultiDrawArraysEXT)},
