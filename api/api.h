@@ -65,6 +65,10 @@ enum FieldFlag : uint8_t {
     kCompressible = 1, // the block may be stored deflated
     kAlways = 2,       // present even when the recording holds no client data
     kOutput = 4,       // the driver writes the data (read after the call)
+    // While a buffer is bound to GL_PIXEL_UNPACK_BUFFER (GL_PIXEL_PACK_BUFFER) on the thread's
+    // current context, the pointer is an offset into it: the field is the 8-byte value alone.
+    kUnpackBuffer = 8,
+    kPackBuffer = 16,
 };
 
 struct FieldDesc {

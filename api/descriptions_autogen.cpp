@@ -9,6 +9,15 @@ namespace kv::api {
 
 namespace {
 
+//  (1000): error u32 | name Blob<Char>(always) | integerArguments Blob<U64>(always) | floatArguments Blob<U64>(always) | stackArguments Blob<U64>(always) | result U64 | floatResult U64
+const FieldDesc kFields__1000[] = {
+    {"name", Field::Blob, Type::Char, kAlways, -1, 0},
+    {"integerArguments", Field::Blob, Type::U64, kAlways, -1, 0},
+    {"floatArguments", Field::Blob, Type::U64, kAlways, -1, 0},
+    {"stackArguments", Field::Blob, Type::U64, kAlways, -1, 0},
+    {"result", Field::Value, Type::U64, 0, -1, 0},
+    {"floatResult", Field::Value, Type::U64, 0, -1, 0},
+};
 // eglChooseConfig (1001): error u32 | result EglBoolean | dpy Handle | attrib_list Attribs | configs Blob<Handle>(out) | config_size I32 | num_config Blob<I32>(out)
 const FieldDesc kFields_eglChooseConfig_1001[] = {
     {"dpy", Field::Value, Type::Handle, 0, -1, 0},
@@ -91,9 +100,10 @@ const FieldDesc kFields_eglGetCurrentSurface_1013[] = {
 const FieldDesc kFields_eglGetDisplay_1014[] = {
     {"display_id", Field::Value, Type::Handle, 0, -1, 0},
 };
-// eglGetProcAddress (1016): error u32 | result Ptr | procname String
+// eglGetProcAddress (1016): error u32 | result Ptr | procname String | handedOut U8
 const FieldDesc kFields_eglGetProcAddress_1016[] = {
     {"procname", Field::String, Type::Char, 0, -1, 0},
+    {"handedOut", Field::Value, Type::U8, 0, -1, 0},
 };
 // eglInitialize (1017): error u32 | result EglBoolean | dpy Handle | major Blob<I32>(out) | minor Blob<I32>(out)
 const FieldDesc kFields_eglInitialize_1017[] = {
@@ -389,6 +399,24 @@ const FieldDesc kFields_eglSetDamageRegionKHR_1124[] = {
     {"rects", Field::Blob, Type::I32, 0, -1, 0},
     {"n_rects", Field::Value, Type::I32, 0, -1, 0},
 };
+// (Client buffer creation) (1500): display Handle | image Handle | target EglEnum | buffer Ptr | width I32 | height I32 | pixels Blob<U8>(z)(always)
+const FieldDesc kFields__Client_buffer_creation__1500[] = {
+    {"display", Field::Value, Type::Handle, 0, -1, 0},
+    {"image", Field::Value, Type::Handle, 0, -1, 0},
+    {"target", Field::Value, Type::EglEnum, 0, -1, 0},
+    {"buffer", Field::Value, Type::Ptr, 0, -1, 0},
+    {"width", Field::Value, Type::I32, 0, -1, 0},
+    {"height", Field::Value, Type::I32, 0, -1, 0},
+    {"pixels", Field::Blob, Type::U8, kAlways | kCompressible, -1, 0},
+};
+// (Client buffer update) (1501): display Handle | image Handle | width I32 | height I32 | pixels Blob<U8>(z)(always)
+const FieldDesc kFields__Client_buffer_update__1501[] = {
+    {"display", Field::Value, Type::Handle, 0, -1, 0},
+    {"image", Field::Value, Type::Handle, 0, -1, 0},
+    {"width", Field::Value, Type::I32, 0, -1, 0},
+    {"height", Field::Value, Type::I32, 0, -1, 0},
+    {"pixels", Field::Blob, Type::U8, kAlways | kCompressible, -1, 0},
+};
 // (Context information) (1502): display Handle | context Handle | config Handle | shareContext Handle | apiVersion U32 | contextAttribs Attribs | configAttribs Attribs
 const FieldDesc kFields__Context_information__1502[] = {
     {"display", Field::Value, Type::Handle, 0, -1, 0},
@@ -526,7 +554,7 @@ const FieldDesc kFields_glCompressedTexImage2D_2022[] = {
     {"height", Field::Value, Type::I32, 0, -1, 0},
     {"border", Field::Value, Type::I32, 0, -1, 0},
     {"imageSize", Field::Value, Type::I32, 0, -1, 0},
-    {"data", Field::Blob, Type::U8, kCompressible, -1, 0},
+    {"data", Field::Blob, Type::U8, kCompressible | kUnpackBuffer, -1, 0},
 };
 // glCompressedTexSubImage2D (2023): error u32 | target GlEnum | level I32 | xoffset I32 | yoffset I32 | width I32 | height I32 | format GlEnum | imageSize I32 | data Blob<U8>(z)
 const FieldDesc kFields_glCompressedTexSubImage2D_2023[] = {
@@ -538,7 +566,7 @@ const FieldDesc kFields_glCompressedTexSubImage2D_2023[] = {
     {"height", Field::Value, Type::I32, 0, -1, 0},
     {"format", Field::Value, Type::GlEnum, 0, -1, 11},
     {"imageSize", Field::Value, Type::I32, 0, -1, 0},
-    {"data", Field::Blob, Type::U8, kCompressible, -1, 0},
+    {"data", Field::Blob, Type::U8, kCompressible | kUnpackBuffer, -1, 0},
 };
 // glCopyTexImage2D (2024): error u32 | target GlEnum | level I32 | internalformat GlEnum | x I32 | y I32 | width I32 | height I32 | border I32
 const FieldDesc kFields_glCopyTexImage2D_2024[] = {
@@ -906,7 +934,7 @@ const FieldDesc kFields_glReadPixels_2093[] = {
     {"height", Field::Value, Type::I32, 0, -1, 0},
     {"format", Field::Value, Type::GlEnum, 0, -1, 34},
     {"type", Field::Value, Type::GlEnum, 0, -1, 35},
-    {"pixels", Field::Blob, Type::U8, kCompressible | kOutput, -1, 0},
+    {"pixels", Field::Blob, Type::U8, kCompressible | kOutput | kPackBuffer, -1, 0},
 };
 // glRenderbufferStorage (2095): error u32 | target GlEnum | internalformat GlEnum | width I32 | height I32
 const FieldDesc kFields_glRenderbufferStorage_2095[] = {
@@ -987,7 +1015,7 @@ const FieldDesc kFields_glTexImage2D_2106[] = {
     {"border", Field::Value, Type::I32, 0, -1, 0},
     {"format", Field::Value, Type::GlEnum, 0, -1, 34},
     {"type", Field::Value, Type::GlEnum, 0, -1, 35},
-    {"pixels", Field::Blob, Type::U8, kCompressible, -1, 0},
+    {"pixels", Field::Blob, Type::U8, kCompressible | kUnpackBuffer, -1, 0},
 };
 // glTexParameterf (2107): error u32 | target GlEnum | pname GlEnum | param F32
 const FieldDesc kFields_glTexParameterf_2107[] = {
@@ -1023,7 +1051,7 @@ const FieldDesc kFields_glTexSubImage2D_2111[] = {
     {"height", Field::Value, Type::I32, 0, -1, 0},
     {"format", Field::Value, Type::GlEnum, 0, -1, 34},
     {"type", Field::Value, Type::GlEnum, 0, -1, 35},
-    {"pixels", Field::Blob, Type::U8, kCompressible, -1, 0},
+    {"pixels", Field::Blob, Type::U8, kCompressible | kUnpackBuffer, -1, 0},
 };
 // glUniform1f (2112): error u32 | location I32 | v0 F32
 const FieldDesc kFields_glUniform1f_2112[] = {
@@ -1347,7 +1375,7 @@ const FieldDesc kFields_glCompressedTexImage2D_3023[] = {
     {"height", Field::Value, Type::I32, 0, -1, 0},
     {"border", Field::Value, Type::I32, 0, -1, 0},
     {"imageSize", Field::Value, Type::I32, 0, -1, 0},
-    {"data", Field::Blob, Type::U8, kCompressible, -1, 0},
+    {"data", Field::Blob, Type::U8, kCompressible | kUnpackBuffer, -1, 0},
 };
 // glCompressedTexSubImage2D (3024): error u32 | target GlEnum | level I32 | xoffset I32 | yoffset I32 | width I32 | height I32 | format GlEnum | imageSize I32 | data Blob<U8>(z)
 const FieldDesc kFields_glCompressedTexSubImage2D_3024[] = {
@@ -1359,7 +1387,7 @@ const FieldDesc kFields_glCompressedTexSubImage2D_3024[] = {
     {"height", Field::Value, Type::I32, 0, -1, 0},
     {"format", Field::Value, Type::GlEnum, 0, -1, 11},
     {"imageSize", Field::Value, Type::I32, 0, -1, 0},
-    {"data", Field::Blob, Type::U8, kCompressible, -1, 0},
+    {"data", Field::Blob, Type::U8, kCompressible | kUnpackBuffer, -1, 0},
 };
 // glCopyTexImage2D (3025): error u32 | target GlEnum | level I32 | internalformat GlEnum | x I32 | y I32 | width I32 | height I32 | border I32
 const FieldDesc kFields_glCopyTexImage2D_3025[] = {
@@ -1823,7 +1851,7 @@ const FieldDesc kFields_glReadPixels_3114[] = {
     {"height", Field::Value, Type::I32, 0, -1, 0},
     {"format", Field::Value, Type::GlEnum, 0, -1, 34},
     {"type", Field::Value, Type::GlEnum, 0, -1, 35},
-    {"pixels", Field::Blob, Type::U8, kCompressible | kOutput, -1, 0},
+    {"pixels", Field::Blob, Type::U8, kCompressible | kOutput | kPackBuffer, -1, 0},
 };
 // glRotatef (3115): error u32 | angle F32 | x F32 | y F32 | z F32
 const FieldDesc kFields_glRotatef_3115[] = {
@@ -1941,7 +1969,7 @@ const FieldDesc kFields_glTexImage2D_3133[] = {
     {"border", Field::Value, Type::I32, 0, -1, 0},
     {"format", Field::Value, Type::GlEnum, 0, -1, 34},
     {"type", Field::Value, Type::GlEnum, 0, -1, 35},
-    {"pixels", Field::Blob, Type::U8, kCompressible, -1, 0},
+    {"pixels", Field::Blob, Type::U8, kCompressible | kUnpackBuffer, -1, 0},
 };
 // glTexParameterf (3134): error u32 | target GlEnum | pname GlEnum | param F32
 const FieldDesc kFields_glTexParameterf_3134[] = {
@@ -1989,7 +2017,7 @@ const FieldDesc kFields_glTexSubImage2D_3140[] = {
     {"height", Field::Value, Type::I32, 0, -1, 0},
     {"format", Field::Value, Type::GlEnum, 0, -1, 34},
     {"type", Field::Value, Type::GlEnum, 0, -1, 35},
-    {"pixels", Field::Blob, Type::U8, kCompressible, -1, 0},
+    {"pixels", Field::Blob, Type::U8, kCompressible | kUnpackBuffer, -1, 0},
 };
 // glTranslatef (3141): error u32 | x F32 | y F32 | z F32
 const FieldDesc kFields_glTranslatef_3141[] = {
@@ -2023,35 +2051,47 @@ const FieldDesc kFields_glPointSizePointerOES_3145[] = {
     {"stride", Field::Value, Type::I32, 0, -1, 0},
     {"pointer", Field::Blob, Type::U8, 0, -1, 0},
 };
+//  (4000): error u32 | name Blob<Char>(always) | integerArguments Blob<U64>(always) | floatArguments Blob<U64>(always) | stackArguments Blob<U64>(always) | result U64 | floatResult U64
+const FieldDesc kFields__4000[] = {
+    {"name", Field::Blob, Type::Char, kAlways, -1, 0},
+    {"integerArguments", Field::Blob, Type::U64, kAlways, -1, 0},
+    {"floatArguments", Field::Blob, Type::U64, kAlways, -1, 0},
+    {"stackArguments", Field::Blob, Type::U64, kAlways, -1, 0},
+    {"result", Field::Value, Type::U64, 0, -1, 0},
+    {"floatResult", Field::Value, Type::U64, 0, -1, 0},
+};
 // glDiscardFramebufferEXT (4001): error u32 | target GlEnum | numAttachments I32 | attachments Blob<GlEnum>
 const FieldDesc kFields_glDiscardFramebufferEXT_4001[] = {
     {"target", Field::Value, Type::GlEnum, 0, -1, 3},
     {"numAttachments", Field::Value, Type::I32, 0, -1, 0},
     {"attachments", Field::Blob, Type::GlEnum, 0, -1, 0},
 };
-// glMultiDrawElementsEXT (4002): error u32 | mode GlEnum | count Blob<I32> | type GlEnum | indices Blob<Ptr> | primcount I32
+// glMultiDrawElementsEXT (4002): error u32 | mode GlEnum | count Blob<I32> | type GlEnum | indices Blob<Ptr> | primcount I32 | arrays ElementsTail
 const FieldDesc kFields_glMultiDrawElementsEXT_4002[] = {
     {"mode", Field::Value, Type::GlEnum, 0, -1, 16},
     {"count", Field::Blob, Type::I32, 0, -1, 0},
     {"type", Field::Value, Type::GlEnum, 0, -1, 17},
     {"indices", Field::Blob, Type::Ptr, 0, -1, 0},
     {"primcount", Field::Value, Type::I32, 0, -1, 0},
+    {"arrays", Field::ElementsTail, Type::U8, 0, 4, 0},
 };
-// glMultiDrawArraysEXT (4003): error u32 | mode GlEnum | first Blob<I32> | count Blob<I32> | primcount I32
+// glMultiDrawArraysEXT (4003): error u32 | mode GlEnum | first Blob<I32> | count Blob<I32> | primcount I32 | arrays ArraysTail
 const FieldDesc kFields_glMultiDrawArraysEXT_4003[] = {
     {"mode", Field::Value, Type::GlEnum, 0, -1, 16},
     {"first", Field::Blob, Type::I32, 0, -1, 0},
     {"count", Field::Blob, Type::I32, 0, -1, 0},
     {"primcount", Field::Value, Type::I32, 0, -1, 0},
+    {"arrays", Field::ArraysTail, Type::U8, 0, 3, 0},
 };
 // glMapBufferOES (4004): error u32 | result Ptr | target GlEnum | access GlEnum
 const FieldDesc kFields_glMapBufferOES_4004[] = {
     {"target", Field::Value, Type::GlEnum, 0, -1, 2},
     {"access", Field::Value, Type::GlEnum, 0, -1, 62},
 };
-// glUnmapBufferOES (4005): error u32 | result GlBoolean | target GlEnum
+// glUnmapBufferOES (4005): error u32 | result GlBoolean | target GlEnum | data Blob<U8>(z)
 const FieldDesc kFields_glUnmapBufferOES_4005[] = {
     {"target", Field::Value, Type::GlEnum, 0, -1, 0},
+    {"data", Field::Blob, Type::U8, kCompressible, -1, 0},
 };
 // glGetBufferPointervOES (4006): error u32 | target GlEnum | pname GlEnum | params Blob<Ptr>(out)
 const FieldDesc kFields_glGetBufferPointervOES_4006[] = {
@@ -2081,19 +2121,19 @@ const FieldDesc kFields_glIsVertexArrayOES_4010[] = {
 const FieldDesc kFields_glCurrentPaletteMatrixOES_4011[] = {
     {"matrixpaletteindex", Field::Value, Type::U32, 0, -1, 0},
 };
-// glMatrixIndexPointerOES (4013): error u32 | size I32 | type GlEnum | stride I32 | pointer Blob<U8>
+// glMatrixIndexPointerOES (4013): error u32 | size I32 | type GlEnum | stride I32 | pointer Ptr
 const FieldDesc kFields_glMatrixIndexPointerOES_4013[] = {
     {"size", Field::Value, Type::I32, 0, -1, 0},
     {"type", Field::Value, Type::GlEnum, 0, -1, 64},
     {"stride", Field::Value, Type::I32, 0, -1, 0},
-    {"pointer", Field::Blob, Type::U8, 0, -1, 0},
+    {"pointer", Field::Value, Type::Ptr, 0, -1, 0},
 };
-// glWeightPointerOES (4014): error u32 | size I32 | type GlEnum | stride I32 | pointer Blob<U8>
+// glWeightPointerOES (4014): error u32 | size I32 | type GlEnum | stride I32 | pointer Ptr
 const FieldDesc kFields_glWeightPointerOES_4014[] = {
     {"size", Field::Value, Type::I32, 0, -1, 0},
     {"type", Field::Value, Type::GlEnum, 0, -1, 0},
     {"stride", Field::Value, Type::I32, 0, -1, 0},
-    {"pointer", Field::Blob, Type::U8, 0, -1, 0},
+    {"pointer", Field::Value, Type::Ptr, 0, -1, 0},
 };
 // glIsRenderbufferOES (4015): error u32 | result GlBoolean | renderbuffer U32
 const FieldDesc kFields_glIsRenderbufferOES_4015[] = {
@@ -2518,12 +2558,12 @@ const FieldDesc kFields_glGetPerfMonitorCounterStringAMD_4094[] = {
     {"length", Field::Blob, Type::I32, kOutput, -1, 0},
     {"counterString", Field::Blob, Type::Char, kOutput, -1, 0},
 };
-// glGetPerfMonitorCounterInfoAMD (4095): error u32 | group U32 | counter U32 | pname GlEnum | data Blob<U8>(out)
+// glGetPerfMonitorCounterInfoAMD (4095): error u32 | group U32 | counter U32 | pname GlEnum | data Ptr
 const FieldDesc kFields_glGetPerfMonitorCounterInfoAMD_4095[] = {
     {"group", Field::Value, Type::U32, 0, -1, 0},
     {"counter", Field::Value, Type::U32, 0, -1, 0},
     {"pname", Field::Value, Type::GlEnum, 0, -1, 0},
-    {"data", Field::Blob, Type::U8, kOutput, -1, 0},
+    {"data", Field::Value, Type::Ptr, 0, -1, 0},
 };
 // glGenPerfMonitorsAMD (4096): error u32 | n I32 | monitors Blob<U32>(out)
 const FieldDesc kFields_glGenPerfMonitorsAMD_4096[] = {
@@ -2709,22 +2749,22 @@ const FieldDesc kFields_glStartTilingQCOM_4124[] = {
 const FieldDesc kFields_glEndTilingQCOM_4125[] = {
     {"preserveMask", Field::Value, Type::GlBitfield, 0, -1, 68},
 };
-// glGetProgramBinaryOES (4126): error u32 | program U32 | bufSize I32 | length Blob<I32>(out) | binaryFormat Blob<GlEnum>(out) | binary Blob<U8>(out)
+// glGetProgramBinaryOES (4126): error u32 | program U32 | bufSize I32 | length Blob<I32>(out) | binaryFormat Blob<GlEnum>(out) | binary Blob<U8>(z)(out)
 const FieldDesc kFields_glGetProgramBinaryOES_4126[] = {
     {"program", Field::Value, Type::U32, 0, -1, 0},
     {"bufSize", Field::Value, Type::I32, 0, -1, 0},
     {"length", Field::Blob, Type::I32, kOutput, -1, 0},
     {"binaryFormat", Field::Blob, Type::GlEnum, kOutput, -1, 0},
-    {"binary", Field::Blob, Type::U8, kOutput, -1, 0},
+    {"binary", Field::Blob, Type::U8, kCompressible | kOutput, -1, 0},
 };
-// glProgramBinaryOES (4127): error u32 | program U32 | binaryFormat GlEnum | binary Blob<U8> | length I32
+// glProgramBinaryOES (4127): error u32 | program U32 | binaryFormat GlEnum | binary Blob<U8>(z) | length I32
 const FieldDesc kFields_glProgramBinaryOES_4127[] = {
     {"program", Field::Value, Type::U32, 0, -1, 0},
     {"binaryFormat", Field::Value, Type::GlEnum, 0, -1, 0},
-    {"binary", Field::Blob, Type::U8, 0, -1, 0},
+    {"binary", Field::Blob, Type::U8, kCompressible, -1, 0},
     {"length", Field::Value, Type::I32, 0, -1, 0},
 };
-// glTexImage3DOES (4128): error u32 | target GlEnum | level I32 | internalformat GlEnum | width I32 | height I32 | depth I32 | border I32 | format GlEnum | type GlEnum | pixels Blob<U8>
+// glTexImage3DOES (4128): error u32 | target GlEnum | level I32 | internalformat GlEnum | width I32 | height I32 | depth I32 | border I32 | format GlEnum | type GlEnum | pixels Blob<U8>(z)
 const FieldDesc kFields_glTexImage3DOES_4128[] = {
     {"target", Field::Value, Type::GlEnum, 0, -1, 5},
     {"level", Field::Value, Type::I32, 0, -1, 0},
@@ -2735,9 +2775,9 @@ const FieldDesc kFields_glTexImage3DOES_4128[] = {
     {"border", Field::Value, Type::I32, 0, -1, 0},
     {"format", Field::Value, Type::GlEnum, 0, -1, 34},
     {"type", Field::Value, Type::GlEnum, 0, -1, 35},
-    {"pixels", Field::Blob, Type::U8, 0, -1, 0},
+    {"pixels", Field::Blob, Type::U8, kCompressible | kUnpackBuffer, -1, 0},
 };
-// glTexSubImage3DOES (4129): error u32 | target GlEnum | level I32 | xoffset I32 | yoffset I32 | zoffset I32 | width I32 | height I32 | depth I32 | format GlEnum | type GlEnum | pixels Blob<U8>
+// glTexSubImage3DOES (4129): error u32 | target GlEnum | level I32 | xoffset I32 | yoffset I32 | zoffset I32 | width I32 | height I32 | depth I32 | format GlEnum | type GlEnum | pixels Blob<U8>(z)
 const FieldDesc kFields_glTexSubImage3DOES_4129[] = {
     {"target", Field::Value, Type::GlEnum, 0, -1, 5},
     {"level", Field::Value, Type::I32, 0, -1, 0},
@@ -2749,7 +2789,7 @@ const FieldDesc kFields_glTexSubImage3DOES_4129[] = {
     {"depth", Field::Value, Type::I32, 0, -1, 0},
     {"format", Field::Value, Type::GlEnum, 0, -1, 34},
     {"type", Field::Value, Type::GlEnum, 0, -1, 35},
-    {"pixels", Field::Blob, Type::U8, 0, -1, 0},
+    {"pixels", Field::Blob, Type::U8, kCompressible | kUnpackBuffer, -1, 0},
 };
 // glCopyTexSubImage3DOES (4130): error u32 | target GlEnum | level I32 | xoffset I32 | yoffset I32 | zoffset I32 | x I32 | y I32 | width I32 | height I32
 const FieldDesc kFields_glCopyTexSubImage3DOES_4130[] = {
@@ -2763,7 +2803,7 @@ const FieldDesc kFields_glCopyTexSubImage3DOES_4130[] = {
     {"width", Field::Value, Type::I32, 0, -1, 0},
     {"height", Field::Value, Type::I32, 0, -1, 0},
 };
-// glCompressedTexImage3DOES (4131): error u32 | target GlEnum | level I32 | internalformat GlEnum | width I32 | height I32 | depth I32 | border I32 | imageSize I32 | data Blob<U8>
+// glCompressedTexImage3DOES (4131): error u32 | target GlEnum | level I32 | internalformat GlEnum | width I32 | height I32 | depth I32 | border I32 | imageSize I32 | data Blob<U8>(z)
 const FieldDesc kFields_glCompressedTexImage3DOES_4131[] = {
     {"target", Field::Value, Type::GlEnum, 0, -1, 5},
     {"level", Field::Value, Type::I32, 0, -1, 0},
@@ -2773,9 +2813,9 @@ const FieldDesc kFields_glCompressedTexImage3DOES_4131[] = {
     {"depth", Field::Value, Type::I32, 0, -1, 0},
     {"border", Field::Value, Type::I32, 0, -1, 0},
     {"imageSize", Field::Value, Type::I32, 0, -1, 0},
-    {"data", Field::Blob, Type::U8, 0, -1, 0},
+    {"data", Field::Blob, Type::U8, kCompressible | kUnpackBuffer, -1, 0},
 };
-// glCompressedTexSubImage3DOES (4132): error u32 | target GlEnum | level I32 | xoffset I32 | yoffset I32 | zoffset I32 | width I32 | height I32 | depth I32 | format GlEnum | imageSize I32 | data Blob<U8>
+// glCompressedTexSubImage3DOES (4132): error u32 | target GlEnum | level I32 | xoffset I32 | yoffset I32 | zoffset I32 | width I32 | height I32 | depth I32 | format GlEnum | imageSize I32 | data Blob<U8>(z)
 const FieldDesc kFields_glCompressedTexSubImage3DOES_4132[] = {
     {"target", Field::Value, Type::GlEnum, 0, -1, 5},
     {"level", Field::Value, Type::I32, 0, -1, 0},
@@ -2787,7 +2827,7 @@ const FieldDesc kFields_glCompressedTexSubImage3DOES_4132[] = {
     {"depth", Field::Value, Type::I32, 0, -1, 0},
     {"format", Field::Value, Type::GlEnum, 0, -1, 11},
     {"imageSize", Field::Value, Type::I32, 0, -1, 0},
-    {"data", Field::Blob, Type::U8, 0, -1, 0},
+    {"data", Field::Blob, Type::U8, kCompressible | kUnpackBuffer, -1, 0},
 };
 // glFramebufferTexture3DOES (4133): error u32 | target GlEnum | attachment GlEnum | textarget GlEnum | texture U32 | level I32 | zoffset I32
 const FieldDesc kFields_glFramebufferTexture3DOES_4133[] = {
@@ -2942,10 +2982,10 @@ const FieldDesc kFields_glWaitSyncAPPLE_4160[] = {
     {"flags", Field::Value, Type::GlBitfield, 0, -1, 72},
     {"timeout", Field::Value, Type::U64, 0, -1, 0},
 };
-// glGetInteger64vAPPLE (4161): error u32 | pname GlEnum | params Ptr
+// glGetInteger64vAPPLE (4161): error u32 | pname GlEnum | params Blob<I64>(out)
 const FieldDesc kFields_glGetInteger64vAPPLE_4161[] = {
     {"pname", Field::Value, Type::GlEnum, 0, -1, 20},
-    {"params", Field::Value, Type::Ptr, 0, -1, 0},
+    {"params", Field::Blob, Type::I64, kOutput, -1, 0},
 };
 // glGetSyncivAPPLE (4162): error u32 | sync Handle | pname GlEnum | count I32 | length Ptr | values Blob<I32>(out)
 const FieldDesc kFields_glGetSyncivAPPLE_4162[] = {
@@ -2962,11 +3002,12 @@ const FieldDesc kFields_glMapBufferRangeEXT_4163[] = {
     {"length", Field::Value, Type::I64, 0, -1, 0},
     {"access", Field::Value, Type::GlBitfield, 0, -1, 75},
 };
-// glFlushMappedBufferRangeEXT (4164): error u32 | target GlEnum | offset I64 | length I64
+// glFlushMappedBufferRangeEXT (4164): error u32 | target GlEnum | offset I64 | length I64 | data Blob<U8>(z)
 const FieldDesc kFields_glFlushMappedBufferRangeEXT_4164[] = {
     {"target", Field::Value, Type::GlEnum, 0, -1, 2},
     {"offset", Field::Value, Type::I64, 0, -1, 0},
     {"length", Field::Value, Type::I64, 0, -1, 0},
+    {"data", Field::Blob, Type::U8, kCompressible, -1, 0},
 };
 // glRenderbufferStorageMultisampleEXT (4165): error u32 | target GlEnum | samples I32 | internalformat GlEnum | width I32 | height I32
 const FieldDesc kFields_glRenderbufferStorageMultisampleEXT_4165[] = {
@@ -2985,7 +3026,7 @@ const FieldDesc kFields_glFramebufferTexture2DMultisampleEXT_4166[] = {
     {"level", Field::Value, Type::I32, 0, -1, 0},
     {"samples", Field::Value, Type::I32, 0, -1, 0},
 };
-// glReadnPixelsEXT (4168): error u32 | x I32 | y I32 | width I32 | height I32 | format GlEnum | type GlEnum | bufSize I32 | data Blob<U8>(out)
+// glReadnPixelsEXT (4168): error u32 | x I32 | y I32 | width I32 | height I32 | format GlEnum | type GlEnum | bufSize I32 | data Blob<U8>(z)(out)
 const FieldDesc kFields_glReadnPixelsEXT_4168[] = {
     {"x", Field::Value, Type::I32, 0, -1, 0},
     {"y", Field::Value, Type::I32, 0, -1, 0},
@@ -2994,7 +3035,7 @@ const FieldDesc kFields_glReadnPixelsEXT_4168[] = {
     {"format", Field::Value, Type::GlEnum, 0, -1, 34},
     {"type", Field::Value, Type::GlEnum, 0, -1, 35},
     {"bufSize", Field::Value, Type::I32, 0, -1, 0},
-    {"data", Field::Blob, Type::U8, kOutput, -1, 0},
+    {"data", Field::Blob, Type::U8, kCompressible | kOutput | kPackBuffer, -1, 0},
 };
 // glGetnUniformfvEXT (4169): error u32 | program U32 | location I32 | bufSize I32 | params Blob<F32>(out)
 const FieldDesc kFields_glGetnUniformfvEXT_4169[] = {
@@ -3135,20 +3176,22 @@ const FieldDesc kFields_glGetPointerv_4187[] = {
     {"pname", Field::Value, Type::GlEnum, 0, -1, 51},
     {"params", Field::Blob, Type::Ptr, kOutput, -1, 0},
 };
-// glDrawArraysInstancedANGLE (4188): error u32 | mode GlEnum | first I32 | count I32 | primcount I32
+// glDrawArraysInstancedANGLE (4188): error u32 | mode GlEnum | first I32 | count I32 | primcount I32 | arrays ArraysTail
 const FieldDesc kFields_glDrawArraysInstancedANGLE_4188[] = {
     {"mode", Field::Value, Type::GlEnum, 0, -1, 16},
     {"first", Field::Value, Type::I32, 0, -1, 0},
     {"count", Field::Value, Type::I32, 0, -1, 0},
     {"primcount", Field::Value, Type::I32, 0, -1, 0},
+    {"arrays", Field::ArraysTail, Type::U8, 0, -1, 0},
 };
-// glDrawElementsInstancedANGLE (4189): error u32 | mode GlEnum | count I32 | type GlEnum | indices Blob<U8> | primcount I32
+// glDrawElementsInstancedANGLE (4189): error u32 | mode GlEnum | count I32 | type GlEnum | indices Ptr | primcount I32 | arrays ElementsTail
 const FieldDesc kFields_glDrawElementsInstancedANGLE_4189[] = {
     {"mode", Field::Value, Type::GlEnum, 0, -1, 16},
     {"count", Field::Value, Type::I32, 0, -1, 0},
     {"type", Field::Value, Type::GlEnum, 0, -1, 16},
-    {"indices", Field::Blob, Type::U8, 0, -1, 0},
+    {"indices", Field::Value, Type::Ptr, 0, -1, 0},
     {"primcount", Field::Value, Type::I32, 0, -1, 0},
+    {"arrays", Field::ElementsTail, Type::U8, 0, -1, 0},
 };
 // glVertexAttribDivisorANGLE (4190): error u32 | index U32 | divisor U32
 const FieldDesc kFields_glVertexAttribDivisorANGLE_4190[] = {
@@ -3263,11 +3306,11 @@ const FieldDesc kFields_glProgramParameteriEXT_4211[] = {
     {"pname", Field::Value, Type::GlEnum, 0, -1, 85},
     {"value", Field::Value, Type::I32, 0, -1, 0},
 };
-// glGetProgramPipelineivEXT (4212): error u32 | pipeline U32 | pname GlEnum | params Ptr
+// glGetProgramPipelineivEXT (4212): error u32 | pipeline U32 | pname GlEnum | params Blob<I32>(out)
 const FieldDesc kFields_glGetProgramPipelineivEXT_4212[] = {
     {"pipeline", Field::Value, Type::U32, 0, -1, 0},
     {"pname", Field::Value, Type::GlEnum, 0, -1, 86},
-    {"params", Field::Value, Type::Ptr, 0, -1, 0},
+    {"params", Field::Blob, Type::I32, kOutput, -1, 0},
 };
 // glProgramUniform1iEXT (4213): error u32 | program U32 | location I32 | v0 I32
 const FieldDesc kFields_glProgramUniform1iEXT_4213[] = {
@@ -3445,11 +3488,11 @@ const FieldDesc kFields_glDrawBuffersIndexedEXT_4238[] = {
     {"location", Field::Blob, Type::GlEnum, 0, -1, 0},
     {"indices", Field::Blob, Type::I32, 0, -1, 0},
 };
-// glGetIntegeri_vEXT (4239): error u32 | target GlEnum | index U32 | data Ptr
+// glGetIntegeri_vEXT (4239): error u32 | target GlEnum | index U32 | data Blob<I32>(out)
 const FieldDesc kFields_glGetIntegeri_vEXT_4239[] = {
     {"target", Field::Value, Type::GlEnum, 0, -1, 20},
     {"index", Field::Value, Type::U32, 0, -1, 0},
-    {"data", Field::Value, Type::Ptr, 0, -1, 0},
+    {"data", Field::Blob, Type::I32, kOutput, -1, 0},
 };
 // glDrawBuffersEXT (4240): error u32 | n I32 | bufs Blob<GlEnum>
 const FieldDesc kFields_glDrawBuffersEXT_4240[] = {
@@ -3796,13 +3839,13 @@ const FieldDesc kFields_glViewportArrayvOES_4336[] = {
     {"count", Field::Value, Type::I32, 0, -1, 0},
     {"v", Field::Blob, Type::F32, 0, -1, 0},
 };
-// glViewportIndexedfOES (4337): error u32 | index U32 | x F32 | y F32 | w F32 | h F32
+// glViewportIndexedfOES (4337): error u32 | index U32 | x F32 | y F32 | w F32 | h_ F32
 const FieldDesc kFields_glViewportIndexedfOES_4337[] = {
     {"index", Field::Value, Type::U32, 0, -1, 0},
     {"x", Field::Value, Type::F32, 0, -1, 0},
     {"y", Field::Value, Type::F32, 0, -1, 0},
     {"w", Field::Value, Type::F32, 0, -1, 0},
-    {"h", Field::Value, Type::F32, 0, -1, 0},
+    {"h_", Field::Value, Type::F32, 0, -1, 0},
 };
 // glViewportIndexedfvOES (4338): error u32 | index U32 | v Blob<F32>
 const FieldDesc kFields_glViewportIndexedfvOES_4338[] = {
@@ -3850,32 +3893,35 @@ const FieldDesc kFields_glClearTexSubImageEXT_4344[] = {
     {"type", Field::Value, Type::GlEnum, 0, -1, 35},
     {"data", Field::Blob, Type::U8, 0, -1, 0},
 };
-// glDrawElementsBaseVertexOES (4345): error u32 | mode GlEnum | count I32 | type GlEnum | indices Blob<U8> | basevertex I32
+// glDrawElementsBaseVertexOES (4345): error u32 | mode GlEnum | count I32 | type GlEnum | indices Ptr | basevertex I32 | arrays ElementsTail
 const FieldDesc kFields_glDrawElementsBaseVertexOES_4345[] = {
     {"mode", Field::Value, Type::GlEnum, 0, -1, 16},
     {"count", Field::Value, Type::I32, 0, -1, 0},
     {"type", Field::Value, Type::GlEnum, 0, -1, 17},
-    {"indices", Field::Blob, Type::U8, 0, -1, 0},
+    {"indices", Field::Value, Type::Ptr, 0, -1, 0},
     {"basevertex", Field::Value, Type::I32, 0, -1, 0},
+    {"arrays", Field::ElementsTail, Type::U8, 0, -1, 0},
 };
-// glDrawRangeElementsBaseVertexOES (4346): error u32 | mode GlEnum | start U32 | end U32 | count I32 | type GlEnum | indices Blob<U8> | basevertex I32
+// glDrawRangeElementsBaseVertexOES (4346): error u32 | mode GlEnum | start U32 | end U32 | count I32 | type GlEnum | indices Ptr | basevertex I32 | arrays ElementsTail
 const FieldDesc kFields_glDrawRangeElementsBaseVertexOES_4346[] = {
     {"mode", Field::Value, Type::GlEnum, 0, -1, 16},
     {"start", Field::Value, Type::U32, 0, -1, 0},
     {"end", Field::Value, Type::U32, 0, -1, 0},
     {"count", Field::Value, Type::I32, 0, -1, 0},
     {"type", Field::Value, Type::GlEnum, 0, -1, 17},
-    {"indices", Field::Blob, Type::U8, 0, -1, 0},
+    {"indices", Field::Value, Type::Ptr, 0, -1, 0},
     {"basevertex", Field::Value, Type::I32, 0, -1, 0},
+    {"arrays", Field::ElementsTail, Type::U8, 0, -1, 0},
 };
-// glDrawElementsInstancedBaseVertexOES (4347): error u32 | mode GlEnum | count I32 | type GlEnum | indices Blob<U8> | instancecount I32 | basevertex I32
+// glDrawElementsInstancedBaseVertexOES (4347): error u32 | mode GlEnum | count I32 | type GlEnum | indices Ptr | instancecount I32 | basevertex I32 | arrays ElementsTail
 const FieldDesc kFields_glDrawElementsInstancedBaseVertexOES_4347[] = {
     {"mode", Field::Value, Type::GlEnum, 0, -1, 16},
     {"count", Field::Value, Type::I32, 0, -1, 0},
     {"type", Field::Value, Type::GlEnum, 0, -1, 17},
-    {"indices", Field::Blob, Type::U8, 0, -1, 0},
+    {"indices", Field::Value, Type::Ptr, 0, -1, 0},
     {"instancecount", Field::Value, Type::I32, 0, -1, 0},
     {"basevertex", Field::Value, Type::I32, 0, -1, 0},
+    {"arrays", Field::ElementsTail, Type::U8, 0, -1, 0},
 };
 // glReadBuffer (5143): error u32 | src GlEnum
 const FieldDesc kFields_glReadBuffer_5143[] = {
@@ -3902,7 +3948,7 @@ const FieldDesc kFields_glTexImage3D_5145[] = {
     {"border", Field::Value, Type::I32, 0, -1, 0},
     {"format", Field::Value, Type::GlEnum, 0, -1, 34},
     {"type", Field::Value, Type::GlEnum, 0, -1, 35},
-    {"pixels", Field::Blob, Type::U8, kCompressible, -1, 0},
+    {"pixels", Field::Blob, Type::U8, kCompressible | kUnpackBuffer, -1, 0},
 };
 // glTexSubImage3D (5146): error u32 | target GlEnum | level I32 | xoffset I32 | yoffset I32 | zoffset I32 | width I32 | height I32 | depth I32 | format GlEnum | type GlEnum | pixels Blob<U8>(z)
 const FieldDesc kFields_glTexSubImage3D_5146[] = {
@@ -3916,7 +3962,7 @@ const FieldDesc kFields_glTexSubImage3D_5146[] = {
     {"depth", Field::Value, Type::I32, 0, -1, 0},
     {"format", Field::Value, Type::GlEnum, 0, -1, 34},
     {"type", Field::Value, Type::GlEnum, 0, -1, 35},
-    {"pixels", Field::Blob, Type::U8, kCompressible, -1, 0},
+    {"pixels", Field::Blob, Type::U8, kCompressible | kUnpackBuffer, -1, 0},
 };
 // glCopyTexSubImage3D (5147): error u32 | target GlEnum | level I32 | xoffset I32 | yoffset I32 | zoffset I32 | x I32 | y I32 | width I32 | height I32
 const FieldDesc kFields_glCopyTexSubImage3D_5147[] = {
@@ -3940,7 +3986,7 @@ const FieldDesc kFields_glCompressedTexImage3D_5148[] = {
     {"depth", Field::Value, Type::I32, 0, -1, 0},
     {"border", Field::Value, Type::I32, 0, -1, 0},
     {"imageSize", Field::Value, Type::I32, 0, -1, 0},
-    {"data", Field::Blob, Type::U8, kCompressible, -1, 0},
+    {"data", Field::Blob, Type::U8, kCompressible | kUnpackBuffer, -1, 0},
 };
 // glCompressedTexSubImage3D (5149): error u32 | target GlEnum | level I32 | xoffset I32 | yoffset I32 | zoffset I32 | width I32 | height I32 | depth I32 | format GlEnum | imageSize I32 | data Blob<U8>(z)
 const FieldDesc kFields_glCompressedTexSubImage3D_5149[] = {
@@ -3954,7 +4000,7 @@ const FieldDesc kFields_glCompressedTexSubImage3D_5149[] = {
     {"depth", Field::Value, Type::I32, 0, -1, 0},
     {"format", Field::Value, Type::GlEnum, 0, -1, 11},
     {"imageSize", Field::Value, Type::I32, 0, -1, 0},
-    {"data", Field::Blob, Type::U8, kCompressible, -1, 0},
+    {"data", Field::Blob, Type::U8, kCompressible | kUnpackBuffer, -1, 0},
 };
 // glGenQueries (5150): error u32 | n I32 | ids Blob<U32>(out)
 const FieldDesc kFields_glGenQueries_5150[] = {
@@ -5256,7 +5302,7 @@ const FieldDesc kFields_glReadnPixels_7106[] = {
     {"format", Field::Value, Type::GlEnum, 0, -1, 34},
     {"type", Field::Value, Type::GlEnum, 0, -1, 35},
     {"bufSize", Field::Value, Type::I32, 0, -1, 0},
-    {"data", Field::Blob, Type::U8, kCompressible | kOutput, -1, 0},
+    {"data", Field::Blob, Type::U8, kCompressible | kOutput | kPackBuffer, -1, 0},
 };
 // glSamplerParameterIiv (7107): error u32 | sampler U32 | pname GlEnum | param Blob<I32>
 const FieldDesc kFields_glSamplerParameterIiv_7107[] = {
@@ -6140,7 +6186,7 @@ const FieldDesc kFields_clCreateEventFromEGLSyncKHR_6515[] = {
 extern const FuncDesc kDescriptions[];
 extern const uint32_t kDescriptionCount;
 const FuncDesc kDescriptions[] = {
-    {1000, 0, Family::Egl, ErrorKind::Egl, Type::None, "", nullptr, 0, false},
+    {1000, 0, Family::Egl, ErrorKind::Egl, Type::None, "", kFields__1000, 6, true},
     {1001, 2, Family::Egl, ErrorKind::Egl, Type::EglBoolean, "eglChooseConfig", kFields_eglChooseConfig_1001, 5, true},
     {1002, 7, Family::Egl, ErrorKind::Egl, Type::EglBoolean, "eglCopyBuffers", kFields_eglCopyBuffers_1002, 3, true},
     {1003, 6, Family::Egl, ErrorKind::Egl, Type::Handle, "eglCreateContext", kFields_eglCreateContext_1003, 4, true},
@@ -6156,7 +6202,7 @@ const FuncDesc kDescriptions[] = {
     {1013, 6, Family::Egl, ErrorKind::Egl, Type::Handle, "eglGetCurrentSurface", kFields_eglGetCurrentSurface_1013, 1, true},
     {1014, 3, Family::Egl, ErrorKind::Egl, Type::Handle, "eglGetDisplay", kFields_eglGetDisplay_1014, 1, true},
     {1015, 1, Family::Egl, ErrorKind::Egl, Type::I32, "eglGetError", nullptr, 0, true},
-    {1016, 9, Family::Egl, ErrorKind::Egl, Type::Ptr, "eglGetProcAddress", kFields_eglGetProcAddress_1016, 1, true},
+    {1016, 9, Family::Egl, ErrorKind::Egl, Type::Ptr, "eglGetProcAddress", kFields_eglGetProcAddress_1016, 2, true},
     {1017, 3, Family::Egl, ErrorKind::Egl, Type::EglBoolean, "eglInitialize", kFields_eglInitialize_1017, 3, true},
     {1018, 6, Family::Egl, ErrorKind::Egl, Type::EglBoolean, "eglMakeCurrent", kFields_eglMakeCurrent_1018, 4, true},
     {1019, 6, Family::Egl, ErrorKind::Egl, Type::EglBoolean, "eglQueryContext", kFields_eglQueryContext_1019, 4, true},
@@ -6210,8 +6256,8 @@ const FuncDesc kDescriptions[] = {
     {1122, 10, Family::EglExt, ErrorKind::Egl, Type::Handle, "eglCreatePlatformWindowSurfaceEXT", kFields_eglCreatePlatformWindowSurfaceEXT_1122, 7, true},
     {1123, 10, Family::EglExt, ErrorKind::Egl, Type::Handle, "eglCreatePlatformPixmapSurfaceEXT", kFields_eglCreatePlatformPixmapSurfaceEXT_1123, 7, true},
     {1124, 10, Family::EglExt, ErrorKind::Egl, Type::EglBoolean, "eglSetDamageRegionKHR", kFields_eglSetDamageRegionKHR_1124, 4, true},
-    {1500, 0, Family::Pseudo, ErrorKind::None, Type::None, "(Client buffer creation)", nullptr, 0, false},
-    {1501, 0, Family::Pseudo, ErrorKind::None, Type::None, "(Client buffer update)", nullptr, 0, false},
+    {1500, 0, Family::Pseudo, ErrorKind::None, Type::None, "(Client buffer creation)", kFields__Client_buffer_creation__1500, 7, true},
+    {1501, 0, Family::Pseudo, ErrorKind::None, Type::None, "(Client buffer update)", kFields__Client_buffer_update__1501, 5, true},
     {1502, 0, Family::Pseudo, ErrorKind::None, Type::None, "(Context information)", kFields__Context_information__1502, 7, true},
     {1503, 0, Family::Pseudo, ErrorKind::None, Type::None, "(Display information)", kFields__Display_information__1503, 4, true},
     {2000, 0, Family::Gles20, ErrorKind::Gl, Type::None, "", nullptr, 0, false},
@@ -6503,12 +6549,12 @@ const FuncDesc kDescriptions[] = {
     {3143, 18, Family::Gles1, ErrorKind::Gl, Type::None, "glVertexPointer", kFields_glVertexPointer_3143, 4, true},
     {3144, 3, Family::Gles1, ErrorKind::Gl, Type::None, "glViewport", kFields_glViewport_3144, 4, true},
     {3145, 18, Family::Gles1, ErrorKind::Gl, Type::None, "glPointSizePointerOES", kFields_glPointSizePointerOES_3145, 3, true},
-    {4000, 0, Family::GlesExt, ErrorKind::Gl, Type::None, "", nullptr, 0, false},
+    {4000, 0, Family::GlesExt, ErrorKind::Gl, Type::None, "", kFields__4000, 6, true},
     {4001, 28, Family::GlesExt, ErrorKind::Gl, Type::None, "glDiscardFramebufferEXT", kFields_glDiscardFramebufferEXT_4001, 3, true},
-    {4002, 28, Family::GlesExt, ErrorKind::Gl, Type::None, "glMultiDrawElementsEXT", kFields_glMultiDrawElementsEXT_4002, 5, true},
-    {4003, 28, Family::GlesExt, ErrorKind::Gl, Type::None, "glMultiDrawArraysEXT", kFields_glMultiDrawArraysEXT_4003, 4, true},
+    {4002, 28, Family::GlesExt, ErrorKind::Gl, Type::None, "glMultiDrawElementsEXT", kFields_glMultiDrawElementsEXT_4002, 6, true},
+    {4003, 28, Family::GlesExt, ErrorKind::Gl, Type::None, "glMultiDrawArraysEXT", kFields_glMultiDrawArraysEXT_4003, 5, true},
     {4004, 28, Family::GlesExt, ErrorKind::Gl, Type::Ptr, "glMapBufferOES", kFields_glMapBufferOES_4004, 2, true},
-    {4005, 28, Family::GlesExt, ErrorKind::Gl, Type::GlBoolean, "glUnmapBufferOES", kFields_glUnmapBufferOES_4005, 1, true},
+    {4005, 28, Family::GlesExt, ErrorKind::Gl, Type::GlBoolean, "glUnmapBufferOES", kFields_glUnmapBufferOES_4005, 2, true},
     {4006, 28, Family::GlesExt, ErrorKind::Gl, Type::None, "glGetBufferPointervOES", kFields_glGetBufferPointervOES_4006, 3, true},
     {4007, 28, Family::GlesExt, ErrorKind::Gl, Type::None, "glBindVertexArrayOES", kFields_glBindVertexArrayOES_4007, 1, true},
     {4008, 28, Family::GlesExt, ErrorKind::Gl, Type::None, "glDeleteVertexArraysOES", kFields_glDeleteVertexArraysOES_4008, 2, true},
@@ -6667,7 +6713,7 @@ const FuncDesc kDescriptions[] = {
     {4161, 28, Family::GlesExt, ErrorKind::Gl, Type::None, "glGetInteger64vAPPLE", kFields_glGetInteger64vAPPLE_4161, 2, true},
     {4162, 28, Family::GlesExt, ErrorKind::Gl, Type::None, "glGetSyncivAPPLE", kFields_glGetSyncivAPPLE_4162, 5, true},
     {4163, 28, Family::GlesExt, ErrorKind::Gl, Type::Ptr, "glMapBufferRangeEXT", kFields_glMapBufferRangeEXT_4163, 4, true},
-    {4164, 28, Family::GlesExt, ErrorKind::Gl, Type::None, "glFlushMappedBufferRangeEXT", kFields_glFlushMappedBufferRangeEXT_4164, 3, true},
+    {4164, 28, Family::GlesExt, ErrorKind::Gl, Type::None, "glFlushMappedBufferRangeEXT", kFields_glFlushMappedBufferRangeEXT_4164, 4, true},
     {4165, 28, Family::GlesExt, ErrorKind::Gl, Type::None, "glRenderbufferStorageMultisampleEXT", kFields_glRenderbufferStorageMultisampleEXT_4165, 5, true},
     {4166, 28, Family::GlesExt, ErrorKind::Gl, Type::None, "glFramebufferTexture2DMultisampleEXT", kFields_glFramebufferTexture2DMultisampleEXT_4166, 6, true},
     {4167, 28, Family::GlesExt, ErrorKind::Gl, Type::GlEnum, "glGetGraphicsResetStatusEXT", nullptr, 0, true},
@@ -6691,8 +6737,8 @@ const FuncDesc kDescriptions[] = {
     {4185, 28, Family::GlesExt, ErrorKind::Gl, Type::None, "glObjectPtrLabel", kFields_glObjectPtrLabel_4185, 3, true},
     {4186, 28, Family::GlesExt, ErrorKind::Gl, Type::None, "glGetObjectPtrLabel", kFields_glGetObjectPtrLabel_4186, 4, true},
     {4187, 28, Family::GlesExt, ErrorKind::Gl, Type::None, "glGetPointerv", kFields_glGetPointerv_4187, 2, true},
-    {4188, 28, Family::GlesExt, ErrorKind::Gl, Type::None, "glDrawArraysInstancedANGLE", kFields_glDrawArraysInstancedANGLE_4188, 4, true},
-    {4189, 28, Family::GlesExt, ErrorKind::Gl, Type::None, "glDrawElementsInstancedANGLE", kFields_glDrawElementsInstancedANGLE_4189, 5, true},
+    {4188, 28, Family::GlesExt, ErrorKind::Gl, Type::None, "glDrawArraysInstancedANGLE", kFields_glDrawArraysInstancedANGLE_4188, 5, true},
+    {4189, 28, Family::GlesExt, ErrorKind::Gl, Type::None, "glDrawElementsInstancedANGLE", kFields_glDrawElementsInstancedANGLE_4189, 6, true},
     {4190, 28, Family::GlesExt, ErrorKind::Gl, Type::None, "glVertexAttribDivisorANGLE", kFields_glVertexAttribDivisorANGLE_4190, 2, true},
     {4191, 28, Family::GlesExt, ErrorKind::Gl, Type::None, "glGetTranslatedShaderSourceANGLE", kFields_glGetTranslatedShaderSourceANGLE_4191, 4, true},
     {4192, 28, Family::GlesExt, ErrorKind::Gl, Type::None, "glLabelObjectEXT", kFields_glLabelObjectEXT_4192, 4, true},
@@ -6848,9 +6894,9 @@ const FuncDesc kDescriptions[] = {
     {4342, 28, Family::GlesExt, ErrorKind::Gl, Type::None, "glFramebufferTextureLayerDownsampleZUL", nullptr, 0, false},
     {4343, 28, Family::GlesExt, ErrorKind::Gl, Type::None, "glClearTexImageEXT", kFields_glClearTexImageEXT_4343, 5, true},
     {4344, 28, Family::GlesExt, ErrorKind::Gl, Type::None, "glClearTexSubImageEXT", kFields_glClearTexSubImageEXT_4344, 11, true},
-    {4345, 28, Family::GlesExt, ErrorKind::Gl, Type::None, "glDrawElementsBaseVertexOES", kFields_glDrawElementsBaseVertexOES_4345, 5, true},
-    {4346, 28, Family::GlesExt, ErrorKind::Gl, Type::None, "glDrawRangeElementsBaseVertexOES", kFields_glDrawRangeElementsBaseVertexOES_4346, 7, true},
-    {4347, 28, Family::GlesExt, ErrorKind::Gl, Type::None, "glDrawElementsInstancedBaseVertexOES", kFields_glDrawElementsInstancedBaseVertexOES_4347, 6, true},
+    {4345, 28, Family::GlesExt, ErrorKind::Gl, Type::None, "glDrawElementsBaseVertexOES", kFields_glDrawElementsBaseVertexOES_4345, 6, true},
+    {4346, 28, Family::GlesExt, ErrorKind::Gl, Type::None, "glDrawRangeElementsBaseVertexOES", kFields_glDrawRangeElementsBaseVertexOES_4346, 8, true},
+    {4347, 28, Family::GlesExt, ErrorKind::Gl, Type::None, "glDrawElementsInstancedBaseVertexOES", kFields_glDrawElementsInstancedBaseVertexOES_4347, 7, true},
     {4348, 28, Family::GlesExt, ErrorKind::Gl, Type::None, "glMultiDrawElementsBaseVertexOES", nullptr, 0, false},
     {5142, 0, Family::Gles30, ErrorKind::Gl, Type::None, "", nullptr, 0, false},
     {5143, 24, Family::Gles30, ErrorKind::Gl, Type::None, "glReadBuffer", kFields_glReadBuffer_5143, 1, true},

@@ -132,6 +132,8 @@ class Func:
         self.extras = []  # (name, kind, type, flags)
         self.tail = None  # ("arrays"|"elements", drawcount param or None)
         self.record = None  # explicit field list for the pseudo-calls
+        self.like = None  # the core function an extension function records and behaves like
+        self.extensions = []  # the extensions that provide an extension function
 
     @property
     def known(self):
@@ -317,6 +319,7 @@ class Records:
         self.hostgroups = []  # (table, label, first, last)
         self.types = {}  # (func, param) -> value type override
         self.exports = {}  # family -> True
+        self.likes = {}  # extension function -> the core function it records and behaves like
 
 
 def split_rule(text):
@@ -380,6 +383,8 @@ def read_records():
             elif rest.startswith("tail "):
                 words = rest.split()
                 rec.tails[func] = (words[1], words[2] if len(words) > 2 else None)
+            elif rest.startswith("like "):
+                rec.likes[func] = rest.split()[1]
             else:
                 fail(f"{where}: cannot read '{line}'")
     return rec
@@ -482,9 +487,16 @@ def default_rule(func, p, is_gl):
 def build_layout(func, rec, cl_typedefs, hooks):
     fields = []
     is_gl = func.family.startswith("gles") or func.family.startswith("gl")
-    for p in func.params:
-        vtype_override = rec.types.get((func.name, p.name))
-        rule, flags, where = rec.rules.get((func.name, p.name), (None, [], None))
+    # A function that records like another takes that one's rules (its parameter names replaced by
+    # this function's) and its hand-written capture functions.
+    owner = func.like or func
+    renamed = {o.name: p.name for o, p in zip(owner.params, func.params)}
+    rename = lambda text: re.sub(r"\b\w+\b", lambda m: renamed.get(m.group(0), m.group(0)), text)
+    for p, op in zip(func.params, owner.params):
+        vtype_override = rec.types.get((owner.name, op.name))
+        rule, flags, where = rec.rules.get((owner.name, op.name), (None, [], None))
+        if rule is not None and owner is not func:
+            rule = rename(rule)
         if p.depth == 0 or p.decl:
             if rule not in (None, "value"):
                 fail(f"{where}: {func.name}.{p.name} is not a pointer")
@@ -499,6 +511,7 @@ def build_layout(func, rec, cl_typedefs, hooks):
             fl.append("kCompressible")
         if "always" in flags:
             fl.append("kAlways")
+        fl += [{"unpack": "kUnpackBuffer", "pack": "kPackBuffer"}[x] for x in flags if x in ("unpack", "pack")]
         if rule == "value":
             fields.append(Field(p.name, "Value", vtype_override or "Ptr", param=p))
         elif rule == "string":
@@ -516,8 +529,9 @@ def build_layout(func, rec, cl_typedefs, hooks):
             arg = rule[rule.index("(") + 1 : -1]
             et, width = element_type(p, cl_typedefs, func.name)
             if arg == "hook":
-                hooks.append((func, p.name))
-                fields.append(Field(p.name, "Blob", et, fl, expr=("hook", f"{func.name}_{p.name}"), param=p))
+                if owner is func:
+                    hooks.append((func, p.name))
+                fields.append(Field(p.name, "Blob", et, fl, expr=("hook", f"{owner.name}_{op.name}"), param=p))
             else:
                 fields.append(Field(p.name, "Blob", et, fl, expr=("count", arg, width), param=p))
         elif rule.startswith("text_in("):
@@ -528,32 +542,51 @@ def build_layout(func, rec, cl_typedefs, hooks):
             fields.append(Field(p.name, "Blob", "Char", fl + ["kOutput"], expr=("text", args), param=p))
         else:
             fail(f"{where}: unknown rule '{rule}'")
-    for name, kind, flags in rec.extras.get(func.name, []):
+    for name, kind, flags in rec.extras.get(owner.name, []):
         fl = []
         if "z" in flags:
             fl.append("kCompressible")
         if "always" in flags:
             fl.append("kAlways")
         shared = [f[1:] for f in flags if f.startswith("@")]
-        source = ("shared", shared[0]) if shared else ("extra", f"{func.name}_{name}")
+        source = ("shared", shared[0]) if shared else ("extra", f"{owner.name}_{name}")
         if kind.startswith("blob"):
             et = kind[kind.index("(") + 1 : -1] if "(" in kind else "U8"
             fields.append(Field(name, "Blob", et, fl, expr=source))
         else:
             fields.append(Field(name, "Value", kind, expr=source))
-        if not shared:
+        if not shared and owner is func:
             hooks.append((func, "+" + name))
-    if func.name in rec.tails:
-        kind, ref = rec.tails[func.name]
+    if owner.name in rec.tails:
+        kind, ref = rec.tails[owner.name]
         refidx = -1
         if ref:
+            ref = renamed.get(ref, ref)
             names = [f.name for f in fields]
             if ref not in names:
                 fail(f"tail of {func.name}: no field {ref}")
             refidx = names.index(ref)
         fields.append(Field("arrays", "ArraysTail" if kind == "arrays" else "ElementsTail", "U8", ref=refidx,
-                            expr=("tail", f"{func.name}_tail")))
-        hooks.append((func, "tail"))
+                            expr=("tail", f"{owner.name}_tail")))
+        if owner is func:
+            hooks.append((func, "tail"))
+    return fields
+
+
+def record_fields(record):
+    """The fields of a record the library writes on its own: `name:Type`, `name:Attribs`, or
+    `name:blob(T)` with the flags of a pointer rule (z, always)."""
+    fields = []
+    for name, kind in record:
+        words = kind.split()
+        kind, flags = words[0], words[1:]
+        fl = (["kCompressible"] if "z" in flags else []) + (["kAlways"] if "always" in flags else [])
+        if kind in VALUE_TYPES:
+            fields.append(Field(name, "Value", kind))
+        elif kind.startswith("blob("):
+            fields.append(Field(name, "Blob", kind[5:-1], fl))
+        else:
+            fields.append(Field(name, kind.split("(")[0], "I32", fl))
     return fields
 
 
@@ -836,7 +869,7 @@ def writer_line(f, fd):
         if fd.expr and fd.expr[0] == "shared":
             return f"    kv::rec::put<api::Type::{fd.type}>(h, kv::capture::{fd.expr[1]}(c));"
         return f"    kv::rec::put<api::Type::{fd.type}>(h, {fd.name});"
-    flags = flag_expr({x for x in fd.flags if x != "kOutput"}).replace("kCompressible", "api::kCompressible").replace("kAlways", "api::kAlways")
+    flags = flag_expr({x for x in fd.flags if x in ("kCompressible", "kAlways")}).replace("kCompressible", "api::kCompressible").replace("kAlways", "api::kAlways")
     if fd.kind == "Blob":
         if fd.expr[0] == "count":
             _, arg, width = fd.expr
@@ -963,12 +996,193 @@ def emit_front(funcs, families_wanted, tables, title):
 
 
 # ---------------------------------------------------------------------------------------------
+# Extension functions: reached through eglGetProcAddress only. Each GL extension function gets a
+# wrapper of the extension shape (entry/ext/ext_call.h); which extensions provide it comes from
+# the registry, and one that is an alias of a core function records and behaves like that one.
+
+CORE_GLES = ("gles20", "gles30", "gles31", "gles32")
+# The API version code of a context that has a core family's functions (2 = ES 2.0 ... 5 = ES 3.2).
+VERSION_OF_FAMILY = {"gles20": 2, "gles30": 3, "gles31": 4, "gles32": 5}
+
+
+def read_gl_extension_map():
+    """From gl.xml: function -> the OpenGL ES extensions that provide it, and function -> the
+    function it is an alias of."""
+    root = ET.parse(GL_XML).getroot()
+    provides = {}
+    for ext in root.find("extensions"):
+        if not {"gles1", "gles2"} & set(ext.get("supported", "").split("|")):
+            continue
+        for req in ext.findall("require"):
+            if req.get("api") not in (None, "gles1", "gles2"):
+                continue
+            for cmd in req.findall("command"):
+                names = provides.setdefault(cmd.get("name"), [])
+                if ext.get("name") not in names:
+                    names.append(ext.get("name"))
+    aliases = {}
+    for c in root.find("commands"):
+        alias = c.find("alias")
+        if alias is not None:
+            aliases[c.find("proto").find("name").text] = alias.get("name")
+    return provides, aliases
+
+
+def read_egl_extension_map():
+    """From eglext.h: function -> the extension whose block declares it."""
+    provides, current = {}, None
+    with open(os.path.join(INCLUDE, "EGL/eglext.h")) as f:
+        for line in f:
+            m = re.match(r"#define\s+(EGL_[A-Z]+_\w+)\s+1\s*$", line)
+            if m:
+                current = m.group(1)
+                continue
+            m = re.match(r"EGLAPI\s.*\bEGLAPIENTRY\s+(\w+)\s*\(", line)
+            if m and current:
+                provides.setdefault(m.group(1), [current])
+    return provides
+
+
+def compatible(a, b):
+    """Whether two signatures take the same kinds of arguments (a pointer for a pointer, a scalar
+    of the same width for a scalar), so that one function's hooks and capture functions serve the
+    other."""
+    if len(a.params) != len(b.params) or ("*" in a.ret) != ("*" in b.ret):
+        return False
+    return all(p.depth == q.depth and bool(p.decl) == bool(q.decl) for p, q in zip(a.params, b.params))
+
+
+def mark_extension_functions(funcs, rec, gl_provides, gl_aliases, egl_provides):
+    core = {f.name: f for f in funcs if f.family in CORE_GLES and f.params is not None}
+    for f in funcs:
+        if f.params is None:
+            continue
+        if f.family == "glesext":
+            for p in f.params:
+                if p.name in ("h", "c"):  # the record writer's own names
+                    p.name += "_"
+            f.extensions = gl_provides.get(f.name, [])
+            like = rec.likes.get(f.name) or gl_aliases.get(f.name)
+            if like in core and compatible(f, core[like]):
+                f.like = core[like]
+            elif f.name in rec.likes:
+                fail(f"records.txt: {f.name} cannot record like {like}")
+        elif f.family == "eglext":
+            f.extensions = egl_provides.get(f.name, [])
+
+
+def extension_functions(funcs, tables):
+    """The GL extension functions that get a wrapper: a known signature, a slot in the extension
+    host table, and a name no core family has (a core name is served by the core wrapper)."""
+    core_names = {f.name for f in funcs if f.family in CORE_GLES}
+    return [f for f in funcs if f.family == "glesext" and f.params is not None and f.name not in core_names
+            and host_table_of(f, tables) == "SGlesExtHost"]
+
+
+def drop_core_names_from_extension_table(funcs, tables):
+    core_names = {f.name for f in funcs if f.family in CORE_GLES}
+    if "SGlesExtHost" in tables:
+        tables["SGlesExtHost"] = [(label, [f for f in members if f.name not in core_names])
+                                  for label, members in tables["SGlesExtHost"]]
+
+
+def extension_names(members):
+    return sorted({e for f in members for e in f.extensions})
+
+
+def emit_ext_traits(members, ext_hooks):
+    names = extension_names(members)
+    index = {e: i for i, e in enumerate(names)}
+    widest = max([len(f.extensions) for f in members] + [1])
+    out = [BANNER, "#pragma once\n", '#include "core/call.h"\n', "namespace kv {\n",
+           "// The OpenGL ES extension names whose support each context keeps a flag for.",
+           f"constexpr uint32_t kGlExtensionCount = {len(names)};",
+           "extern const char *const kGlExtensionNames[kGlExtensionCount];",
+           f"constexpr uint32_t kMaxExtensionsPerFunction = {widest};",
+           "constexpr uint16_t kNoExtension = 0xFFFF;\n", "namespace fn {\n"]
+    for f in members:
+        args = ", ".join(p.abstract() for p in f.params)
+        flags = [str(index[e]) for e in f.extensions] + ["kNoExtension"] * (widest - len(f.extensions))
+        core_since = VERSION_OF_FAMILY[f.like.family] if f.like else 0
+        out.append(f"struct {f.name} {{")
+        out.append(f"    static constexpr uint16_t id = {f.id};")
+        out.append(f'    static constexpr const char *name = "{f.name}";')
+        out.append(f"    using Ret = {f.ret};")
+        out.append(f"    static constexpr api::Type result = api::Type::{f.result};")
+        out.append(f"    static constexpr auto slot = &SGlesExtHostFns::{f.name};")
+        out.append(f"    // {' or '.join(f.extensions) or 'no extension the registry names'}"
+                   + (f"; core as {f.like.name} from API version {core_since}" if f.like else ""))
+        out.append(f"    static constexpr uint16_t extensions[kMaxExtensionsPerFunction] = {{{', '.join(flags)}}};")
+        out.append(f'    static constexpr const char *extensionText = "{" or ".join(f.extensions)}";')
+        out.append(f"    static constexpr uint32_t coreSince = {core_since};")
+        out.append(f"    static void write(RecordHandle &h, CallCtx &c{', ' + args if args else ''});")
+        out.append("};")
+    out.append("\n} // namespace fn\n")
+    out.append("// An extension function that is an alias of a core function runs that function's hooks.")
+    for f in members:
+        if f.like:
+            out.append(f"template <>\nstruct HookTarget<fn::{f.name}> {{\n    using type = fn::{f.like.name};\n}};")
+    out.append("\nnamespace capture {\n")
+    for f, what in ext_hooks:
+        args = ", ".join(p.declaration() for p in f.params)
+        sep = ", " if args else ""
+        if what == "tail":
+            out.append(f"void {f.name}_tail(RecordHandle &h, CallCtx &c{sep}{args});")
+        elif what.startswith("+"):
+            field = next(fd for fd in f.fields if fd.name == what[1:])
+            kind = "rec::Blob" if field.kind == "Blob" else CPP_OF_TYPE[field.type]
+            out.append(f"{kind} {f.name}_{what[1:]}(CallCtx &c{sep}{args});")
+        else:
+            out.append(f"rec::Blob {f.name}_{what}(CallCtx &c{sep}{args});")
+    out.append("\n} // namespace capture\n")
+    out.append("} // namespace kv")
+    return "\n".join(out) + "\n"
+
+
+def emit_ext_entries(members):
+    names = extension_names(members)
+    out = [BANNER, "// OpenGL ES extension functions: their record writers, their wrappers (handed out by",
+           "// eglGetProcAddress) and the names of the extensions that provide them.\n",
+           '#include "entry/ext/ext_call.h"', '#include "entry/hooks.h"\n', "namespace kv {\n",
+           "const char *const kGlExtensionNames[kGlExtensionCount] = {"]
+    out += [f'    "{e}",' for e in names]
+    out.append("};\n")
+    out.append("namespace fn {\n")
+    for f in members:
+        args = ", ".join(p.declaration() for p in f.params)
+        out.append(f"// {f.id} {f.name}: {layout_comment(f)}")
+        out.append(f"void {f.name}::write(RecordHandle &h, CallCtx &c{', ' + args if args else ''}) {{")
+        lines = [writer_line(f, fd) for fd in f.fields]
+        out += lines or ["    (void)h;"]
+        out.append("    (void)c;")
+        out.append("}\n")
+    out.append("} // namespace fn\n")
+    out.append("namespace glext {\n")
+    for f in members:
+        args = ", ".join(p.declaration() for p in f.params)
+        names_ = ", ".join(p.name for p in f.params)
+        out.append(f"static {f.ret} KV_APIENTRY {entry_name(f)}({args}) {{")
+        out.append(f"    return Entry<GlesExtApi, fn::{f.name}>::call({names_});")
+        out.append("}")
+    out.append("\n} // namespace glext\n")
+    out.append("// The wrappers by name, in catalogue order.")
+    out.append("const ProcEntry kExtensionWrappers[] = {")
+    for f in members:
+        out.append(f'    {{"{f.name}", reinterpret_cast<ProcAddress>(&glext::{entry_name(f)})}},')
+    out.append("    {nullptr, nullptr},")
+    out.append("};\n")
+    out.append("} // namespace kv")
+    return "\n".join(out) + "\n"
+
+
+# ---------------------------------------------------------------------------------------------
 # The test host: a stand-in driver for the tests, exporting what the host tables resolve
 
 
 # The tables the test host stands in for: the table, the name of its API in switches, the family
 # constant of its functions and how its version groups are labelled.
-TEST_HOST_TABLES = [("SEglHost", "EGL", "kEgl", "egl"), ("GLESPPHost", "GLES", "kGles", "es")]
+TEST_HOST_TABLES = [("SEglHost", "EGL", "kEgl", "egl"), ("GLESPPHost", "GLES", "kGles", "es"),
+                    ("SGlesExtHost", "GLEXT", "kGles", "glext")]
 # What a function returns when the test has not programmed anything, by result type (0 otherwise).
 TEST_HOST_DEFAULTS = {"EGLBoolean": "EGL_TRUE"}
 TEST_HOST_MAX_ARGS = 16
@@ -1078,6 +1292,9 @@ def main():
             continue
         f.ret, f.params = src[0], [Param(p.ctype, p.name, p.length, p.group, p.decl) for p in src[1]]
 
+    gl_provides, gl_aliases = read_gl_extension_map()
+    mark_extension_functions(funcs, rec, gl_provides, gl_aliases, read_egl_extension_map())
+
     # Which enum groups the reader needs names for.
     group_ids = {}
     for f in funcs:
@@ -1091,8 +1308,7 @@ def main():
             f.fields = build_layout(f, rec, cl_typedefs, hooks)
             f.result = result_type(f, cl_typedefs)
         elif f.record is not None:
-            f.fields = [Field(n, "Value" if k in VALUE_TYPES else k.split("(")[0], k if k in VALUE_TYPES else "I32")
-                        for n, k in f.record]
+            f.fields = record_fields(f.record)
             f.result = "None"
         else:
             f.fields, f.result = [], "None"
@@ -1102,6 +1318,9 @@ def main():
             fail(f"{where}: no parameter {fname}.{pname}")
 
     tables = host_tables(funcs, rec)
+    drop_core_names_from_extension_table(funcs, tables)
+    ext_members = extension_functions(funcs, tables)
+    ext_hooks = [(f, w) for f, w in hooks if f in ext_members]
     traced = {"gles20", "gles30", "gles31", "gles32", "egl", "eglext"}
     hook_funcs = [(f, w) for f, w in hooks if f.family in traced and host_table_of(f, tables)]
 
@@ -1122,6 +1341,8 @@ def main():
                                                     "The OpenGL ES 2.0 to 3.2 front library"),
         "tests/host/test_host_autogen.cpp": emit_test_host(tables),
         "tests/host/all_entries_autogen.cpp": emit_all_entries(funcs, tables),
+        "entry/ext/ext_functions_autogen.h": emit_ext_traits(ext_members, ext_hooks),
+        "entry/ext/ext_entries_autogen.cpp": emit_ext_entries(ext_members),
     }
     outputs.update(generate_replay.emit(funcs, host_table_of, tables, rec, GL_XML, BANNER, fail))
     stale = []

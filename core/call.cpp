@@ -9,6 +9,12 @@ namespace kv {
 
 uint32_t g_lastErrorEs1 = 0;
 uint32_t g_lastErrorEs2 = 0;
+std::atomic<bool> g_unwrappedGlCalls{false};
+
+void reportMissingHostFunction(const char *name, std::atomic<bool> &reported) {
+    if (reported.exchange(true)) return;
+    msg::error("The host library has no %s: the call was not forwarded and has no effect.", name);
+}
 
 namespace {
 bool g_clInitialised = false;

@@ -17,6 +17,7 @@
 #include "host/hosts.h"
 #include "trace/trace_writer.h"
 
+#include <atomic>
 #include <type_traits>
 
 namespace kv {
@@ -34,10 +35,26 @@ void reportUnrecorded(uint16_t id);
 extern uint32_t g_lastErrorEs1;
 extern uint32_t g_lastErrorEs2;
 
+// Set once the application holds an OpenGL ES function that does not pass through the library (a
+// host address handed out by eglGetProcAddress): from then on an error such a call left in the
+// driver is taken before each wrapped call, so that it is neither taken for the wrapped call's own
+// nor lost to the application.
+extern std::atomic<bool> g_unwrappedGlCalls;
+// Moves an error the driver holds into the current context's pending error (entry/gles).
+void takeStrayGlError();
+
+// Reports, once per function, that the host library has no such function; the call then has no
+// effect and is answered with nothing.
+void reportMissingHostFunction(const char *name, std::atomic<bool> &reported);
+
 // The API a host table belongs to: how to reach it and what its errors look like.
 struct GlesApi {
     static constexpr uint32_t kSuccess = GL_NO_ERROR;
+    static constexpr bool kChecksContext = false;
     static const GLESPPHost &host() { return GLESPPHost::get(); }
+    static void takeStrayError() {
+        if (KV_UNLIKELY(g_unwrappedGlCalls.load(std::memory_order_relaxed))) takeStrayGlError();
+    }
     static void clearLastError() { g_lastErrorEs2 = 0; }
     static uint32_t queryError() { return host().fn.glGetError(); }
     static bool failed(uint32_t error) { return error != GL_NO_ERROR; }
@@ -47,8 +64,12 @@ struct GlesApi {
 
 struct EglApi {
     static constexpr uint32_t kSuccess = EGL_SUCCESS;
+    static constexpr bool kChecksContext = false;
     static const SEglHost &host() { return SEglHost::get(); }
     static void clearLastError() {}
+    // Every EGL call of the application passes through the library (unknown EGL functions are
+    // handed out as forwarding stubs), so the driver never holds an error the library has not seen.
+    static void takeStrayError() {}
     static uint32_t queryError() { return static_cast<uint32_t>(host().fn.eglGetError()); }
     static bool failed(uint32_t error) { return error != EGL_SUCCESS; }
     // EGL reports the error of the latest call of the thread; the library answers eglGetError
@@ -85,22 +106,44 @@ struct HookDefaults {
 template <class F>
 struct Hooks : HookDefaults {};
 
+// The function whose hooks a function runs: itself, or, for an extension function that is an alias
+// of a core function, that core function (entry/ext/ext_functions_autogen.h names them).
+template <class F>
+struct HookTarget {
+    using type = F;
+};
+
 template <class Api, class F>
 struct Entry {
     using Ret = typename F::Ret;
     using Value = ValueOf<Ret>;
-    using H = Hooks<F>;
+    using H = Hooks<typename HookTarget<F>::type>;
 
     template <class... A>
     static Ret call(A... args) {
         Settings &settings = fastSettings();
         const int32_t mode = settings.mode.load(std::memory_order_relaxed);
         if (KV_LIKELY(mode == kModeRecording || mode == kModeProfiling)) return wrapped(settings, args...);
-        if (mode == kModeDisabled) return (Api::host().fn.*F::slot)(args...);
+        if (mode == kModeDisabled) return forward(args...);
         return Ret();
     }
 
 private:
+    // A host table entry is null when the host lacks the function: such a slot is never jumped
+    // through.
+    KV_NOINLINE static Ret missing() {
+        static std::atomic<bool> reported{false};
+        reportMissingHostFunction(F::name, reported);
+        return Ret();
+    }
+
+    template <class... A>
+    static Ret forward(A... args) {
+        auto fn = Api::host().fn.*F::slot;
+        if (KV_UNLIKELY(!fn)) return missing();
+        return fn(args...);
+    }
+
     template <class... A>
     static Value callHost(CallCtx &c, A... args) {
         if constexpr (H::kReplacesHost) {
@@ -126,21 +169,37 @@ private:
         }
         setCurrentFunction(F::id);
         fillDecision(settings, F::id, c.d, &params);
-        if (H::bypass(c, args...)) return (Api::host().fn.*F::slot)(args...);
+        if (H::bypass(c, args...)) return forward(args...);
+        if constexpr (Api::kChecksContext) {
+            // Extension functions: no current context, or one whose driver lacks the extension,
+            // skips the call.
+            if (!Api::template admit<F>(c)) return Ret();
+        }
+        // Whether the call has the shadow state and the error handling of an OpenGL ES 2/3 or EGL
+        // call (an extension function on an OpenGL ES 1 context has neither).
+        const bool tracked = !Api::kChecksContext || !c.es1;
 
         Api::clearLastError();
         c.error = Api::kSuccess;
         Value result{};
         if (c.d.callHost) {
-            H::before(c, args...);
+            if constexpr (!H::kReplacesHost) {
+                if (KV_UNLIKELY(!(Api::host().fn.*F::slot))) return missing();
+            }
+            Api::takeStrayError();
+            if (tracked) H::before(c, args...);
             result = callHost(c, args...);
-            if (c.d.checkErrors) {
+            if (c.d.checkErrors && tracked) {
                 c.error = Api::queryError();
                 c.failed = Api::failed(c.error);
                 Api::noteError(c.error);
             }
+        } else if constexpr (F::result == api::Type::EglBoolean) {
+            // A call recorded without reaching the driver (the render-state snapshot) answers as
+            // the driver would have: EGL_TRUE.
+            result = EGL_TRUE;
         }
-        H::after(c, result, args...);
+        if (tracked) H::after(c, result, args...);
         if constexpr (!std::is_void_v<Ret>) c.result = toSlot(result);
         if (c.d.record) {
             RecordHandle h = trace::begin(F::id);
@@ -166,7 +225,7 @@ private:
             }
             trace::finish(h, &c.recordPosition);
         }
-        H::done(c, result, args...);
+        if (tracked) H::done(c, result, args...);
         if constexpr (!std::is_void_v<Ret>) return result;
     }
 };

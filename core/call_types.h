@@ -44,6 +44,9 @@ struct CallCtx {
     uint16_t id = 0;
     uint32_t error = 0;  // the API's error code after the call
     bool failed = false; // the driver rejected the call: it read and wrote nothing
+    // An extension function called on an OpenGL ES 1 context: there is no ES2/3 shadow state to
+    // update, and the driver's error stays the application's to read.
+    bool es1 = false;
     // Values a function's hooks hand to each other (for example the frame buffer read before a
     // swap, for the record written after it).
     uint64_t scratch[6] = {};
@@ -106,9 +109,13 @@ KV_ALWAYS_INLINE void put(RecordHandle &h, V v) {
     }
 }
 
+// The size of a pointer's data when the pointer is an offset into a buffer object bound to a pixel
+// pack or unpack target: the record then holds the 8-byte value alone.
+constexpr uint64_t kBufferOffset = ~uint64_t(0);
+
 // A pointer with its data: the pointer (8) and, when the trace holds client data (or the field is
 // always written), the byte count (4) and the block. A call the driver rejected records a count of
-// 0: it read nothing and wrote nothing.
+// 0: it read nothing and wrote nothing. A size of kBufferOffset writes the pointer alone.
 void blob(RecordHandle &h, CallCtx &c, const void *data, uint64_t bytes, uint8_t flags);
 inline void blob(RecordHandle &h, CallCtx &c, Blob b, uint8_t flags) {
     blob(h, c, b.data, b.bytes, flags);

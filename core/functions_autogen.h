@@ -3407,6 +3407,7 @@ struct glTexStorage3DMultisample {
 
 namespace kv::capture {
 
+uint8_t eglGetProcAddress_handedOut(CallCtx &c, const char *procname);
 void glDrawArrays_tail(RecordHandle &h, CallCtx &c, GLenum mode, GLint first, GLsizei count);
 void glDrawElements_tail(RecordHandle &h, CallCtx &c, GLenum mode, GLsizei count, GLenum type, const void *indices);
 void glDrawRangeElements_tail(RecordHandle &h, CallCtx &c, GLenum mode, GLuint start, GLuint end, GLsizei count, GLenum type, const void *indices);

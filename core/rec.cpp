@@ -49,6 +49,7 @@ uint64_t deref(CallCtx &, const int32_t *p) {
 
 void blob(RecordHandle &h, CallCtx &c, const void *data, uint64_t bytes, uint8_t flags) {
     h.ptr(data);
+    if (bytes == kBufferOffset) return;
     bool always = (flags & api::kAlways) != 0;
     if (!c.d.recordData && !always) return;
     uint32_t n = (c.failed && !always) ? 0 : boundedSize(h, bytes);

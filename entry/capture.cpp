@@ -1,13 +1,26 @@
 #include "entry/capture.h"
 
+#include "entry/ext/ext_functions_autogen.h"
+#include "entry/gles/hooks_state.h"
+
 #include "host/hosts.h"
+#include "state/client_arrays.h"
 #include "state/egl_state.h"
 
 #include <string>
+#include <vector>
 
 namespace kv::capture {
 
 namespace {
+
+// OpenGL ES 1 names (the library does not include the ES1 header).
+constexpr GLenum kGlCurrentColor = 0x0B00, kGlCurrentNormal = 0x0B02, kGlCurrentTextureCoords = 0x0B03,
+                 kGlSmoothPointSizeRange = 0x0B12, kGlSmoothLineWidthRange = 0x0B22, kGlLightModelAmbient = 0x0B53,
+                 kGlFogColor = 0x0B66, kGlModelviewMatrix = 0x0BA6, kGlProjectionMatrix = 0x0BA7,
+                 kGlTextureMatrix = 0x0BA8, kGlAmbient = 0x1200, kGlDiffuse = 0x1201, kGlSpecular = 0x1202,
+                 kGlPosition = 0x1203, kGlSpotDirection = 0x1204, kGlEmission = 0x1600,
+                 kGlAmbientAndDiffuse = 0x1602, kGlTextureEnvColor = 0x2201, kGlPointDistanceAttenuation = 0x8129;
 
 uint32_t formatComponents(GLenum format) {
     switch (format) {
@@ -146,23 +159,24 @@ uint64_t imageSize(const PixelStore &store, GLsizei width, GLsizei height, GLsiz
 }
 
 uint64_t imageBytes(CallCtx &, GLsizei width, GLsizei height, GLsizei depth, GLenum format, GLenum type) {
-    if (boundBuffer(GL_PIXEL_UNPACK_BUFFER) != 0) return 0;
+    if (boundBuffer(GL_PIXEL_UNPACK_BUFFER) != 0) return rec::kBufferOffset;
     return imageSize(pixelStore(false), width, height, depth, format, type);
 }
 
 uint64_t unpackedBytes(CallCtx &, GLsizei size) {
-    if (boundBuffer(GL_PIXEL_UNPACK_BUFFER) != 0) return 0;
+    if (boundBuffer(GL_PIXEL_UNPACK_BUFFER) != 0) return rec::kBufferOffset;
     return size > 0 ? static_cast<uint64_t>(size) : 0;
 }
 
 uint64_t packedBytes(CallCtx &, GLsizei width, GLsizei height, GLenum format, GLenum type) {
-    if (boundBuffer(GL_PIXEL_PACK_BUFFER) != 0) return 0;
+    if (boundBuffer(GL_PIXEL_PACK_BUFFER) != 0) return rec::kBufferOffset;
     return imageSize(pixelStore(true), width, height, 1, format, type);
 }
 
 uint64_t packedBytesBounded(CallCtx &c, GLsizei width, GLsizei height, GLenum format, GLenum type,
                             GLsizei bufSize) {
     uint64_t bytes = packedBytes(c, width, height, format, type);
+    if (bytes == rec::kBufferOffset) return bytes;
     uint64_t limit = bufSize > 0 ? static_cast<uint64_t>(bufSize) : 0;
     return bytes < limit ? bytes : limit;
 }
@@ -182,6 +196,22 @@ uint64_t stateValues(CallCtx &, GLenum pname) {
         return 4;
     case GL_PRIMITIVE_BOUNDING_BOX:
         return 8;
+    // OpenGL ES 1 state (glGetFixedvOES).
+    case kGlModelviewMatrix:
+    case kGlProjectionMatrix:
+    case kGlTextureMatrix:
+        return 16;
+    case kGlCurrentColor:
+    case kGlCurrentTextureCoords:
+    case kGlFogColor:
+    case kGlLightModelAmbient:
+        return 4;
+    case kGlCurrentNormal:
+    case kGlPointDistanceAttenuation:
+        return 3;
+    case kGlSmoothPointSizeRange:
+    case kGlSmoothLineWidthRange:
+        return 2;
     case GL_COMPRESSED_TEXTURE_FORMATS:
         return static_cast<uint64_t>(std::max(0, hostInteger(GL_NUM_COMPRESSED_TEXTURE_FORMATS)));
     case GL_SHADER_BINARY_FORMATS:
@@ -194,7 +224,40 @@ uint64_t stateValues(CallCtx &, GLenum pname) {
 }
 
 uint64_t indexedStateValues(CallCtx &, GLenum target) {
-    return target == GL_COLOR_WRITEMASK ? 4 : 1;
+    switch (target) {
+    case GL_COLOR_WRITEMASK:
+    case GL_VIEWPORT:
+    case GL_SCISSOR_BOX:
+        return 4;
+    case GL_DEPTH_RANGE:
+        return 2;
+    default:
+        return 1;
+    }
+}
+
+uint64_t fixedFunctionValues(CallCtx &, GLenum pname) {
+    switch (pname) {
+    case kGlAmbient:
+    case kGlDiffuse:
+    case kGlSpecular:
+    case kGlPosition:
+    case kGlEmission:
+    case kGlAmbientAndDiffuse:
+    case kGlLightModelAmbient:
+    case kGlFogColor:
+    case kGlTextureEnvColor:
+        return 4;
+    case kGlSpotDirection:
+    case kGlPointDistanceAttenuation:
+        return 3;
+    default:
+        return 1;
+    }
+}
+
+uint64_t pixelBytesOf(CallCtx &, GLenum format, GLenum type) {
+    return pixelBytes(format, type);
 }
 
 uint64_t parameterValues(CallCtx &, GLenum pname) {
@@ -205,18 +268,22 @@ uint64_t programValues(CallCtx &, GLenum pname) {
     return pname == GL_COMPUTE_WORK_GROUP_SIZE ? 3 : 1;
 }
 
-uint64_t uniformBlockValues(CallCtx &, GLuint program, GLuint index, GLenum pname) {
-    if (pname != GL_UNIFORM_BLOCK_ACTIVE_UNIFORM_INDICES) return 1;
+uint64_t uniformBlockValues(CallCtx &c, GLuint program, GLuint index, GLenum pname) {
+    if (pname != GL_UNIFORM_BLOCK_ACTIVE_UNIFORM_INDICES || c.failed) return 1;
     GLint count = 0;
+    gles::OwnGlCalls own;
     const auto &fn = GLESPPHost::get().fn;
     if (fn.glGetActiveUniformBlockiv)
         fn.glGetActiveUniformBlockiv(program, index, GL_UNIFORM_BLOCK_ACTIVE_UNIFORMS, &count);
     return count > 0 ? static_cast<uint64_t>(count) : 0;
 }
 
-uint64_t uniformValues(CallCtx &, GLuint program, GLint location) {
+uint64_t uniformValues(CallCtx &c, GLuint program, GLint location) {
+    // The driver wrote nothing for a call it rejected: no need to ask.
+    if (c.failed) return 0;
     // The uniform's type decides how many values the driver writes: find the active uniform that
     // owns the location.
+    gles::OwnGlCalls own;
     const auto &fn = GLESPPHost::get().fn;
     GLint active = 0, maxLength = 0;
     fn.glGetProgramiv(program, GL_ACTIVE_UNIFORMS, &active);
@@ -244,6 +311,36 @@ uint64_t clearBufferValues(CallCtx &, GLenum buffer) {
 uint64_t uniformElements(CallCtx &, GLint location, GLsizei count, uint32_t perElement) {
     if (location < 0 || count <= 0) return 0;
     return static_cast<uint64_t>(count) * perElement;
+}
+
+using arrays::captureArrays;
+using arrays::captureElements;
+
+// Multi-draws: the per-draw arrays are read from the application first.
+void glMultiDrawArraysEXT_tail(RecordHandle &h, CallCtx &c, GLenum, const GLint *first, const GLsizei *count,
+                               GLsizei primcount) {
+    if (!c.d.recordData || primcount <= 0) return;
+    std::vector<GLint> firsts(static_cast<size_t>(primcount));
+    std::vector<GLsizei> counts(static_cast<size_t>(primcount));
+    const size_t bytes = firsts.size() * sizeof(GLint);
+    if (!first || !count || platform::guardedCopy(firsts.data(), first, bytes) != bytes ||
+        platform::guardedCopy(counts.data(), count, bytes) != bytes)
+        return;
+    captureArrays(h, c, firsts.data(), counts.data(), static_cast<uint32_t>(primcount), 0);
+}
+
+void glMultiDrawElementsEXT_tail(RecordHandle &h, CallCtx &c, GLenum, const GLsizei *count, GLenum type,
+                                 const void *const *indices, GLsizei primcount) {
+    if (!c.d.recordData || primcount <= 0) return;
+    std::vector<GLsizei> counts(static_cast<size_t>(primcount));
+    std::vector<const void *> pointers(static_cast<size_t>(primcount));
+    if (!count || !indices ||
+        platform::guardedCopy(counts.data(), count, counts.size() * sizeof(GLsizei)) !=
+            counts.size() * sizeof(GLsizei) ||
+        platform::guardedCopy(pointers.data(), indices, pointers.size() * sizeof(void *)) !=
+            pointers.size() * sizeof(void *))
+        return;
+    captureElements(h, c, counts.data(), type, pointers.data(), static_cast<uint32_t>(primcount), 0, 0, nullptr);
 }
 
 } // namespace kv::capture

@@ -1,6 +1,7 @@
 // Hand-written size functions shared by many record layouts: how much client memory a call reads
 // or writes, where the registry can only say "it depends". Each returns an element count for the
-// pointer it sizes (bytes for void pointers); 0 when the data lives in a bound buffer object.
+// pointer it sizes (bytes for void pointers); rec::kBufferOffset when the pointer is an offset into
+// a buffer bound to the pixel pack or unpack target.
 #pragma once
 
 #include "core/call_types.h"
@@ -24,6 +25,11 @@ uint64_t programValues(CallCtx &c, GLenum pname);
 uint64_t uniformBlockValues(CallCtx &c, GLuint program, GLuint uniformBlockIndex, GLenum pname);
 uint64_t uniformValues(CallCtx &c, GLuint program, GLint location);
 uint64_t clearBufferValues(CallCtx &c, GLenum buffer);
+// Values of a fixed-function parameter (lights, materials, fog, texture environment, point
+// parameters, texture coordinate generation) of OpenGL ES 1.
+uint64_t fixedFunctionValues(CallCtx &c, GLenum pname);
+// Bytes of one texel of a format and type (a clear colour).
+uint64_t pixelBytesOf(CallCtx &c, GLenum format, GLenum type);
 // Elements of a uniform array call: count x perElement, none for location -1 (the driver reads
 // nothing then).
 uint64_t uniformElements(CallCtx &c, GLint location, GLsizei count, uint32_t perElement);

@@ -21,6 +21,14 @@ struct Hooks<fn::eglGetProcAddress> : HookDefaults {
     static void after(CallCtx &c, __eglMustCastToProperFunctionPointerType &result, const char *procname);
 };
 
+// With Internal.DisableBlobCache (the default) the driver is given no blob cache: shaders are
+// compiled from their sources, as a player will. The call is recorded all the same.
+template <>
+struct Hooks<fn::eglSetBlobCacheFuncsANDROID> : HookDefaults {
+    static constexpr bool kReplacesHost = true;
+    static Void host(CallCtx &c, EGLDisplay dpy, EGLSetBlobFuncANDROID set, EGLGetBlobFuncANDROID get);
+};
+
 template <>
 struct Hooks<fn::eglQueryString> : HookDefaults {
     static void after(CallCtx &c, const char *&result, EGLDisplay dpy, EGLint name);
@@ -139,16 +147,47 @@ struct Hooks<fn::eglCreatePlatformPixmapSurfaceEXT> : SurfaceCreationHooks {
                       const EGLint *attrib_list);
 };
 
-// The swaps end a frame: the frame buffer may be read back first, the surface's recorded size is
-// corrected after, and the frame counter advances.
+// Images of client buffers (entry/egl/client_buffers.cpp): entered at creation, their contents
+// recorded as Tracing.ClientBufferRecordFrequency says.
+template <>
+struct Hooks<fn::eglCreateImageKHR> : HookDefaults {
+    static void after(CallCtx &c, EGLImageKHR &result, EGLDisplay dpy, EGLContext ctx, EGLenum target,
+                      EGLClientBuffer buffer, const EGLint *attrib_list);
+    static void done(CallCtx &c, EGLImageKHR &result, EGLDisplay dpy, EGLContext ctx, EGLenum target,
+                     EGLClientBuffer buffer, const EGLint *attrib_list);
+};
+template <>
+struct Hooks<fn::eglCreateImage> : HookDefaults {
+    static void after(CallCtx &c, EGLImage &result, EGLDisplay dpy, EGLContext ctx, EGLenum target,
+                      EGLClientBuffer buffer, const EGLAttrib *attrib_list);
+    static void done(CallCtx &c, EGLImage &result, EGLDisplay dpy, EGLContext ctx, EGLenum target,
+                     EGLClientBuffer buffer, const EGLAttrib *attrib_list);
+};
+template <>
+struct Hooks<fn::eglDestroyImageKHR> : HookDefaults {
+    static void after(CallCtx &c, EGLBoolean &result, EGLDisplay dpy, EGLImageKHR image);
+};
+template <>
+struct Hooks<fn::eglDestroyImage> : HookDefaults {
+    static void after(CallCtx &c, EGLBoolean &result, EGLDisplay dpy, EGLImage image);
+};
+// At a frame end: the client buffers of the display whose contents are due.
+void clientBufferPass(CallCtx &c, EGLDisplay dpy);
+
+// The swaps end a frame: the frame buffer may be read back first, the client buffers' contents may
+// be recorded, the surface's recorded size is corrected after, and the frame counter advances.
 struct SwapHooks : HookDefaults {
     static void beforeSwap(CallCtx &c, EGLDisplay dpy, EGLSurface surface);
     static void afterSwap(CallCtx &c, EGLBoolean result, EGLDisplay dpy, EGLSurface surface);
+    static void swapped(CallCtx &c, EGLBoolean result, EGLDisplay dpy) {
+        if (!c.failed && result == EGL_TRUE) clientBufferPass(c, dpy);
+    }
 };
 
 template <>
 struct Hooks<fn::eglSwapBuffers> : SwapHooks {
     static void before(CallCtx &c, EGLDisplay dpy, EGLSurface surface) { beforeSwap(c, dpy, surface); }
+    static void after(CallCtx &c, EGLBoolean &r, EGLDisplay dpy, EGLSurface) { swapped(c, r, dpy); }
     static void done(CallCtx &c, EGLBoolean &r, EGLDisplay dpy, EGLSurface surface) {
         afterSwap(c, r, dpy, surface);
     }
@@ -158,6 +197,9 @@ template <>
 struct Hooks<fn::eglSwapBuffersWithDamageEXT> : SwapHooks {
     static void before(CallCtx &c, EGLDisplay dpy, EGLSurface surface, const EGLint *, EGLint) {
         beforeSwap(c, dpy, surface);
+    }
+    static void after(CallCtx &c, EGLBoolean &r, EGLDisplay dpy, EGLSurface, const EGLint *, EGLint) {
+        swapped(c, r, dpy);
     }
     static void done(CallCtx &c, EGLBoolean &r, EGLDisplay dpy, EGLSurface surface, const EGLint *, EGLint) {
         afterSwap(c, r, dpy, surface);

@@ -4,6 +4,8 @@
 #include "core/settings.h"
 
 #include <cctype>
+#include <map>
+#include <memory>
 #include <vector>
 
 namespace kv {
@@ -12,7 +14,9 @@ namespace {
 
 NoDestructor<platform::Mutex> g_lock;
 
-bool isDisabled(const std::string &name, const std::string &disabled) {
+} // namespace
+
+bool isDisabledExtension(const std::string &name, const std::string &disabled) {
     size_t start = 0;
     while (start <= disabled.size()) {
         size_t end = disabled.find(';', start);
@@ -24,46 +28,67 @@ bool isDisabled(const std::string &name, const std::string &disabled) {
     return false;
 }
 
-// The version and renderer strings gain the recorder's version once; the replacement then stays.
-const char *appendVersion(CZandString &slot, const char *host) {
-    if (slot.empty())
-        slot =
-            CZandString::format("%s + Kalvoren %s (%s)", host ? host : "", kProductVersion, kRecorderVersion);
-    return slot.c_str();
+namespace {
+
+// Copies of the driver's strings as the application is shown them, one per distinct string of the
+// driver: each display and the client have strings of their own, and contexts of different versions
+// may too (one copy for all would show a program one display's answer when it asks about another).
+// Called with the lock held; the copies live as long as the process.
+template <class Make>
+const char *shownCopy(std::map<std::string, std::unique_ptr<std::string>> &copies, const char *host, Make make) {
+    std::unique_ptr<std::string> &copy = copies[host ? host : ""];
+    if (!copy) copy.reset(new std::string(make(host ? host : "")));
+    return copy->c_str();
 }
 
-const char *filtered(CZandString &slot, const char *host, const CZandString &disabled) {
-    if (slot.empty() && !disabled.empty()) slot = CZandString(filterExtensions(host, disabled.str()));
-    return slot.empty() ? host : slot.c_str();
+// The version and renderer strings gain the recorder's version; a string the configuration names
+// itself is answered as it is.
+const char *appendVersion(const CZandString &configured, const char *host) {
+    if (!configured.empty()) return configured.c_str();
+    static auto *copies = new std::map<std::string, std::unique_ptr<std::string>>();
+    return shownCopy(*copies, host, [](const std::string &text) {
+        return CZandString::format("%s + Kalvoren %s (%s)", text.c_str(), kProductVersion, kRecorderVersion).str();
+    });
+}
+
+// An extension list without the disabled extensions; a list the configuration names itself is
+// answered as it is, and a list with nothing to hide is the driver's own.
+const char *filtered(const CZandString &configured, const char *host, const CZandString &disabled) {
+    if (!configured.empty()) return configured.c_str();
+    if (!host || disabled.empty()) return host;
+    static auto *copies = new std::map<std::string, std::unique_ptr<std::string>>();
+    const char *shown = shownCopy(*copies, host, [&](const std::string &text) {
+        std::string kept = filterExtensions(text.c_str(), disabled.str());
+        return kept == text ? std::string() : kept;
+    });
+    return shown[0] ? shown : host;
 }
 
 } // namespace
 
 std::string filterExtensions(const char *list, const std::string &disabled) {
     if (!list) return std::string();
-    std::string text(list);
-    // The separator is the host's own: a blank in the API, but the list is joined again with what
-    // the driver used.
+    // The disabled names go with the separator after them; everything else stays as the driver
+    // wrote it (some drivers end their lists with a separator). The separator is the host's own: a
+    // blank in the API, but whatever the driver used is kept.
+    const std::string text(list);
     char separator = ' ';
     for (char c : text)
         if (!std::isalnum(static_cast<unsigned char>(c)) && c != '_') {
             separator = c;
             break;
         }
-    std::vector<std::string> kept;
+    std::string out;
     size_t start = 0;
     while (start < text.size()) {
         size_t end = text.find(separator, start);
         if (end == std::string::npos) end = text.size();
-        std::string name = text.substr(start, end - start);
-        if (!name.empty() && !isDisabled(name, disabled)) kept.push_back(name);
-        start = end + 1;
+        const std::string name = text.substr(start, end - start);
+        const size_t next = end < text.size() ? end + 1 : end;
+        if (name.empty() || !isDisabledExtension(name, disabled)) out.append(text, start, next - start);
+        start = next;
     }
-    std::string out;
-    for (size_t i = 0; i < kept.size(); ++i) {
-        if (i) out += separator;
-        out += kept[i];
-    }
+    if (!out.empty() && out.back() == separator && (text.empty() || text.back() != separator)) out.pop_back();
     return out;
 }
 

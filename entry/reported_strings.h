@@ -15,6 +15,8 @@ const char *reportedEglString(EGLint name, const char *host);
 // The answer to glGetString(name) for a context of the given major version (2 or 3).
 const char *reportedGlString(GLenum name, const char *host, uint32_t majorVersion);
 
+// Whether an extension name is an entry of a ';'-separated disable list.
+bool isDisabledExtension(const std::string &name, const std::string &disabled);
 // An extension list without the names of a ';'-separated disable list (each compared whole), joined
 // with the list's own separator.
 std::string filterExtensions(const char *list, const std::string &disabled);

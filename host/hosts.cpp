@@ -8,29 +8,19 @@
 
 namespace kv {
 
-namespace {
-
-// Resolves the version groups that follow a table's core, in order. The groups are cumulative: the
-// first group with a missing function is reported once and leaves it and every later group
-// unresolved (null), and the table stays usable for the versions before it.
 void resolveVersions(SHostLib &host, void *fns, const HostGroup *groups, uint32_t first, uint32_t count,
                      const char *const *warnings) {
     for (uint32_t g = first; g < count; ++g) {
         host.resolveGroup(groups[g], fns);
         if (host.failed()) {
+            // The functions of the group that the host has stay usable; the wrappers answer a call
+            // of a missing one (a null entry) with a message instead of jumping through it.
             host.failure &= static_cast<uint8_t>(~1u);
-            // Nothing of a failed group may be used: a part-resolved group is as good as absent.
-            for (uint32_t later = g; later < count; ++later)
-                for (uint32_t i = 0; i < groups[later].count; ++i)
-                    std::memset(static_cast<uint8_t *>(fns) + groups[later].symbols[i].offset, 0,
-                                sizeof(void *));
             msg::info("%s", warnings[g - first]);
             return;
         }
     }
 }
-
-} // namespace
 
 SEglHost::SEglHost() : SHostLib(hostLibraryPath(kHostEgl).c_str()) {
     const HostGroup *groups = kSEglHostGroups;
@@ -83,6 +73,24 @@ GLESPPHost::GLESPPHost() : SHostLib(hostLibraryPath(kHostEs2).c_str()) {
 
 const GLESPPHost &GLESPPHost::get() {
     static const GLESPPHost *host = new GLESPPHost();
+    return *host;
+}
+
+SGlesExtHost::SGlesExtHost() {
+    const SEglHost &egl = SEglHost::get();
+    if (!egl.fn.eglGetProcAddress) return;
+    auto *base = reinterpret_cast<uint8_t *>(&fn);
+    for (uint32_t g = 0; g < kSGlesExtHostGroupCount; ++g) {
+        for (uint32_t i = 0; i < kSGlesExtHostGroups[g].count; ++i) {
+            const HostSymbol &symbol = kSGlesExtHostGroups[g].symbols[i];
+            void *address = reinterpret_cast<void *>(egl.fn.eglGetProcAddress(symbol.name));
+            std::memcpy(base + symbol.offset, &address, sizeof(address));
+        }
+    }
+}
+
+const SGlesExtHost &SGlesExtHost::get() {
+    static const SGlesExtHost *host = new SGlesExtHost();
     return *host;
 }
 

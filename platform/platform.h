@@ -308,6 +308,42 @@ bool fileSeek(std::FILE *file, int64_t offset, int origin);
 // Cuts an open standard file (flushed first) to `size` bytes.
 bool fileTruncate(std::FILE *file, int64_t size);
 
+// ---- Forwarding stubs ------------------------------------------------------------------------
+
+// What a forwarding stub saw of one call, as the calling convention passes it: the integer argument
+// registers, the floating-point argument registers (the low 64 bits of each), the first words of
+// the stack arguments and, after the call, the result registers.
+struct ForwardedCall {
+    const uint64_t *integerArguments;
+    uint32_t integerCount; // 6 (System V x86-64) or 4 (Windows x64)
+    const uint64_t *floatArguments;
+    uint32_t floatCount; // 8 or 4
+    const uint64_t *stackArguments;
+    uint32_t stackCount;
+    uint64_t integerResult;
+    uint64_t floatResult;
+    // kForwardingScratchBytes of memory the handlers of this one call share (16-byte aligned).
+    void *scratch;
+};
+constexpr uint32_t kForwardingScratchBytes = 256;
+
+// Stack argument words a stub passes on (and shows its handlers); a callee that takes more loses
+// the rest.
+constexpr uint32_t kForwardedStackWords = 16;
+// Stubs there are; 0 on a system without them.
+uint32_t forwardingStubCount();
+
+struct ForwardingHandlers {
+    // Before the call: the address to forward it to; null skips the call, which then answers 0.
+    void *(*before)(uint32_t stub, const ForwardedCall &call);
+    // After the forwarded call.
+    void (*after)(uint32_t stub, const ForwardedCall &call);
+};
+void setForwardingHandlers(const ForwardingHandlers &handlers);
+// The address of stub `index` (below forwardingStubCount()): a function of any signature that passes
+// its call, arguments and result untouched, to the address the `before` handler names.
+void *forwardingStub(uint32_t index);
+
 // Runs a function when a process forks (in the child), so that cached process identities can be
 // refreshed without a system call per API call. A no-op where fork does not exist.
 void onForkChild(void (*handler)());

@@ -1,6 +1,7 @@
 #include "state/client_arrays.h"
 
 #include "core/functions_autogen.h"
+#include "host/hosts.h"
 #include "base/messages.h"
 #include "base/zand_string.h"
 #include "state/egl_state.h"
@@ -259,7 +260,8 @@ bool captureAttributes(RecordHandle &h, CEs2ContextState &state, uint32_t range,
 
 bool captureArrays(RecordHandle &h, CallCtx &c, const GLint *firsts, const GLsizei *counts, uint32_t draws,
                    uint32_t instances) {
-    if (!firsts || !counts || c.failed) return false;
+    // An extension draw on an OpenGL ES 1 context: its client arrays are not tracked.
+    if (!firsts || !counts || c.failed || c.es1) return false;
     // Only draws that draw something read memory.
     uint32_t range = 0, lowest = UINT32_MAX;
     for (uint32_t i = 0; i < draws; ++i) {
@@ -277,12 +279,16 @@ bool captureArrays(RecordHandle &h, CallCtx &c, const GLint *firsts, const GLsiz
 bool captureElements(RecordHandle &h, CallCtx &c, const GLsizei *counts, GLenum type,
                      const void *const *indices, uint32_t draws, uint32_t instances, uint32_t knownMaximum,
                      const GLint *baseVertices) {
-    if ((!counts && !indices) || c.failed) return false;
+    if ((!counts && !indices) || c.failed || c.es1) return false;
     CEs2ContextState *state = egl::currentEs2State();
     if (!state) return false;
+    // Where the indices come from is the driver's word: a vertex array object bound or changed by
+    // a call the library did not see would leave the shadow state behind.
+    GLint boundElements = 0;
+    GLESPPHost::get().fn.glGetIntegerv(GL_ELEMENT_ARRAY_BUFFER_BINDING, &boundElements);
     platform::LockGuard<StateLock> guard(stateLock());
     uint32_t width = indexSize(type);
-    GLuint elementBuffer = state->currentVao().elementArrayBuffer;
+    GLuint elementBuffer = static_cast<GLuint>(boundElements);
     const std::vector<uint8_t> *contents = nullptr;
     if (elementBuffer) contents = &state->shared().buffers[elementBuffer].contents;
 

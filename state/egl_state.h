@@ -25,6 +25,14 @@ struct ContextRecord {
     uint32_t apiVersion = 2;               // 1 = ES1, 2 = ES2, 3 = ES3.0, 4 = ES3.1, 5 = ES3.2
     std::unique_ptr<CEs2ContextState> es2;
     bool destroyed = false;
+    // One byte per GL extension name the extension wrappers know (kGlExtensionNames): whether the
+    // driver offers it in this context; filled on the first extension call made on the context.
+    std::vector<uint8_t> extensionFlags;
+    bool extensionFlagsFilled = false;
+    // The driver's indices of the GL extensions the application is shown (glGetStringi,
+    // GL_NUM_EXTENSIONS) when the configuration hides some; made on first use.
+    std::vector<uint32_t> shownExtensions;
+    bool shownExtensionsKnown = false;
 };
 
 enum class SurfaceKind : uint8_t { Window, Pbuffer, Pixmap, ClientBuffer };
@@ -86,6 +94,18 @@ struct SurfaceRecord {
     std::shared_ptr<SurfaceSize> size = std::make_shared<SurfaceSize>();
 };
 
+// An EGL image made from a client buffer (memory the application or the system owns, not an
+// object of a context): what a player needs to make it again is its contents.
+struct ClientBufferRecord {
+    EGLImage image = EGL_NO_IMAGE;
+    EGLenum target = 0;
+    EGLClientBuffer buffer = nullptr;
+    int32_t width = 0;  // from the attribute list, when it says
+    int32_t height = 0;
+    uint64_t contentHash = 0; // of the contents last recorded
+    bool recorded = false;    // whether contents were recorded yet
+};
+
 struct DisplayRecord {
     EGLDisplay display = EGL_NO_DISPLAY;
     EGLint major = 0;
@@ -94,6 +114,7 @@ struct DisplayRecord {
     platform::Mutex lock; // guards the two tables
     std::map<EGLContext, std::shared_ptr<ContextRecord>> contexts;
     std::map<EGLSurface, SurfaceRecord> surfaces;
+    std::map<EGLImage, ClientBufferRecord> clientBuffers; // guarded by `lock` too
 };
 
 struct ThreadState {

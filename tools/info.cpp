@@ -5,7 +5,10 @@
 
 #include <algorithm>
 #include <cinttypes>
+#include <cstring>
 #include <map>
+#include <set>
+#include <string>
 
 namespace kv::cli {
 
@@ -13,6 +16,9 @@ namespace {
 
 constexpr uint16_t kSwapBuffers = 1022;
 constexpr uint16_t kSwapBuffersWithDamage = 1119;
+constexpr uint16_t kGetProcAddress = 1016;
+// What eglGetProcAddress handed out (its record's `handedOut`).
+constexpr uint64_t kHandedOutWrapper = 1, kHandedOutPartial = 2, kHandedOutUnrecorded = 3, kHandedOutHost = 4;
 constexpr size_t kThreadsKept = 4096;
 
 struct Totals {
@@ -33,7 +39,38 @@ struct Totals {
     uint64_t compressedBlocks = 0;
     uint64_t compressedRaw = 0;
     uint64_t compressedStored = 0;
+    // Functions handed out by eglGetProcAddress, by what the application got.
+    std::set<std::string> wrapped, partial, unrecorded;
+    // Calls recorded by name only (functions the recorder has no wrapper for).
+    std::map<std::string, uint64_t> partialCalls;
 };
+
+// The value of a record's field by name; false when the record has no such field.
+bool fieldValue(const reader::Entry &e, const char *name, uint64_t &value) {
+    for (const reader::Arg &a : e.args)
+        if (std::strcmp(a.field->name, name) == 0) {
+            value = a.value;
+            return true;
+        }
+    return false;
+}
+
+std::string stringArg(reader::Reader &r, const reader::Entry &e, size_t index) {
+    if (index >= e.args.size() || e.args[index].block < 0) return std::string();
+    std::vector<uint8_t> text;
+    if (!r.blockBytes(e.blocks[static_cast<size_t>(e.args[index].block)], text, 256)) return std::string();
+    return std::string(text.begin(), text.end());
+}
+
+void countHandedOut(Totals &t, reader::Reader &r, const reader::Entry &e) {
+    uint64_t handedOut = 0;
+    if (!fieldValue(e, "handedOut", handedOut)) return;
+    std::string name = stringArg(r, e, 0);
+    if (name.empty()) return;
+    if (handedOut == kHandedOutWrapper) t.wrapped.insert(name);
+    if (handedOut == kHandedOutPartial) t.partial.insert(name);
+    if (handedOut == kHandedOutUnrecorded || handedOut == kHandedOutHost) t.unrecorded.insert(name);
+}
 
 std::string text(const std::string &s) {
     // The header's texts are padded by some recorders; show them without trailing blanks.
@@ -57,7 +94,7 @@ unsigned long long ull(uint64_t v) {
     return static_cast<unsigned long long>(v);
 }
 
-void count(Totals &t, const reader::Entry &e) {
+void count(Totals &t, reader::Reader &r, const reader::Entry &e) {
     ++t.records;
     t.recordBytes += 6 + uint64_t(e.length);
     switch (e.kind) {
@@ -79,6 +116,8 @@ void count(Totals &t, const reader::Entry &e) {
     }
     ++t.calls;
     ++t.perId[e.id];
+    if (e.id == kGetProcAddress) countHandedOut(t, r, e);
+    if (!e.calledName.empty()) ++t.partialCalls[e.calledName];
     if (e.inSnapshot) ++t.snapshotCalls;
     if (e.id == kSwapBuffers || e.id == kSwapBuffersWithDamage) ++t.frames;
     auto found = t.threads.find(e.thread);
@@ -135,7 +174,7 @@ int printInfo(const std::string &path, const InfoOptions &options, std::FILE *ou
         Progress progress("reading", r->fileSize());
         reader::Entry e;
         while (r->next(e)) {
-            count(t, e);
+            count(t, *r, e);
             progress.update(r->position());
         }
     }
@@ -186,6 +225,24 @@ int printInfo(const std::string &path, const InfoOptions &options, std::FILE *ou
                      ull(t.compressedBlocks), bytes(t.compressedRaw).c_str(),
                      bytes(t.compressedStored).c_str(), ratio);
     }
+    std::fprintf(out, "Extensions:    %zu functions handed out as the recorder's wrappers, %zu recorded by name "
+                      "only, %zu not recorded\n",
+                 t.wrapped.size(), t.partial.size(), t.unrecorded.size());
+    if (!t.unrecorded.empty()) {
+        std::string names;
+        for (const std::string &n : t.unrecorded)
+            names += (names.empty() ? "" : ", ") + n;
+        std::fprintf(out, "Not recorded:  %s (their calls passed the recorder by)\n", names.c_str());
+    }
+    if (!t.partialCalls.empty()) {
+        uint64_t calls = 0;
+        std::string names;
+        for (const auto &entry : t.partialCalls) {
+            calls += entry.second;
+            names += (names.empty() ? "" : ", ") + entry.first + " " + std::to_string(entry.second);
+        }
+        std::fprintf(out, "By name only:  %llu calls with their raw arguments (%s)\n", ull(calls), names.c_str());
+    }
     std::fprintf(out, "End:           %s\n", reader::endingText(r->ending()));
     if (r->tailBytes() > 0)
         std::fprintf(
@@ -219,7 +276,8 @@ int printInfo(const std::string &path, const InfoOptions &options, std::FILE *ou
                      listed < ranked.size() ? "top " : "", listed, ranked.size());
         for (size_t i = 0; i < listed; ++i) {
             const api::FuncDesc *d = api::describe(ranked[i].second);
-            std::fprintf(out, "  %10llu  %s\n", ull(ranked[i].first), d && d->name ? d->name : "?");
+            const char *name = d && d->name && d->name[0] ? d->name : "(functions recorded by name only)";
+            std::fprintf(out, "  %10llu  %s\n", ull(ranked[i].first), name);
         }
     }
     std::fflush(out);

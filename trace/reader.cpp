@@ -11,6 +11,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <map>
 
 namespace kv::reader {
 
@@ -169,6 +170,7 @@ const char *Entry::name() const {
     if (id == format::kThreadMarkerId) return "thread marker";
     if (id == format::kSnapshotMarkerId) return "snapshot marker";
     if (desc && desc->name && desc->name[0]) return desc->name;
+    if (!calledName.empty()) return calledName.c_str();
     return "unknown function";
 }
 
@@ -215,6 +217,27 @@ struct Reader::Impl {
     std::vector<std::string> notes;
     bool keepBytes = false;
     const std::vector<bool> *decodeOnly = nullptr;
+
+    // Whether a pixel pointer is an offset into a buffer decides a record's layout, so the reader
+    // follows the pixel pack and unpack buffer bindings of each context (by handle) and each
+    // thread's current context, as the recorder's shadow state did.
+    struct PixelBuffers {
+        uint64_t pack = 0;
+        uint64_t unpack = 0;
+    };
+    std::map<uint64_t, PixelBuffers> pixelBuffers;
+    std::map<uint64_t, uint64_t> currentContext;
+
+    PixelBuffers *currentPixelBuffers(uint64_t thread) {
+        auto current = currentContext.find(thread);
+        if (current == currentContext.end() || current->second == 0) return nullptr;
+        return &pixelBuffers[current->second];
+    }
+    bool pixelBufferBound(uint64_t thread, uint8_t flags) {
+        const PixelBuffers *p = currentPixelBuffers(thread);
+        if (!p) return false;
+        return ((flags & api::kPackBuffer) && p->pack) || ((flags & api::kUnpackBuffer) && p->unpack);
+    }
 
     z_stream zs{};
     bool zsReady = false;
@@ -472,6 +495,8 @@ private:
         case api::Field::Attribs:
         case api::Field::Attribs64: {
             if (!c_.u64(arg(i).value)) return shortRecord();
+            if ((f.flags & (api::kPackBuffer | api::kUnpackBuffer)) && m_.pixelBufferBound(e_.thread, f.flags))
+                return true; // an offset into the bound buffer: the value alone
             if (!data && !(f.flags & api::kAlways)) return true;
             if (!c_.u32(arg(i).count)) return shortRecord();
             arg(i).hasCount = true;
@@ -673,6 +698,56 @@ private:
 
 } // namespace
 
+namespace {
+
+constexpr uint16_t kCreateContext = 1003, kMakeCurrent = 1018, kReleaseThread = 1033;
+constexpr uint16_t kBindBuffer = 2004, kDeleteBuffers = 2029;
+constexpr uint32_t kEglSuccess = 0x3000, kPixelPackBuffer = 0x88EB, kPixelUnpackBuffer = 0x88EC;
+
+uint64_t argValue(const Entry &e, size_t index) {
+    return index < e.args.size() ? e.args[index].value : 0;
+}
+
+// The calls that change which pixel buffers are bound where: successful ones only, as the
+// recorder's shadow state takes them.
+void followPixelBuffers(Reader &r, Reader::Impl &m, const Entry &e) {
+    switch (e.id) {
+    case kCreateContext:
+        if (e.error == kEglSuccess && e.result) m.pixelBuffers[e.result] = Reader::Impl::PixelBuffers();
+        return;
+    case kMakeCurrent:
+        if (e.error == kEglSuccess && e.result) m.currentContext[e.thread] = argValue(e, 3);
+        return;
+    case kReleaseThread:
+        if (e.error == kEglSuccess && e.result) m.currentContext[e.thread] = 0;
+        return;
+    case kBindBuffer:
+        if (e.error == 0)
+            if (Reader::Impl::PixelBuffers *p = m.currentPixelBuffers(e.thread)) {
+                const uint64_t target = argValue(e, 0), buffer = static_cast<uint32_t>(argValue(e, 1));
+                if (target == kPixelPackBuffer) p->pack = buffer;
+                if (target == kPixelUnpackBuffer) p->unpack = buffer;
+            }
+        return;
+    case kDeleteBuffers: {
+        Reader::Impl::PixelBuffers *p = m.currentPixelBuffers(e.thread);
+        if (e.error != 0 || !p || (!p->pack && !p->unpack) || e.args.size() < 2 || e.args[1].block < 0) return;
+        std::vector<uint8_t> names;
+        if (!r.blockBytes(e.blocks[static_cast<size_t>(e.args[1].block)], names, 1u << 20)) return;
+        for (size_t k = 0; k + 4 <= names.size(); k += 4) {
+            const uint32_t name = le32(names.data() + k);
+            if (name == p->pack) p->pack = 0;
+            if (name == p->unpack) p->unpack = 0;
+        }
+        return;
+    }
+    default:
+        return;
+    }
+}
+
+} // namespace
+
 Reader::Reader(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
 Reader::~Reader() = default;
 
@@ -753,6 +828,7 @@ bool Reader::next(Entry &e) {
     e.droppedParts = 0;
     e.problem.clear();
     e.data.clear();
+    e.calledName.clear();
     e.offset = m.pos;
     e.thread = m.thread;
     e.index = m.nextIndex;
@@ -877,7 +953,8 @@ bool Reader::next(Entry &e) {
     } else {
         e.desc = api::describe(id);
         e.inSnapshot = m.inSnapshot;
-        if (!e.desc || !e.desc->name || !e.desc->name[0]) {
+        const bool named = e.desc && e.desc->name && e.desc->name[0];
+        if (!e.desc || (!named && !e.desc->hasLayout)) {
             e.desc = nullptr;
             e.kind = Entry::Kind::Unreadable;
             e.problem = textf("unknown function id %u", id);
@@ -886,6 +963,15 @@ bool Reader::next(Entry &e) {
             e.problem = std::string("no record layout is known for ") + e.desc->name;
         } else if (!m.decodeOnly || (id < m.decodeOnly->size() && (*m.decodeOnly)[id])) {
             Decoder(m, e, payload).run();
+            if (e.problem.empty()) followPixelBuffers(*this, m, e);
+            // A family's own row records calls of functions the recorder had no wrapper for; the
+            // record's first block names the function.
+            if (!named && !e.args.empty() && e.args[0].block >= 0) {
+                const Block &b = e.blocks[static_cast<size_t>(e.args[0].block)];
+                std::vector<uint8_t> text;
+                if (b.element == api::Type::Char && blockBytes(b, text, 256))
+                    e.calledName.assign(text.begin(), text.end());
+            }
         }
     }
 

@@ -109,6 +109,9 @@ struct Entry {
     // The bytes of every kept block, inflated, one after another (only when the reader keeps block
     // bytes: a player needs them all, and inflating each block once costs half of inflating twice).
     std::vector<uint8_t> data;
+    // A call of a function the recorder had no wrapper for (the family's own row): the name the
+    // record gives.
+    std::string calledName;
 
     const char *name() const;
     const uint8_t *bytes(const Block &block) const { return data.data() + block.at; }

@@ -134,9 +134,10 @@ void eglGetError::write(RecordHandle &h, CallCtx &c) {
     (void)c;
 }
 
-// 1016 eglGetProcAddress: error u32 | result Ptr | procname String
+// 1016 eglGetProcAddress: error u32 | result Ptr | procname String | handedOut U8
 void eglGetProcAddress::write(RecordHandle &h, CallCtx &c, const char *procname) {
     kv::rec::string(h, c, procname);
+    kv::rec::put<api::Type::U8>(h, kv::capture::eglGetProcAddress_handedOut(c, procname));
     (void)c;
 }
 

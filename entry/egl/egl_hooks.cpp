@@ -3,7 +3,10 @@
 // out by name, and the swaps that end frames.
 #include "base/messages.h"
 #include "base/no_destructor.h"
+#include "entry/gles/hooks_state.h"
 #include "entry/hooks.h"
+#include "entry/ext/ext_call.h"
+#include "entry/ext/unknown_calls.h"
 #include "entry/proc_table.h"
 #include "entry/reported_strings.h"
 #include "state/egl_config.h"
@@ -35,6 +38,15 @@ std::map<EGLDisplay, std::map<EGLSurface, SurfacePosition>> &surfacePositions() 
 const OutputStream *g_positionsFile = nullptr; // the trace file the table points into
 
 enum SwapScratch { kSwapWidth = 0, kSwapHeight = 1, kSwapBytes = 2 };
+// What eglGetProcAddress handed out, for its record (0 when nothing).
+enum ProcScratch { kHandedOut = 0 };
+enum HandedOut : uint8_t {
+    kHandedOutNothing = 0,
+    kHandedOutWrapper = 1,    // the library's own wrapper
+    kHandedOutPartial = 2,    // a stub that records the calls with their raw arguments
+    kHandedOutUnrecorded = 3, // a stub that forwards the calls without recording them
+    kHandedOutHost = 4,       // the host's own address: the calls pass the library by
+};
 enum CreateScratch { kCreatedOffset = 0, kCreatedWidth = 1, kCreatedHeight = 2, kCreatedDisplay = 3 };
 
 int32_t querySurface(EGLDisplay dpy, EGLSurface surface, EGLint attribute) {
@@ -90,16 +102,51 @@ EGLint Hooks<fn::eglGetError>::host(CallCtx &) {
 
 void Hooks<fn::eglGetProcAddress>::after(CallCtx &c, __eglMustCastToProperFunctionPointerType &result,
                                          const char *procname) {
-    // A function the host lacks is never offered; one the library exports is handed out as the
-    // library's own entry point.
+    c.scratch[kHandedOut] = kHandedOutNothing;
+    // A function the host lacks is never offered.
     if (!result || !procname) return;
-    if (auto own = lookupProc(procname)) {
+    const auto host = reinterpret_cast<ProcAddress>(result);
+    ProcAddress own = lookupProc(procname);
+    if (!own) own = lookupExtensionWrapper(procname);
+    if (own) {
         result = reinterpret_cast<__eglMustCastToProperFunctionPointerType>(own);
+        c.scratch[kHandedOut] = kHandedOutWrapper;
         return;
     }
+    const bool record = getSettings().recordUnknownExtensionCalls;
+    const bool egl = std::strncmp(procname, "egl", 3) == 0;
+    // An EGL function is handed out as a stub even when it is not to be recorded: eglGetError
+    // answers for the thread's latest EGL call, which the library can only know when it sees every
+    // one. (The literal rule hands out the host's address; the application would then read stale
+    // errors.)
+    if (record || egl) {
+        if (ProcAddress stub = unknownFunctionStub(procname, host, record)) {
+            if (noteUnknownProc(procname))
+                msg::info(record ? "Use of extension function '%s' will be partially recorded as Kalvoren is "
+                                   "missing support"
+                                 : "Use of extension function '%s' will not be recorded as Kalvoren is missing "
+                                   "support",
+                          procname);
+            result = reinterpret_cast<__eglMustCastToProperFunctionPointerType>(stub);
+            c.scratch[kHandedOut] = record ? kHandedOutPartial : kHandedOutUnrecorded;
+            return;
+        }
+    }
     if (noteUnknownProc(procname))
-        msg::info("Use of extension function '%s' will not be recorded as Kalvoren is missing support",
-                  procname);
+        msg::info("Use of extension function '%s' will not be recorded as Kalvoren is missing support", procname);
+    if (!egl) g_unwrappedGlCalls.store(true, std::memory_order_relaxed);
+    c.scratch[kHandedOut] = kHandedOutHost;
+}
+
+uint8_t capture::eglGetProcAddress_handedOut(CallCtx &c, const char *) {
+    return static_cast<uint8_t>(c.scratch[kHandedOut]);
+}
+
+Void Hooks<fn::eglSetBlobCacheFuncsANDROID>::host(CallCtx &c, EGLDisplay dpy, EGLSetBlobFuncANDROID set,
+                                                 EGLGetBlobFuncANDROID get) {
+    const auto fn = EglApi::host().fn.eglSetBlobCacheFuncsANDROID;
+    if (!c.d.disableBlobCache && fn) fn(dpy, set, get);
+    return Void{};
 }
 
 void Hooks<fn::eglQueryString>::after(CallCtx &c, const char *&result, EGLDisplay, EGLint name) {
@@ -327,6 +374,8 @@ bool readFrameBuffer(int32_t width, int32_t height, uint8_t *pixels) {
     if (!t || !t->current || !t->current->es2) return false;
     CEs2ContextState &state = *t->current->es2;
     const auto &gl = GLESPPHost::get().fn;
+    // The application's own pending error survives the read; what the read raises does not show.
+    gles::OwnGlCalls own;
     GLenum target = state.apiVersion() == 2 ? GL_FRAMEBUFFER : GL_READ_FRAMEBUFFER;
     GLint previous = 0;
     gl.glGetIntegerv(target == GL_FRAMEBUFFER ? GL_FRAMEBUFFER_BINDING : GL_READ_FRAMEBUFFER_BINDING,
@@ -354,9 +403,6 @@ bool readFrameBuffer(int32_t width, int32_t height, uint8_t *pixels) {
         if (rowLength) gl.glPixelStorei(GL_PACK_ROW_LENGTH, rowLength);
         if (skipRows) gl.glPixelStorei(GL_PACK_SKIP_ROWS, skipRows);
         if (skipPixels) gl.glPixelStorei(GL_PACK_SKIP_PIXELS, skipPixels);
-    }
-    // The read must not leave an error the application would see.
-    while (gl.glGetError() != GL_NO_ERROR) {
     }
     return true;
 }

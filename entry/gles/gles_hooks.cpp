@@ -1,10 +1,11 @@
-// What the OpenGL ES 2.0 - 3.2 entry points do beyond the common protocol.
 // What the OpenGL ES 2.0 - 3.2 entry points do beyond the common protocol: errors, the answers
 // the library changes, and the readers of application memory that the state hooks share. The state
 // hooks themselves live in hooks_*.cpp by subject.
 #include "entry/gles/hooks_state.h"
 #include "entry/hooks.h"
 #include "entry/reported_strings.h"
+
+#include <algorithm>
 
 namespace kv {
 
@@ -54,9 +55,37 @@ bool readStrings(GLsizei count, const GLchar *const *strings, std::vector<std::s
 
 namespace {
 
+// The driver's indices of the extensions the application is shown on the current context; null
+// when nothing is hidden (then the driver's own answers stand).
+const std::vector<uint32_t> *shownExtensions() {
+    Settings &s = getSettings();
+    if (s.disabledExtensionList.empty()) return nullptr;
+    egl::ThreadState *t = egl::threadStateIfAny();
+    if (!t || !t->current) return nullptr;
+    egl::ContextRecord &context = *t->current;
+    if (!context.shownExtensionsKnown) {
+        const auto &gl = GlesApi::host().fn;
+        GLint count = 0;
+        gl.glGetIntegerv(GL_NUM_EXTENSIONS, &count);
+        for (GLint i = 0; i < count && gl.glGetStringi; ++i) {
+            const auto *name = reinterpret_cast<const char *>(gl.glGetStringi(GL_EXTENSIONS, static_cast<GLuint>(i)));
+            if (name && !isDisabledExtension(name, s.disabledExtensionList.str()))
+                context.shownExtensions.push_back(static_cast<uint32_t>(i));
+        }
+        context.shownExtensionsKnown = true;
+        if (context.shownExtensions.size() == static_cast<size_t>(count < 0 ? 0 : count))
+            context.shownExtensions.clear(); // nothing hidden on this context
+    }
+    return context.shownExtensions.empty() ? nullptr : &context.shownExtensions;
+}
+
 template <class T>
 void applyValueOverride(const CallCtx &c, GLenum pname, T *data) {
     if (c.failed || !data) return;
+    if (pname == GL_NUM_EXTENSIONS) {
+        if (const std::vector<uint32_t> *shown = shownExtensions()) data[0] = static_cast<T>(shown->size());
+        return;
+    }
     if (pname == GL_UNIFORM_BUFFER_OFFSET_ALIGNMENT && c.d.uniformBufferOffsetAlignment < 0xFFFFFFFFu)
         data[0] = static_cast<T>(c.d.uniformBufferOffsetAlignment);
     else if (pname == GL_SHADER_STORAGE_BUFFER_OFFSET_ALIGNMENT &&
@@ -76,6 +105,14 @@ void GlesApi::noteError(uint32_t error) {
         if (state->pendingError == GL_NO_ERROR) state->pendingError = error;
 }
 
+void takeStrayGlError() {
+    CEs2ContextState *state = egl::currentEs2StateQuiet();
+    if (!state) return; // no context, or one whose errors the application reads itself
+    const GLenum error = GlesApi::host().fn.glGetError();
+    // With an error already pending the driver would have kept that one and dropped this.
+    if (error != GL_NO_ERROR && state->pendingError == GL_NO_ERROR) state->pendingError = error;
+}
+
 GLenum Hooks<fn::glGetError>::host(CallCtx &) {
     // The error check after every call consumed the driver's error; the application gets the first
     // one it has not seen yet.
@@ -86,6 +123,21 @@ GLenum Hooks<fn::glGetError>::host(CallCtx &) {
         }
     }
     return GlesApi::host().fn.glGetError();
+}
+
+const GLubyte *Hooks<fn::glGetStringi>::host(CallCtx &, GLenum name, GLuint index) {
+    const auto &gl = GlesApi::host().fn;
+    if (!gl.glGetStringi) return nullptr;
+    if (name == GL_EXTENSIONS) {
+        if (const std::vector<uint32_t> *shown = shownExtensions()) {
+            // Past the shown ones: an index past the driver's own, which it rejects as it would.
+            GLint count = 0;
+            gl.glGetIntegerv(GL_NUM_EXTENSIONS, &count);
+            const GLuint past = static_cast<GLuint>(count < 0 ? 0 : count);
+            index = index < shown->size() ? (*shown)[index] : std::max(index, past);
+        }
+    }
+    return gl.glGetStringi(name, index);
 }
 
 void Hooks<fn::glGetString>::after(CallCtx &c, const GLubyte *&result, GLenum name) {

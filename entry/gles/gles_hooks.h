@@ -2,6 +2,7 @@
 #pragma once
 
 #include "core/call.h"
+#include "entry/ext/ext_functions_autogen.h"
 
 #include <cstring>
 
@@ -30,6 +31,14 @@ template <>
 struct Hooks<fn::glGetString> : HookDefaults {
     static bool bypass(CallCtx &c, GLenum name) { return name == 0x7500; }
     static void after(CallCtx &c, const GLubyte *&result, GLenum name);
+};
+
+// With extensions hidden by the configuration, the indexed extension names are those of the
+// filtered GL_EXTENSIONS: index i is the i-th extension the application is shown.
+template <>
+struct Hooks<fn::glGetStringi> : HookDefaults {
+    static constexpr bool kReplacesHost = true;
+    static const GLubyte *host(CallCtx &c, GLenum name, GLuint index);
 };
 
 template <>
@@ -63,6 +72,22 @@ template <>
 struct Hooks<fn::glMapBufferRange> : HookDefaults {
     static void after(CallCtx &c, void *&result, GLenum target, GLintptr offset, GLsizeiptr length,
                       GLbitfield access);
+};
+// glMapBufferOES maps the whole buffer, for writing; glUnmapBufferOES (glUnmapBuffer's hooks) then
+// takes what was written into the recorder's copy and the record.
+template <>
+struct Hooks<fn::glMapBufferOES> : HookDefaults {
+    static void after(CallCtx &c, void *&result, GLenum target, GLenum access);
+};
+// OpenGL ES takes an EGL image: a client buffer's contents may be due first
+// (entry/egl/client_buffers.cpp).
+template <>
+struct Hooks<fn::glEGLImageTargetTexture2DOES> : HookDefaults {
+    static void before(CallCtx &c, GLenum target, GLeglImageOES image);
+};
+template <>
+struct Hooks<fn::glEGLImageTargetRenderbufferStorageOES> : HookDefaults {
+    static void before(CallCtx &c, GLenum target, GLeglImageOES image);
 };
 template <>
 struct Hooks<fn::glFlushMappedBufferRange> : HookDefaults {

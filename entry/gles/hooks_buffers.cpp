@@ -94,6 +94,17 @@ void Hooks<fn::glMapBufferRange>::after(CallCtx &c, void *&result, GLenum target
     });
 }
 
+void Hooks<fn::glMapBufferOES>::after(CallCtx &c, void *&result, GLenum target, GLenum access) {
+    updateState(c, [&](CEs2ContextState &s) {
+        auto *buffer = boundBufferRecord(s, target);
+        if (!buffer || !result) return;
+        buffer->mapPointer = result;
+        buffer->mapOffset = 0;
+        buffer->mapLength = static_cast<int64_t>(buffer->contents.size());
+        buffer->mapAccess = access == GL_WRITE_ONLY_OES ? GL_MAP_WRITE_BIT : GL_MAP_READ_BIT;
+    });
+}
+
 // What the application wrote through a mapping is taken into the recorder's copy while the
 // mapping is still valid, and the record carries it from there.
 void Hooks<fn::glFlushMappedBufferRange>::before(CallCtx &c, GLenum target, GLintptr offset,

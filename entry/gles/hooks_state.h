@@ -28,6 +28,29 @@ void updateState(CallCtx &c, Update update) {
     update(*state);
 }
 
+// The library's own calls on the application's current context (reading the frame buffer back,
+// asking how much data a query writes): an error the driver holds is kept as the context's pending
+// error before them, and whatever they raise is dropped after them, so that the application's
+// glGetError answers as if they had not been made. Without ES2/3 state (no context, or one whose
+// errors the application reads without the library) errors are left alone.
+class OwnGlCalls {
+public:
+    OwnGlCalls() : state_(egl::currentEs2StateQuiet()) {
+        if (state_) takeStrayGlError();
+    }
+    ~OwnGlCalls() {
+        if (!state_) return;
+        const auto &gl = GLESPPHost::get().fn;
+        for (int i = 0; i < 8 && gl.glGetError() != GL_NO_ERROR; ++i) {
+        }
+    }
+    OwnGlCalls(const OwnGlCalls &) = delete;
+    OwnGlCalls &operator=(const OwnGlCalls &) = delete;
+
+private:
+    CEs2ContextState *state_;
+};
+
 // The most a single string or data block read from the application may hold.
 constexpr size_t kMaxReadBytes = size_t(1) << 28;
 

@@ -105,6 +105,10 @@ std::string testHostPath() {
 std::string egl11HostPath() {
     return KVTH_HOST_EGL11_PATH;
 }
+
+std::string noExtensionHostPath() {
+    return KVTH_HOST_NOEXT_PATH;
+}
 std::string libraryPath() {
     return KVTH_LIBRARY_PATH;
 }

@@ -47,6 +47,7 @@ void useConfig(const LibraryConfig &config);
 // The test host libraries and the library's own files (absolute paths).
 std::string testHostPath();
 std::string egl11HostPath();
+std::string noExtensionHostPath(); // a host without the OpenGL ES extension functions
 std::string libraryPath();
 std::string eglFrontPath();
 std::string gles2FrontPath();

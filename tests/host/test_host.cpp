@@ -29,8 +29,6 @@ const char kEglExtensions[] =
     "EGL_KHR_image_base EGL_KHR_fence_sync EGL_KHR_wait_sync EGL_KHR_partial_update "
     "EGL_EXT_swap_buffers_with_damage EGL_EXT_platform_base EGL_ANDROID_native_fence_sync "
     "EGL_ANDROID_recordable EGL_ANDROID_framebuffer_target";
-const char *const kGlExtensions[] = {"GL_OES_element_index_uint", "GL_OES_texture_npot",
-                                     "GL_EXT_texture_format_BGRA8888", "GL_KHR_debug"};
 const char kGlExtensionList[] =
     "GL_OES_element_index_uint GL_OES_texture_npot GL_EXT_texture_format_BGRA8888 GL_KHR_debug";
 
@@ -96,6 +94,15 @@ struct State {
     GLuint nextName = 1;
     Behaviour behaviours[kIdLimit] = {};
     Family families[kIdLimit] = {};
+    std::string glExtensions = kGlExtensionList;
+    std::vector<std::string> glExtensionNames;
+    std::vector<std::pair<uint32_t, int32_t>> integers;
+    uint8_t pixelSeed = 0;
+    bool pixelsProgrammed = false; // glReadPixels writes only when asked to (its pointer may be an offset)
+    uint32_t unknownGlError = GL_NO_ERROR;
+    int32_t unknownEglError = EGL_SUCCESS;
+    int64_t unknownIntegers[10] = {};
+    double unknownFloats[2] = {};
 };
 
 State &state() {
@@ -146,10 +153,90 @@ bool eglGetErrorBehaviour(const uint64_t *, uint32_t, uint64_t &result) {
     return true;
 }
 
+void splitExtensions() {
+    State &s = state();
+    s.glExtensionNames.clear();
+    size_t start = 0;
+    while (start < s.glExtensions.size()) {
+        size_t end = s.glExtensions.find(' ', start);
+        if (end == std::string::npos) end = s.glExtensions.size();
+        if (end > start) s.glExtensionNames.push_back(s.glExtensions.substr(start, end - start));
+        start = end + 1;
+    }
+}
+
+} // namespace
+
+} // namespace kvth
+
+// The functions only the host's eglGetProcAddress offers.
+extern "C" {
+
+static GLuint KV_APIENTRY glKvthUnknownEXT(GLint a, GLfloat x, GLint b, GLint c, GLint d, GLint e, GLint f,
+                                           GLint g, GLint h, GLint i, GLdouble y, GLint j) {
+    kvth::State &s = kvth::state();
+    std::lock_guard<std::mutex> guard(s.lock);
+    const int64_t integers[10] = {a, b, c, d, e, f, g, h, i, j};
+    std::memcpy(s.unknownIntegers, integers, sizeof(integers));
+    s.unknownFloats[0] = x;
+    s.unknownFloats[1] = y;
+    if (s.unknownGlError != GL_NO_ERROR && s.glError == GL_NO_ERROR) s.glError = s.unknownGlError;
+    s.unknownGlError = GL_NO_ERROR;
+    return static_cast<GLuint>(a + b + c + d + e + f + g + h + i + j + static_cast<GLint>(x) +
+                               static_cast<GLint>(y));
+}
+
+static EGLBoolean KV_APIENTRY eglKvthUnknownEXT(EGLDisplay, EGLint) {
+    kvth::State &s = kvth::state();
+    std::lock_guard<std::mutex> guard(s.lock);
+    s.eglError = s.unknownEglError;
+    s.unknownEglError = EGL_SUCCESS;
+    return s.eglError == EGL_SUCCESS ? EGL_TRUE : EGL_FALSE;
+}
+
+} // extern "C"
+
+namespace kvth {
+
+namespace {
+
 bool eglGetProcAddressBehaviour(const uint64_t *args, uint32_t, uint64_t &result) {
-    const Function *f = findFunction(pointerArg<const char>(args[0]));
+    const char *name = pointerArg<const char>(args[0]);
+    const Function *f = findFunction(name);
     result = f ? toSlot(f->address) : 0;
+    if (name && std::strcmp(name, "glKvthUnknownEXT") == 0) result = toSlot(&glKvthUnknownEXT);
+    if (name && std::strcmp(name, "eglKvthUnknownEXT") == 0) result = toSlot(&eglKvthUnknownEXT);
     return true;
+}
+
+bool glGetIntegervBehaviour(const uint64_t *args, uint32_t, uint64_t &) {
+    State &s = state();
+    GLint *out = pointerArg<GLint>(args[1]);
+    const auto pname = static_cast<uint32_t>(args[0]);
+    if (!out) return false;
+    if (pname == GL_NUM_EXTENSIONS) *out = static_cast<GLint>(s.glExtensionNames.size());
+    for (const auto &answer : s.integers)
+        if (answer.first == pname) *out = answer.second;
+    return false;
+}
+
+bool glReadPixelsBehaviour(const uint64_t *args, uint32_t, uint64_t &) {
+    State &s = state();
+    auto *pixels = pointerArg<uint8_t>(args[6]);
+    const auto width = static_cast<GLsizei>(args[2]), height = static_cast<GLsizei>(args[3]);
+    if (s.pixelsProgrammed && pixels && width > 0 && height > 0 && static_cast<GLenum>(args[4]) == GL_RGBA)
+        for (size_t i = 0; i < size_t(width) * size_t(height) * 4; ++i)
+            pixels[i] = static_cast<uint8_t>(s.pixelSeed + i);
+    return false;
+}
+
+bool glGetTexLevelParameterivBehaviour(const uint64_t *args, uint32_t, uint64_t &) {
+    State &s = state();
+    GLint *out = pointerArg<GLint>(args[3]);
+    const auto pname = static_cast<GLenum>(args[2]);
+    if (out && pname == GL_TEXTURE_WIDTH) *out = s.width;
+    if (out && pname == GL_TEXTURE_HEIGHT) *out = s.height;
+    return false;
 }
 
 bool eglQueryStringBehaviour(const uint64_t *args, uint32_t, uint64_t &result) {
@@ -160,22 +247,23 @@ bool eglQueryStringBehaviour(const uint64_t *args, uint32_t, uint64_t &result) {
 }
 
 bool glGetStringBehaviour(const uint64_t *args, uint32_t, uint64_t &result) {
-    const char *text = kvth_gl_string(static_cast<GLenum>(args[0]));
+    const char *text = static_cast<GLenum>(args[0]) == GL_EXTENSIONS ? state().glExtensions.c_str()
+                                                                    : kvth_gl_string(static_cast<GLenum>(args[0]));
     if (!text) raiseError(kGles, GL_INVALID_ENUM);
     result = toSlot(text);
     return true;
 }
 
 bool glGetStringiBehaviour(const uint64_t *args, uint32_t, uint64_t &result) {
-    const uint64_t count = sizeof(kGlExtensions) / sizeof(kGlExtensions[0]);
+    State &s = state();
     if (static_cast<GLenum>(args[0]) != GL_EXTENSIONS) {
         raiseError(kGles, GL_INVALID_ENUM);
         result = 0;
-    } else if (static_cast<GLuint>(args[1]) >= count) {
+    } else if (static_cast<GLuint>(args[1]) >= s.glExtensionNames.size()) {
         raiseError(kGles, GL_INVALID_VALUE);
         result = 0;
     } else {
-        result = toSlot(kGlExtensions[static_cast<GLuint>(args[1])]);
+        result = toSlot(s.glExtensionNames[static_cast<GLuint>(args[1])].c_str());
     }
     return true;
 }
@@ -268,6 +356,9 @@ const NamedBehaviour kBehaviours[] = {
     {"eglChooseConfig", &eglChooseConfigBehaviour},
     {"eglGetConfigAttrib", &eglGetConfigAttribBehaviour},
     {"eglQuerySurface", &eglQuerySurfaceBehaviour},
+    {"glGetIntegerv", &glGetIntegervBehaviour},
+    {"glReadPixels", &glReadPixelsBehaviour},
+    {"glGetTexLevelParameteriv", &glGetTexLevelParameterivBehaviour},
 };
 
 // Fills the per-id tables from the function list, once.
@@ -282,6 +373,7 @@ void prepare() {
         }
         for (const NamedBehaviour &b : kBehaviours)
             if (const Function *f = findFunction(b.name)) s.behaviours[f->id] = b.behaviour;
+        splitExtensions();
         return true;
     }();
     (void)prepared;
@@ -338,6 +430,48 @@ KVTH_API void kvth_reset(void) {
     s.height = 64;
     s.nextName = 1;
     s.logging = true;
+    s.glExtensions = kvth::kGlExtensionList;
+    kvth::splitExtensions();
+    s.integers.clear();
+    s.pixelSeed = 0;
+    s.pixelsProgrammed = false;
+    s.unknownGlError = GL_NO_ERROR;
+    s.unknownEglError = EGL_SUCCESS;
+}
+
+KVTH_API void kvth_set_gl_extensions(const char *extensions) {
+    kvth::prepare();
+    auto &s = state();
+    std::lock_guard<std::mutex> guard(s.lock);
+    s.glExtensions = extensions ? extensions : kvth::kGlExtensionList;
+    kvth::splitExtensions();
+}
+
+KVTH_API void kvth_set_integer(uint32_t pname, int32_t value) {
+    auto &s = state();
+    std::lock_guard<std::mutex> guard(s.lock);
+    s.integers.emplace_back(pname, value);
+}
+
+KVTH_API void kvth_set_pixel_seed(uint8_t seed) {
+    auto &s = state();
+    std::lock_guard<std::mutex> guard(s.lock);
+    s.pixelSeed = seed;
+    s.pixelsProgrammed = true;
+}
+
+KVTH_API void kvth_raise_unknown_error(uint32_t glError, int32_t eglError) {
+    auto &s = state();
+    std::lock_guard<std::mutex> guard(s.lock);
+    s.unknownGlError = glError;
+    s.unknownEglError = eglError;
+}
+
+KVTH_API void kvth_unknown_arguments(int64_t *integers, double *floats) {
+    auto &s = state();
+    std::lock_guard<std::mutex> guard(s.lock);
+    std::memcpy(integers, s.unknownIntegers, sizeof(s.unknownIntegers));
+    std::memcpy(floats, s.unknownFloats, sizeof(s.unknownFloats));
 }
 
 KVTH_API void kvth_set_logging(int enabled) {

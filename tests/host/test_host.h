@@ -70,6 +70,24 @@ KVTH_API int kvth_log_entry(uint32_t index, KvthCall *out);
 // How often `name` was called since the last reset (also while the log is off).
 KVTH_API uint32_t kvth_call_count(const char *name);
 
+// The GL_EXTENSIONS string glGetString answers (and glGetStringi and GL_NUM_EXTENSIONS follow);
+// null restores the host's own list.
+KVTH_API void kvth_set_gl_extensions(const char *extensions);
+// What glGetIntegerv answers for `pname` (otherwise it writes nothing).
+KVTH_API void kvth_set_integer(uint32_t pname, int32_t value);
+// From now on glReadPixels fills its RGBA bytes with (seed + byte index) (before, it writes
+// nothing); glGetTexLevelParameteriv answers the surface size for GL_TEXTURE_WIDTH and
+// GL_TEXTURE_HEIGHT.
+KVTH_API void kvth_set_pixel_seed(uint8_t seed);
+
+// Two functions no catalogue knows, offered by the host's eglGetProcAddress like extensions:
+// glKvthUnknownEXT returns the sum of its integer arguments plus its floats truncated, and records
+// its arguments for kvth_unknown_arguments; eglKvthUnknownEXT returns EGL_TRUE. Both raise what
+// kvth_raise_unknown_error programs, once.
+KVTH_API void kvth_raise_unknown_error(uint32_t glError, int32_t eglError);
+// The last arguments glKvthUnknownEXT received: a..j then x, y.
+KVTH_API void kvth_unknown_arguments(int64_t *integers, double *floats);
+
 // The strings the host answers with.
 KVTH_API const char *kvth_egl_string(int32_t name);
 KVTH_API const char *kvth_gl_string(uint32_t name);

@@ -37,6 +37,9 @@
 #ifndef KVTH_OMIT_ES32
 #define KVTH_OMIT_ES32 0
 #endif
+#ifndef KVTH_OMIT_GLEXT_EXTENSIONS
+#define KVTH_OMIT_GLEXT_EXTENSIONS 0
+#endif
 
 extern "C" {
 
@@ -1348,6 +1351,856 @@ KV_EXPORT void KV_APIENTRY glTexStorage3DMultisample(GLenum target, GLsizei samp
 }
 #endif
 
+// SGlesExtHost extensions
+#if !KVTH_OMIT_GLEXT_EXTENSIONS
+KV_EXPORT void KV_APIENTRY glDiscardFramebufferEXT(GLenum target, GLsizei numAttachments, const GLenum *attachments) {
+    return kvth::call<void>(4001, {kvth::toSlot(target), kvth::toSlot(numAttachments), kvth::toSlot(attachments)});
+}
+KV_EXPORT void KV_APIENTRY glMultiDrawElementsEXT(GLenum mode, const GLsizei *count, GLenum type, const void *const *indices, GLsizei primcount) {
+    return kvth::call<void>(4002, {kvth::toSlot(mode), kvth::toSlot(count), kvth::toSlot(type), kvth::toSlot(indices), kvth::toSlot(primcount)});
+}
+KV_EXPORT void KV_APIENTRY glMultiDrawArraysEXT(GLenum mode, const GLint *first, const GLsizei *count, GLsizei primcount) {
+    return kvth::call<void>(4003, {kvth::toSlot(mode), kvth::toSlot(first), kvth::toSlot(count), kvth::toSlot(primcount)});
+}
+KV_EXPORT void * KV_APIENTRY glMapBufferOES(GLenum target, GLenum access) {
+    return kvth::call<void *>(4004, {kvth::toSlot(target), kvth::toSlot(access)});
+}
+KV_EXPORT GLboolean KV_APIENTRY glUnmapBufferOES(GLenum target) {
+    return kvth::call<GLboolean>(4005, {kvth::toSlot(target)});
+}
+KV_EXPORT void KV_APIENTRY glGetBufferPointervOES(GLenum target, GLenum pname, void **params) {
+    return kvth::call<void>(4006, {kvth::toSlot(target), kvth::toSlot(pname), kvth::toSlot(params)});
+}
+KV_EXPORT void KV_APIENTRY glBindVertexArrayOES(GLuint array) {
+    return kvth::call<void>(4007, {kvth::toSlot(array)});
+}
+KV_EXPORT void KV_APIENTRY glDeleteVertexArraysOES(GLsizei n, const GLuint *arrays) {
+    return kvth::call<void>(4008, {kvth::toSlot(n), kvth::toSlot(arrays)});
+}
+KV_EXPORT void KV_APIENTRY glGenVertexArraysOES(GLsizei n, GLuint *arrays) {
+    return kvth::call<void>(4009, {kvth::toSlot(n), kvth::toSlot(arrays)});
+}
+KV_EXPORT GLboolean KV_APIENTRY glIsVertexArrayOES(GLuint array) {
+    return kvth::call<GLboolean>(4010, {kvth::toSlot(array)});
+}
+KV_EXPORT void KV_APIENTRY glCurrentPaletteMatrixOES(GLuint matrixpaletteindex) {
+    return kvth::call<void>(4011, {kvth::toSlot(matrixpaletteindex)});
+}
+KV_EXPORT void KV_APIENTRY glLoadPaletteFromModelViewMatrixOES() {
+    return kvth::call<void>(4012, {});
+}
+KV_EXPORT void KV_APIENTRY glMatrixIndexPointerOES(GLint size, GLenum type, GLsizei stride, const void *pointer) {
+    return kvth::call<void>(4013, {kvth::toSlot(size), kvth::toSlot(type), kvth::toSlot(stride), kvth::toSlot(pointer)});
+}
+KV_EXPORT void KV_APIENTRY glWeightPointerOES(GLint size, GLenum type, GLsizei stride, const void *pointer) {
+    return kvth::call<void>(4014, {kvth::toSlot(size), kvth::toSlot(type), kvth::toSlot(stride), kvth::toSlot(pointer)});
+}
+KV_EXPORT GLboolean KV_APIENTRY glIsRenderbufferOES(GLuint renderbuffer) {
+    return kvth::call<GLboolean>(4015, {kvth::toSlot(renderbuffer)});
+}
+KV_EXPORT void KV_APIENTRY glBindRenderbufferOES(GLenum target, GLuint renderbuffer) {
+    return kvth::call<void>(4016, {kvth::toSlot(target), kvth::toSlot(renderbuffer)});
+}
+KV_EXPORT void KV_APIENTRY glDeleteRenderbuffersOES(GLsizei n, const GLuint *renderbuffers) {
+    return kvth::call<void>(4017, {kvth::toSlot(n), kvth::toSlot(renderbuffers)});
+}
+KV_EXPORT void KV_APIENTRY glGenRenderbuffersOES(GLsizei n, GLuint *renderbuffers) {
+    return kvth::call<void>(4018, {kvth::toSlot(n), kvth::toSlot(renderbuffers)});
+}
+KV_EXPORT void KV_APIENTRY glRenderbufferStorageOES(GLenum target, GLenum internalformat, GLsizei width, GLsizei height) {
+    return kvth::call<void>(4019, {kvth::toSlot(target), kvth::toSlot(internalformat), kvth::toSlot(width), kvth::toSlot(height)});
+}
+KV_EXPORT void KV_APIENTRY glGetRenderbufferParameterivOES(GLenum target, GLenum pname, GLint *params) {
+    return kvth::call<void>(4020, {kvth::toSlot(target), kvth::toSlot(pname), kvth::toSlot(params)});
+}
+KV_EXPORT GLboolean KV_APIENTRY glIsFramebufferOES(GLuint framebuffer) {
+    return kvth::call<GLboolean>(4021, {kvth::toSlot(framebuffer)});
+}
+KV_EXPORT void KV_APIENTRY glBindFramebufferOES(GLenum target, GLuint framebuffer) {
+    return kvth::call<void>(4022, {kvth::toSlot(target), kvth::toSlot(framebuffer)});
+}
+KV_EXPORT void KV_APIENTRY glDeleteFramebuffersOES(GLsizei n, const GLuint *framebuffers) {
+    return kvth::call<void>(4023, {kvth::toSlot(n), kvth::toSlot(framebuffers)});
+}
+KV_EXPORT void KV_APIENTRY glGenFramebuffersOES(GLsizei n, GLuint *framebuffers) {
+    return kvth::call<void>(4024, {kvth::toSlot(n), kvth::toSlot(framebuffers)});
+}
+KV_EXPORT GLenum KV_APIENTRY glCheckFramebufferStatusOES(GLenum target) {
+    return kvth::call<GLenum>(4025, {kvth::toSlot(target)});
+}
+KV_EXPORT void KV_APIENTRY glFramebufferTexture2DOES(GLenum target, GLenum attachment, GLenum textarget, GLuint texture, GLint level) {
+    return kvth::call<void>(4026, {kvth::toSlot(target), kvth::toSlot(attachment), kvth::toSlot(textarget), kvth::toSlot(texture), kvth::toSlot(level)});
+}
+KV_EXPORT void KV_APIENTRY glFramebufferRenderbufferOES(GLenum target, GLenum attachment, GLenum renderbuffertarget, GLuint renderbuffer) {
+    return kvth::call<void>(4027, {kvth::toSlot(target), kvth::toSlot(attachment), kvth::toSlot(renderbuffertarget), kvth::toSlot(renderbuffer)});
+}
+KV_EXPORT void KV_APIENTRY glGetFramebufferAttachmentParameterivOES(GLenum target, GLenum attachment, GLenum pname, GLint *params) {
+    return kvth::call<void>(4028, {kvth::toSlot(target), kvth::toSlot(attachment), kvth::toSlot(pname), kvth::toSlot(params)});
+}
+KV_EXPORT void KV_APIENTRY glGenerateMipmapOES(GLenum target) {
+    return kvth::call<void>(4029, {kvth::toSlot(target)});
+}
+KV_EXPORT void KV_APIENTRY glDeleteFencesNV(GLsizei n, const GLuint *fences) {
+    return kvth::call<void>(4033, {kvth::toSlot(n), kvth::toSlot(fences)});
+}
+KV_EXPORT void KV_APIENTRY glFinishFenceNV(GLuint fence) {
+    return kvth::call<void>(4034, {kvth::toSlot(fence)});
+}
+KV_EXPORT void KV_APIENTRY glGenFencesNV(GLsizei n, GLuint *fences) {
+    return kvth::call<void>(4035, {kvth::toSlot(n), kvth::toSlot(fences)});
+}
+KV_EXPORT void KV_APIENTRY glGetFenceivNV(GLuint fence, GLenum pname, GLint *params) {
+    return kvth::call<void>(4036, {kvth::toSlot(fence), kvth::toSlot(pname), kvth::toSlot(params)});
+}
+KV_EXPORT GLboolean KV_APIENTRY glIsFenceNV(GLuint fence) {
+    return kvth::call<GLboolean>(4037, {kvth::toSlot(fence)});
+}
+KV_EXPORT void KV_APIENTRY glSetFenceNV(GLuint fence, GLenum condition) {
+    return kvth::call<void>(4038, {kvth::toSlot(fence), kvth::toSlot(condition)});
+}
+KV_EXPORT GLboolean KV_APIENTRY glTestFenceNV(GLuint fence) {
+    return kvth::call<GLboolean>(4039, {kvth::toSlot(fence)});
+}
+KV_EXPORT void KV_APIENTRY glEGLImageTargetRenderbufferStorageOES(GLenum target, GLeglImageOES image) {
+    return kvth::call<void>(4040, {kvth::toSlot(target), kvth::toSlot(image)});
+}
+KV_EXPORT void KV_APIENTRY glEGLImageTargetTexture2DOES(GLenum target, GLeglImageOES image) {
+    return kvth::call<void>(4041, {kvth::toSlot(target), kvth::toSlot(image)});
+}
+KV_EXPORT void KV_APIENTRY glAlphaFuncxOES(GLenum func, GLfixed ref) {
+    return kvth::call<void>(4042, {kvth::toSlot(func), kvth::toSlot(ref)});
+}
+KV_EXPORT void KV_APIENTRY glClearColorxOES(GLfixed red, GLfixed green, GLfixed blue, GLfixed alpha) {
+    return kvth::call<void>(4043, {kvth::toSlot(red), kvth::toSlot(green), kvth::toSlot(blue), kvth::toSlot(alpha)});
+}
+KV_EXPORT void KV_APIENTRY glClearDepthxOES(GLfixed depth) {
+    return kvth::call<void>(4044, {kvth::toSlot(depth)});
+}
+KV_EXPORT void KV_APIENTRY glClipPlanexOES(GLenum plane, const GLfixed *equation) {
+    return kvth::call<void>(4045, {kvth::toSlot(plane), kvth::toSlot(equation)});
+}
+KV_EXPORT void KV_APIENTRY glColor4xOES(GLfixed red, GLfixed green, GLfixed blue, GLfixed alpha) {
+    return kvth::call<void>(4046, {kvth::toSlot(red), kvth::toSlot(green), kvth::toSlot(blue), kvth::toSlot(alpha)});
+}
+KV_EXPORT void KV_APIENTRY glDepthRangexOES(GLfixed n, GLfixed f) {
+    return kvth::call<void>(4047, {kvth::toSlot(n), kvth::toSlot(f)});
+}
+KV_EXPORT void KV_APIENTRY glFogxOES(GLenum pname, GLfixed param) {
+    return kvth::call<void>(4048, {kvth::toSlot(pname), kvth::toSlot(param)});
+}
+KV_EXPORT void KV_APIENTRY glFogxvOES(GLenum pname, const GLfixed *param) {
+    return kvth::call<void>(4049, {kvth::toSlot(pname), kvth::toSlot(param)});
+}
+KV_EXPORT void KV_APIENTRY glFrustumxOES(GLfixed l, GLfixed r, GLfixed b, GLfixed t, GLfixed n, GLfixed f) {
+    return kvth::call<void>(4050, {kvth::toSlot(l), kvth::toSlot(r), kvth::toSlot(b), kvth::toSlot(t), kvth::toSlot(n), kvth::toSlot(f)});
+}
+KV_EXPORT void KV_APIENTRY glGetClipPlanexOES(GLenum plane, GLfixed *equation) {
+    return kvth::call<void>(4051, {kvth::toSlot(plane), kvth::toSlot(equation)});
+}
+KV_EXPORT void KV_APIENTRY glGetFixedvOES(GLenum pname, GLfixed *params) {
+    return kvth::call<void>(4052, {kvth::toSlot(pname), kvth::toSlot(params)});
+}
+KV_EXPORT void KV_APIENTRY glGetLightxvOES(GLenum light, GLenum pname, GLfixed *params) {
+    return kvth::call<void>(4053, {kvth::toSlot(light), kvth::toSlot(pname), kvth::toSlot(params)});
+}
+KV_EXPORT void KV_APIENTRY glGetMaterialxvOES(GLenum face, GLenum pname, GLfixed *params) {
+    return kvth::call<void>(4054, {kvth::toSlot(face), kvth::toSlot(pname), kvth::toSlot(params)});
+}
+KV_EXPORT void KV_APIENTRY glGetTexEnvxvOES(GLenum target, GLenum pname, GLfixed *params) {
+    return kvth::call<void>(4055, {kvth::toSlot(target), kvth::toSlot(pname), kvth::toSlot(params)});
+}
+KV_EXPORT void KV_APIENTRY glGetTexParameterxvOES(GLenum target, GLenum pname, GLfixed *params) {
+    return kvth::call<void>(4056, {kvth::toSlot(target), kvth::toSlot(pname), kvth::toSlot(params)});
+}
+KV_EXPORT void KV_APIENTRY glLightModelxOES(GLenum pname, GLfixed param) {
+    return kvth::call<void>(4057, {kvth::toSlot(pname), kvth::toSlot(param)});
+}
+KV_EXPORT void KV_APIENTRY glLightModelxvOES(GLenum pname, const GLfixed *param) {
+    return kvth::call<void>(4058, {kvth::toSlot(pname), kvth::toSlot(param)});
+}
+KV_EXPORT void KV_APIENTRY glLightxOES(GLenum light, GLenum pname, GLfixed param) {
+    return kvth::call<void>(4059, {kvth::toSlot(light), kvth::toSlot(pname), kvth::toSlot(param)});
+}
+KV_EXPORT void KV_APIENTRY glLightxvOES(GLenum light, GLenum pname, const GLfixed *params) {
+    return kvth::call<void>(4060, {kvth::toSlot(light), kvth::toSlot(pname), kvth::toSlot(params)});
+}
+KV_EXPORT void KV_APIENTRY glLineWidthxOES(GLfixed width) {
+    return kvth::call<void>(4061, {kvth::toSlot(width)});
+}
+KV_EXPORT void KV_APIENTRY glLoadMatrixxOES(const GLfixed *m) {
+    return kvth::call<void>(4062, {kvth::toSlot(m)});
+}
+KV_EXPORT void KV_APIENTRY glMaterialxOES(GLenum face, GLenum pname, GLfixed param) {
+    return kvth::call<void>(4063, {kvth::toSlot(face), kvth::toSlot(pname), kvth::toSlot(param)});
+}
+KV_EXPORT void KV_APIENTRY glMaterialxvOES(GLenum face, GLenum pname, const GLfixed *param) {
+    return kvth::call<void>(4064, {kvth::toSlot(face), kvth::toSlot(pname), kvth::toSlot(param)});
+}
+KV_EXPORT void KV_APIENTRY glMultMatrixxOES(const GLfixed *m) {
+    return kvth::call<void>(4065, {kvth::toSlot(m)});
+}
+KV_EXPORT void KV_APIENTRY glMultiTexCoord4xOES(GLenum texture, GLfixed s, GLfixed t, GLfixed r, GLfixed q) {
+    return kvth::call<void>(4066, {kvth::toSlot(texture), kvth::toSlot(s), kvth::toSlot(t), kvth::toSlot(r), kvth::toSlot(q)});
+}
+KV_EXPORT void KV_APIENTRY glNormal3xOES(GLfixed nx, GLfixed ny, GLfixed nz) {
+    return kvth::call<void>(4067, {kvth::toSlot(nx), kvth::toSlot(ny), kvth::toSlot(nz)});
+}
+KV_EXPORT void KV_APIENTRY glOrthoxOES(GLfixed l, GLfixed r, GLfixed b, GLfixed t, GLfixed n, GLfixed f) {
+    return kvth::call<void>(4068, {kvth::toSlot(l), kvth::toSlot(r), kvth::toSlot(b), kvth::toSlot(t), kvth::toSlot(n), kvth::toSlot(f)});
+}
+KV_EXPORT void KV_APIENTRY glPointParameterxOES(GLenum pname, GLfixed param) {
+    return kvth::call<void>(4069, {kvth::toSlot(pname), kvth::toSlot(param)});
+}
+KV_EXPORT void KV_APIENTRY glPointParameterxvOES(GLenum pname, const GLfixed *params) {
+    return kvth::call<void>(4070, {kvth::toSlot(pname), kvth::toSlot(params)});
+}
+KV_EXPORT void KV_APIENTRY glPointSizexOES(GLfixed size) {
+    return kvth::call<void>(4071, {kvth::toSlot(size)});
+}
+KV_EXPORT void KV_APIENTRY glPolygonOffsetxOES(GLfixed factor, GLfixed units) {
+    return kvth::call<void>(4072, {kvth::toSlot(factor), kvth::toSlot(units)});
+}
+KV_EXPORT void KV_APIENTRY glRotatexOES(GLfixed angle, GLfixed x, GLfixed y, GLfixed z) {
+    return kvth::call<void>(4073, {kvth::toSlot(angle), kvth::toSlot(x), kvth::toSlot(y), kvth::toSlot(z)});
+}
+KV_EXPORT void KV_APIENTRY glSampleCoveragexOES(GLclampx value, GLboolean invert) {
+    return kvth::call<void>(4074, {kvth::toSlot(value), kvth::toSlot(invert)});
+}
+KV_EXPORT void KV_APIENTRY glScalexOES(GLfixed x, GLfixed y, GLfixed z) {
+    return kvth::call<void>(4075, {kvth::toSlot(x), kvth::toSlot(y), kvth::toSlot(z)});
+}
+KV_EXPORT void KV_APIENTRY glTexEnvxOES(GLenum target, GLenum pname, GLfixed param) {
+    return kvth::call<void>(4076, {kvth::toSlot(target), kvth::toSlot(pname), kvth::toSlot(param)});
+}
+KV_EXPORT void KV_APIENTRY glTexEnvxvOES(GLenum target, GLenum pname, const GLfixed *params) {
+    return kvth::call<void>(4077, {kvth::toSlot(target), kvth::toSlot(pname), kvth::toSlot(params)});
+}
+KV_EXPORT void KV_APIENTRY glTexParameterxOES(GLenum target, GLenum pname, GLfixed param) {
+    return kvth::call<void>(4078, {kvth::toSlot(target), kvth::toSlot(pname), kvth::toSlot(param)});
+}
+KV_EXPORT void KV_APIENTRY glTexParameterxvOES(GLenum target, GLenum pname, const GLfixed *params) {
+    return kvth::call<void>(4079, {kvth::toSlot(target), kvth::toSlot(pname), kvth::toSlot(params)});
+}
+KV_EXPORT void KV_APIENTRY glTranslatexOES(GLfixed x, GLfixed y, GLfixed z) {
+    return kvth::call<void>(4080, {kvth::toSlot(x), kvth::toSlot(y), kvth::toSlot(z)});
+}
+KV_EXPORT void KV_APIENTRY glDrawTexfOES(GLfloat x, GLfloat y, GLfloat z, GLfloat width, GLfloat height) {
+    return kvth::call<void>(4081, {kvth::toSlot(x), kvth::toSlot(y), kvth::toSlot(z), kvth::toSlot(width), kvth::toSlot(height)});
+}
+KV_EXPORT void KV_APIENTRY glDrawTexfvOES(const GLfloat *coords) {
+    return kvth::call<void>(4082, {kvth::toSlot(coords)});
+}
+KV_EXPORT void KV_APIENTRY glDrawTexiOES(GLint x, GLint y, GLint z, GLint width, GLint height) {
+    return kvth::call<void>(4083, {kvth::toSlot(x), kvth::toSlot(y), kvth::toSlot(z), kvth::toSlot(width), kvth::toSlot(height)});
+}
+KV_EXPORT void KV_APIENTRY glDrawTexivOES(const GLint *coords) {
+    return kvth::call<void>(4084, {kvth::toSlot(coords)});
+}
+KV_EXPORT void KV_APIENTRY glDrawTexsOES(GLshort x, GLshort y, GLshort z, GLshort width, GLshort height) {
+    return kvth::call<void>(4085, {kvth::toSlot(x), kvth::toSlot(y), kvth::toSlot(z), kvth::toSlot(width), kvth::toSlot(height)});
+}
+KV_EXPORT void KV_APIENTRY glDrawTexsvOES(const GLshort *coords) {
+    return kvth::call<void>(4086, {kvth::toSlot(coords)});
+}
+KV_EXPORT void KV_APIENTRY glDrawTexxOES(GLfixed x, GLfixed y, GLfixed z, GLfixed width, GLfixed height) {
+    return kvth::call<void>(4087, {kvth::toSlot(x), kvth::toSlot(y), kvth::toSlot(z), kvth::toSlot(width), kvth::toSlot(height)});
+}
+KV_EXPORT void KV_APIENTRY glDrawTexxvOES(const GLfixed *coords) {
+    return kvth::call<void>(4088, {kvth::toSlot(coords)});
+}
+KV_EXPORT void KV_APIENTRY glGetPerfMonitorGroupsAMD(GLint *numGroups, GLsizei groupsSize, GLuint *groups) {
+    return kvth::call<void>(4091, {kvth::toSlot(numGroups), kvth::toSlot(groupsSize), kvth::toSlot(groups)});
+}
+KV_EXPORT void KV_APIENTRY glGetPerfMonitorCountersAMD(GLuint group, GLint *numCounters, GLint *maxActiveCounters, GLsizei counterSize, GLuint *counters) {
+    return kvth::call<void>(4092, {kvth::toSlot(group), kvth::toSlot(numCounters), kvth::toSlot(maxActiveCounters), kvth::toSlot(counterSize), kvth::toSlot(counters)});
+}
+KV_EXPORT void KV_APIENTRY glGetPerfMonitorGroupStringAMD(GLuint group, GLsizei bufSize, GLsizei *length, GLchar *groupString) {
+    return kvth::call<void>(4093, {kvth::toSlot(group), kvth::toSlot(bufSize), kvth::toSlot(length), kvth::toSlot(groupString)});
+}
+KV_EXPORT void KV_APIENTRY glGetPerfMonitorCounterStringAMD(GLuint group, GLuint counter, GLsizei bufSize, GLsizei *length, GLchar *counterString) {
+    return kvth::call<void>(4094, {kvth::toSlot(group), kvth::toSlot(counter), kvth::toSlot(bufSize), kvth::toSlot(length), kvth::toSlot(counterString)});
+}
+KV_EXPORT void KV_APIENTRY glGetPerfMonitorCounterInfoAMD(GLuint group, GLuint counter, GLenum pname, void *data) {
+    return kvth::call<void>(4095, {kvth::toSlot(group), kvth::toSlot(counter), kvth::toSlot(pname), kvth::toSlot(data)});
+}
+KV_EXPORT void KV_APIENTRY glGenPerfMonitorsAMD(GLsizei n, GLuint *monitors) {
+    return kvth::call<void>(4096, {kvth::toSlot(n), kvth::toSlot(monitors)});
+}
+KV_EXPORT void KV_APIENTRY glDeletePerfMonitorsAMD(GLsizei n, GLuint *monitors) {
+    return kvth::call<void>(4097, {kvth::toSlot(n), kvth::toSlot(monitors)});
+}
+KV_EXPORT void KV_APIENTRY glSelectPerfMonitorCountersAMD(GLuint monitor, GLboolean enable, GLuint group, GLint numCounters, GLuint *counterList) {
+    return kvth::call<void>(4098, {kvth::toSlot(monitor), kvth::toSlot(enable), kvth::toSlot(group), kvth::toSlot(numCounters), kvth::toSlot(counterList)});
+}
+KV_EXPORT void KV_APIENTRY glBeginPerfMonitorAMD(GLuint monitor) {
+    return kvth::call<void>(4099, {kvth::toSlot(monitor)});
+}
+KV_EXPORT void KV_APIENTRY glEndPerfMonitorAMD(GLuint monitor) {
+    return kvth::call<void>(4100, {kvth::toSlot(monitor)});
+}
+KV_EXPORT void KV_APIENTRY glGetPerfMonitorCounterDataAMD(GLuint monitor, GLenum pname, GLsizei dataSize, GLuint *data, GLint *bytesWritten) {
+    return kvth::call<void>(4101, {kvth::toSlot(monitor), kvth::toSlot(pname), kvth::toSlot(dataSize), kvth::toSlot(data), kvth::toSlot(bytesWritten)});
+}
+KV_EXPORT void KV_APIENTRY glBlitFramebufferANGLE(GLint srcX0, GLint srcY0, GLint srcX1, GLint srcY1, GLint dstX0, GLint dstY0, GLint dstX1, GLint dstY1, GLbitfield mask, GLenum filter) {
+    return kvth::call<void>(4102, {kvth::toSlot(srcX0), kvth::toSlot(srcY0), kvth::toSlot(srcX1), kvth::toSlot(srcY1), kvth::toSlot(dstX0), kvth::toSlot(dstY0), kvth::toSlot(dstX1), kvth::toSlot(dstY1), kvth::toSlot(mask), kvth::toSlot(filter)});
+}
+KV_EXPORT void KV_APIENTRY glRenderbufferStorageMultisampleANGLE(GLenum target, GLsizei samples, GLenum internalformat, GLsizei width, GLsizei height) {
+    return kvth::call<void>(4103, {kvth::toSlot(target), kvth::toSlot(samples), kvth::toSlot(internalformat), kvth::toSlot(width), kvth::toSlot(height)});
+}
+KV_EXPORT void KV_APIENTRY glRenderbufferStorageMultisampleAPPLE(GLenum target, GLsizei samples, GLenum internalformat, GLsizei width, GLsizei height) {
+    return kvth::call<void>(4104, {kvth::toSlot(target), kvth::toSlot(samples), kvth::toSlot(internalformat), kvth::toSlot(width), kvth::toSlot(height)});
+}
+KV_EXPORT void KV_APIENTRY glResolveMultisampleFramebufferAPPLE() {
+    return kvth::call<void>(4105, {});
+}
+KV_EXPORT void KV_APIENTRY glCoverageMaskNV(GLboolean mask) {
+    return kvth::call<void>(4106, {kvth::toSlot(mask)});
+}
+KV_EXPORT void KV_APIENTRY glCoverageOperationNV(GLenum operation) {
+    return kvth::call<void>(4107, {kvth::toSlot(operation)});
+}
+KV_EXPORT void KV_APIENTRY glGetDriverControlsQCOM(GLint *num, GLsizei size, GLuint *driverControls) {
+    return kvth::call<void>(4108, {kvth::toSlot(num), kvth::toSlot(size), kvth::toSlot(driverControls)});
+}
+KV_EXPORT void KV_APIENTRY glGetDriverControlStringQCOM(GLuint driverControl, GLsizei bufSize, GLsizei *length, GLchar *driverControlString) {
+    return kvth::call<void>(4109, {kvth::toSlot(driverControl), kvth::toSlot(bufSize), kvth::toSlot(length), kvth::toSlot(driverControlString)});
+}
+KV_EXPORT void KV_APIENTRY glEnableDriverControlQCOM(GLuint driverControl) {
+    return kvth::call<void>(4110, {kvth::toSlot(driverControl)});
+}
+KV_EXPORT void KV_APIENTRY glDisableDriverControlQCOM(GLuint driverControl) {
+    return kvth::call<void>(4111, {kvth::toSlot(driverControl)});
+}
+KV_EXPORT void KV_APIENTRY glExtGetTexturesQCOM(GLuint *textures, GLint maxTextures, GLint *numTextures) {
+    return kvth::call<void>(4112, {kvth::toSlot(textures), kvth::toSlot(maxTextures), kvth::toSlot(numTextures)});
+}
+KV_EXPORT void KV_APIENTRY glExtGetBuffersQCOM(GLuint *buffers, GLint maxBuffers, GLint *numBuffers) {
+    return kvth::call<void>(4113, {kvth::toSlot(buffers), kvth::toSlot(maxBuffers), kvth::toSlot(numBuffers)});
+}
+KV_EXPORT void KV_APIENTRY glExtGetRenderbuffersQCOM(GLuint *renderbuffers, GLint maxRenderbuffers, GLint *numRenderbuffers) {
+    return kvth::call<void>(4114, {kvth::toSlot(renderbuffers), kvth::toSlot(maxRenderbuffers), kvth::toSlot(numRenderbuffers)});
+}
+KV_EXPORT void KV_APIENTRY glExtGetFramebuffersQCOM(GLuint *framebuffers, GLint maxFramebuffers, GLint *numFramebuffers) {
+    return kvth::call<void>(4115, {kvth::toSlot(framebuffers), kvth::toSlot(maxFramebuffers), kvth::toSlot(numFramebuffers)});
+}
+KV_EXPORT void KV_APIENTRY glExtGetTexLevelParameterivQCOM(GLuint texture, GLenum face, GLint level, GLenum pname, GLint *params) {
+    return kvth::call<void>(4116, {kvth::toSlot(texture), kvth::toSlot(face), kvth::toSlot(level), kvth::toSlot(pname), kvth::toSlot(params)});
+}
+KV_EXPORT void KV_APIENTRY glExtTexObjectStateOverrideiQCOM(GLenum target, GLenum pname, GLint param) {
+    return kvth::call<void>(4117, {kvth::toSlot(target), kvth::toSlot(pname), kvth::toSlot(param)});
+}
+KV_EXPORT void KV_APIENTRY glExtGetTexSubImageQCOM(GLenum target, GLint level, GLint xoffset, GLint yoffset, GLint zoffset, GLsizei width, GLsizei height, GLsizei depth, GLenum format, GLenum type, void *texels) {
+    return kvth::call<void>(4118, {kvth::toSlot(target), kvth::toSlot(level), kvth::toSlot(xoffset), kvth::toSlot(yoffset), kvth::toSlot(zoffset), kvth::toSlot(width), kvth::toSlot(height), kvth::toSlot(depth), kvth::toSlot(format), kvth::toSlot(type), kvth::toSlot(texels)});
+}
+KV_EXPORT void KV_APIENTRY glExtGetBufferPointervQCOM(GLenum target, void **params) {
+    return kvth::call<void>(4119, {kvth::toSlot(target), kvth::toSlot(params)});
+}
+KV_EXPORT void KV_APIENTRY glExtGetShadersQCOM(GLuint *shaders, GLint maxShaders, GLint *numShaders) {
+    return kvth::call<void>(4120, {kvth::toSlot(shaders), kvth::toSlot(maxShaders), kvth::toSlot(numShaders)});
+}
+KV_EXPORT void KV_APIENTRY glExtGetProgramsQCOM(GLuint *programs, GLint maxPrograms, GLint *numPrograms) {
+    return kvth::call<void>(4121, {kvth::toSlot(programs), kvth::toSlot(maxPrograms), kvth::toSlot(numPrograms)});
+}
+KV_EXPORT GLboolean KV_APIENTRY glExtIsProgramBinaryQCOM(GLuint program) {
+    return kvth::call<GLboolean>(4122, {kvth::toSlot(program)});
+}
+KV_EXPORT void KV_APIENTRY glExtGetProgramBinarySourceQCOM(GLuint program, GLenum shadertype, GLchar *source, GLint *length) {
+    return kvth::call<void>(4123, {kvth::toSlot(program), kvth::toSlot(shadertype), kvth::toSlot(source), kvth::toSlot(length)});
+}
+KV_EXPORT void KV_APIENTRY glStartTilingQCOM(GLuint x, GLuint y, GLuint width, GLuint height, GLbitfield preserveMask) {
+    return kvth::call<void>(4124, {kvth::toSlot(x), kvth::toSlot(y), kvth::toSlot(width), kvth::toSlot(height), kvth::toSlot(preserveMask)});
+}
+KV_EXPORT void KV_APIENTRY glEndTilingQCOM(GLbitfield preserveMask) {
+    return kvth::call<void>(4125, {kvth::toSlot(preserveMask)});
+}
+KV_EXPORT void KV_APIENTRY glGetProgramBinaryOES(GLuint program, GLsizei bufSize, GLsizei *length, GLenum *binaryFormat, void *binary) {
+    return kvth::call<void>(4126, {kvth::toSlot(program), kvth::toSlot(bufSize), kvth::toSlot(length), kvth::toSlot(binaryFormat), kvth::toSlot(binary)});
+}
+KV_EXPORT void KV_APIENTRY glProgramBinaryOES(GLuint program, GLenum binaryFormat, const void *binary, GLint length) {
+    return kvth::call<void>(4127, {kvth::toSlot(program), kvth::toSlot(binaryFormat), kvth::toSlot(binary), kvth::toSlot(length)});
+}
+KV_EXPORT void KV_APIENTRY glTexImage3DOES(GLenum target, GLint level, GLenum internalformat, GLsizei width, GLsizei height, GLsizei depth, GLint border, GLenum format, GLenum type, const void *pixels) {
+    return kvth::call<void>(4128, {kvth::toSlot(target), kvth::toSlot(level), kvth::toSlot(internalformat), kvth::toSlot(width), kvth::toSlot(height), kvth::toSlot(depth), kvth::toSlot(border), kvth::toSlot(format), kvth::toSlot(type), kvth::toSlot(pixels)});
+}
+KV_EXPORT void KV_APIENTRY glTexSubImage3DOES(GLenum target, GLint level, GLint xoffset, GLint yoffset, GLint zoffset, GLsizei width, GLsizei height, GLsizei depth, GLenum format, GLenum type, const void *pixels) {
+    return kvth::call<void>(4129, {kvth::toSlot(target), kvth::toSlot(level), kvth::toSlot(xoffset), kvth::toSlot(yoffset), kvth::toSlot(zoffset), kvth::toSlot(width), kvth::toSlot(height), kvth::toSlot(depth), kvth::toSlot(format), kvth::toSlot(type), kvth::toSlot(pixels)});
+}
+KV_EXPORT void KV_APIENTRY glCopyTexSubImage3DOES(GLenum target, GLint level, GLint xoffset, GLint yoffset, GLint zoffset, GLint x, GLint y, GLsizei width, GLsizei height) {
+    return kvth::call<void>(4130, {kvth::toSlot(target), kvth::toSlot(level), kvth::toSlot(xoffset), kvth::toSlot(yoffset), kvth::toSlot(zoffset), kvth::toSlot(x), kvth::toSlot(y), kvth::toSlot(width), kvth::toSlot(height)});
+}
+KV_EXPORT void KV_APIENTRY glCompressedTexImage3DOES(GLenum target, GLint level, GLenum internalformat, GLsizei width, GLsizei height, GLsizei depth, GLint border, GLsizei imageSize, const void *data) {
+    return kvth::call<void>(4131, {kvth::toSlot(target), kvth::toSlot(level), kvth::toSlot(internalformat), kvth::toSlot(width), kvth::toSlot(height), kvth::toSlot(depth), kvth::toSlot(border), kvth::toSlot(imageSize), kvth::toSlot(data)});
+}
+KV_EXPORT void KV_APIENTRY glCompressedTexSubImage3DOES(GLenum target, GLint level, GLint xoffset, GLint yoffset, GLint zoffset, GLsizei width, GLsizei height, GLsizei depth, GLenum format, GLsizei imageSize, const void *data) {
+    return kvth::call<void>(4132, {kvth::toSlot(target), kvth::toSlot(level), kvth::toSlot(xoffset), kvth::toSlot(yoffset), kvth::toSlot(zoffset), kvth::toSlot(width), kvth::toSlot(height), kvth::toSlot(depth), kvth::toSlot(format), kvth::toSlot(imageSize), kvth::toSlot(data)});
+}
+KV_EXPORT void KV_APIENTRY glFramebufferTexture3DOES(GLenum target, GLenum attachment, GLenum textarget, GLuint texture, GLint level, GLint zoffset) {
+    return kvth::call<void>(4133, {kvth::toSlot(target), kvth::toSlot(attachment), kvth::toSlot(textarget), kvth::toSlot(texture), kvth::toSlot(level), kvth::toSlot(zoffset)});
+}
+KV_EXPORT void KV_APIENTRY glBlendEquationSeparateOES(GLenum modeRGB, GLenum modeAlpha) {
+    return kvth::call<void>(4134, {kvth::toSlot(modeRGB), kvth::toSlot(modeAlpha)});
+}
+KV_EXPORT void KV_APIENTRY glBlendFuncSeparateOES(GLenum srcRGB, GLenum dstRGB, GLenum srcAlpha, GLenum dstAlpha) {
+    return kvth::call<void>(4135, {kvth::toSlot(srcRGB), kvth::toSlot(dstRGB), kvth::toSlot(srcAlpha), kvth::toSlot(dstAlpha)});
+}
+KV_EXPORT void KV_APIENTRY glBlendEquationOES(GLenum mode) {
+    return kvth::call<void>(4136, {kvth::toSlot(mode)});
+}
+KV_EXPORT GLbitfield KV_APIENTRY glQueryMatrixxOES(GLfixed *mantissa, GLint *exponent) {
+    return kvth::call<GLbitfield>(4137, {kvth::toSlot(mantissa), kvth::toSlot(exponent)});
+}
+KV_EXPORT void KV_APIENTRY glDepthRangefOES(GLclampf n, GLclampf f) {
+    return kvth::call<void>(4138, {kvth::toSlot(n), kvth::toSlot(f)});
+}
+KV_EXPORT void KV_APIENTRY glFrustumfOES(GLfloat l, GLfloat r, GLfloat b, GLfloat t, GLfloat n, GLfloat f) {
+    return kvth::call<void>(4139, {kvth::toSlot(l), kvth::toSlot(r), kvth::toSlot(b), kvth::toSlot(t), kvth::toSlot(n), kvth::toSlot(f)});
+}
+KV_EXPORT void KV_APIENTRY glOrthofOES(GLfloat l, GLfloat r, GLfloat b, GLfloat t, GLfloat n, GLfloat f) {
+    return kvth::call<void>(4140, {kvth::toSlot(l), kvth::toSlot(r), kvth::toSlot(b), kvth::toSlot(t), kvth::toSlot(n), kvth::toSlot(f)});
+}
+KV_EXPORT void KV_APIENTRY glClipPlanefOES(GLenum plane, const GLfloat *equation) {
+    return kvth::call<void>(4141, {kvth::toSlot(plane), kvth::toSlot(equation)});
+}
+KV_EXPORT void KV_APIENTRY glClearDepthfOES(GLclampf depth) {
+    return kvth::call<void>(4142, {kvth::toSlot(depth)});
+}
+KV_EXPORT void KV_APIENTRY glTexGenfOES(GLenum coord, GLenum pname, GLfloat param) {
+    return kvth::call<void>(4143, {kvth::toSlot(coord), kvth::toSlot(pname), kvth::toSlot(param)});
+}
+KV_EXPORT void KV_APIENTRY glGetClipPlanefOES(GLenum plane, GLfloat *equation) {
+    return kvth::call<void>(4144, {kvth::toSlot(plane), kvth::toSlot(equation)});
+}
+KV_EXPORT void KV_APIENTRY glTexGenfvOES(GLenum coord, GLenum pname, const GLfloat *params) {
+    return kvth::call<void>(4145, {kvth::toSlot(coord), kvth::toSlot(pname), kvth::toSlot(params)});
+}
+KV_EXPORT void KV_APIENTRY glTexGeniOES(GLenum coord, GLenum pname, GLint param) {
+    return kvth::call<void>(4146, {kvth::toSlot(coord), kvth::toSlot(pname), kvth::toSlot(param)});
+}
+KV_EXPORT void KV_APIENTRY glTexGenivOES(GLenum coord, GLenum pname, const GLint *params) {
+    return kvth::call<void>(4147, {kvth::toSlot(coord), kvth::toSlot(pname), kvth::toSlot(params)});
+}
+KV_EXPORT void KV_APIENTRY glTexGenxOES(GLenum coord, GLenum pname, GLfixed param) {
+    return kvth::call<void>(4148, {kvth::toSlot(coord), kvth::toSlot(pname), kvth::toSlot(param)});
+}
+KV_EXPORT void KV_APIENTRY glTexGenxvOES(GLenum coord, GLenum pname, const GLfixed *params) {
+    return kvth::call<void>(4149, {kvth::toSlot(coord), kvth::toSlot(pname), kvth::toSlot(params)});
+}
+KV_EXPORT void KV_APIENTRY glGetTexGenfvOES(GLenum coord, GLenum pname, GLfloat *params) {
+    return kvth::call<void>(4150, {kvth::toSlot(coord), kvth::toSlot(pname), kvth::toSlot(params)});
+}
+KV_EXPORT void KV_APIENTRY glGetTexGenivOES(GLenum coord, GLenum pname, GLint *params) {
+    return kvth::call<void>(4151, {kvth::toSlot(coord), kvth::toSlot(pname), kvth::toSlot(params)});
+}
+KV_EXPORT void KV_APIENTRY glGetTexGenxvOES(GLenum coord, GLenum pname, GLfixed *params) {
+    return kvth::call<void>(4152, {kvth::toSlot(coord), kvth::toSlot(pname), kvth::toSlot(params)});
+}
+KV_EXPORT void KV_APIENTRY glCopyTextureLevelsAPPLE(GLuint destinationTexture, GLuint sourceTexture, GLint sourceBaseLevel, GLsizei sourceLevelCount) {
+    return kvth::call<void>(4155, {kvth::toSlot(destinationTexture), kvth::toSlot(sourceTexture), kvth::toSlot(sourceBaseLevel), kvth::toSlot(sourceLevelCount)});
+}
+KV_EXPORT GLsync KV_APIENTRY glFenceSyncAPPLE(GLenum condition, GLbitfield flags) {
+    return kvth::call<GLsync>(4156, {kvth::toSlot(condition), kvth::toSlot(flags)});
+}
+KV_EXPORT GLboolean KV_APIENTRY glIsSyncAPPLE(GLsync sync) {
+    return kvth::call<GLboolean>(4157, {kvth::toSlot(sync)});
+}
+KV_EXPORT void KV_APIENTRY glDeleteSyncAPPLE(GLsync sync) {
+    return kvth::call<void>(4158, {kvth::toSlot(sync)});
+}
+KV_EXPORT GLenum KV_APIENTRY glClientWaitSyncAPPLE(GLsync sync, GLbitfield flags, GLuint64 timeout) {
+    return kvth::call<GLenum>(4159, {kvth::toSlot(sync), kvth::toSlot(flags), kvth::toSlot(timeout)});
+}
+KV_EXPORT void KV_APIENTRY glWaitSyncAPPLE(GLsync sync, GLbitfield flags, GLuint64 timeout) {
+    return kvth::call<void>(4160, {kvth::toSlot(sync), kvth::toSlot(flags), kvth::toSlot(timeout)});
+}
+KV_EXPORT void KV_APIENTRY glGetInteger64vAPPLE(GLenum pname, GLint64 *params) {
+    return kvth::call<void>(4161, {kvth::toSlot(pname), kvth::toSlot(params)});
+}
+KV_EXPORT void KV_APIENTRY glGetSyncivAPPLE(GLsync sync, GLenum pname, GLsizei count, GLsizei *length, GLint *values) {
+    return kvth::call<void>(4162, {kvth::toSlot(sync), kvth::toSlot(pname), kvth::toSlot(count), kvth::toSlot(length), kvth::toSlot(values)});
+}
+KV_EXPORT void * KV_APIENTRY glMapBufferRangeEXT(GLenum target, GLintptr offset, GLsizeiptr length, GLbitfield access) {
+    return kvth::call<void *>(4163, {kvth::toSlot(target), kvth::toSlot(offset), kvth::toSlot(length), kvth::toSlot(access)});
+}
+KV_EXPORT void KV_APIENTRY glFlushMappedBufferRangeEXT(GLenum target, GLintptr offset, GLsizeiptr length) {
+    return kvth::call<void>(4164, {kvth::toSlot(target), kvth::toSlot(offset), kvth::toSlot(length)});
+}
+KV_EXPORT void KV_APIENTRY glRenderbufferStorageMultisampleEXT(GLenum target, GLsizei samples, GLenum internalformat, GLsizei width, GLsizei height) {
+    return kvth::call<void>(4165, {kvth::toSlot(target), kvth::toSlot(samples), kvth::toSlot(internalformat), kvth::toSlot(width), kvth::toSlot(height)});
+}
+KV_EXPORT void KV_APIENTRY glFramebufferTexture2DMultisampleEXT(GLenum target, GLenum attachment, GLenum textarget, GLuint texture, GLint level, GLsizei samples) {
+    return kvth::call<void>(4166, {kvth::toSlot(target), kvth::toSlot(attachment), kvth::toSlot(textarget), kvth::toSlot(texture), kvth::toSlot(level), kvth::toSlot(samples)});
+}
+KV_EXPORT GLenum KV_APIENTRY glGetGraphicsResetStatusEXT() {
+    return kvth::call<GLenum>(4167, {});
+}
+KV_EXPORT void KV_APIENTRY glReadnPixelsEXT(GLint x, GLint y, GLsizei width, GLsizei height, GLenum format, GLenum type, GLsizei bufSize, void *data) {
+    return kvth::call<void>(4168, {kvth::toSlot(x), kvth::toSlot(y), kvth::toSlot(width), kvth::toSlot(height), kvth::toSlot(format), kvth::toSlot(type), kvth::toSlot(bufSize), kvth::toSlot(data)});
+}
+KV_EXPORT void KV_APIENTRY glGetnUniformfvEXT(GLuint program, GLint location, GLsizei bufSize, GLfloat *params) {
+    return kvth::call<void>(4169, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(bufSize), kvth::toSlot(params)});
+}
+KV_EXPORT void KV_APIENTRY glGetnUniformivEXT(GLuint program, GLint location, GLsizei bufSize, GLint *params) {
+    return kvth::call<void>(4170, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(bufSize), kvth::toSlot(params)});
+}
+KV_EXPORT void KV_APIENTRY glTexStorage1DEXT(GLenum target, GLsizei levels, GLenum internalformat, GLsizei width) {
+    return kvth::call<void>(4171, {kvth::toSlot(target), kvth::toSlot(levels), kvth::toSlot(internalformat), kvth::toSlot(width)});
+}
+KV_EXPORT void KV_APIENTRY glTexStorage2DEXT(GLenum target, GLsizei levels, GLenum internalformat, GLsizei width, GLsizei height) {
+    return kvth::call<void>(4172, {kvth::toSlot(target), kvth::toSlot(levels), kvth::toSlot(internalformat), kvth::toSlot(width), kvth::toSlot(height)});
+}
+KV_EXPORT void KV_APIENTRY glTexStorage3DEXT(GLenum target, GLsizei levels, GLenum internalformat, GLsizei width, GLsizei height, GLsizei depth) {
+    return kvth::call<void>(4173, {kvth::toSlot(target), kvth::toSlot(levels), kvth::toSlot(internalformat), kvth::toSlot(width), kvth::toSlot(height), kvth::toSlot(depth)});
+}
+KV_EXPORT void KV_APIENTRY glTextureStorage1DEXT(GLuint texture, GLenum target, GLsizei levels, GLenum internalformat, GLsizei width) {
+    return kvth::call<void>(4174, {kvth::toSlot(texture), kvth::toSlot(target), kvth::toSlot(levels), kvth::toSlot(internalformat), kvth::toSlot(width)});
+}
+KV_EXPORT void KV_APIENTRY glTextureStorage2DEXT(GLuint texture, GLenum target, GLsizei levels, GLenum internalformat, GLsizei width, GLsizei height) {
+    return kvth::call<void>(4175, {kvth::toSlot(texture), kvth::toSlot(target), kvth::toSlot(levels), kvth::toSlot(internalformat), kvth::toSlot(width), kvth::toSlot(height)});
+}
+KV_EXPORT void KV_APIENTRY glTextureStorage3DEXT(GLuint texture, GLenum target, GLsizei levels, GLenum internalformat, GLsizei width, GLsizei height, GLsizei depth) {
+    return kvth::call<void>(4176, {kvth::toSlot(texture), kvth::toSlot(target), kvth::toSlot(levels), kvth::toSlot(internalformat), kvth::toSlot(width), kvth::toSlot(height), kvth::toSlot(depth)});
+}
+KV_EXPORT void KV_APIENTRY glDrawArraysInstancedANGLE(GLenum mode, GLint first, GLsizei count, GLsizei primcount) {
+    return kvth::call<void>(4188, {kvth::toSlot(mode), kvth::toSlot(first), kvth::toSlot(count), kvth::toSlot(primcount)});
+}
+KV_EXPORT void KV_APIENTRY glDrawElementsInstancedANGLE(GLenum mode, GLsizei count, GLenum type, const void *indices, GLsizei primcount) {
+    return kvth::call<void>(4189, {kvth::toSlot(mode), kvth::toSlot(count), kvth::toSlot(type), kvth::toSlot(indices), kvth::toSlot(primcount)});
+}
+KV_EXPORT void KV_APIENTRY glVertexAttribDivisorANGLE(GLuint index, GLuint divisor) {
+    return kvth::call<void>(4190, {kvth::toSlot(index), kvth::toSlot(divisor)});
+}
+KV_EXPORT void KV_APIENTRY glGetTranslatedShaderSourceANGLE(GLuint shader, GLsizei bufSize, GLsizei *length, GLchar *source) {
+    return kvth::call<void>(4191, {kvth::toSlot(shader), kvth::toSlot(bufSize), kvth::toSlot(length), kvth::toSlot(source)});
+}
+KV_EXPORT void KV_APIENTRY glLabelObjectEXT(GLenum type, GLuint object, GLsizei length, const GLchar *label) {
+    return kvth::call<void>(4192, {kvth::toSlot(type), kvth::toSlot(object), kvth::toSlot(length), kvth::toSlot(label)});
+}
+KV_EXPORT void KV_APIENTRY glGetObjectLabelEXT(GLenum type, GLuint object, GLsizei bufSize, GLsizei *length, GLchar *label) {
+    return kvth::call<void>(4193, {kvth::toSlot(type), kvth::toSlot(object), kvth::toSlot(bufSize), kvth::toSlot(length), kvth::toSlot(label)});
+}
+KV_EXPORT void KV_APIENTRY glInsertEventMarkerEXT(GLsizei length, const GLchar *marker) {
+    return kvth::call<void>(4194, {kvth::toSlot(length), kvth::toSlot(marker)});
+}
+KV_EXPORT void KV_APIENTRY glPushGroupMarkerEXT(GLsizei length, const GLchar *marker) {
+    return kvth::call<void>(4195, {kvth::toSlot(length), kvth::toSlot(marker)});
+}
+KV_EXPORT void KV_APIENTRY glPopGroupMarkerEXT() {
+    return kvth::call<void>(4196, {});
+}
+KV_EXPORT void KV_APIENTRY glGenQueriesEXT(GLsizei n, GLuint *ids) {
+    return kvth::call<void>(4197, {kvth::toSlot(n), kvth::toSlot(ids)});
+}
+KV_EXPORT void KV_APIENTRY glDeleteQueriesEXT(GLsizei n, const GLuint *ids) {
+    return kvth::call<void>(4198, {kvth::toSlot(n), kvth::toSlot(ids)});
+}
+KV_EXPORT GLboolean KV_APIENTRY glIsQueryEXT(GLuint id) {
+    return kvth::call<GLboolean>(4199, {kvth::toSlot(id)});
+}
+KV_EXPORT void KV_APIENTRY glBeginQueryEXT(GLenum target, GLuint id) {
+    return kvth::call<void>(4200, {kvth::toSlot(target), kvth::toSlot(id)});
+}
+KV_EXPORT void KV_APIENTRY glEndQueryEXT(GLenum target) {
+    return kvth::call<void>(4201, {kvth::toSlot(target)});
+}
+KV_EXPORT void KV_APIENTRY glGetQueryivEXT(GLenum target, GLenum pname, GLint *params) {
+    return kvth::call<void>(4202, {kvth::toSlot(target), kvth::toSlot(pname), kvth::toSlot(params)});
+}
+KV_EXPORT void KV_APIENTRY glGetQueryObjectuivEXT(GLuint id, GLenum pname, GLuint *params) {
+    return kvth::call<void>(4203, {kvth::toSlot(id), kvth::toSlot(pname), kvth::toSlot(params)});
+}
+KV_EXPORT void KV_APIENTRY glUseProgramStagesEXT(GLuint pipeline, GLbitfield stages, GLuint program) {
+    return kvth::call<void>(4204, {kvth::toSlot(pipeline), kvth::toSlot(stages), kvth::toSlot(program)});
+}
+KV_EXPORT void KV_APIENTRY glActiveShaderProgramEXT(GLuint pipeline, GLuint program) {
+    return kvth::call<void>(4205, {kvth::toSlot(pipeline), kvth::toSlot(program)});
+}
+KV_EXPORT GLuint KV_APIENTRY glCreateShaderProgramvEXT(GLenum type, GLsizei count, const GLchar **strings) {
+    return kvth::call<GLuint>(4206, {kvth::toSlot(type), kvth::toSlot(count), kvth::toSlot(strings)});
+}
+KV_EXPORT void KV_APIENTRY glBindProgramPipelineEXT(GLuint pipeline) {
+    return kvth::call<void>(4207, {kvth::toSlot(pipeline)});
+}
+KV_EXPORT void KV_APIENTRY glDeleteProgramPipelinesEXT(GLsizei n, const GLuint *pipelines) {
+    return kvth::call<void>(4208, {kvth::toSlot(n), kvth::toSlot(pipelines)});
+}
+KV_EXPORT void KV_APIENTRY glGenProgramPipelinesEXT(GLsizei n, GLuint *pipelines) {
+    return kvth::call<void>(4209, {kvth::toSlot(n), kvth::toSlot(pipelines)});
+}
+KV_EXPORT GLboolean KV_APIENTRY glIsProgramPipelineEXT(GLuint pipeline) {
+    return kvth::call<GLboolean>(4210, {kvth::toSlot(pipeline)});
+}
+KV_EXPORT void KV_APIENTRY glProgramParameteriEXT(GLuint program, GLenum pname, GLint value) {
+    return kvth::call<void>(4211, {kvth::toSlot(program), kvth::toSlot(pname), kvth::toSlot(value)});
+}
+KV_EXPORT void KV_APIENTRY glGetProgramPipelineivEXT(GLuint pipeline, GLenum pname, GLint *params) {
+    return kvth::call<void>(4212, {kvth::toSlot(pipeline), kvth::toSlot(pname), kvth::toSlot(params)});
+}
+KV_EXPORT void KV_APIENTRY glProgramUniform1iEXT(GLuint program, GLint location, GLint v0) {
+    return kvth::call<void>(4213, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(v0)});
+}
+KV_EXPORT void KV_APIENTRY glProgramUniform2iEXT(GLuint program, GLint location, GLint v0, GLint v1) {
+    return kvth::call<void>(4214, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(v0), kvth::toSlot(v1)});
+}
+KV_EXPORT void KV_APIENTRY glProgramUniform3iEXT(GLuint program, GLint location, GLint v0, GLint v1, GLint v2) {
+    return kvth::call<void>(4215, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(v0), kvth::toSlot(v1), kvth::toSlot(v2)});
+}
+KV_EXPORT void KV_APIENTRY glProgramUniform4iEXT(GLuint program, GLint location, GLint v0, GLint v1, GLint v2, GLint v3) {
+    return kvth::call<void>(4216, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(v0), kvth::toSlot(v1), kvth::toSlot(v2), kvth::toSlot(v3)});
+}
+KV_EXPORT void KV_APIENTRY glProgramUniform1fEXT(GLuint program, GLint location, GLfloat v0) {
+    return kvth::call<void>(4217, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(v0)});
+}
+KV_EXPORT void KV_APIENTRY glProgramUniform2fEXT(GLuint program, GLint location, GLfloat v0, GLfloat v1) {
+    return kvth::call<void>(4218, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(v0), kvth::toSlot(v1)});
+}
+KV_EXPORT void KV_APIENTRY glProgramUniform3fEXT(GLuint program, GLint location, GLfloat v0, GLfloat v1, GLfloat v2) {
+    return kvth::call<void>(4219, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(v0), kvth::toSlot(v1), kvth::toSlot(v2)});
+}
+KV_EXPORT void KV_APIENTRY glProgramUniform4fEXT(GLuint program, GLint location, GLfloat v0, GLfloat v1, GLfloat v2, GLfloat v3) {
+    return kvth::call<void>(4220, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(v0), kvth::toSlot(v1), kvth::toSlot(v2), kvth::toSlot(v3)});
+}
+KV_EXPORT void KV_APIENTRY glProgramUniform1ivEXT(GLuint program, GLint location, GLsizei count, const GLint *value) {
+    return kvth::call<void>(4221, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(value)});
+}
+KV_EXPORT void KV_APIENTRY glProgramUniform2ivEXT(GLuint program, GLint location, GLsizei count, const GLint *value) {
+    return kvth::call<void>(4222, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(value)});
+}
+KV_EXPORT void KV_APIENTRY glProgramUniform3ivEXT(GLuint program, GLint location, GLsizei count, const GLint *value) {
+    return kvth::call<void>(4223, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(value)});
+}
+KV_EXPORT void KV_APIENTRY glProgramUniform4ivEXT(GLuint program, GLint location, GLsizei count, const GLint *value) {
+    return kvth::call<void>(4224, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(value)});
+}
+KV_EXPORT void KV_APIENTRY glProgramUniform1fvEXT(GLuint program, GLint location, GLsizei count, const GLfloat *value) {
+    return kvth::call<void>(4225, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(value)});
+}
+KV_EXPORT void KV_APIENTRY glProgramUniform2fvEXT(GLuint program, GLint location, GLsizei count, const GLfloat *value) {
+    return kvth::call<void>(4226, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(value)});
+}
+KV_EXPORT void KV_APIENTRY glProgramUniform3fvEXT(GLuint program, GLint location, GLsizei count, const GLfloat *value) {
+    return kvth::call<void>(4227, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(value)});
+}
+KV_EXPORT void KV_APIENTRY glProgramUniform4fvEXT(GLuint program, GLint location, GLsizei count, const GLfloat *value) {
+    return kvth::call<void>(4228, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(value)});
+}
+KV_EXPORT void KV_APIENTRY glProgramUniformMatrix2fvEXT(GLuint program, GLint location, GLsizei count, GLboolean transpose, const GLfloat *value) {
+    return kvth::call<void>(4229, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(transpose), kvth::toSlot(value)});
+}
+KV_EXPORT void KV_APIENTRY glProgramUniformMatrix3fvEXT(GLuint program, GLint location, GLsizei count, GLboolean transpose, const GLfloat *value) {
+    return kvth::call<void>(4230, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(transpose), kvth::toSlot(value)});
+}
+KV_EXPORT void KV_APIENTRY glProgramUniformMatrix4fvEXT(GLuint program, GLint location, GLsizei count, GLboolean transpose, const GLfloat *value) {
+    return kvth::call<void>(4231, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(transpose), kvth::toSlot(value)});
+}
+KV_EXPORT void KV_APIENTRY glValidateProgramPipelineEXT(GLuint pipeline) {
+    return kvth::call<void>(4232, {kvth::toSlot(pipeline)});
+}
+KV_EXPORT void KV_APIENTRY glGetProgramPipelineInfoLogEXT(GLuint pipeline, GLsizei bufSize, GLsizei *length, GLchar *infoLog) {
+    return kvth::call<void>(4233, {kvth::toSlot(pipeline), kvth::toSlot(bufSize), kvth::toSlot(length), kvth::toSlot(infoLog)});
+}
+KV_EXPORT void KV_APIENTRY glAlphaFuncQCOM(GLenum func, GLclampf ref) {
+    return kvth::call<void>(4234, {kvth::toSlot(func), kvth::toSlot(ref)});
+}
+KV_EXPORT void KV_APIENTRY glReadBufferNV(GLenum mode) {
+    return kvth::call<void>(4235, {kvth::toSlot(mode)});
+}
+KV_EXPORT void KV_APIENTRY glDrawBuffersNV(GLsizei n, const GLenum *bufs) {
+    return kvth::call<void>(4236, {kvth::toSlot(n), kvth::toSlot(bufs)});
+}
+KV_EXPORT void KV_APIENTRY glReadBufferIndexedEXT(GLenum src, GLint index) {
+    return kvth::call<void>(4237, {kvth::toSlot(src), kvth::toSlot(index)});
+}
+KV_EXPORT void KV_APIENTRY glDrawBuffersIndexedEXT(GLint n, const GLenum *location, const GLint *indices) {
+    return kvth::call<void>(4238, {kvth::toSlot(n), kvth::toSlot(location), kvth::toSlot(indices)});
+}
+KV_EXPORT void KV_APIENTRY glGetIntegeri_vEXT(GLenum target, GLuint index, GLint *data) {
+    return kvth::call<void>(4239, {kvth::toSlot(target), kvth::toSlot(index), kvth::toSlot(data)});
+}
+KV_EXPORT void KV_APIENTRY glDrawBuffersEXT(GLsizei n, const GLenum *bufs) {
+    return kvth::call<void>(4240, {kvth::toSlot(n), kvth::toSlot(bufs)});
+}
+KV_EXPORT void KV_APIENTRY glBlendEquationEXT(GLenum mode) {
+    return kvth::call<void>(4241, {kvth::toSlot(mode)});
+}
+KV_EXPORT void KV_APIENTRY glBlendBarrierKHR() {
+    return kvth::call<void>(4242, {});
+}
+KV_EXPORT void KV_APIENTRY glTexStorage3DMultisampleOES(GLenum target, GLsizei samples, GLenum internalformat, GLsizei width, GLsizei height, GLsizei depth, GLboolean fixedsamplelocations) {
+    return kvth::call<void>(4243, {kvth::toSlot(target), kvth::toSlot(samples), kvth::toSlot(internalformat), kvth::toSlot(width), kvth::toSlot(height), kvth::toSlot(depth), kvth::toSlot(fixedsamplelocations)});
+}
+KV_EXPORT void KV_APIENTRY glProgramUniform1uiEXT(GLuint program, GLint location, GLuint v0) {
+    return kvth::call<void>(4244, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(v0)});
+}
+KV_EXPORT void KV_APIENTRY glProgramUniform2uiEXT(GLuint program, GLint location, GLuint v0, GLuint v1) {
+    return kvth::call<void>(4245, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(v0), kvth::toSlot(v1)});
+}
+KV_EXPORT void KV_APIENTRY glProgramUniform3uiEXT(GLuint program, GLint location, GLuint v0, GLuint v1, GLuint v2) {
+    return kvth::call<void>(4246, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(v0), kvth::toSlot(v1), kvth::toSlot(v2)});
+}
+KV_EXPORT void KV_APIENTRY glProgramUniform4uiEXT(GLuint program, GLint location, GLuint v0, GLuint v1, GLuint v2, GLuint v3) {
+    return kvth::call<void>(4247, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(v0), kvth::toSlot(v1), kvth::toSlot(v2), kvth::toSlot(v3)});
+}
+KV_EXPORT void KV_APIENTRY glProgramUniform1uivEXT(GLuint program, GLint location, GLsizei count, const GLuint *value) {
+    return kvth::call<void>(4248, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(value)});
+}
+KV_EXPORT void KV_APIENTRY glProgramUniform2uivEXT(GLuint program, GLint location, GLsizei count, const GLuint *value) {
+    return kvth::call<void>(4249, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(value)});
+}
+KV_EXPORT void KV_APIENTRY glProgramUniform3uivEXT(GLuint program, GLint location, GLsizei count, const GLuint *value) {
+    return kvth::call<void>(4250, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(value)});
+}
+KV_EXPORT void KV_APIENTRY glProgramUniform4uivEXT(GLuint program, GLint location, GLsizei count, const GLuint *value) {
+    return kvth::call<void>(4251, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(value)});
+}
+KV_EXPORT void KV_APIENTRY glProgramUniformMatrix2x3fvEXT(GLuint program, GLint location, GLsizei count, GLboolean transpose, const GLfloat *value) {
+    return kvth::call<void>(4252, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(transpose), kvth::toSlot(value)});
+}
+KV_EXPORT void KV_APIENTRY glProgramUniformMatrix3x2fvEXT(GLuint program, GLint location, GLsizei count, GLboolean transpose, const GLfloat *value) {
+    return kvth::call<void>(4253, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(transpose), kvth::toSlot(value)});
+}
+KV_EXPORT void KV_APIENTRY glProgramUniformMatrix2x4fvEXT(GLuint program, GLint location, GLsizei count, GLboolean transpose, const GLfloat *value) {
+    return kvth::call<void>(4254, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(transpose), kvth::toSlot(value)});
+}
+KV_EXPORT void KV_APIENTRY glProgramUniformMatrix4x2fvEXT(GLuint program, GLint location, GLsizei count, GLboolean transpose, const GLfloat *value) {
+    return kvth::call<void>(4255, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(transpose), kvth::toSlot(value)});
+}
+KV_EXPORT void KV_APIENTRY glProgramUniformMatrix3x4fvEXT(GLuint program, GLint location, GLsizei count, GLboolean transpose, const GLfloat *value) {
+    return kvth::call<void>(4256, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(transpose), kvth::toSlot(value)});
+}
+KV_EXPORT void KV_APIENTRY glProgramUniformMatrix4x3fvEXT(GLuint program, GLint location, GLsizei count, GLboolean transpose, const GLfloat *value) {
+    return kvth::call<void>(4257, {kvth::toSlot(program), kvth::toSlot(location), kvth::toSlot(count), kvth::toSlot(transpose), kvth::toSlot(value)});
+}
+KV_EXPORT void KV_APIENTRY glMinSampleShadingOES(GLfloat value) {
+    return kvth::call<void>(4258, {kvth::toSlot(value)});
+}
+KV_EXPORT void KV_APIENTRY glCopyImageSubDataEXT(GLuint srcName, GLenum srcTarget, GLint srcLevel, GLint srcX, GLint srcY, GLint srcZ, GLuint dstName, GLenum dstTarget, GLint dstLevel, GLint dstX, GLint dstY, GLint dstZ, GLsizei srcWidth, GLsizei srcHeight, GLsizei srcDepth) {
+    return kvth::call<void>(4259, {kvth::toSlot(srcName), kvth::toSlot(srcTarget), kvth::toSlot(srcLevel), kvth::toSlot(srcX), kvth::toSlot(srcY), kvth::toSlot(srcZ), kvth::toSlot(dstName), kvth::toSlot(dstTarget), kvth::toSlot(dstLevel), kvth::toSlot(dstX), kvth::toSlot(dstY), kvth::toSlot(dstZ), kvth::toSlot(srcWidth), kvth::toSlot(srcHeight), kvth::toSlot(srcDepth)});
+}
+KV_EXPORT void KV_APIENTRY glEnableiEXT(GLenum target, GLuint index) {
+    return kvth::call<void>(4260, {kvth::toSlot(target), kvth::toSlot(index)});
+}
+KV_EXPORT void KV_APIENTRY glDisableiEXT(GLenum target, GLuint index) {
+    return kvth::call<void>(4261, {kvth::toSlot(target), kvth::toSlot(index)});
+}
+KV_EXPORT void KV_APIENTRY glBlendEquationiEXT(GLuint buf, GLenum mode) {
+    return kvth::call<void>(4262, {kvth::toSlot(buf), kvth::toSlot(mode)});
+}
+KV_EXPORT void KV_APIENTRY glBlendEquationSeparateiEXT(GLuint buf, GLenum modeRGB, GLenum modeAlpha) {
+    return kvth::call<void>(4263, {kvth::toSlot(buf), kvth::toSlot(modeRGB), kvth::toSlot(modeAlpha)});
+}
+KV_EXPORT void KV_APIENTRY glBlendFunciEXT(GLuint buf, GLenum src, GLenum dst) {
+    return kvth::call<void>(4264, {kvth::toSlot(buf), kvth::toSlot(src), kvth::toSlot(dst)});
+}
+KV_EXPORT void KV_APIENTRY glBlendFuncSeparateiEXT(GLuint buf, GLenum srcRGB, GLenum dstRGB, GLenum srcAlpha, GLenum dstAlpha) {
+    return kvth::call<void>(4265, {kvth::toSlot(buf), kvth::toSlot(srcRGB), kvth::toSlot(dstRGB), kvth::toSlot(srcAlpha), kvth::toSlot(dstAlpha)});
+}
+KV_EXPORT void KV_APIENTRY glColorMaskiEXT(GLuint index, GLboolean r, GLboolean g, GLboolean b, GLboolean a) {
+    return kvth::call<void>(4266, {kvth::toSlot(index), kvth::toSlot(r), kvth::toSlot(g), kvth::toSlot(b), kvth::toSlot(a)});
+}
+KV_EXPORT GLboolean KV_APIENTRY glIsEnablediEXT(GLenum target, GLuint index) {
+    return kvth::call<GLboolean>(4267, {kvth::toSlot(target), kvth::toSlot(index)});
+}
+KV_EXPORT void KV_APIENTRY glFramebufferTextureEXT(GLenum target, GLenum attachment, GLuint texture, GLint level) {
+    return kvth::call<void>(4268, {kvth::toSlot(target), kvth::toSlot(attachment), kvth::toSlot(texture), kvth::toSlot(level)});
+}
+KV_EXPORT void KV_APIENTRY glPrimitiveBoundingBoxEXT(GLfloat minX, GLfloat minY, GLfloat minZ, GLfloat minW, GLfloat maxX, GLfloat maxY, GLfloat maxZ, GLfloat maxW) {
+    return kvth::call<void>(4269, {kvth::toSlot(minX), kvth::toSlot(minY), kvth::toSlot(minZ), kvth::toSlot(minW), kvth::toSlot(maxX), kvth::toSlot(maxY), kvth::toSlot(maxZ), kvth::toSlot(maxW)});
+}
+KV_EXPORT void KV_APIENTRY glPatchParameteriEXT(GLenum pname, GLint value) {
+    return kvth::call<void>(4270, {kvth::toSlot(pname), kvth::toSlot(value)});
+}
+KV_EXPORT void KV_APIENTRY glTexParameterIivEXT(GLenum target, GLenum pname, const GLint *params) {
+    return kvth::call<void>(4271, {kvth::toSlot(target), kvth::toSlot(pname), kvth::toSlot(params)});
+}
+KV_EXPORT void KV_APIENTRY glTexParameterIuivEXT(GLenum target, GLenum pname, const GLuint *params) {
+    return kvth::call<void>(4272, {kvth::toSlot(target), kvth::toSlot(pname), kvth::toSlot(params)});
+}
+KV_EXPORT void KV_APIENTRY glGetTexParameterIivEXT(GLenum target, GLenum pname, GLint *params) {
+    return kvth::call<void>(4273, {kvth::toSlot(target), kvth::toSlot(pname), kvth::toSlot(params)});
+}
+KV_EXPORT void KV_APIENTRY glGetTexParameterIuivEXT(GLenum target, GLenum pname, GLuint *params) {
+    return kvth::call<void>(4274, {kvth::toSlot(target), kvth::toSlot(pname), kvth::toSlot(params)});
+}
+KV_EXPORT void KV_APIENTRY glSamplerParameterIivEXT(GLuint sampler, GLenum pname, const GLint *param) {
+    return kvth::call<void>(4275, {kvth::toSlot(sampler), kvth::toSlot(pname), kvth::toSlot(param)});
+}
+KV_EXPORT void KV_APIENTRY glSamplerParameterIuivEXT(GLuint sampler, GLenum pname, const GLuint *param) {
+    return kvth::call<void>(4276, {kvth::toSlot(sampler), kvth::toSlot(pname), kvth::toSlot(param)});
+}
+KV_EXPORT void KV_APIENTRY glGetSamplerParameterIivEXT(GLuint sampler, GLenum pname, GLint *params) {
+    return kvth::call<void>(4277, {kvth::toSlot(sampler), kvth::toSlot(pname), kvth::toSlot(params)});
+}
+KV_EXPORT void KV_APIENTRY glGetSamplerParameterIuivEXT(GLuint sampler, GLenum pname, GLuint *params) {
+    return kvth::call<void>(4278, {kvth::toSlot(sampler), kvth::toSlot(pname), kvth::toSlot(params)});
+}
+KV_EXPORT void KV_APIENTRY glTexBufferEXT(GLenum target, GLenum internalformat, GLuint buffer) {
+    return kvth::call<void>(4279, {kvth::toSlot(target), kvth::toSlot(internalformat), kvth::toSlot(buffer)});
+}
+KV_EXPORT void KV_APIENTRY glTexBufferRangeEXT(GLenum target, GLenum internalformat, GLuint buffer, GLintptr offset, GLsizeiptr size) {
+    return kvth::call<void>(4280, {kvth::toSlot(target), kvth::toSlot(internalformat), kvth::toSlot(buffer), kvth::toSlot(offset), kvth::toSlot(size)});
+}
+KV_EXPORT void KV_APIENTRY glBufferStorageEXT(GLenum target, GLsizeiptr size, const void *data, GLbitfield flags) {
+    return kvth::call<void>(4281, {kvth::toSlot(target), kvth::toSlot(size), kvth::toSlot(data), kvth::toSlot(flags)});
+}
+KV_EXPORT void KV_APIENTRY glFramebufferPixelLocalStorageSizeEXT(GLuint target, GLsizei size) {
+    return kvth::call<void>(4282, {kvth::toSlot(target), kvth::toSlot(size)});
+}
+KV_EXPORT GLsizei KV_APIENTRY glGetFramebufferPixelLocalStorageSizeEXT(GLuint target) {
+    return kvth::call<GLsizei>(4283, {kvth::toSlot(target)});
+}
+KV_EXPORT void KV_APIENTRY glClearPixelLocalStorageuiEXT(GLsizei offset, GLsizei n, const GLuint *values) {
+    return kvth::call<void>(4284, {kvth::toSlot(offset), kvth::toSlot(n), kvth::toSlot(values)});
+}
+KV_EXPORT void KV_APIENTRY glDepthRangeArrayfvOES(GLuint first, GLsizei count, const GLfloat *v) {
+    return kvth::call<void>(4330, {kvth::toSlot(first), kvth::toSlot(count), kvth::toSlot(v)});
+}
+KV_EXPORT void KV_APIENTRY glDepthRangeIndexedfOES(GLuint index, GLfloat n, GLfloat f) {
+    return kvth::call<void>(4331, {kvth::toSlot(index), kvth::toSlot(n), kvth::toSlot(f)});
+}
+KV_EXPORT void KV_APIENTRY glGetFloati_vOES(GLenum target, GLuint index, GLfloat *data) {
+    return kvth::call<void>(4332, {kvth::toSlot(target), kvth::toSlot(index), kvth::toSlot(data)});
+}
+KV_EXPORT void KV_APIENTRY glScissorArrayvOES(GLuint first, GLsizei count, const GLint *v) {
+    return kvth::call<void>(4333, {kvth::toSlot(first), kvth::toSlot(count), kvth::toSlot(v)});
+}
+KV_EXPORT void KV_APIENTRY glScissorIndexedOES(GLuint index, GLint left, GLint bottom, GLsizei width, GLsizei height) {
+    return kvth::call<void>(4334, {kvth::toSlot(index), kvth::toSlot(left), kvth::toSlot(bottom), kvth::toSlot(width), kvth::toSlot(height)});
+}
+KV_EXPORT void KV_APIENTRY glScissorIndexedvOES(GLuint index, const GLint *v) {
+    return kvth::call<void>(4335, {kvth::toSlot(index), kvth::toSlot(v)});
+}
+KV_EXPORT void KV_APIENTRY glViewportArrayvOES(GLuint first, GLsizei count, const GLfloat *v) {
+    return kvth::call<void>(4336, {kvth::toSlot(first), kvth::toSlot(count), kvth::toSlot(v)});
+}
+KV_EXPORT void KV_APIENTRY glViewportIndexedfOES(GLuint index, GLfloat x, GLfloat y, GLfloat w, GLfloat h_) {
+    return kvth::call<void>(4337, {kvth::toSlot(index), kvth::toSlot(x), kvth::toSlot(y), kvth::toSlot(w), kvth::toSlot(h_)});
+}
+KV_EXPORT void KV_APIENTRY glViewportIndexedfvOES(GLuint index, const GLfloat *v) {
+    return kvth::call<void>(4338, {kvth::toSlot(index), kvth::toSlot(v)});
+}
+KV_EXPORT void KV_APIENTRY glFramebufferTextureMultiviewOVR(GLenum target, GLenum attachment, GLuint texture, GLint level, GLint baseViewIndex, GLsizei numViews) {
+    return kvth::call<void>(4339, {kvth::toSlot(target), kvth::toSlot(attachment), kvth::toSlot(texture), kvth::toSlot(level), kvth::toSlot(baseViewIndex), kvth::toSlot(numViews)});
+}
+KV_EXPORT void KV_APIENTRY glFramebufferTextureMultisampleMultiviewOVR(GLenum target, GLenum attachment, GLuint texture, GLint level, GLsizei samples, GLint baseViewIndex, GLsizei numViews) {
+    return kvth::call<void>(4340, {kvth::toSlot(target), kvth::toSlot(attachment), kvth::toSlot(texture), kvth::toSlot(level), kvth::toSlot(samples), kvth::toSlot(baseViewIndex), kvth::toSlot(numViews)});
+}
+KV_EXPORT void KV_APIENTRY glClearTexImageEXT(GLuint texture, GLint level, GLenum format, GLenum type, const void *data) {
+    return kvth::call<void>(4343, {kvth::toSlot(texture), kvth::toSlot(level), kvth::toSlot(format), kvth::toSlot(type), kvth::toSlot(data)});
+}
+KV_EXPORT void KV_APIENTRY glClearTexSubImageEXT(GLuint texture, GLint level, GLint xoffset, GLint yoffset, GLint zoffset, GLsizei width, GLsizei height, GLsizei depth, GLenum format, GLenum type, const void *data) {
+    return kvth::call<void>(4344, {kvth::toSlot(texture), kvth::toSlot(level), kvth::toSlot(xoffset), kvth::toSlot(yoffset), kvth::toSlot(zoffset), kvth::toSlot(width), kvth::toSlot(height), kvth::toSlot(depth), kvth::toSlot(format), kvth::toSlot(type), kvth::toSlot(data)});
+}
+KV_EXPORT void KV_APIENTRY glDrawElementsBaseVertexOES(GLenum mode, GLsizei count, GLenum type, const void *indices, GLint basevertex) {
+    return kvth::call<void>(4345, {kvth::toSlot(mode), kvth::toSlot(count), kvth::toSlot(type), kvth::toSlot(indices), kvth::toSlot(basevertex)});
+}
+KV_EXPORT void KV_APIENTRY glDrawRangeElementsBaseVertexOES(GLenum mode, GLuint start, GLuint end, GLsizei count, GLenum type, const void *indices, GLint basevertex) {
+    return kvth::call<void>(4346, {kvth::toSlot(mode), kvth::toSlot(start), kvth::toSlot(end), kvth::toSlot(count), kvth::toSlot(type), kvth::toSlot(indices), kvth::toSlot(basevertex)});
+}
+KV_EXPORT void KV_APIENTRY glDrawElementsInstancedBaseVertexOES(GLenum mode, GLsizei count, GLenum type, const void *indices, GLsizei instancecount, GLint basevertex) {
+    return kvth::call<void>(4347, {kvth::toSlot(mode), kvth::toSlot(count), kvth::toSlot(type), kvth::toSlot(indices), kvth::toSlot(instancecount), kvth::toSlot(basevertex)});
+}
+#endif
+
 } // extern "C"
 
 namespace kvth {
@@ -1794,6 +2647,290 @@ const Function kFunctions[] = {
     {7111, "glTexParameterIiv", kGles, 3, reinterpret_cast<void (*)()>(&glTexParameterIiv)},
     {7112, "glTexParameterIuiv", kGles, 3, reinterpret_cast<void (*)()>(&glTexParameterIuiv)},
     {7113, "glTexStorage3DMultisample", kGles, 7, reinterpret_cast<void (*)()>(&glTexStorage3DMultisample)},
+#endif
+#if !KVTH_OMIT_GLEXT_EXTENSIONS
+    {4001, "glDiscardFramebufferEXT", kGles, 3, reinterpret_cast<void (*)()>(&glDiscardFramebufferEXT)},
+    {4002, "glMultiDrawElementsEXT", kGles, 5, reinterpret_cast<void (*)()>(&glMultiDrawElementsEXT)},
+    {4003, "glMultiDrawArraysEXT", kGles, 4, reinterpret_cast<void (*)()>(&glMultiDrawArraysEXT)},
+    {4004, "glMapBufferOES", kGles, 2, reinterpret_cast<void (*)()>(&glMapBufferOES)},
+    {4005, "glUnmapBufferOES", kGles, 1, reinterpret_cast<void (*)()>(&glUnmapBufferOES)},
+    {4006, "glGetBufferPointervOES", kGles, 3, reinterpret_cast<void (*)()>(&glGetBufferPointervOES)},
+    {4007, "glBindVertexArrayOES", kGles, 1, reinterpret_cast<void (*)()>(&glBindVertexArrayOES)},
+    {4008, "glDeleteVertexArraysOES", kGles, 2, reinterpret_cast<void (*)()>(&glDeleteVertexArraysOES)},
+    {4009, "glGenVertexArraysOES", kGles, 2, reinterpret_cast<void (*)()>(&glGenVertexArraysOES)},
+    {4010, "glIsVertexArrayOES", kGles, 1, reinterpret_cast<void (*)()>(&glIsVertexArrayOES)},
+    {4011, "glCurrentPaletteMatrixOES", kGles, 1, reinterpret_cast<void (*)()>(&glCurrentPaletteMatrixOES)},
+    {4012, "glLoadPaletteFromModelViewMatrixOES", kGles, 0, reinterpret_cast<void (*)()>(&glLoadPaletteFromModelViewMatrixOES)},
+    {4013, "glMatrixIndexPointerOES", kGles, 4, reinterpret_cast<void (*)()>(&glMatrixIndexPointerOES)},
+    {4014, "glWeightPointerOES", kGles, 4, reinterpret_cast<void (*)()>(&glWeightPointerOES)},
+    {4015, "glIsRenderbufferOES", kGles, 1, reinterpret_cast<void (*)()>(&glIsRenderbufferOES)},
+    {4016, "glBindRenderbufferOES", kGles, 2, reinterpret_cast<void (*)()>(&glBindRenderbufferOES)},
+    {4017, "glDeleteRenderbuffersOES", kGles, 2, reinterpret_cast<void (*)()>(&glDeleteRenderbuffersOES)},
+    {4018, "glGenRenderbuffersOES", kGles, 2, reinterpret_cast<void (*)()>(&glGenRenderbuffersOES)},
+    {4019, "glRenderbufferStorageOES", kGles, 4, reinterpret_cast<void (*)()>(&glRenderbufferStorageOES)},
+    {4020, "glGetRenderbufferParameterivOES", kGles, 3, reinterpret_cast<void (*)()>(&glGetRenderbufferParameterivOES)},
+    {4021, "glIsFramebufferOES", kGles, 1, reinterpret_cast<void (*)()>(&glIsFramebufferOES)},
+    {4022, "glBindFramebufferOES", kGles, 2, reinterpret_cast<void (*)()>(&glBindFramebufferOES)},
+    {4023, "glDeleteFramebuffersOES", kGles, 2, reinterpret_cast<void (*)()>(&glDeleteFramebuffersOES)},
+    {4024, "glGenFramebuffersOES", kGles, 2, reinterpret_cast<void (*)()>(&glGenFramebuffersOES)},
+    {4025, "glCheckFramebufferStatusOES", kGles, 1, reinterpret_cast<void (*)()>(&glCheckFramebufferStatusOES)},
+    {4026, "glFramebufferTexture2DOES", kGles, 5, reinterpret_cast<void (*)()>(&glFramebufferTexture2DOES)},
+    {4027, "glFramebufferRenderbufferOES", kGles, 4, reinterpret_cast<void (*)()>(&glFramebufferRenderbufferOES)},
+    {4028, "glGetFramebufferAttachmentParameterivOES", kGles, 4, reinterpret_cast<void (*)()>(&glGetFramebufferAttachmentParameterivOES)},
+    {4029, "glGenerateMipmapOES", kGles, 1, reinterpret_cast<void (*)()>(&glGenerateMipmapOES)},
+    {4033, "glDeleteFencesNV", kGles, 2, reinterpret_cast<void (*)()>(&glDeleteFencesNV)},
+    {4034, "glFinishFenceNV", kGles, 1, reinterpret_cast<void (*)()>(&glFinishFenceNV)},
+    {4035, "glGenFencesNV", kGles, 2, reinterpret_cast<void (*)()>(&glGenFencesNV)},
+    {4036, "glGetFenceivNV", kGles, 3, reinterpret_cast<void (*)()>(&glGetFenceivNV)},
+    {4037, "glIsFenceNV", kGles, 1, reinterpret_cast<void (*)()>(&glIsFenceNV)},
+    {4038, "glSetFenceNV", kGles, 2, reinterpret_cast<void (*)()>(&glSetFenceNV)},
+    {4039, "glTestFenceNV", kGles, 1, reinterpret_cast<void (*)()>(&glTestFenceNV)},
+    {4040, "glEGLImageTargetRenderbufferStorageOES", kGles, 2, reinterpret_cast<void (*)()>(&glEGLImageTargetRenderbufferStorageOES)},
+    {4041, "glEGLImageTargetTexture2DOES", kGles, 2, reinterpret_cast<void (*)()>(&glEGLImageTargetTexture2DOES)},
+    {4042, "glAlphaFuncxOES", kGles, 2, reinterpret_cast<void (*)()>(&glAlphaFuncxOES)},
+    {4043, "glClearColorxOES", kGles, 4, reinterpret_cast<void (*)()>(&glClearColorxOES)},
+    {4044, "glClearDepthxOES", kGles, 1, reinterpret_cast<void (*)()>(&glClearDepthxOES)},
+    {4045, "glClipPlanexOES", kGles, 2, reinterpret_cast<void (*)()>(&glClipPlanexOES)},
+    {4046, "glColor4xOES", kGles, 4, reinterpret_cast<void (*)()>(&glColor4xOES)},
+    {4047, "glDepthRangexOES", kGles, 2, reinterpret_cast<void (*)()>(&glDepthRangexOES)},
+    {4048, "glFogxOES", kGles, 2, reinterpret_cast<void (*)()>(&glFogxOES)},
+    {4049, "glFogxvOES", kGles, 2, reinterpret_cast<void (*)()>(&glFogxvOES)},
+    {4050, "glFrustumxOES", kGles, 6, reinterpret_cast<void (*)()>(&glFrustumxOES)},
+    {4051, "glGetClipPlanexOES", kGles, 2, reinterpret_cast<void (*)()>(&glGetClipPlanexOES)},
+    {4052, "glGetFixedvOES", kGles, 2, reinterpret_cast<void (*)()>(&glGetFixedvOES)},
+    {4053, "glGetLightxvOES", kGles, 3, reinterpret_cast<void (*)()>(&glGetLightxvOES)},
+    {4054, "glGetMaterialxvOES", kGles, 3, reinterpret_cast<void (*)()>(&glGetMaterialxvOES)},
+    {4055, "glGetTexEnvxvOES", kGles, 3, reinterpret_cast<void (*)()>(&glGetTexEnvxvOES)},
+    {4056, "glGetTexParameterxvOES", kGles, 3, reinterpret_cast<void (*)()>(&glGetTexParameterxvOES)},
+    {4057, "glLightModelxOES", kGles, 2, reinterpret_cast<void (*)()>(&glLightModelxOES)},
+    {4058, "glLightModelxvOES", kGles, 2, reinterpret_cast<void (*)()>(&glLightModelxvOES)},
+    {4059, "glLightxOES", kGles, 3, reinterpret_cast<void (*)()>(&glLightxOES)},
+    {4060, "glLightxvOES", kGles, 3, reinterpret_cast<void (*)()>(&glLightxvOES)},
+    {4061, "glLineWidthxOES", kGles, 1, reinterpret_cast<void (*)()>(&glLineWidthxOES)},
+    {4062, "glLoadMatrixxOES", kGles, 1, reinterpret_cast<void (*)()>(&glLoadMatrixxOES)},
+    {4063, "glMaterialxOES", kGles, 3, reinterpret_cast<void (*)()>(&glMaterialxOES)},
+    {4064, "glMaterialxvOES", kGles, 3, reinterpret_cast<void (*)()>(&glMaterialxvOES)},
+    {4065, "glMultMatrixxOES", kGles, 1, reinterpret_cast<void (*)()>(&glMultMatrixxOES)},
+    {4066, "glMultiTexCoord4xOES", kGles, 5, reinterpret_cast<void (*)()>(&glMultiTexCoord4xOES)},
+    {4067, "glNormal3xOES", kGles, 3, reinterpret_cast<void (*)()>(&glNormal3xOES)},
+    {4068, "glOrthoxOES", kGles, 6, reinterpret_cast<void (*)()>(&glOrthoxOES)},
+    {4069, "glPointParameterxOES", kGles, 2, reinterpret_cast<void (*)()>(&glPointParameterxOES)},
+    {4070, "glPointParameterxvOES", kGles, 2, reinterpret_cast<void (*)()>(&glPointParameterxvOES)},
+    {4071, "glPointSizexOES", kGles, 1, reinterpret_cast<void (*)()>(&glPointSizexOES)},
+    {4072, "glPolygonOffsetxOES", kGles, 2, reinterpret_cast<void (*)()>(&glPolygonOffsetxOES)},
+    {4073, "glRotatexOES", kGles, 4, reinterpret_cast<void (*)()>(&glRotatexOES)},
+    {4074, "glSampleCoveragexOES", kGles, 2, reinterpret_cast<void (*)()>(&glSampleCoveragexOES)},
+    {4075, "glScalexOES", kGles, 3, reinterpret_cast<void (*)()>(&glScalexOES)},
+    {4076, "glTexEnvxOES", kGles, 3, reinterpret_cast<void (*)()>(&glTexEnvxOES)},
+    {4077, "glTexEnvxvOES", kGles, 3, reinterpret_cast<void (*)()>(&glTexEnvxvOES)},
+    {4078, "glTexParameterxOES", kGles, 3, reinterpret_cast<void (*)()>(&glTexParameterxOES)},
+    {4079, "glTexParameterxvOES", kGles, 3, reinterpret_cast<void (*)()>(&glTexParameterxvOES)},
+    {4080, "glTranslatexOES", kGles, 3, reinterpret_cast<void (*)()>(&glTranslatexOES)},
+    {4081, "glDrawTexfOES", kGles, 5, reinterpret_cast<void (*)()>(&glDrawTexfOES)},
+    {4082, "glDrawTexfvOES", kGles, 1, reinterpret_cast<void (*)()>(&glDrawTexfvOES)},
+    {4083, "glDrawTexiOES", kGles, 5, reinterpret_cast<void (*)()>(&glDrawTexiOES)},
+    {4084, "glDrawTexivOES", kGles, 1, reinterpret_cast<void (*)()>(&glDrawTexivOES)},
+    {4085, "glDrawTexsOES", kGles, 5, reinterpret_cast<void (*)()>(&glDrawTexsOES)},
+    {4086, "glDrawTexsvOES", kGles, 1, reinterpret_cast<void (*)()>(&glDrawTexsvOES)},
+    {4087, "glDrawTexxOES", kGles, 5, reinterpret_cast<void (*)()>(&glDrawTexxOES)},
+    {4088, "glDrawTexxvOES", kGles, 1, reinterpret_cast<void (*)()>(&glDrawTexxvOES)},
+    {4091, "glGetPerfMonitorGroupsAMD", kGles, 3, reinterpret_cast<void (*)()>(&glGetPerfMonitorGroupsAMD)},
+    {4092, "glGetPerfMonitorCountersAMD", kGles, 5, reinterpret_cast<void (*)()>(&glGetPerfMonitorCountersAMD)},
+    {4093, "glGetPerfMonitorGroupStringAMD", kGles, 4, reinterpret_cast<void (*)()>(&glGetPerfMonitorGroupStringAMD)},
+    {4094, "glGetPerfMonitorCounterStringAMD", kGles, 5, reinterpret_cast<void (*)()>(&glGetPerfMonitorCounterStringAMD)},
+    {4095, "glGetPerfMonitorCounterInfoAMD", kGles, 4, reinterpret_cast<void (*)()>(&glGetPerfMonitorCounterInfoAMD)},
+    {4096, "glGenPerfMonitorsAMD", kGles, 2, reinterpret_cast<void (*)()>(&glGenPerfMonitorsAMD)},
+    {4097, "glDeletePerfMonitorsAMD", kGles, 2, reinterpret_cast<void (*)()>(&glDeletePerfMonitorsAMD)},
+    {4098, "glSelectPerfMonitorCountersAMD", kGles, 5, reinterpret_cast<void (*)()>(&glSelectPerfMonitorCountersAMD)},
+    {4099, "glBeginPerfMonitorAMD", kGles, 1, reinterpret_cast<void (*)()>(&glBeginPerfMonitorAMD)},
+    {4100, "glEndPerfMonitorAMD", kGles, 1, reinterpret_cast<void (*)()>(&glEndPerfMonitorAMD)},
+    {4101, "glGetPerfMonitorCounterDataAMD", kGles, 5, reinterpret_cast<void (*)()>(&glGetPerfMonitorCounterDataAMD)},
+    {4102, "glBlitFramebufferANGLE", kGles, 10, reinterpret_cast<void (*)()>(&glBlitFramebufferANGLE)},
+    {4103, "glRenderbufferStorageMultisampleANGLE", kGles, 5, reinterpret_cast<void (*)()>(&glRenderbufferStorageMultisampleANGLE)},
+    {4104, "glRenderbufferStorageMultisampleAPPLE", kGles, 5, reinterpret_cast<void (*)()>(&glRenderbufferStorageMultisampleAPPLE)},
+    {4105, "glResolveMultisampleFramebufferAPPLE", kGles, 0, reinterpret_cast<void (*)()>(&glResolveMultisampleFramebufferAPPLE)},
+    {4106, "glCoverageMaskNV", kGles, 1, reinterpret_cast<void (*)()>(&glCoverageMaskNV)},
+    {4107, "glCoverageOperationNV", kGles, 1, reinterpret_cast<void (*)()>(&glCoverageOperationNV)},
+    {4108, "glGetDriverControlsQCOM", kGles, 3, reinterpret_cast<void (*)()>(&glGetDriverControlsQCOM)},
+    {4109, "glGetDriverControlStringQCOM", kGles, 4, reinterpret_cast<void (*)()>(&glGetDriverControlStringQCOM)},
+    {4110, "glEnableDriverControlQCOM", kGles, 1, reinterpret_cast<void (*)()>(&glEnableDriverControlQCOM)},
+    {4111, "glDisableDriverControlQCOM", kGles, 1, reinterpret_cast<void (*)()>(&glDisableDriverControlQCOM)},
+    {4112, "glExtGetTexturesQCOM", kGles, 3, reinterpret_cast<void (*)()>(&glExtGetTexturesQCOM)},
+    {4113, "glExtGetBuffersQCOM", kGles, 3, reinterpret_cast<void (*)()>(&glExtGetBuffersQCOM)},
+    {4114, "glExtGetRenderbuffersQCOM", kGles, 3, reinterpret_cast<void (*)()>(&glExtGetRenderbuffersQCOM)},
+    {4115, "glExtGetFramebuffersQCOM", kGles, 3, reinterpret_cast<void (*)()>(&glExtGetFramebuffersQCOM)},
+    {4116, "glExtGetTexLevelParameterivQCOM", kGles, 5, reinterpret_cast<void (*)()>(&glExtGetTexLevelParameterivQCOM)},
+    {4117, "glExtTexObjectStateOverrideiQCOM", kGles, 3, reinterpret_cast<void (*)()>(&glExtTexObjectStateOverrideiQCOM)},
+    {4118, "glExtGetTexSubImageQCOM", kGles, 11, reinterpret_cast<void (*)()>(&glExtGetTexSubImageQCOM)},
+    {4119, "glExtGetBufferPointervQCOM", kGles, 2, reinterpret_cast<void (*)()>(&glExtGetBufferPointervQCOM)},
+    {4120, "glExtGetShadersQCOM", kGles, 3, reinterpret_cast<void (*)()>(&glExtGetShadersQCOM)},
+    {4121, "glExtGetProgramsQCOM", kGles, 3, reinterpret_cast<void (*)()>(&glExtGetProgramsQCOM)},
+    {4122, "glExtIsProgramBinaryQCOM", kGles, 1, reinterpret_cast<void (*)()>(&glExtIsProgramBinaryQCOM)},
+    {4123, "glExtGetProgramBinarySourceQCOM", kGles, 4, reinterpret_cast<void (*)()>(&glExtGetProgramBinarySourceQCOM)},
+    {4124, "glStartTilingQCOM", kGles, 5, reinterpret_cast<void (*)()>(&glStartTilingQCOM)},
+    {4125, "glEndTilingQCOM", kGles, 1, reinterpret_cast<void (*)()>(&glEndTilingQCOM)},
+    {4126, "glGetProgramBinaryOES", kGles, 5, reinterpret_cast<void (*)()>(&glGetProgramBinaryOES)},
+    {4127, "glProgramBinaryOES", kGles, 4, reinterpret_cast<void (*)()>(&glProgramBinaryOES)},
+    {4128, "glTexImage3DOES", kGles, 10, reinterpret_cast<void (*)()>(&glTexImage3DOES)},
+    {4129, "glTexSubImage3DOES", kGles, 11, reinterpret_cast<void (*)()>(&glTexSubImage3DOES)},
+    {4130, "glCopyTexSubImage3DOES", kGles, 9, reinterpret_cast<void (*)()>(&glCopyTexSubImage3DOES)},
+    {4131, "glCompressedTexImage3DOES", kGles, 9, reinterpret_cast<void (*)()>(&glCompressedTexImage3DOES)},
+    {4132, "glCompressedTexSubImage3DOES", kGles, 11, reinterpret_cast<void (*)()>(&glCompressedTexSubImage3DOES)},
+    {4133, "glFramebufferTexture3DOES", kGles, 6, reinterpret_cast<void (*)()>(&glFramebufferTexture3DOES)},
+    {4134, "glBlendEquationSeparateOES", kGles, 2, reinterpret_cast<void (*)()>(&glBlendEquationSeparateOES)},
+    {4135, "glBlendFuncSeparateOES", kGles, 4, reinterpret_cast<void (*)()>(&glBlendFuncSeparateOES)},
+    {4136, "glBlendEquationOES", kGles, 1, reinterpret_cast<void (*)()>(&glBlendEquationOES)},
+    {4137, "glQueryMatrixxOES", kGles, 2, reinterpret_cast<void (*)()>(&glQueryMatrixxOES)},
+    {4138, "glDepthRangefOES", kGles, 2, reinterpret_cast<void (*)()>(&glDepthRangefOES)},
+    {4139, "glFrustumfOES", kGles, 6, reinterpret_cast<void (*)()>(&glFrustumfOES)},
+    {4140, "glOrthofOES", kGles, 6, reinterpret_cast<void (*)()>(&glOrthofOES)},
+    {4141, "glClipPlanefOES", kGles, 2, reinterpret_cast<void (*)()>(&glClipPlanefOES)},
+    {4142, "glClearDepthfOES", kGles, 1, reinterpret_cast<void (*)()>(&glClearDepthfOES)},
+    {4143, "glTexGenfOES", kGles, 3, reinterpret_cast<void (*)()>(&glTexGenfOES)},
+    {4144, "glGetClipPlanefOES", kGles, 2, reinterpret_cast<void (*)()>(&glGetClipPlanefOES)},
+    {4145, "glTexGenfvOES", kGles, 3, reinterpret_cast<void (*)()>(&glTexGenfvOES)},
+    {4146, "glTexGeniOES", kGles, 3, reinterpret_cast<void (*)()>(&glTexGeniOES)},
+    {4147, "glTexGenivOES", kGles, 3, reinterpret_cast<void (*)()>(&glTexGenivOES)},
+    {4148, "glTexGenxOES", kGles, 3, reinterpret_cast<void (*)()>(&glTexGenxOES)},
+    {4149, "glTexGenxvOES", kGles, 3, reinterpret_cast<void (*)()>(&glTexGenxvOES)},
+    {4150, "glGetTexGenfvOES", kGles, 3, reinterpret_cast<void (*)()>(&glGetTexGenfvOES)},
+    {4151, "glGetTexGenivOES", kGles, 3, reinterpret_cast<void (*)()>(&glGetTexGenivOES)},
+    {4152, "glGetTexGenxvOES", kGles, 3, reinterpret_cast<void (*)()>(&glGetTexGenxvOES)},
+    {4155, "glCopyTextureLevelsAPPLE", kGles, 4, reinterpret_cast<void (*)()>(&glCopyTextureLevelsAPPLE)},
+    {4156, "glFenceSyncAPPLE", kGles, 2, reinterpret_cast<void (*)()>(&glFenceSyncAPPLE)},
+    {4157, "glIsSyncAPPLE", kGles, 1, reinterpret_cast<void (*)()>(&glIsSyncAPPLE)},
+    {4158, "glDeleteSyncAPPLE", kGles, 1, reinterpret_cast<void (*)()>(&glDeleteSyncAPPLE)},
+    {4159, "glClientWaitSyncAPPLE", kGles, 3, reinterpret_cast<void (*)()>(&glClientWaitSyncAPPLE)},
+    {4160, "glWaitSyncAPPLE", kGles, 3, reinterpret_cast<void (*)()>(&glWaitSyncAPPLE)},
+    {4161, "glGetInteger64vAPPLE", kGles, 2, reinterpret_cast<void (*)()>(&glGetInteger64vAPPLE)},
+    {4162, "glGetSyncivAPPLE", kGles, 5, reinterpret_cast<void (*)()>(&glGetSyncivAPPLE)},
+    {4163, "glMapBufferRangeEXT", kGles, 4, reinterpret_cast<void (*)()>(&glMapBufferRangeEXT)},
+    {4164, "glFlushMappedBufferRangeEXT", kGles, 3, reinterpret_cast<void (*)()>(&glFlushMappedBufferRangeEXT)},
+    {4165, "glRenderbufferStorageMultisampleEXT", kGles, 5, reinterpret_cast<void (*)()>(&glRenderbufferStorageMultisampleEXT)},
+    {4166, "glFramebufferTexture2DMultisampleEXT", kGles, 6, reinterpret_cast<void (*)()>(&glFramebufferTexture2DMultisampleEXT)},
+    {4167, "glGetGraphicsResetStatusEXT", kGles, 0, reinterpret_cast<void (*)()>(&glGetGraphicsResetStatusEXT)},
+    {4168, "glReadnPixelsEXT", kGles, 8, reinterpret_cast<void (*)()>(&glReadnPixelsEXT)},
+    {4169, "glGetnUniformfvEXT", kGles, 4, reinterpret_cast<void (*)()>(&glGetnUniformfvEXT)},
+    {4170, "glGetnUniformivEXT", kGles, 4, reinterpret_cast<void (*)()>(&glGetnUniformivEXT)},
+    {4171, "glTexStorage1DEXT", kGles, 4, reinterpret_cast<void (*)()>(&glTexStorage1DEXT)},
+    {4172, "glTexStorage2DEXT", kGles, 5, reinterpret_cast<void (*)()>(&glTexStorage2DEXT)},
+    {4173, "glTexStorage3DEXT", kGles, 6, reinterpret_cast<void (*)()>(&glTexStorage3DEXT)},
+    {4174, "glTextureStorage1DEXT", kGles, 5, reinterpret_cast<void (*)()>(&glTextureStorage1DEXT)},
+    {4175, "glTextureStorage2DEXT", kGles, 6, reinterpret_cast<void (*)()>(&glTextureStorage2DEXT)},
+    {4176, "glTextureStorage3DEXT", kGles, 7, reinterpret_cast<void (*)()>(&glTextureStorage3DEXT)},
+    {4188, "glDrawArraysInstancedANGLE", kGles, 4, reinterpret_cast<void (*)()>(&glDrawArraysInstancedANGLE)},
+    {4189, "glDrawElementsInstancedANGLE", kGles, 5, reinterpret_cast<void (*)()>(&glDrawElementsInstancedANGLE)},
+    {4190, "glVertexAttribDivisorANGLE", kGles, 2, reinterpret_cast<void (*)()>(&glVertexAttribDivisorANGLE)},
+    {4191, "glGetTranslatedShaderSourceANGLE", kGles, 4, reinterpret_cast<void (*)()>(&glGetTranslatedShaderSourceANGLE)},
+    {4192, "glLabelObjectEXT", kGles, 4, reinterpret_cast<void (*)()>(&glLabelObjectEXT)},
+    {4193, "glGetObjectLabelEXT", kGles, 5, reinterpret_cast<void (*)()>(&glGetObjectLabelEXT)},
+    {4194, "glInsertEventMarkerEXT", kGles, 2, reinterpret_cast<void (*)()>(&glInsertEventMarkerEXT)},
+    {4195, "glPushGroupMarkerEXT", kGles, 2, reinterpret_cast<void (*)()>(&glPushGroupMarkerEXT)},
+    {4196, "glPopGroupMarkerEXT", kGles, 0, reinterpret_cast<void (*)()>(&glPopGroupMarkerEXT)},
+    {4197, "glGenQueriesEXT", kGles, 2, reinterpret_cast<void (*)()>(&glGenQueriesEXT)},
+    {4198, "glDeleteQueriesEXT", kGles, 2, reinterpret_cast<void (*)()>(&glDeleteQueriesEXT)},
+    {4199, "glIsQueryEXT", kGles, 1, reinterpret_cast<void (*)()>(&glIsQueryEXT)},
+    {4200, "glBeginQueryEXT", kGles, 2, reinterpret_cast<void (*)()>(&glBeginQueryEXT)},
+    {4201, "glEndQueryEXT", kGles, 1, reinterpret_cast<void (*)()>(&glEndQueryEXT)},
+    {4202, "glGetQueryivEXT", kGles, 3, reinterpret_cast<void (*)()>(&glGetQueryivEXT)},
+    {4203, "glGetQueryObjectuivEXT", kGles, 3, reinterpret_cast<void (*)()>(&glGetQueryObjectuivEXT)},
+    {4204, "glUseProgramStagesEXT", kGles, 3, reinterpret_cast<void (*)()>(&glUseProgramStagesEXT)},
+    {4205, "glActiveShaderProgramEXT", kGles, 2, reinterpret_cast<void (*)()>(&glActiveShaderProgramEXT)},
+    {4206, "glCreateShaderProgramvEXT", kGles, 3, reinterpret_cast<void (*)()>(&glCreateShaderProgramvEXT)},
+    {4207, "glBindProgramPipelineEXT", kGles, 1, reinterpret_cast<void (*)()>(&glBindProgramPipelineEXT)},
+    {4208, "glDeleteProgramPipelinesEXT", kGles, 2, reinterpret_cast<void (*)()>(&glDeleteProgramPipelinesEXT)},
+    {4209, "glGenProgramPipelinesEXT", kGles, 2, reinterpret_cast<void (*)()>(&glGenProgramPipelinesEXT)},
+    {4210, "glIsProgramPipelineEXT", kGles, 1, reinterpret_cast<void (*)()>(&glIsProgramPipelineEXT)},
+    {4211, "glProgramParameteriEXT", kGles, 3, reinterpret_cast<void (*)()>(&glProgramParameteriEXT)},
+    {4212, "glGetProgramPipelineivEXT", kGles, 3, reinterpret_cast<void (*)()>(&glGetProgramPipelineivEXT)},
+    {4213, "glProgramUniform1iEXT", kGles, 3, reinterpret_cast<void (*)()>(&glProgramUniform1iEXT)},
+    {4214, "glProgramUniform2iEXT", kGles, 4, reinterpret_cast<void (*)()>(&glProgramUniform2iEXT)},
+    {4215, "glProgramUniform3iEXT", kGles, 5, reinterpret_cast<void (*)()>(&glProgramUniform3iEXT)},
+    {4216, "glProgramUniform4iEXT", kGles, 6, reinterpret_cast<void (*)()>(&glProgramUniform4iEXT)},
+    {4217, "glProgramUniform1fEXT", kGles, 3, reinterpret_cast<void (*)()>(&glProgramUniform1fEXT)},
+    {4218, "glProgramUniform2fEXT", kGles, 4, reinterpret_cast<void (*)()>(&glProgramUniform2fEXT)},
+    {4219, "glProgramUniform3fEXT", kGles, 5, reinterpret_cast<void (*)()>(&glProgramUniform3fEXT)},
+    {4220, "glProgramUniform4fEXT", kGles, 6, reinterpret_cast<void (*)()>(&glProgramUniform4fEXT)},
+    {4221, "glProgramUniform1ivEXT", kGles, 4, reinterpret_cast<void (*)()>(&glProgramUniform1ivEXT)},
+    {4222, "glProgramUniform2ivEXT", kGles, 4, reinterpret_cast<void (*)()>(&glProgramUniform2ivEXT)},
+    {4223, "glProgramUniform3ivEXT", kGles, 4, reinterpret_cast<void (*)()>(&glProgramUniform3ivEXT)},
+    {4224, "glProgramUniform4ivEXT", kGles, 4, reinterpret_cast<void (*)()>(&glProgramUniform4ivEXT)},
+    {4225, "glProgramUniform1fvEXT", kGles, 4, reinterpret_cast<void (*)()>(&glProgramUniform1fvEXT)},
+    {4226, "glProgramUniform2fvEXT", kGles, 4, reinterpret_cast<void (*)()>(&glProgramUniform2fvEXT)},
+    {4227, "glProgramUniform3fvEXT", kGles, 4, reinterpret_cast<void (*)()>(&glProgramUniform3fvEXT)},
+    {4228, "glProgramUniform4fvEXT", kGles, 4, reinterpret_cast<void (*)()>(&glProgramUniform4fvEXT)},
+    {4229, "glProgramUniformMatrix2fvEXT", kGles, 5, reinterpret_cast<void (*)()>(&glProgramUniformMatrix2fvEXT)},
+    {4230, "glProgramUniformMatrix3fvEXT", kGles, 5, reinterpret_cast<void (*)()>(&glProgramUniformMatrix3fvEXT)},
+    {4231, "glProgramUniformMatrix4fvEXT", kGles, 5, reinterpret_cast<void (*)()>(&glProgramUniformMatrix4fvEXT)},
+    {4232, "glValidateProgramPipelineEXT", kGles, 1, reinterpret_cast<void (*)()>(&glValidateProgramPipelineEXT)},
+    {4233, "glGetProgramPipelineInfoLogEXT", kGles, 4, reinterpret_cast<void (*)()>(&glGetProgramPipelineInfoLogEXT)},
+    {4234, "glAlphaFuncQCOM", kGles, 2, reinterpret_cast<void (*)()>(&glAlphaFuncQCOM)},
+    {4235, "glReadBufferNV", kGles, 1, reinterpret_cast<void (*)()>(&glReadBufferNV)},
+    {4236, "glDrawBuffersNV", kGles, 2, reinterpret_cast<void (*)()>(&glDrawBuffersNV)},
+    {4237, "glReadBufferIndexedEXT", kGles, 2, reinterpret_cast<void (*)()>(&glReadBufferIndexedEXT)},
+    {4238, "glDrawBuffersIndexedEXT", kGles, 3, reinterpret_cast<void (*)()>(&glDrawBuffersIndexedEXT)},
+    {4239, "glGetIntegeri_vEXT", kGles, 3, reinterpret_cast<void (*)()>(&glGetIntegeri_vEXT)},
+    {4240, "glDrawBuffersEXT", kGles, 2, reinterpret_cast<void (*)()>(&glDrawBuffersEXT)},
+    {4241, "glBlendEquationEXT", kGles, 1, reinterpret_cast<void (*)()>(&glBlendEquationEXT)},
+    {4242, "glBlendBarrierKHR", kGles, 0, reinterpret_cast<void (*)()>(&glBlendBarrierKHR)},
+    {4243, "glTexStorage3DMultisampleOES", kGles, 7, reinterpret_cast<void (*)()>(&glTexStorage3DMultisampleOES)},
+    {4244, "glProgramUniform1uiEXT", kGles, 3, reinterpret_cast<void (*)()>(&glProgramUniform1uiEXT)},
+    {4245, "glProgramUniform2uiEXT", kGles, 4, reinterpret_cast<void (*)()>(&glProgramUniform2uiEXT)},
+    {4246, "glProgramUniform3uiEXT", kGles, 5, reinterpret_cast<void (*)()>(&glProgramUniform3uiEXT)},
+    {4247, "glProgramUniform4uiEXT", kGles, 6, reinterpret_cast<void (*)()>(&glProgramUniform4uiEXT)},
+    {4248, "glProgramUniform1uivEXT", kGles, 4, reinterpret_cast<void (*)()>(&glProgramUniform1uivEXT)},
+    {4249, "glProgramUniform2uivEXT", kGles, 4, reinterpret_cast<void (*)()>(&glProgramUniform2uivEXT)},
+    {4250, "glProgramUniform3uivEXT", kGles, 4, reinterpret_cast<void (*)()>(&glProgramUniform3uivEXT)},
+    {4251, "glProgramUniform4uivEXT", kGles, 4, reinterpret_cast<void (*)()>(&glProgramUniform4uivEXT)},
+    {4252, "glProgramUniformMatrix2x3fvEXT", kGles, 5, reinterpret_cast<void (*)()>(&glProgramUniformMatrix2x3fvEXT)},
+    {4253, "glProgramUniformMatrix3x2fvEXT", kGles, 5, reinterpret_cast<void (*)()>(&glProgramUniformMatrix3x2fvEXT)},
+    {4254, "glProgramUniformMatrix2x4fvEXT", kGles, 5, reinterpret_cast<void (*)()>(&glProgramUniformMatrix2x4fvEXT)},
+    {4255, "glProgramUniformMatrix4x2fvEXT", kGles, 5, reinterpret_cast<void (*)()>(&glProgramUniformMatrix4x2fvEXT)},
+    {4256, "glProgramUniformMatrix3x4fvEXT", kGles, 5, reinterpret_cast<void (*)()>(&glProgramUniformMatrix3x4fvEXT)},
+    {4257, "glProgramUniformMatrix4x3fvEXT", kGles, 5, reinterpret_cast<void (*)()>(&glProgramUniformMatrix4x3fvEXT)},
+    {4258, "glMinSampleShadingOES", kGles, 1, reinterpret_cast<void (*)()>(&glMinSampleShadingOES)},
+    {4259, "glCopyImageSubDataEXT", kGles, 15, reinterpret_cast<void (*)()>(&glCopyImageSubDataEXT)},
+    {4260, "glEnableiEXT", kGles, 2, reinterpret_cast<void (*)()>(&glEnableiEXT)},
+    {4261, "glDisableiEXT", kGles, 2, reinterpret_cast<void (*)()>(&glDisableiEXT)},
+    {4262, "glBlendEquationiEXT", kGles, 2, reinterpret_cast<void (*)()>(&glBlendEquationiEXT)},
+    {4263, "glBlendEquationSeparateiEXT", kGles, 3, reinterpret_cast<void (*)()>(&glBlendEquationSeparateiEXT)},
+    {4264, "glBlendFunciEXT", kGles, 3, reinterpret_cast<void (*)()>(&glBlendFunciEXT)},
+    {4265, "glBlendFuncSeparateiEXT", kGles, 5, reinterpret_cast<void (*)()>(&glBlendFuncSeparateiEXT)},
+    {4266, "glColorMaskiEXT", kGles, 5, reinterpret_cast<void (*)()>(&glColorMaskiEXT)},
+    {4267, "glIsEnablediEXT", kGles, 2, reinterpret_cast<void (*)()>(&glIsEnablediEXT)},
+    {4268, "glFramebufferTextureEXT", kGles, 4, reinterpret_cast<void (*)()>(&glFramebufferTextureEXT)},
+    {4269, "glPrimitiveBoundingBoxEXT", kGles, 8, reinterpret_cast<void (*)()>(&glPrimitiveBoundingBoxEXT)},
+    {4270, "glPatchParameteriEXT", kGles, 2, reinterpret_cast<void (*)()>(&glPatchParameteriEXT)},
+    {4271, "glTexParameterIivEXT", kGles, 3, reinterpret_cast<void (*)()>(&glTexParameterIivEXT)},
+    {4272, "glTexParameterIuivEXT", kGles, 3, reinterpret_cast<void (*)()>(&glTexParameterIuivEXT)},
+    {4273, "glGetTexParameterIivEXT", kGles, 3, reinterpret_cast<void (*)()>(&glGetTexParameterIivEXT)},
+    {4274, "glGetTexParameterIuivEXT", kGles, 3, reinterpret_cast<void (*)()>(&glGetTexParameterIuivEXT)},
+    {4275, "glSamplerParameterIivEXT", kGles, 3, reinterpret_cast<void (*)()>(&glSamplerParameterIivEXT)},
+    {4276, "glSamplerParameterIuivEXT", kGles, 3, reinterpret_cast<void (*)()>(&glSamplerParameterIuivEXT)},
+    {4277, "glGetSamplerParameterIivEXT", kGles, 3, reinterpret_cast<void (*)()>(&glGetSamplerParameterIivEXT)},
+    {4278, "glGetSamplerParameterIuivEXT", kGles, 3, reinterpret_cast<void (*)()>(&glGetSamplerParameterIuivEXT)},
+    {4279, "glTexBufferEXT", kGles, 3, reinterpret_cast<void (*)()>(&glTexBufferEXT)},
+    {4280, "glTexBufferRangeEXT", kGles, 5, reinterpret_cast<void (*)()>(&glTexBufferRangeEXT)},
+    {4281, "glBufferStorageEXT", kGles, 4, reinterpret_cast<void (*)()>(&glBufferStorageEXT)},
+    {4282, "glFramebufferPixelLocalStorageSizeEXT", kGles, 2, reinterpret_cast<void (*)()>(&glFramebufferPixelLocalStorageSizeEXT)},
+    {4283, "glGetFramebufferPixelLocalStorageSizeEXT", kGles, 1, reinterpret_cast<void (*)()>(&glGetFramebufferPixelLocalStorageSizeEXT)},
+    {4284, "glClearPixelLocalStorageuiEXT", kGles, 3, reinterpret_cast<void (*)()>(&glClearPixelLocalStorageuiEXT)},
+    {4330, "glDepthRangeArrayfvOES", kGles, 3, reinterpret_cast<void (*)()>(&glDepthRangeArrayfvOES)},
+    {4331, "glDepthRangeIndexedfOES", kGles, 3, reinterpret_cast<void (*)()>(&glDepthRangeIndexedfOES)},
+    {4332, "glGetFloati_vOES", kGles, 3, reinterpret_cast<void (*)()>(&glGetFloati_vOES)},
+    {4333, "glScissorArrayvOES", kGles, 3, reinterpret_cast<void (*)()>(&glScissorArrayvOES)},
+    {4334, "glScissorIndexedOES", kGles, 5, reinterpret_cast<void (*)()>(&glScissorIndexedOES)},
+    {4335, "glScissorIndexedvOES", kGles, 2, reinterpret_cast<void (*)()>(&glScissorIndexedvOES)},
+    {4336, "glViewportArrayvOES", kGles, 3, reinterpret_cast<void (*)()>(&glViewportArrayvOES)},
+    {4337, "glViewportIndexedfOES", kGles, 5, reinterpret_cast<void (*)()>(&glViewportIndexedfOES)},
+    {4338, "glViewportIndexedfvOES", kGles, 2, reinterpret_cast<void (*)()>(&glViewportIndexedfvOES)},
+    {4339, "glFramebufferTextureMultiviewOVR", kGles, 6, reinterpret_cast<void (*)()>(&glFramebufferTextureMultiviewOVR)},
+    {4340, "glFramebufferTextureMultisampleMultiviewOVR", kGles, 7, reinterpret_cast<void (*)()>(&glFramebufferTextureMultisampleMultiviewOVR)},
+    {4343, "glClearTexImageEXT", kGles, 5, reinterpret_cast<void (*)()>(&glClearTexImageEXT)},
+    {4344, "glClearTexSubImageEXT", kGles, 11, reinterpret_cast<void (*)()>(&glClearTexSubImageEXT)},
+    {4345, "glDrawElementsBaseVertexOES", kGles, 5, reinterpret_cast<void (*)()>(&glDrawElementsBaseVertexOES)},
+    {4346, "glDrawRangeElementsBaseVertexOES", kGles, 7, reinterpret_cast<void (*)()>(&glDrawRangeElementsBaseVertexOES)},
+    {4347, "glDrawElementsInstancedBaseVertexOES", kGles, 6, reinterpret_cast<void (*)()>(&glDrawElementsInstancedBaseVertexOES)},
 #endif
     {0, nullptr, kEgl, 0, nullptr},
 };

@@ -3,6 +3,7 @@
 // string, surface sizes corrected in place, and the client arrays that draws carry.
 #include "platform/platform.h"
 #include "platform/process.h"
+#include "api/khronos.h"
 #include "trace/reader.h"
 
 #include <gtest/gtest.h>
@@ -320,6 +321,75 @@ TEST(RealPrograms, DrawsCarryTheClientArraysTheyRead) {
     a = attributes(t, *instanced[0]);
     EXPECT_EQ(a[0], packedVertices(4));
     EXPECT_EQ(a[2], (std::vector<uint8_t>{0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15}));
+}
+
+// The program's view of the driver with the library as without it, whatever it is configured to do
+// with functions it does not know; and the data the driver read is in the trace whatever error an
+// earlier call left.
+TEST(RealPrograms, ProgramsSeeTheDriversAnswersAndTheTraceHoldsWhatItRead) {
+    std::string plain;
+    {
+        std::string dir = scratchDirectory();
+        std::string error;
+        const std::string line = "LD_LIBRARY_PATH= " KV_FIDELITY_PROGRAM " > '" + dir + "/fidelity-plain.out'";
+        ASSERT_EQ(kv::platform::runProgram({"/bin/sh", "-c", line}, &error), 0) << error;
+        plain = readFile(dir + "/fidelity-plain.out");
+        ASSERT_NE(plain.find("the pending error after the swap"), std::string::npos) << plain;
+    }
+    const struct {
+        const char *name;
+        const char *keys;
+        bool unknownRecorded;
+    } runs[] = {
+        {"fidelity", ", \"EndFrame\": 4294967295", true},
+        {"fidelity-unrecorded", ", \"EndFrame\": 4294967295, \"RecordUnknownExtensionCalls\": false", false},
+        {"fidelity-framebuffer", ", \"EndFrame\": 4294967295, \"SaveFrameBuffer\": true", true},
+    };
+    for (const auto &r : runs) {
+        SCOPED_TRACE(r.name);
+        TracedRun run = runTraced(r.name, KV_FIDELITY_PROGRAM, r.keys);
+        ASSERT_EQ(run.status, 0) << run.output;
+        EXPECT_EQ(run.output, plain);
+        Trace t = readTrace(run.trace);
+        EXPECT_EQ(t.problems, 0u);
+
+        // The upload after glBindVertexArrayOES(12345) failed, and the one after an unknown
+        // function failed, carry their data.
+        const std::vector<uint8_t> uploaded = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16};
+        auto data = t.calls("glBufferData");
+        ASSERT_GE(data.size(), 1u);
+        EXPECT_EQ(data[0]->error, 0u);
+        EXPECT_EQ(t.bytes(*data[0], arg(*data[0], "data")->block), uploaded);
+        auto sub = t.calls("glBufferSubData");
+        ASSERT_EQ(sub.size(), 1u);
+        EXPECT_EQ(sub[0]->error, 0u);
+        EXPECT_EQ(t.bytes(*sub[0], arg(*sub[0], "data")->block), uploaded);
+        auto bind = t.calls("glBindVertexArrayOES");
+        ASSERT_EQ(bind.size(), 2u);
+        EXPECT_EQ(bind[0]->error, static_cast<uint32_t>(GL_INVALID_OPERATION));
+
+        // What was written through glMapBufferOES.
+        auto unmap = t.calls("glUnmapBufferOES");
+        ASSERT_EQ(unmap.size(), 1u);
+        std::vector<uint8_t> written(64);
+        for (size_t i = 0; i < written.size(); ++i)
+            written[i] = static_cast<uint8_t>(0xA0 + i);
+        EXPECT_EQ(t.bytes(*unmap[0], arg(*unmap[0], "data")->block), written);
+
+        // An upload from the unpack buffer is an offset alone; one from memory carries its texels.
+        auto image = t.calls("glTexImage2D");
+        ASSERT_EQ(image.size(), 1u);
+        EXPECT_FALSE(arg(*image[0], "pixels")->hasCount);
+        auto subImage = t.calls("glTexSubImage2D");
+        ASSERT_EQ(subImage.size(), 1u);
+        EXPECT_EQ(t.bytes(*subImage[0], arg(*subImage[0], "pixels")->block).size(), 64u);
+
+        // Functions without a wrapper: recorded by name, or not at all.
+        size_t byName = 0;
+        for (const Entry &e : t.entries)
+            if (e.kind == Entry::Kind::Call && !e.calledName.empty()) ++byName;
+        EXPECT_EQ(byName, r.unknownRecorded ? 5u : 0u);
+    }
 }
 
 } // namespace

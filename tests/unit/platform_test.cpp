@@ -1,5 +1,5 @@
-// The platform layer: guarded reads of application memory, the recursive record lock and
-// thread-local slots with their clean-up.
+// The platform layer: guarded reads of application memory, the recursive record lock,
+// thread-local slots with their clean-up, and the forwarding stubs.
 #include "platform/platform.h"
 #include "tests/unit/test_support.h"
 
@@ -195,6 +195,110 @@ TEST(TlsSlot, CleanupRunsWithTheValueOfTheEndingThread) {
     idle.join();
     EXPECT_EQ(g_cleanups.load(), 1);
     slot.set(nullptr);
+}
+
+// ---- Forwarding stubs --------------------------------------------------------------------------
+
+// Functions of signatures a stub knows nothing about: more integer and floating-point arguments
+// than either calling convention has registers for, mixed, and results of several kinds.
+double manyArguments(int64_t a, int64_t b, int64_t c, int64_t d, int64_t e, int64_t f, int64_t g, int64_t h,
+                     double x0, double x1, double x2, double x3, double x4, double x5, double x6, double x7,
+                     double x8, float y, int32_t i) {
+    return double(a) + 2.0 * double(b) + 3.0 * double(c) + 4.0 * double(d) + 5.0 * double(e) + 6.0 * double(f) +
+           7.0 * double(g) + 8.0 * double(h) + 0.5 * x0 + 0.25 * x1 + x2 + x3 * 10 + x4 * 100 + x5 * 1000 +
+           x6 * 1e4 + x7 * 1e5 + x8 * 1e6 + double(y) * 1e7 + double(i) * 1e8;
+}
+
+struct Pair {
+    int64_t first;
+    int64_t second;
+};
+Pair pairOf(int64_t a, int64_t b) {
+    return Pair{a * 3, b - 1};
+}
+
+float scaled(float value, int32_t times, double offset) {
+    return value * static_cast<float>(times) + static_cast<float>(offset);
+}
+
+struct Forwarded {
+    void *target = nullptr;
+    std::vector<uint64_t> integers;
+    std::vector<uint64_t> floats;
+    std::vector<uint64_t> stack;
+    uint64_t integerResult = 0;
+    uint64_t floatResult = 0;
+    uint32_t scratchMark = 0;
+    bool scratchKept = false;
+};
+Forwarded g_forwarded[4];
+
+void *beforeForward(uint32_t stub, const platform::ForwardedCall &call) {
+    Forwarded &f = g_forwarded[stub];
+    f.integers.assign(call.integerArguments, call.integerArguments + call.integerCount);
+    f.floats.assign(call.floatArguments, call.floatArguments + call.floatCount);
+    f.stack.assign(call.stackArguments, call.stackArguments + call.stackCount);
+    std::memcpy(call.scratch, &stub, sizeof(stub));
+    return f.target;
+}
+
+void afterForward(uint32_t stub, const platform::ForwardedCall &call) {
+    Forwarded &f = g_forwarded[stub];
+    f.integerResult = call.integerResult;
+    f.floatResult = call.floatResult;
+    uint32_t mark = 0;
+    std::memcpy(&mark, call.scratch, sizeof(mark));
+    f.scratchKept = mark == stub;
+}
+
+uint64_t bitsOf(double v) {
+    uint64_t bits;
+    std::memcpy(&bits, &v, 8);
+    return bits;
+}
+
+TEST(ForwardingStubs, PassAnySignatureThroughUntouched) {
+    if (platform::forwardingStubCount() == 0) GTEST_SKIP() << "no forwarding stubs on this processor";
+    platform::setForwardingHandlers({&beforeForward, &afterForward});
+    g_forwarded[0].target = reinterpret_cast<void *>(&manyArguments);
+    g_forwarded[1].target = reinterpret_cast<void *>(&pairOf);
+    g_forwarded[2].target = reinterpret_cast<void *>(&scaled);
+    g_forwarded[3].target = nullptr; // skipped: answers 0
+
+    auto many = reinterpret_cast<decltype(&manyArguments)>(platform::forwardingStub(0));
+    const double direct =
+        manyArguments(1, -2, 3, -4, 5, -6, 7, -8, 0.5, 1.5, 2.5, 3.5, 4.5, 5.5, 6.5, 7.5, 8.5, 9.25f, -11);
+    EXPECT_EQ(many(1, -2, 3, -4, 5, -6, 7, -8, 0.5, 1.5, 2.5, 3.5, 4.5, 5.5, 6.5, 7.5, 8.5, 9.25f, -11), direct);
+    const Forwarded &f = g_forwarded[0];
+    ASSERT_GE(f.integers.size(), 4u);
+    ASSERT_GE(f.floats.size(), 4u);
+    // The first integer and floating-point arguments as the registers carried them (Windows x64
+    // gives the first four arguments a register each, whatever their kind).
+    EXPECT_EQ(f.integers[0], 1u);
+    EXPECT_EQ(static_cast<int64_t>(f.integers[1]), -2);
+    if (f.integers.size() == 6) {
+        EXPECT_EQ(static_cast<int64_t>(f.integers[5]), -6);
+        EXPECT_EQ(f.floats[0], bitsOf(0.5));
+        EXPECT_EQ(f.floats[7], bitsOf(7.5));
+        EXPECT_EQ(f.stack[0], 7u); // the first argument beyond the registers
+    } else {
+        EXPECT_EQ(f.stack[0], 5u); // the fifth argument, the first beyond the registers
+    }
+    EXPECT_EQ(f.floatResult, bitsOf(direct));
+    EXPECT_TRUE(f.scratchKept);
+
+    auto pair = reinterpret_cast<decltype(&pairOf)>(platform::forwardingStub(1));
+    Pair p = pair(14, -7);
+    EXPECT_EQ(p.first, 42);
+    EXPECT_EQ(p.second, -8);
+
+    auto scale = reinterpret_cast<decltype(&scaled)>(platform::forwardingStub(2));
+    EXPECT_EQ(scale(1.5f, 4, 0.25), 6.25f);
+
+    auto skipped = reinterpret_cast<int64_t (*)(int64_t)>(platform::forwardingStub(3));
+    EXPECT_EQ(skipped(99), 0);
+    EXPECT_EQ(g_forwarded[3].integers.at(0), 99u);
+    platform::setForwardingHandlers({nullptr, nullptr});
 }
 
 } // namespace
