@@ -18,6 +18,7 @@ PLAYED_TABLES = {
     "SEglHost": ("egl", "fn"),
     "GLESPPHost": ("gles", "fn"),
     "SEs1Host": ("es1", "es1"),
+    "SGlesExtHost": ("glext", "ext"),
 }
 
 # gl.xml classes -> the player's object kinds. Shaders and programs share one name space.
@@ -107,7 +108,7 @@ def arg_expr(f, i, p, fd, cls, lengths_of):
     if fd.kind == "Value":
         if p.decl or (fd.type == "Ptr" and "*" not in ct):
             return "nullptr"  # a callback of the recorded process cannot be called
-        if cls in OBJECT_KINDS:
+        if cls in OBJECT_KINDS and "*" not in ct:
             if fd.type == "Handle":
                 return f"c.sync<{ct}>({i})"
             return f"static_cast<{ct}>(c.name(Obj::{OBJECT_KINDS[cls]}, {i}))"
@@ -134,7 +135,7 @@ def arg_expr(f, i, p, fd, cls, lengths_of):
     if fd.kind == "String":
         return f"reinterpret_cast<{ct}>(c.string({i}))"
     if fd.kind == "StringArray":
-        return f"reinterpret_cast<{ct}>(c.strings({i}))"
+        return f"reinterpret_cast<{ct}>(const_cast<const char **>(c.strings({i})))"
     raise ValueError(f"{f.name}.{p.name}: no argument for field kind {fd.kind}")
 
 
@@ -169,11 +170,18 @@ def result_lines(f, cls):
     return []
 
 
-def emit_function(f, table, gl_classes, rec):
+def hook_tag(f, host_table_of, tables):
+    """The tag whose hooks a function runs: an extension function that behaves like a core one
+    runs that one's (its mappings, its locations), as it does in the recorder."""
+    target = f.like if getattr(f, "like", None) and host_table_of(f.like, tables) in PLAYED_TABLES else f
+    return f"{PLAYED_TABLES[host_table_of(target, tables)][1]}::{target.name}"
+
+
+def emit_function(f, table, gl_classes, rec, hook):
     accessor, ns = PLAYED_TABLES[table]
     out = [f"// {f.id} {f.name}"]
     out.append(f"void play_{f.id}(Call &c) {{")
-    out.append(f"    using H = Hooks<{ns}::{f.name}>;")
+    out.append(f"    using H = Hooks<{hook}>;")
     out.append(f"    auto host = c.{accessor}().{f.name};")
     out.append("    if (!H::kReplacesCall && !host) return c.missing();")
     lengths_of = {}
@@ -240,7 +248,7 @@ def emit_source(members, host_table_of, tables, gl_classes, rec, banner):
            "// host table, and the names and handles it created entered in the player's maps.\n",
            '#include "replay/hooks.h"\n', "namespace kv::replay {\n", "namespace {\n"]
     for f in members:
-        out.append(emit_function(f, host_table_of(f, tables), gl_classes, rec))
+        out.append(emit_function(f, host_table_of(f, tables), gl_classes, rec, hook_tag(f, host_table_of, tables)))
     out.append("} // namespace\n")
     out.append("const PlayEntry kPlayed[] = {")
     for f in members:

@@ -16,11 +16,12 @@ namespace {
 
 // OpenGL ES 1 names (the library does not include the ES1 header).
 constexpr GLenum kGlCurrentColor = 0x0B00, kGlCurrentNormal = 0x0B02, kGlCurrentTextureCoords = 0x0B03,
-                 kGlSmoothPointSizeRange = 0x0B12, kGlSmoothLineWidthRange = 0x0B22, kGlLightModelAmbient = 0x0B53,
-                 kGlFogColor = 0x0B66, kGlModelviewMatrix = 0x0BA6, kGlProjectionMatrix = 0x0BA7,
-                 kGlTextureMatrix = 0x0BA8, kGlAmbient = 0x1200, kGlDiffuse = 0x1201, kGlSpecular = 0x1202,
-                 kGlPosition = 0x1203, kGlSpotDirection = 0x1204, kGlEmission = 0x1600,
-                 kGlAmbientAndDiffuse = 0x1602, kGlTextureEnvColor = 0x2201, kGlPointDistanceAttenuation = 0x8129;
+                 kGlSmoothPointSizeRange = 0x0B12, kGlSmoothLineWidthRange = 0x0B22,
+                 kGlLightModelAmbient = 0x0B53, kGlFogColor = 0x0B66, kGlModelviewMatrix = 0x0BA6,
+                 kGlProjectionMatrix = 0x0BA7, kGlTextureMatrix = 0x0BA8, kGlAmbient = 0x1200,
+                 kGlDiffuse = 0x1201, kGlSpecular = 0x1202, kGlPosition = 0x1203, kGlSpotDirection = 0x1204,
+                 kGlEmission = 0x1600, kGlAmbientAndDiffuse = 0x1602, kGlTextureEnvColor = 0x2201,
+                 kGlPointDistanceAttenuation = 0x8129;
 
 uint32_t formatComponents(GLenum format) {
     switch (format) {
@@ -340,7 +341,8 @@ void glMultiDrawElementsEXT_tail(RecordHandle &h, CallCtx &c, GLenum, const GLsi
         platform::guardedCopy(pointers.data(), indices, pointers.size() * sizeof(void *)) !=
             pointers.size() * sizeof(void *))
         return;
-    captureElements(h, c, counts.data(), type, pointers.data(), static_cast<uint32_t>(primcount), 0, 0, nullptr);
+    captureElements(h, c, counts.data(), type, pointers.data(), static_cast<uint32_t>(primcount), 0, 0,
+                    nullptr);
 }
 
 } // namespace kv::capture

@@ -35,7 +35,8 @@ namespace {
 // may too (one copy for all would show a program one display's answer when it asks about another).
 // Called with the lock held; the copies live as long as the process.
 template <class Make>
-const char *shownCopy(std::map<std::string, std::unique_ptr<std::string>> &copies, const char *host, Make make) {
+const char *shownCopy(std::map<std::string, std::unique_ptr<std::string>> &copies, const char *host,
+                      Make make) {
     std::unique_ptr<std::string> &copy = copies[host ? host : ""];
     if (!copy) copy.reset(new std::string(make(host ? host : "")));
     return copy->c_str();
@@ -47,7 +48,8 @@ const char *appendVersion(const CZandString &configured, const char *host) {
     if (!configured.empty()) return configured.c_str();
     static auto *copies = new std::map<std::string, std::unique_ptr<std::string>>();
     return shownCopy(*copies, host, [](const std::string &text) {
-        return CZandString::format("%s + Kalvoren %s (%s)", text.c_str(), kProductVersion, kRecorderVersion).str();
+        return CZandString::format("%s + Kalvoren %s (%s)", text.c_str(), kProductVersion, kRecorderVersion)
+            .str();
     });
 }
 

@@ -31,14 +31,14 @@ constexpr uint32_t kStubCount = 4096;
 
 // The common body's frame, at its stack pointer (offsets fixed by the assembly below).
 struct Frame {
-    uint64_t outgoing[kv::platform::kForwardedStackWords]; //   0: the callee's stack arguments
-    uint64_t integers[6];                                 // 128: rdi rsi rdx rcx r8 r9
-    uint64_t rax;                                         // 176
-    uint64_t stub;                                        // 184
-    uint64_t vectors[8][2];                               // 192: xmm0-xmm7
-    uint64_t stackCopy[kv::platform::kForwardedStackWords]; // 320: as the caller passed them
-    uint64_t results[2];                                  // 448: rax rdx after the call
-    uint64_t vectorResults[2][2];                         // 464: xmm0 xmm1 after the call
+    uint64_t outgoing[kv::platform::kForwardedStackWords];              //   0: the callee's stack arguments
+    uint64_t integers[6];                                               // 128: rdi rsi rdx rcx r8 r9
+    uint64_t rax;                                                       // 176
+    uint64_t stub;                                                      // 184
+    uint64_t vectors[8][2];                                             // 192: xmm0-xmm7
+    uint64_t stackCopy[kv::platform::kForwardedStackWords];             // 320: as the caller passed them
+    uint64_t results[2];                                                // 448: rax rdx after the call
+    uint64_t vectorResults[2][2];                                       // 464: xmm0 xmm1 after the call
     alignas(16) uint8_t scratch[kv::platform::kForwardingScratchBytes]; // 496: the handlers' own
 };
 static_assert(sizeof(Frame) == 752, "the assembly's frame layout");

@@ -31,15 +31,15 @@ constexpr uint32_t kStubCount = 4096;
 
 // The common body's frame, at its stack pointer (offsets fixed by the assembly below).
 struct Frame {
-    uint64_t home[4];                                       //   0: the callee's home space
-    uint64_t outgoing[kv::platform::kForwardedStackWords];   //  32: the callee's stack arguments
-    uint64_t integers[4];                                   // 160: rcx rdx r8 r9
-    uint64_t stub;                                          // 192
-    uint64_t pad;                                           // 200
-    uint64_t vectors[4][2];                                 // 208: xmm0-xmm3
-    uint64_t stackCopy[kv::platform::kForwardedStackWords];  // 272: as the caller passed them
-    uint64_t results[2];                                    // 400: rax after the call
-    uint64_t vectorResults[1][2];                           // 416: xmm0 after the call
+    uint64_t home[4];                                                   //   0: the callee's home space
+    uint64_t outgoing[kv::platform::kForwardedStackWords];              //  32: the callee's stack arguments
+    uint64_t integers[4];                                               // 160: rcx rdx r8 r9
+    uint64_t stub;                                                      // 192
+    uint64_t pad;                                                       // 200
+    uint64_t vectors[4][2];                                             // 208: xmm0-xmm3
+    uint64_t stackCopy[kv::platform::kForwardedStackWords];             // 272: as the caller passed them
+    uint64_t results[2];                                                // 400: rax after the call
+    uint64_t vectorResults[1][2];                                       // 416: xmm0 after the call
     alignas(16) uint8_t scratch[kv::platform::kForwardingScratchBytes]; // 432: the handlers' own
 };
 static_assert(sizeof(Frame) == 688, "the assembly's frame layout");

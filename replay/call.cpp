@@ -38,6 +38,9 @@ const GLESPPHostFns &Call::gles() const {
 const SEs1HostFns &Call::es1() const {
     return player.es1();
 }
+const SGlesExtHostFns &Call::glext() const {
+    return SGlesExtHost::get().fn;
+}
 
 ContextState &Call::context() const {
     return thread.context ? *thread.context : player.noContext;

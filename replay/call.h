@@ -135,6 +135,7 @@ public:
     const SEglHostFns &egl() const;
     const GLESPPHostFns &gles() const;
     const SEs1HostFns &es1() const;
+    const SGlesExtHostFns &glext() const;
 
     // ---- Arguments
     uint64_t value(int i) const { return e.args[static_cast<size_t>(i)].value; }

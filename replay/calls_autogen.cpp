@@ -2358,7 +2358,7 @@ void play_2099(Call &c) {
     if (!H::kReplacesCall && !host) return c.missing();
     GLuint p_shader = static_cast<GLuint>(c.name(Obj::Program, 0));
     GLsizei p_count = static_cast<GLsizei>(c.value(1));
-    const GLchar *const * p_string = reinterpret_cast<const GLchar *const *>(c.strings(2));
+    const GLchar *const * p_string = reinterpret_cast<const GLchar *const *>(const_cast<const char **>(c.strings(2)));
     const GLint * p_length = reinterpret_cast<const GLint *>(c.stringLengths(2));
     if (!c.ok()) return;
     if (!H::before(c, p_shader, p_count, p_string, p_length)) return;
@@ -4976,6 +4976,4096 @@ void play_3145(Call &c) {
     H::after(c, p_type, p_stride, p_pointer);
 }
 
+// 4001 glDiscardFramebufferEXT
+void play_4001(Call &c) {
+    using H = Hooks<ext::glDiscardFramebufferEXT>;
+    auto host = c.glext().glDiscardFramebufferEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_target = static_cast<GLenum>(c.value(0));
+    GLsizei p_numAttachments = static_cast<GLsizei>(c.value(1));
+    const GLenum * p_attachments = reinterpret_cast<const GLenum *>(const_cast<void *>(c.in(2)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_target, p_numAttachments, p_attachments)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_target, p_numAttachments, p_attachments); else host(p_target, p_numAttachments, p_attachments);
+    H::after(c, p_target, p_numAttachments, p_attachments);
+}
+
+// 4002 glMultiDrawElementsEXT
+void play_4002(Call &c) {
+    using H = Hooks<ext::glMultiDrawElementsEXT>;
+    auto host = c.glext().glMultiDrawElementsEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_mode = static_cast<GLenum>(c.value(0));
+    const GLsizei * p_count = reinterpret_cast<const GLsizei *>(const_cast<void *>(c.in(1)));
+    GLenum p_type = static_cast<GLenum>(c.value(2));
+    const void *const * p_indices = reinterpret_cast<const void *const *>(c.indices(5, 3));
+    GLsizei p_primcount = static_cast<GLsizei>(c.value(4));
+    if (!c.ok()) return;
+    if (!c.clientArrays(5)) return;
+    if (!H::before(c, p_mode, p_count, p_type, p_indices, p_primcount)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_mode, p_count, p_type, p_indices, p_primcount); else host(p_mode, p_count, p_type, p_indices, p_primcount);
+    H::after(c, p_mode, p_count, p_type, p_indices, p_primcount);
+}
+
+// 4003 glMultiDrawArraysEXT
+void play_4003(Call &c) {
+    using H = Hooks<ext::glMultiDrawArraysEXT>;
+    auto host = c.glext().glMultiDrawArraysEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_mode = static_cast<GLenum>(c.value(0));
+    const GLint * p_first = reinterpret_cast<const GLint *>(const_cast<void *>(c.in(1)));
+    const GLsizei * p_count = reinterpret_cast<const GLsizei *>(const_cast<void *>(c.in(2)));
+    GLsizei p_primcount = static_cast<GLsizei>(c.value(3));
+    if (!c.ok()) return;
+    if (!c.clientArrays(4)) return;
+    if (!H::before(c, p_mode, p_first, p_count, p_primcount)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_mode, p_first, p_count, p_primcount); else host(p_mode, p_first, p_count, p_primcount);
+    H::after(c, p_mode, p_first, p_count, p_primcount);
+}
+
+// 4004 glMapBufferOES
+void play_4004(Call &c) {
+    using H = Hooks<ext::glMapBufferOES>;
+    auto host = c.glext().glMapBufferOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_target = static_cast<GLenum>(c.value(0));
+    GLenum p_access = static_cast<GLenum>(c.value(1));
+    if (!c.ok()) return;
+    if (!H::before(c, p_target, p_access)) return;
+    void * r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_target, p_access); else r = host(p_target, p_access);
+    H::after(c, r, p_target, p_access);
+}
+
+// 4005 glUnmapBufferOES
+void play_4005(Call &c) {
+    using H = Hooks<fn::glUnmapBuffer>;
+    auto host = c.glext().glUnmapBufferOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_target = static_cast<GLenum>(c.value(0));
+    if (!c.ok()) return;
+    if (!H::before(c, p_target)) return;
+    GLboolean r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_target); else r = host(p_target);
+    H::after(c, r, p_target);
+}
+
+// 4006 glGetBufferPointervOES
+void play_4006(Call &c) {
+    using H = Hooks<fn::glGetBufferPointerv>;
+    auto host = c.glext().glGetBufferPointervOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_target = static_cast<GLenum>(c.value(0));
+    GLenum p_pname = static_cast<GLenum>(c.value(1));
+    void ** p_params = reinterpret_cast<void **>(c.out(2));
+    if (!c.ok()) return;
+    if (!H::before(c, p_target, p_pname, p_params)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_target, p_pname, p_params); else host(p_target, p_pname, p_params);
+    H::after(c, p_target, p_pname, p_params);
+}
+
+// 4007 glBindVertexArrayOES
+void play_4007(Call &c) {
+    using H = Hooks<fn::glBindVertexArray>;
+    auto host = c.glext().glBindVertexArrayOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_array = static_cast<GLuint>(c.name(Obj::VertexArray, 0));
+    if (!c.ok()) return;
+    if (!H::before(c, p_array)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_array); else host(p_array);
+    H::after(c, p_array);
+}
+
+// 4008 glDeleteVertexArraysOES
+void play_4008(Call &c) {
+    using H = Hooks<fn::glDeleteVertexArrays>;
+    auto host = c.glext().glDeleteVertexArraysOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLsizei p_n = static_cast<GLsizei>(c.value(0));
+    const GLuint * p_arrays = reinterpret_cast<const GLuint *>(c.names(Obj::VertexArray, 1));
+    if (!c.ok()) return;
+    if (!H::before(c, p_n, p_arrays)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_n, p_arrays); else host(p_n, p_arrays);
+    H::after(c, p_n, p_arrays);
+}
+
+// 4009 glGenVertexArraysOES
+void play_4009(Call &c) {
+    using H = Hooks<fn::glGenVertexArrays>;
+    auto host = c.glext().glGenVertexArraysOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLsizei p_n = static_cast<GLsizei>(c.value(0));
+    GLuint * p_arrays = reinterpret_cast<GLuint *>(c.out(1));
+    if (!c.ok()) return;
+    if (!H::before(c, p_n, p_arrays)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_n, p_arrays); else host(p_n, p_arrays);
+    c.createdNames(Obj::VertexArray, 1, p_arrays);
+    H::after(c, p_n, p_arrays);
+}
+
+// 4010 glIsVertexArrayOES
+void play_4010(Call &c) {
+    using H = Hooks<fn::glIsVertexArray>;
+    auto host = c.glext().glIsVertexArrayOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_array = static_cast<GLuint>(c.name(Obj::VertexArray, 0));
+    if (!c.ok()) return;
+    if (!H::before(c, p_array)) return;
+    GLboolean r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_array); else r = host(p_array);
+    H::after(c, r, p_array);
+}
+
+// 4011 glCurrentPaletteMatrixOES
+void play_4011(Call &c) {
+    using H = Hooks<ext::glCurrentPaletteMatrixOES>;
+    auto host = c.glext().glCurrentPaletteMatrixOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_matrixpaletteindex = static_cast<GLuint>(c.value(0));
+    if (!c.ok()) return;
+    if (!H::before(c, p_matrixpaletteindex)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_matrixpaletteindex); else host(p_matrixpaletteindex);
+    H::after(c, p_matrixpaletteindex);
+}
+
+// 4012 glLoadPaletteFromModelViewMatrixOES
+void play_4012(Call &c) {
+    using H = Hooks<ext::glLoadPaletteFromModelViewMatrixOES>;
+    auto host = c.glext().glLoadPaletteFromModelViewMatrixOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    if (!c.ok()) return;
+    if (!H::before(c)) return;
+    if constexpr (H::kReplacesCall) H::call(c); else host();
+    H::after(c);
+}
+
+// 4013 glMatrixIndexPointerOES
+void play_4013(Call &c) {
+    using H = Hooks<ext::glMatrixIndexPointerOES>;
+    auto host = c.glext().glMatrixIndexPointerOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLint p_size = static_cast<GLint>(c.value(0));
+    GLenum p_type = static_cast<GLenum>(c.value(1));
+    GLsizei p_stride = static_cast<GLsizei>(c.value(2));
+    const void * p_pointer = c.raw<const void *>(3);
+    if (!c.ok()) return;
+    if (!H::before(c, p_size, p_type, p_stride, p_pointer)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_size, p_type, p_stride, p_pointer); else host(p_size, p_type, p_stride, p_pointer);
+    H::after(c, p_size, p_type, p_stride, p_pointer);
+}
+
+// 4014 glWeightPointerOES
+void play_4014(Call &c) {
+    using H = Hooks<ext::glWeightPointerOES>;
+    auto host = c.glext().glWeightPointerOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLint p_size = static_cast<GLint>(c.value(0));
+    GLenum p_type = static_cast<GLenum>(c.value(1));
+    GLsizei p_stride = static_cast<GLsizei>(c.value(2));
+    const void * p_pointer = c.raw<const void *>(3);
+    if (!c.ok()) return;
+    if (!H::before(c, p_size, p_type, p_stride, p_pointer)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_size, p_type, p_stride, p_pointer); else host(p_size, p_type, p_stride, p_pointer);
+    H::after(c, p_size, p_type, p_stride, p_pointer);
+}
+
+// 4015 glIsRenderbufferOES
+void play_4015(Call &c) {
+    using H = Hooks<fn::glIsRenderbuffer>;
+    auto host = c.glext().glIsRenderbufferOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_renderbuffer = static_cast<GLuint>(c.name(Obj::Renderbuffer, 0));
+    if (!c.ok()) return;
+    if (!H::before(c, p_renderbuffer)) return;
+    GLboolean r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_renderbuffer); else r = host(p_renderbuffer);
+    H::after(c, r, p_renderbuffer);
+}
+
+// 4016 glBindRenderbufferOES
+void play_4016(Call &c) {
+    using H = Hooks<fn::glBindRenderbuffer>;
+    auto host = c.glext().glBindRenderbufferOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_target = static_cast<GLenum>(c.value(0));
+    GLuint p_renderbuffer = static_cast<GLuint>(c.name(Obj::Renderbuffer, 1));
+    if (!c.ok()) return;
+    if (!H::before(c, p_target, p_renderbuffer)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_target, p_renderbuffer); else host(p_target, p_renderbuffer);
+    H::after(c, p_target, p_renderbuffer);
+}
+
+// 4017 glDeleteRenderbuffersOES
+void play_4017(Call &c) {
+    using H = Hooks<fn::glDeleteRenderbuffers>;
+    auto host = c.glext().glDeleteRenderbuffersOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLsizei p_n = static_cast<GLsizei>(c.value(0));
+    const GLuint * p_renderbuffers = reinterpret_cast<const GLuint *>(c.names(Obj::Renderbuffer, 1));
+    if (!c.ok()) return;
+    if (!H::before(c, p_n, p_renderbuffers)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_n, p_renderbuffers); else host(p_n, p_renderbuffers);
+    H::after(c, p_n, p_renderbuffers);
+}
+
+// 4018 glGenRenderbuffersOES
+void play_4018(Call &c) {
+    using H = Hooks<fn::glGenRenderbuffers>;
+    auto host = c.glext().glGenRenderbuffersOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLsizei p_n = static_cast<GLsizei>(c.value(0));
+    GLuint * p_renderbuffers = reinterpret_cast<GLuint *>(c.out(1));
+    if (!c.ok()) return;
+    if (!H::before(c, p_n, p_renderbuffers)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_n, p_renderbuffers); else host(p_n, p_renderbuffers);
+    c.createdNames(Obj::Renderbuffer, 1, p_renderbuffers);
+    H::after(c, p_n, p_renderbuffers);
+}
+
+// 4019 glRenderbufferStorageOES
+void play_4019(Call &c) {
+    using H = Hooks<fn::glRenderbufferStorage>;
+    auto host = c.glext().glRenderbufferStorageOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_target = static_cast<GLenum>(c.value(0));
+    GLenum p_internalformat = static_cast<GLenum>(c.value(1));
+    GLsizei p_width = static_cast<GLsizei>(c.value(2));
+    GLsizei p_height = static_cast<GLsizei>(c.value(3));
+    if (!c.ok()) return;
+    if (!H::before(c, p_target, p_internalformat, p_width, p_height)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_target, p_internalformat, p_width, p_height); else host(p_target, p_internalformat, p_width, p_height);
+    H::after(c, p_target, p_internalformat, p_width, p_height);
+}
+
+// 4020 glGetRenderbufferParameterivOES
+void play_4020(Call &c) {
+    using H = Hooks<fn::glGetRenderbufferParameteriv>;
+    auto host = c.glext().glGetRenderbufferParameterivOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_target = static_cast<GLenum>(c.value(0));
+    GLenum p_pname = static_cast<GLenum>(c.value(1));
+    GLint * p_params = reinterpret_cast<GLint *>(c.out(2));
+    if (!c.ok()) return;
+    if (!H::before(c, p_target, p_pname, p_params)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_target, p_pname, p_params); else host(p_target, p_pname, p_params);
+    H::after(c, p_target, p_pname, p_params);
+}
+
+// 4021 glIsFramebufferOES
+void play_4021(Call &c) {
+    using H = Hooks<fn::glIsFramebuffer>;
+    auto host = c.glext().glIsFramebufferOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_framebuffer = static_cast<GLuint>(c.name(Obj::Framebuffer, 0));
+    if (!c.ok()) return;
+    if (!H::before(c, p_framebuffer)) return;
+    GLboolean r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_framebuffer); else r = host(p_framebuffer);
+    H::after(c, r, p_framebuffer);
+}
+
+// 4022 glBindFramebufferOES
+void play_4022(Call &c) {
+    using H = Hooks<fn::glBindFramebuffer>;
+    auto host = c.glext().glBindFramebufferOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_target = static_cast<GLenum>(c.value(0));
+    GLuint p_framebuffer = static_cast<GLuint>(c.name(Obj::Framebuffer, 1));
+    if (!c.ok()) return;
+    if (!H::before(c, p_target, p_framebuffer)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_target, p_framebuffer); else host(p_target, p_framebuffer);
+    H::after(c, p_target, p_framebuffer);
+}
+
+// 4023 glDeleteFramebuffersOES
+void play_4023(Call &c) {
+    using H = Hooks<fn::glDeleteFramebuffers>;
+    auto host = c.glext().glDeleteFramebuffersOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLsizei p_n = static_cast<GLsizei>(c.value(0));
+    const GLuint * p_framebuffers = reinterpret_cast<const GLuint *>(c.names(Obj::Framebuffer, 1));
+    if (!c.ok()) return;
+    if (!H::before(c, p_n, p_framebuffers)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_n, p_framebuffers); else host(p_n, p_framebuffers);
+    H::after(c, p_n, p_framebuffers);
+}
+
+// 4024 glGenFramebuffersOES
+void play_4024(Call &c) {
+    using H = Hooks<fn::glGenFramebuffers>;
+    auto host = c.glext().glGenFramebuffersOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLsizei p_n = static_cast<GLsizei>(c.value(0));
+    GLuint * p_framebuffers = reinterpret_cast<GLuint *>(c.out(1));
+    if (!c.ok()) return;
+    if (!H::before(c, p_n, p_framebuffers)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_n, p_framebuffers); else host(p_n, p_framebuffers);
+    c.createdNames(Obj::Framebuffer, 1, p_framebuffers);
+    H::after(c, p_n, p_framebuffers);
+}
+
+// 4025 glCheckFramebufferStatusOES
+void play_4025(Call &c) {
+    using H = Hooks<fn::glCheckFramebufferStatus>;
+    auto host = c.glext().glCheckFramebufferStatusOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_target = static_cast<GLenum>(c.value(0));
+    if (!c.ok()) return;
+    if (!H::before(c, p_target)) return;
+    GLenum r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_target); else r = host(p_target);
+    H::after(c, r, p_target);
+}
+
+// 4026 glFramebufferTexture2DOES
+void play_4026(Call &c) {
+    using H = Hooks<fn::glFramebufferTexture2D>;
+    auto host = c.glext().glFramebufferTexture2DOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_target = static_cast<GLenum>(c.value(0));
+    GLenum p_attachment = static_cast<GLenum>(c.value(1));
+    GLenum p_textarget = static_cast<GLenum>(c.value(2));
+    GLuint p_texture = static_cast<GLuint>(c.name(Obj::Texture, 3));
+    GLint p_level = static_cast<GLint>(c.value(4));
+    if (!c.ok()) return;
+    if (!H::before(c, p_target, p_attachment, p_textarget, p_texture, p_level)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_target, p_attachment, p_textarget, p_texture, p_level); else host(p_target, p_attachment, p_textarget, p_texture, p_level);
+    H::after(c, p_target, p_attachment, p_textarget, p_texture, p_level);
+}
+
+// 4027 glFramebufferRenderbufferOES
+void play_4027(Call &c) {
+    using H = Hooks<fn::glFramebufferRenderbuffer>;
+    auto host = c.glext().glFramebufferRenderbufferOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_target = static_cast<GLenum>(c.value(0));
+    GLenum p_attachment = static_cast<GLenum>(c.value(1));
+    GLenum p_renderbuffertarget = static_cast<GLenum>(c.value(2));
+    GLuint p_renderbuffer = static_cast<GLuint>(c.name(Obj::Renderbuffer, 3));
+    if (!c.ok()) return;
+    if (!H::before(c, p_target, p_attachment, p_renderbuffertarget, p_renderbuffer)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_target, p_attachment, p_renderbuffertarget, p_renderbuffer); else host(p_target, p_attachment, p_renderbuffertarget, p_renderbuffer);
+    H::after(c, p_target, p_attachment, p_renderbuffertarget, p_renderbuffer);
+}
+
+// 4028 glGetFramebufferAttachmentParameterivOES
+void play_4028(Call &c) {
+    using H = Hooks<fn::glGetFramebufferAttachmentParameteriv>;
+    auto host = c.glext().glGetFramebufferAttachmentParameterivOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_target = static_cast<GLenum>(c.value(0));
+    GLenum p_attachment = static_cast<GLenum>(c.value(1));
+    GLenum p_pname = static_cast<GLenum>(c.value(2));
+    GLint * p_params = reinterpret_cast<GLint *>(c.out(3));
+    if (!c.ok()) return;
+    if (!H::before(c, p_target, p_attachment, p_pname, p_params)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_target, p_attachment, p_pname, p_params); else host(p_target, p_attachment, p_pname, p_params);
+    H::after(c, p_target, p_attachment, p_pname, p_params);
+}
+
+// 4029 glGenerateMipmapOES
+void play_4029(Call &c) {
+    using H = Hooks<fn::glGenerateMipmap>;
+    auto host = c.glext().glGenerateMipmapOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_target = static_cast<GLenum>(c.value(0));
+    if (!c.ok()) return;
+    if (!H::before(c, p_target)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_target); else host(p_target);
+    H::after(c, p_target);
+}
+
+// 4033 glDeleteFencesNV
+void play_4033(Call &c) {
+    using H = Hooks<ext::glDeleteFencesNV>;
+    auto host = c.glext().glDeleteFencesNV;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLsizei p_n = static_cast<GLsizei>(c.value(0));
+    const GLuint * p_fences = reinterpret_cast<const GLuint *>(const_cast<void *>(c.in(1)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_n, p_fences)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_n, p_fences); else host(p_n, p_fences);
+    H::after(c, p_n, p_fences);
+}
+
+// 4034 glFinishFenceNV
+void play_4034(Call &c) {
+    using H = Hooks<ext::glFinishFenceNV>;
+    auto host = c.glext().glFinishFenceNV;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_fence = static_cast<GLuint>(c.value(0));
+    if (!c.ok()) return;
+    if (!H::before(c, p_fence)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_fence); else host(p_fence);
+    H::after(c, p_fence);
+}
+
+// 4035 glGenFencesNV
+void play_4035(Call &c) {
+    using H = Hooks<ext::glGenFencesNV>;
+    auto host = c.glext().glGenFencesNV;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLsizei p_n = static_cast<GLsizei>(c.value(0));
+    GLuint * p_fences = reinterpret_cast<GLuint *>(c.out(1));
+    if (!c.ok()) return;
+    if (!H::before(c, p_n, p_fences)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_n, p_fences); else host(p_n, p_fences);
+    H::after(c, p_n, p_fences);
+}
+
+// 4036 glGetFenceivNV
+void play_4036(Call &c) {
+    using H = Hooks<ext::glGetFenceivNV>;
+    auto host = c.glext().glGetFenceivNV;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_fence = static_cast<GLuint>(c.value(0));
+    GLenum p_pname = static_cast<GLenum>(c.value(1));
+    GLint * p_params = reinterpret_cast<GLint *>(c.out(2));
+    if (!c.ok()) return;
+    if (!H::before(c, p_fence, p_pname, p_params)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_fence, p_pname, p_params); else host(p_fence, p_pname, p_params);
+    H::after(c, p_fence, p_pname, p_params);
+}
+
+// 4037 glIsFenceNV
+void play_4037(Call &c) {
+    using H = Hooks<ext::glIsFenceNV>;
+    auto host = c.glext().glIsFenceNV;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_fence = static_cast<GLuint>(c.value(0));
+    if (!c.ok()) return;
+    if (!H::before(c, p_fence)) return;
+    GLboolean r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_fence); else r = host(p_fence);
+    H::after(c, r, p_fence);
+}
+
+// 4038 glSetFenceNV
+void play_4038(Call &c) {
+    using H = Hooks<ext::glSetFenceNV>;
+    auto host = c.glext().glSetFenceNV;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_fence = static_cast<GLuint>(c.value(0));
+    GLenum p_condition = static_cast<GLenum>(c.value(1));
+    if (!c.ok()) return;
+    if (!H::before(c, p_fence, p_condition)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_fence, p_condition); else host(p_fence, p_condition);
+    H::after(c, p_fence, p_condition);
+}
+
+// 4039 glTestFenceNV
+void play_4039(Call &c) {
+    using H = Hooks<ext::glTestFenceNV>;
+    auto host = c.glext().glTestFenceNV;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_fence = static_cast<GLuint>(c.value(0));
+    if (!c.ok()) return;
+    if (!H::before(c, p_fence)) return;
+    GLboolean r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_fence); else r = host(p_fence);
+    H::after(c, r, p_fence);
+}
+
+// 4040 glEGLImageTargetRenderbufferStorageOES
+void play_4040(Call &c) {
+    using H = Hooks<ext::glEGLImageTargetRenderbufferStorageOES>;
+    auto host = c.glext().glEGLImageTargetRenderbufferStorageOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_target = static_cast<GLenum>(c.value(0));
+    GLeglImageOES p_image = c.handle<GLeglImageOES>(Handle::Image, 1);
+    if (!c.ok()) return;
+    if (!H::before(c, p_target, p_image)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_target, p_image); else host(p_target, p_image);
+    H::after(c, p_target, p_image);
+}
+
+// 4041 glEGLImageTargetTexture2DOES
+void play_4041(Call &c) {
+    using H = Hooks<ext::glEGLImageTargetTexture2DOES>;
+    auto host = c.glext().glEGLImageTargetTexture2DOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_target = static_cast<GLenum>(c.value(0));
+    GLeglImageOES p_image = c.handle<GLeglImageOES>(Handle::Image, 1);
+    if (!c.ok()) return;
+    if (!H::before(c, p_target, p_image)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_target, p_image); else host(p_target, p_image);
+    H::after(c, p_target, p_image);
+}
+
+// 4042 glAlphaFuncxOES
+void play_4042(Call &c) {
+    using H = Hooks<ext::glAlphaFuncxOES>;
+    auto host = c.glext().glAlphaFuncxOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_func = static_cast<GLenum>(c.value(0));
+    GLfixed p_ref = static_cast<GLfixed>(c.value(1));
+    if (!c.ok()) return;
+    if (!H::before(c, p_func, p_ref)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_func, p_ref); else host(p_func, p_ref);
+    H::after(c, p_func, p_ref);
+}
+
+// 4043 glClearColorxOES
+void play_4043(Call &c) {
+    using H = Hooks<ext::glClearColorxOES>;
+    auto host = c.glext().glClearColorxOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLfixed p_red = static_cast<GLfixed>(c.value(0));
+    GLfixed p_green = static_cast<GLfixed>(c.value(1));
+    GLfixed p_blue = static_cast<GLfixed>(c.value(2));
+    GLfixed p_alpha = static_cast<GLfixed>(c.value(3));
+    if (!c.ok()) return;
+    if (!H::before(c, p_red, p_green, p_blue, p_alpha)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_red, p_green, p_blue, p_alpha); else host(p_red, p_green, p_blue, p_alpha);
+    H::after(c, p_red, p_green, p_blue, p_alpha);
+}
+
+// 4044 glClearDepthxOES
+void play_4044(Call &c) {
+    using H = Hooks<ext::glClearDepthxOES>;
+    auto host = c.glext().glClearDepthxOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLfixed p_depth = static_cast<GLfixed>(c.value(0));
+    if (!c.ok()) return;
+    if (!H::before(c, p_depth)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_depth); else host(p_depth);
+    H::after(c, p_depth);
+}
+
+// 4045 glClipPlanexOES
+void play_4045(Call &c) {
+    using H = Hooks<ext::glClipPlanexOES>;
+    auto host = c.glext().glClipPlanexOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_plane = static_cast<GLenum>(c.value(0));
+    const GLfixed * p_equation = reinterpret_cast<const GLfixed *>(const_cast<void *>(c.in(1)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_plane, p_equation)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_plane, p_equation); else host(p_plane, p_equation);
+    H::after(c, p_plane, p_equation);
+}
+
+// 4046 glColor4xOES
+void play_4046(Call &c) {
+    using H = Hooks<ext::glColor4xOES>;
+    auto host = c.glext().glColor4xOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLfixed p_red = static_cast<GLfixed>(c.value(0));
+    GLfixed p_green = static_cast<GLfixed>(c.value(1));
+    GLfixed p_blue = static_cast<GLfixed>(c.value(2));
+    GLfixed p_alpha = static_cast<GLfixed>(c.value(3));
+    if (!c.ok()) return;
+    if (!H::before(c, p_red, p_green, p_blue, p_alpha)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_red, p_green, p_blue, p_alpha); else host(p_red, p_green, p_blue, p_alpha);
+    H::after(c, p_red, p_green, p_blue, p_alpha);
+}
+
+// 4047 glDepthRangexOES
+void play_4047(Call &c) {
+    using H = Hooks<ext::glDepthRangexOES>;
+    auto host = c.glext().glDepthRangexOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLfixed p_n = static_cast<GLfixed>(c.value(0));
+    GLfixed p_f = static_cast<GLfixed>(c.value(1));
+    if (!c.ok()) return;
+    if (!H::before(c, p_n, p_f)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_n, p_f); else host(p_n, p_f);
+    H::after(c, p_n, p_f);
+}
+
+// 4048 glFogxOES
+void play_4048(Call &c) {
+    using H = Hooks<ext::glFogxOES>;
+    auto host = c.glext().glFogxOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_pname = static_cast<GLenum>(c.value(0));
+    GLfixed p_param = static_cast<GLfixed>(c.value(1));
+    if (!c.ok()) return;
+    if (!H::before(c, p_pname, p_param)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_pname, p_param); else host(p_pname, p_param);
+    H::after(c, p_pname, p_param);
+}
+
+// 4049 glFogxvOES
+void play_4049(Call &c) {
+    using H = Hooks<ext::glFogxvOES>;
+    auto host = c.glext().glFogxvOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_pname = static_cast<GLenum>(c.value(0));
+    const GLfixed * p_param = reinterpret_cast<const GLfixed *>(const_cast<void *>(c.in(1)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_pname, p_param)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_pname, p_param); else host(p_pname, p_param);
+    H::after(c, p_pname, p_param);
+}
+
+// 4050 glFrustumxOES
+void play_4050(Call &c) {
+    using H = Hooks<ext::glFrustumxOES>;
+    auto host = c.glext().glFrustumxOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLfixed p_l = static_cast<GLfixed>(c.value(0));
+    GLfixed p_r = static_cast<GLfixed>(c.value(1));
+    GLfixed p_b = static_cast<GLfixed>(c.value(2));
+    GLfixed p_t = static_cast<GLfixed>(c.value(3));
+    GLfixed p_n = static_cast<GLfixed>(c.value(4));
+    GLfixed p_f = static_cast<GLfixed>(c.value(5));
+    if (!c.ok()) return;
+    if (!H::before(c, p_l, p_r, p_b, p_t, p_n, p_f)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_l, p_r, p_b, p_t, p_n, p_f); else host(p_l, p_r, p_b, p_t, p_n, p_f);
+    H::after(c, p_l, p_r, p_b, p_t, p_n, p_f);
+}
+
+// 4051 glGetClipPlanexOES
+void play_4051(Call &c) {
+    using H = Hooks<ext::glGetClipPlanexOES>;
+    auto host = c.glext().glGetClipPlanexOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_plane = static_cast<GLenum>(c.value(0));
+    GLfixed * p_equation = reinterpret_cast<GLfixed *>(c.out(1));
+    if (!c.ok()) return;
+    if (!H::before(c, p_plane, p_equation)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_plane, p_equation); else host(p_plane, p_equation);
+    H::after(c, p_plane, p_equation);
+}
+
+// 4052 glGetFixedvOES
+void play_4052(Call &c) {
+    using H = Hooks<ext::glGetFixedvOES>;
+    auto host = c.glext().glGetFixedvOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_pname = static_cast<GLenum>(c.value(0));
+    GLfixed * p_params = reinterpret_cast<GLfixed *>(c.out(1));
+    if (!c.ok()) return;
+    if (!H::before(c, p_pname, p_params)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_pname, p_params); else host(p_pname, p_params);
+    H::after(c, p_pname, p_params);
+}
+
+// 4053 glGetLightxvOES
+void play_4053(Call &c) {
+    using H = Hooks<ext::glGetLightxvOES>;
+    auto host = c.glext().glGetLightxvOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_light = static_cast<GLenum>(c.value(0));
+    GLenum p_pname = static_cast<GLenum>(c.value(1));
+    GLfixed * p_params = reinterpret_cast<GLfixed *>(c.out(2));
+    if (!c.ok()) return;
+    if (!H::before(c, p_light, p_pname, p_params)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_light, p_pname, p_params); else host(p_light, p_pname, p_params);
+    H::after(c, p_light, p_pname, p_params);
+}
+
+// 4054 glGetMaterialxvOES
+void play_4054(Call &c) {
+    using H = Hooks<ext::glGetMaterialxvOES>;
+    auto host = c.glext().glGetMaterialxvOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_face = static_cast<GLenum>(c.value(0));
+    GLenum p_pname = static_cast<GLenum>(c.value(1));
+    GLfixed * p_params = reinterpret_cast<GLfixed *>(c.out(2));
+    if (!c.ok()) return;
+    if (!H::before(c, p_face, p_pname, p_params)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_face, p_pname, p_params); else host(p_face, p_pname, p_params);
+    H::after(c, p_face, p_pname, p_params);
+}
+
+// 4055 glGetTexEnvxvOES
+void play_4055(Call &c) {
+    using H = Hooks<ext::glGetTexEnvxvOES>;
+    auto host = c.glext().glGetTexEnvxvOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_target = static_cast<GLenum>(c.value(0));
+    GLenum p_pname = static_cast<GLenum>(c.value(1));
+    GLfixed * p_params = reinterpret_cast<GLfixed *>(c.out(2));
+    if (!c.ok()) return;
+    if (!H::before(c, p_target, p_pname, p_params)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_target, p_pname, p_params); else host(p_target, p_pname, p_params);
+    H::after(c, p_target, p_pname, p_params);
+}
+
+// 4056 glGetTexParameterxvOES
+void play_4056(Call &c) {
+    using H = Hooks<ext::glGetTexParameterxvOES>;
+    auto host = c.glext().glGetTexParameterxvOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_target = static_cast<GLenum>(c.value(0));
+    GLenum p_pname = static_cast<GLenum>(c.value(1));
+    GLfixed * p_params = reinterpret_cast<GLfixed *>(c.out(2));
+    if (!c.ok()) return;
+    if (!H::before(c, p_target, p_pname, p_params)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_target, p_pname, p_params); else host(p_target, p_pname, p_params);
+    H::after(c, p_target, p_pname, p_params);
+}
+
+// 4057 glLightModelxOES
+void play_4057(Call &c) {
+    using H = Hooks<ext::glLightModelxOES>;
+    auto host = c.glext().glLightModelxOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_pname = static_cast<GLenum>(c.value(0));
+    GLfixed p_param = static_cast<GLfixed>(c.value(1));
+    if (!c.ok()) return;
+    if (!H::before(c, p_pname, p_param)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_pname, p_param); else host(p_pname, p_param);
+    H::after(c, p_pname, p_param);
+}
+
+// 4058 glLightModelxvOES
+void play_4058(Call &c) {
+    using H = Hooks<ext::glLightModelxvOES>;
+    auto host = c.glext().glLightModelxvOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_pname = static_cast<GLenum>(c.value(0));
+    const GLfixed * p_param = reinterpret_cast<const GLfixed *>(const_cast<void *>(c.in(1)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_pname, p_param)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_pname, p_param); else host(p_pname, p_param);
+    H::after(c, p_pname, p_param);
+}
+
+// 4059 glLightxOES
+void play_4059(Call &c) {
+    using H = Hooks<ext::glLightxOES>;
+    auto host = c.glext().glLightxOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_light = static_cast<GLenum>(c.value(0));
+    GLenum p_pname = static_cast<GLenum>(c.value(1));
+    GLfixed p_param = static_cast<GLfixed>(c.value(2));
+    if (!c.ok()) return;
+    if (!H::before(c, p_light, p_pname, p_param)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_light, p_pname, p_param); else host(p_light, p_pname, p_param);
+    H::after(c, p_light, p_pname, p_param);
+}
+
+// 4060 glLightxvOES
+void play_4060(Call &c) {
+    using H = Hooks<ext::glLightxvOES>;
+    auto host = c.glext().glLightxvOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_light = static_cast<GLenum>(c.value(0));
+    GLenum p_pname = static_cast<GLenum>(c.value(1));
+    const GLfixed * p_params = reinterpret_cast<const GLfixed *>(const_cast<void *>(c.in(2)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_light, p_pname, p_params)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_light, p_pname, p_params); else host(p_light, p_pname, p_params);
+    H::after(c, p_light, p_pname, p_params);
+}
+
+// 4061 glLineWidthxOES
+void play_4061(Call &c) {
+    using H = Hooks<ext::glLineWidthxOES>;
+    auto host = c.glext().glLineWidthxOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLfixed p_width = static_cast<GLfixed>(c.value(0));
+    if (!c.ok()) return;
+    if (!H::before(c, p_width)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_width); else host(p_width);
+    H::after(c, p_width);
+}
+
+// 4062 glLoadMatrixxOES
+void play_4062(Call &c) {
+    using H = Hooks<ext::glLoadMatrixxOES>;
+    auto host = c.glext().glLoadMatrixxOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    const GLfixed * p_m = reinterpret_cast<const GLfixed *>(const_cast<void *>(c.in(0)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_m)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_m); else host(p_m);
+    H::after(c, p_m);
+}
+
+// 4063 glMaterialxOES
+void play_4063(Call &c) {
+    using H = Hooks<ext::glMaterialxOES>;
+    auto host = c.glext().glMaterialxOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_face = static_cast<GLenum>(c.value(0));
+    GLenum p_pname = static_cast<GLenum>(c.value(1));
+    GLfixed p_param = static_cast<GLfixed>(c.value(2));
+    if (!c.ok()) return;
+    if (!H::before(c, p_face, p_pname, p_param)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_face, p_pname, p_param); else host(p_face, p_pname, p_param);
+    H::after(c, p_face, p_pname, p_param);
+}
+
+// 4064 glMaterialxvOES
+void play_4064(Call &c) {
+    using H = Hooks<ext::glMaterialxvOES>;
+    auto host = c.glext().glMaterialxvOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_face = static_cast<GLenum>(c.value(0));
+    GLenum p_pname = static_cast<GLenum>(c.value(1));
+    const GLfixed * p_param = reinterpret_cast<const GLfixed *>(const_cast<void *>(c.in(2)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_face, p_pname, p_param)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_face, p_pname, p_param); else host(p_face, p_pname, p_param);
+    H::after(c, p_face, p_pname, p_param);
+}
+
+// 4065 glMultMatrixxOES
+void play_4065(Call &c) {
+    using H = Hooks<ext::glMultMatrixxOES>;
+    auto host = c.glext().glMultMatrixxOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    const GLfixed * p_m = reinterpret_cast<const GLfixed *>(const_cast<void *>(c.in(0)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_m)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_m); else host(p_m);
+    H::after(c, p_m);
+}
+
+// 4066 glMultiTexCoord4xOES
+void play_4066(Call &c) {
+    using H = Hooks<ext::glMultiTexCoord4xOES>;
+    auto host = c.glext().glMultiTexCoord4xOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_texture = static_cast<GLenum>(c.value(0));
+    GLfixed p_s = static_cast<GLfixed>(c.value(1));
+    GLfixed p_t = static_cast<GLfixed>(c.value(2));
+    GLfixed p_r = static_cast<GLfixed>(c.value(3));
+    GLfixed p_q = static_cast<GLfixed>(c.value(4));
+    if (!c.ok()) return;
+    if (!H::before(c, p_texture, p_s, p_t, p_r, p_q)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_texture, p_s, p_t, p_r, p_q); else host(p_texture, p_s, p_t, p_r, p_q);
+    H::after(c, p_texture, p_s, p_t, p_r, p_q);
+}
+
+// 4067 glNormal3xOES
+void play_4067(Call &c) {
+    using H = Hooks<ext::glNormal3xOES>;
+    auto host = c.glext().glNormal3xOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLfixed p_nx = static_cast<GLfixed>(c.value(0));
+    GLfixed p_ny = static_cast<GLfixed>(c.value(1));
+    GLfixed p_nz = static_cast<GLfixed>(c.value(2));
+    if (!c.ok()) return;
+    if (!H::before(c, p_nx, p_ny, p_nz)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_nx, p_ny, p_nz); else host(p_nx, p_ny, p_nz);
+    H::after(c, p_nx, p_ny, p_nz);
+}
+
+// 4068 glOrthoxOES
+void play_4068(Call &c) {
+    using H = Hooks<ext::glOrthoxOES>;
+    auto host = c.glext().glOrthoxOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLfixed p_l = static_cast<GLfixed>(c.value(0));
+    GLfixed p_r = static_cast<GLfixed>(c.value(1));
+    GLfixed p_b = static_cast<GLfixed>(c.value(2));
+    GLfixed p_t = static_cast<GLfixed>(c.value(3));
+    GLfixed p_n = static_cast<GLfixed>(c.value(4));
+    GLfixed p_f = static_cast<GLfixed>(c.value(5));
+    if (!c.ok()) return;
+    if (!H::before(c, p_l, p_r, p_b, p_t, p_n, p_f)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_l, p_r, p_b, p_t, p_n, p_f); else host(p_l, p_r, p_b, p_t, p_n, p_f);
+    H::after(c, p_l, p_r, p_b, p_t, p_n, p_f);
+}
+
+// 4069 glPointParameterxOES
+void play_4069(Call &c) {
+    using H = Hooks<ext::glPointParameterxOES>;
+    auto host = c.glext().glPointParameterxOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_pname = static_cast<GLenum>(c.value(0));
+    GLfixed p_param = static_cast<GLfixed>(c.value(1));
+    if (!c.ok()) return;
+    if (!H::before(c, p_pname, p_param)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_pname, p_param); else host(p_pname, p_param);
+    H::after(c, p_pname, p_param);
+}
+
+// 4070 glPointParameterxvOES
+void play_4070(Call &c) {
+    using H = Hooks<ext::glPointParameterxvOES>;
+    auto host = c.glext().glPointParameterxvOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_pname = static_cast<GLenum>(c.value(0));
+    const GLfixed * p_params = reinterpret_cast<const GLfixed *>(const_cast<void *>(c.in(1)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_pname, p_params)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_pname, p_params); else host(p_pname, p_params);
+    H::after(c, p_pname, p_params);
+}
+
+// 4071 glPointSizexOES
+void play_4071(Call &c) {
+    using H = Hooks<ext::glPointSizexOES>;
+    auto host = c.glext().glPointSizexOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLfixed p_size = static_cast<GLfixed>(c.value(0));
+    if (!c.ok()) return;
+    if (!H::before(c, p_size)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_size); else host(p_size);
+    H::after(c, p_size);
+}
+
+// 4072 glPolygonOffsetxOES
+void play_4072(Call &c) {
+    using H = Hooks<ext::glPolygonOffsetxOES>;
+    auto host = c.glext().glPolygonOffsetxOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLfixed p_factor = static_cast<GLfixed>(c.value(0));
+    GLfixed p_units = static_cast<GLfixed>(c.value(1));
+    if (!c.ok()) return;
+    if (!H::before(c, p_factor, p_units)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_factor, p_units); else host(p_factor, p_units);
+    H::after(c, p_factor, p_units);
+}
+
+// 4073 glRotatexOES
+void play_4073(Call &c) {
+    using H = Hooks<ext::glRotatexOES>;
+    auto host = c.glext().glRotatexOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLfixed p_angle = static_cast<GLfixed>(c.value(0));
+    GLfixed p_x = static_cast<GLfixed>(c.value(1));
+    GLfixed p_y = static_cast<GLfixed>(c.value(2));
+    GLfixed p_z = static_cast<GLfixed>(c.value(3));
+    if (!c.ok()) return;
+    if (!H::before(c, p_angle, p_x, p_y, p_z)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_angle, p_x, p_y, p_z); else host(p_angle, p_x, p_y, p_z);
+    H::after(c, p_angle, p_x, p_y, p_z);
+}
+
+// 4074 glSampleCoveragexOES
+void play_4074(Call &c) {
+    using H = Hooks<ext::glSampleCoveragexOES>;
+    auto host = c.glext().glSampleCoveragexOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLclampx p_value = static_cast<GLclampx>(c.value(0));
+    GLboolean p_invert = static_cast<GLboolean>(c.value(1));
+    if (!c.ok()) return;
+    if (!H::before(c, p_value, p_invert)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_value, p_invert); else host(p_value, p_invert);
+    H::after(c, p_value, p_invert);
+}
+
+// 4075 glScalexOES
+void play_4075(Call &c) {
+    using H = Hooks<ext::glScalexOES>;
+    auto host = c.glext().glScalexOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLfixed p_x = static_cast<GLfixed>(c.value(0));
+    GLfixed p_y = static_cast<GLfixed>(c.value(1));
+    GLfixed p_z = static_cast<GLfixed>(c.value(2));
+    if (!c.ok()) return;
+    if (!H::before(c, p_x, p_y, p_z)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_x, p_y, p_z); else host(p_x, p_y, p_z);
+    H::after(c, p_x, p_y, p_z);
+}
+
+// 4076 glTexEnvxOES
+void play_4076(Call &c) {
+    using H = Hooks<ext::glTexEnvxOES>;
+    auto host = c.glext().glTexEnvxOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_target = static_cast<GLenum>(c.value(0));
+    GLenum p_pname = static_cast<GLenum>(c.value(1));
+    GLfixed p_param = static_cast<GLfixed>(c.value(2));
+    if (!c.ok()) return;
+    if (!H::before(c, p_target, p_pname, p_param)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_target, p_pname, p_param); else host(p_target, p_pname, p_param);
+    H::after(c, p_target, p_pname, p_param);
+}
+
+// 4077 glTexEnvxvOES
+void play_4077(Call &c) {
+    using H = Hooks<ext::glTexEnvxvOES>;
+    auto host = c.glext().glTexEnvxvOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_target = static_cast<GLenum>(c.value(0));
+    GLenum p_pname = static_cast<GLenum>(c.value(1));
+    const GLfixed * p_params = reinterpret_cast<const GLfixed *>(const_cast<void *>(c.in(2)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_target, p_pname, p_params)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_target, p_pname, p_params); else host(p_target, p_pname, p_params);
+    H::after(c, p_target, p_pname, p_params);
+}
+
+// 4078 glTexParameterxOES
+void play_4078(Call &c) {
+    using H = Hooks<ext::glTexParameterxOES>;
+    auto host = c.glext().glTexParameterxOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_target = static_cast<GLenum>(c.value(0));
+    GLenum p_pname = static_cast<GLenum>(c.value(1));
+    GLfixed p_param = static_cast<GLfixed>(c.value(2));
+    if (!c.ok()) return;
+    if (!H::before(c, p_target, p_pname, p_param)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_target, p_pname, p_param); else host(p_target, p_pname, p_param);
+    H::after(c, p_target, p_pname, p_param);
+}
+
+// 4079 glTexParameterxvOES
+void play_4079(Call &c) {
+    using H = Hooks<ext::glTexParameterxvOES>;
+    auto host = c.glext().glTexParameterxvOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_target = static_cast<GLenum>(c.value(0));
+    GLenum p_pname = static_cast<GLenum>(c.value(1));
+    const GLfixed * p_params = reinterpret_cast<const GLfixed *>(const_cast<void *>(c.in(2)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_target, p_pname, p_params)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_target, p_pname, p_params); else host(p_target, p_pname, p_params);
+    H::after(c, p_target, p_pname, p_params);
+}
+
+// 4080 glTranslatexOES
+void play_4080(Call &c) {
+    using H = Hooks<ext::glTranslatexOES>;
+    auto host = c.glext().glTranslatexOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLfixed p_x = static_cast<GLfixed>(c.value(0));
+    GLfixed p_y = static_cast<GLfixed>(c.value(1));
+    GLfixed p_z = static_cast<GLfixed>(c.value(2));
+    if (!c.ok()) return;
+    if (!H::before(c, p_x, p_y, p_z)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_x, p_y, p_z); else host(p_x, p_y, p_z);
+    H::after(c, p_x, p_y, p_z);
+}
+
+// 4081 glDrawTexfOES
+void play_4081(Call &c) {
+    using H = Hooks<ext::glDrawTexfOES>;
+    auto host = c.glext().glDrawTexfOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLfloat p_x = c.f32(0);
+    GLfloat p_y = c.f32(1);
+    GLfloat p_z = c.f32(2);
+    GLfloat p_width = c.f32(3);
+    GLfloat p_height = c.f32(4);
+    if (!c.ok()) return;
+    if (!H::before(c, p_x, p_y, p_z, p_width, p_height)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_x, p_y, p_z, p_width, p_height); else host(p_x, p_y, p_z, p_width, p_height);
+    H::after(c, p_x, p_y, p_z, p_width, p_height);
+}
+
+// 4082 glDrawTexfvOES
+void play_4082(Call &c) {
+    using H = Hooks<ext::glDrawTexfvOES>;
+    auto host = c.glext().glDrawTexfvOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    const GLfloat * p_coords = reinterpret_cast<const GLfloat *>(const_cast<void *>(c.in(0)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_coords)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_coords); else host(p_coords);
+    H::after(c, p_coords);
+}
+
+// 4083 glDrawTexiOES
+void play_4083(Call &c) {
+    using H = Hooks<ext::glDrawTexiOES>;
+    auto host = c.glext().glDrawTexiOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLint p_x = static_cast<GLint>(c.value(0));
+    GLint p_y = static_cast<GLint>(c.value(1));
+    GLint p_z = static_cast<GLint>(c.value(2));
+    GLint p_width = static_cast<GLint>(c.value(3));
+    GLint p_height = static_cast<GLint>(c.value(4));
+    if (!c.ok()) return;
+    if (!H::before(c, p_x, p_y, p_z, p_width, p_height)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_x, p_y, p_z, p_width, p_height); else host(p_x, p_y, p_z, p_width, p_height);
+    H::after(c, p_x, p_y, p_z, p_width, p_height);
+}
+
+// 4084 glDrawTexivOES
+void play_4084(Call &c) {
+    using H = Hooks<ext::glDrawTexivOES>;
+    auto host = c.glext().glDrawTexivOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    const GLint * p_coords = reinterpret_cast<const GLint *>(const_cast<void *>(c.in(0)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_coords)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_coords); else host(p_coords);
+    H::after(c, p_coords);
+}
+
+// 4085 glDrawTexsOES
+void play_4085(Call &c) {
+    using H = Hooks<ext::glDrawTexsOES>;
+    auto host = c.glext().glDrawTexsOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLshort p_x = static_cast<GLshort>(c.value(0));
+    GLshort p_y = static_cast<GLshort>(c.value(1));
+    GLshort p_z = static_cast<GLshort>(c.value(2));
+    GLshort p_width = static_cast<GLshort>(c.value(3));
+    GLshort p_height = static_cast<GLshort>(c.value(4));
+    if (!c.ok()) return;
+    if (!H::before(c, p_x, p_y, p_z, p_width, p_height)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_x, p_y, p_z, p_width, p_height); else host(p_x, p_y, p_z, p_width, p_height);
+    H::after(c, p_x, p_y, p_z, p_width, p_height);
+}
+
+// 4086 glDrawTexsvOES
+void play_4086(Call &c) {
+    using H = Hooks<ext::glDrawTexsvOES>;
+    auto host = c.glext().glDrawTexsvOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    const GLshort * p_coords = reinterpret_cast<const GLshort *>(const_cast<void *>(c.in(0)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_coords)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_coords); else host(p_coords);
+    H::after(c, p_coords);
+}
+
+// 4087 glDrawTexxOES
+void play_4087(Call &c) {
+    using H = Hooks<ext::glDrawTexxOES>;
+    auto host = c.glext().glDrawTexxOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLfixed p_x = static_cast<GLfixed>(c.value(0));
+    GLfixed p_y = static_cast<GLfixed>(c.value(1));
+    GLfixed p_z = static_cast<GLfixed>(c.value(2));
+    GLfixed p_width = static_cast<GLfixed>(c.value(3));
+    GLfixed p_height = static_cast<GLfixed>(c.value(4));
+    if (!c.ok()) return;
+    if (!H::before(c, p_x, p_y, p_z, p_width, p_height)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_x, p_y, p_z, p_width, p_height); else host(p_x, p_y, p_z, p_width, p_height);
+    H::after(c, p_x, p_y, p_z, p_width, p_height);
+}
+
+// 4088 glDrawTexxvOES
+void play_4088(Call &c) {
+    using H = Hooks<ext::glDrawTexxvOES>;
+    auto host = c.glext().glDrawTexxvOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    const GLfixed * p_coords = reinterpret_cast<const GLfixed *>(const_cast<void *>(c.in(0)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_coords)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_coords); else host(p_coords);
+    H::after(c, p_coords);
+}
+
+// 4091 glGetPerfMonitorGroupsAMD
+void play_4091(Call &c) {
+    using H = Hooks<ext::glGetPerfMonitorGroupsAMD>;
+    auto host = c.glext().glGetPerfMonitorGroupsAMD;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLint * p_numGroups = reinterpret_cast<GLint *>(c.out(0));
+    GLsizei p_groupsSize = static_cast<GLsizei>(c.value(1));
+    GLuint * p_groups = reinterpret_cast<GLuint *>(c.out(2));
+    if (!c.ok()) return;
+    if (!H::before(c, p_numGroups, p_groupsSize, p_groups)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_numGroups, p_groupsSize, p_groups); else host(p_numGroups, p_groupsSize, p_groups);
+    H::after(c, p_numGroups, p_groupsSize, p_groups);
+}
+
+// 4092 glGetPerfMonitorCountersAMD
+void play_4092(Call &c) {
+    using H = Hooks<ext::glGetPerfMonitorCountersAMD>;
+    auto host = c.glext().glGetPerfMonitorCountersAMD;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_group = static_cast<GLuint>(c.value(0));
+    GLint * p_numCounters = reinterpret_cast<GLint *>(c.out(1));
+    GLint * p_maxActiveCounters = reinterpret_cast<GLint *>(c.out(2));
+    GLsizei p_counterSize = static_cast<GLsizei>(c.value(3));
+    GLuint * p_counters = reinterpret_cast<GLuint *>(c.out(4));
+    if (!c.ok()) return;
+    if (!H::before(c, p_group, p_numCounters, p_maxActiveCounters, p_counterSize, p_counters)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_group, p_numCounters, p_maxActiveCounters, p_counterSize, p_counters); else host(p_group, p_numCounters, p_maxActiveCounters, p_counterSize, p_counters);
+    H::after(c, p_group, p_numCounters, p_maxActiveCounters, p_counterSize, p_counters);
+}
+
+// 4093 glGetPerfMonitorGroupStringAMD
+void play_4093(Call &c) {
+    using H = Hooks<ext::glGetPerfMonitorGroupStringAMD>;
+    auto host = c.glext().glGetPerfMonitorGroupStringAMD;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_group = static_cast<GLuint>(c.value(0));
+    GLsizei p_bufSize = static_cast<GLsizei>(c.value(1));
+    GLsizei * p_length = reinterpret_cast<GLsizei *>(c.out(2, c.value(1)));
+    GLchar * p_groupString = reinterpret_cast<GLchar *>(c.out(3, c.value(1)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_group, p_bufSize, p_length, p_groupString)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_group, p_bufSize, p_length, p_groupString); else host(p_group, p_bufSize, p_length, p_groupString);
+    H::after(c, p_group, p_bufSize, p_length, p_groupString);
+}
+
+// 4094 glGetPerfMonitorCounterStringAMD
+void play_4094(Call &c) {
+    using H = Hooks<ext::glGetPerfMonitorCounterStringAMD>;
+    auto host = c.glext().glGetPerfMonitorCounterStringAMD;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_group = static_cast<GLuint>(c.value(0));
+    GLuint p_counter = static_cast<GLuint>(c.value(1));
+    GLsizei p_bufSize = static_cast<GLsizei>(c.value(2));
+    GLsizei * p_length = reinterpret_cast<GLsizei *>(c.out(3, c.value(2)));
+    GLchar * p_counterString = reinterpret_cast<GLchar *>(c.out(4, c.value(2)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_group, p_counter, p_bufSize, p_length, p_counterString)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_group, p_counter, p_bufSize, p_length, p_counterString); else host(p_group, p_counter, p_bufSize, p_length, p_counterString);
+    H::after(c, p_group, p_counter, p_bufSize, p_length, p_counterString);
+}
+
+// 4095 glGetPerfMonitorCounterInfoAMD
+void play_4095(Call &c) {
+    using H = Hooks<ext::glGetPerfMonitorCounterInfoAMD>;
+    auto host = c.glext().glGetPerfMonitorCounterInfoAMD;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_group = static_cast<GLuint>(c.value(0));
+    GLuint p_counter = static_cast<GLuint>(c.value(1));
+    GLenum p_pname = static_cast<GLenum>(c.value(2));
+    void * p_data = c.raw<void *>(3);
+    if (!c.ok()) return;
+    if (!H::before(c, p_group, p_counter, p_pname, p_data)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_group, p_counter, p_pname, p_data); else host(p_group, p_counter, p_pname, p_data);
+    H::after(c, p_group, p_counter, p_pname, p_data);
+}
+
+// 4096 glGenPerfMonitorsAMD
+void play_4096(Call &c) {
+    using H = Hooks<ext::glGenPerfMonitorsAMD>;
+    auto host = c.glext().glGenPerfMonitorsAMD;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLsizei p_n = static_cast<GLsizei>(c.value(0));
+    GLuint * p_monitors = reinterpret_cast<GLuint *>(c.out(1));
+    if (!c.ok()) return;
+    if (!H::before(c, p_n, p_monitors)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_n, p_monitors); else host(p_n, p_monitors);
+    H::after(c, p_n, p_monitors);
+}
+
+// 4097 glDeletePerfMonitorsAMD
+void play_4097(Call &c) {
+    using H = Hooks<ext::glDeletePerfMonitorsAMD>;
+    auto host = c.glext().glDeletePerfMonitorsAMD;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLsizei p_n = static_cast<GLsizei>(c.value(0));
+    GLuint * p_monitors = reinterpret_cast<GLuint *>(c.out(1));
+    if (!c.ok()) return;
+    if (!H::before(c, p_n, p_monitors)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_n, p_monitors); else host(p_n, p_monitors);
+    H::after(c, p_n, p_monitors);
+}
+
+// 4098 glSelectPerfMonitorCountersAMD
+void play_4098(Call &c) {
+    using H = Hooks<ext::glSelectPerfMonitorCountersAMD>;
+    auto host = c.glext().glSelectPerfMonitorCountersAMD;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_monitor = static_cast<GLuint>(c.value(0));
+    GLboolean p_enable = static_cast<GLboolean>(c.value(1));
+    GLuint p_group = static_cast<GLuint>(c.value(2));
+    GLint p_numCounters = static_cast<GLint>(c.value(3));
+    GLuint * p_counterList = reinterpret_cast<GLuint *>(c.out(4));
+    if (!c.ok()) return;
+    if (!H::before(c, p_monitor, p_enable, p_group, p_numCounters, p_counterList)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_monitor, p_enable, p_group, p_numCounters, p_counterList); else host(p_monitor, p_enable, p_group, p_numCounters, p_counterList);
+    H::after(c, p_monitor, p_enable, p_group, p_numCounters, p_counterList);
+}
+
+// 4099 glBeginPerfMonitorAMD
+void play_4099(Call &c) {
+    using H = Hooks<ext::glBeginPerfMonitorAMD>;
+    auto host = c.glext().glBeginPerfMonitorAMD;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_monitor = static_cast<GLuint>(c.value(0));
+    if (!c.ok()) return;
+    if (!H::before(c, p_monitor)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_monitor); else host(p_monitor);
+    H::after(c, p_monitor);
+}
+
+// 4100 glEndPerfMonitorAMD
+void play_4100(Call &c) {
+    using H = Hooks<ext::glEndPerfMonitorAMD>;
+    auto host = c.glext().glEndPerfMonitorAMD;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_monitor = static_cast<GLuint>(c.value(0));
+    if (!c.ok()) return;
+    if (!H::before(c, p_monitor)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_monitor); else host(p_monitor);
+    H::after(c, p_monitor);
+}
+
+// 4101 glGetPerfMonitorCounterDataAMD
+void play_4101(Call &c) {
+    using H = Hooks<ext::glGetPerfMonitorCounterDataAMD>;
+    auto host = c.glext().glGetPerfMonitorCounterDataAMD;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_monitor = static_cast<GLuint>(c.value(0));
+    GLenum p_pname = static_cast<GLenum>(c.value(1));
+    GLsizei p_dataSize = static_cast<GLsizei>(c.value(2));
+    GLuint * p_data = reinterpret_cast<GLuint *>(c.out(3));
+    GLint * p_bytesWritten = reinterpret_cast<GLint *>(c.out(4));
+    if (!c.ok()) return;
+    if (!H::before(c, p_monitor, p_pname, p_dataSize, p_data, p_bytesWritten)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_monitor, p_pname, p_dataSize, p_data, p_bytesWritten); else host(p_monitor, p_pname, p_dataSize, p_data, p_bytesWritten);
+    H::after(c, p_monitor, p_pname, p_dataSize, p_data, p_bytesWritten);
+}
+
+// 4102 glBlitFramebufferANGLE
+void play_4102(Call &c) {
+    using H = Hooks<fn::glBlitFramebuffer>;
+    auto host = c.glext().glBlitFramebufferANGLE;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLint p_srcX0 = static_cast<GLint>(c.value(0));
+    GLint p_srcY0 = static_cast<GLint>(c.value(1));
+    GLint p_srcX1 = static_cast<GLint>(c.value(2));
+    GLint p_srcY1 = static_cast<GLint>(c.value(3));
+    GLint p_dstX0 = static_cast<GLint>(c.value(4));
+    GLint p_dstY0 = static_cast<GLint>(c.value(5));
+    GLint p_dstX1 = static_cast<GLint>(c.value(6));
+    GLint p_dstY1 = static_cast<GLint>(c.value(7));
+    GLbitfield p_mask = static_cast<GLbitfield>(c.value(8));
+    GLenum p_filter = static_cast<GLenum>(c.value(9));
+    if (!c.ok()) return;
+    if (!H::before(c, p_srcX0, p_srcY0, p_srcX1, p_srcY1, p_dstX0, p_dstY0, p_dstX1, p_dstY1, p_mask, p_filter)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_srcX0, p_srcY0, p_srcX1, p_srcY1, p_dstX0, p_dstY0, p_dstX1, p_dstY1, p_mask, p_filter); else host(p_srcX0, p_srcY0, p_srcX1, p_srcY1, p_dstX0, p_dstY0, p_dstX1, p_dstY1, p_mask, p_filter);
+    H::after(c, p_srcX0, p_srcY0, p_srcX1, p_srcY1, p_dstX0, p_dstY0, p_dstX1, p_dstY1, p_mask, p_filter);
+}
+
+// 4103 glRenderbufferStorageMultisampleANGLE
+void play_4103(Call &c) {
+    using H = Hooks<fn::glRenderbufferStorageMultisample>;
+    auto host = c.glext().glRenderbufferStorageMultisampleANGLE;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_target = static_cast<GLenum>(c.value(0));
+    GLsizei p_samples = static_cast<GLsizei>(c.value(1));
+    GLenum p_internalformat = static_cast<GLenum>(c.value(2));
+    GLsizei p_width = static_cast<GLsizei>(c.value(3));
+    GLsizei p_height = static_cast<GLsizei>(c.value(4));
+    if (!c.ok()) return;
+    if (!H::before(c, p_target, p_samples, p_internalformat, p_width, p_height)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_target, p_samples, p_internalformat, p_width, p_height); else host(p_target, p_samples, p_internalformat, p_width, p_height);
+    H::after(c, p_target, p_samples, p_internalformat, p_width, p_height);
+}
+
+// 4104 glRenderbufferStorageMultisampleAPPLE
+void play_4104(Call &c) {
+    using H = Hooks<fn::glRenderbufferStorageMultisample>;
+    auto host = c.glext().glRenderbufferStorageMultisampleAPPLE;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_target = static_cast<GLenum>(c.value(0));
+    GLsizei p_samples = static_cast<GLsizei>(c.value(1));
+    GLenum p_internalformat = static_cast<GLenum>(c.value(2));
+    GLsizei p_width = static_cast<GLsizei>(c.value(3));
+    GLsizei p_height = static_cast<GLsizei>(c.value(4));
+    if (!c.ok()) return;
+    if (!H::before(c, p_target, p_samples, p_internalformat, p_width, p_height)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_target, p_samples, p_internalformat, p_width, p_height); else host(p_target, p_samples, p_internalformat, p_width, p_height);
+    H::after(c, p_target, p_samples, p_internalformat, p_width, p_height);
+}
+
+// 4105 glResolveMultisampleFramebufferAPPLE
+void play_4105(Call &c) {
+    using H = Hooks<ext::glResolveMultisampleFramebufferAPPLE>;
+    auto host = c.glext().glResolveMultisampleFramebufferAPPLE;
+    if (!H::kReplacesCall && !host) return c.missing();
+    if (!c.ok()) return;
+    if (!H::before(c)) return;
+    if constexpr (H::kReplacesCall) H::call(c); else host();
+    H::after(c);
+}
+
+// 4106 glCoverageMaskNV
+void play_4106(Call &c) {
+    using H = Hooks<ext::glCoverageMaskNV>;
+    auto host = c.glext().glCoverageMaskNV;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLboolean p_mask = static_cast<GLboolean>(c.value(0));
+    if (!c.ok()) return;
+    if (!H::before(c, p_mask)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_mask); else host(p_mask);
+    H::after(c, p_mask);
+}
+
+// 4107 glCoverageOperationNV
+void play_4107(Call &c) {
+    using H = Hooks<ext::glCoverageOperationNV>;
+    auto host = c.glext().glCoverageOperationNV;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_operation = static_cast<GLenum>(c.value(0));
+    if (!c.ok()) return;
+    if (!H::before(c, p_operation)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_operation); else host(p_operation);
+    H::after(c, p_operation);
+}
+
+// 4108 glGetDriverControlsQCOM
+void play_4108(Call &c) {
+    using H = Hooks<ext::glGetDriverControlsQCOM>;
+    auto host = c.glext().glGetDriverControlsQCOM;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLint * p_num = c.raw<GLint *>(0);
+    GLsizei p_size = static_cast<GLsizei>(c.value(1));
+    GLuint * p_driverControls = reinterpret_cast<GLuint *>(c.out(2));
+    if (!c.ok()) return;
+    if (!H::before(c, p_num, p_size, p_driverControls)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_num, p_size, p_driverControls); else host(p_num, p_size, p_driverControls);
+    H::after(c, p_num, p_size, p_driverControls);
+}
+
+// 4109 glGetDriverControlStringQCOM
+void play_4109(Call &c) {
+    using H = Hooks<ext::glGetDriverControlStringQCOM>;
+    auto host = c.glext().glGetDriverControlStringQCOM;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_driverControl = static_cast<GLuint>(c.value(0));
+    GLsizei p_bufSize = static_cast<GLsizei>(c.value(1));
+    GLsizei * p_length = c.raw<GLsizei *>(2);
+    GLchar * p_driverControlString = reinterpret_cast<GLchar *>(c.out(3, c.value(1)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_driverControl, p_bufSize, p_length, p_driverControlString)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_driverControl, p_bufSize, p_length, p_driverControlString); else host(p_driverControl, p_bufSize, p_length, p_driverControlString);
+    H::after(c, p_driverControl, p_bufSize, p_length, p_driverControlString);
+}
+
+// 4110 glEnableDriverControlQCOM
+void play_4110(Call &c) {
+    using H = Hooks<ext::glEnableDriverControlQCOM>;
+    auto host = c.glext().glEnableDriverControlQCOM;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_driverControl = static_cast<GLuint>(c.value(0));
+    if (!c.ok()) return;
+    if (!H::before(c, p_driverControl)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_driverControl); else host(p_driverControl);
+    H::after(c, p_driverControl);
+}
+
+// 4111 glDisableDriverControlQCOM
+void play_4111(Call &c) {
+    using H = Hooks<ext::glDisableDriverControlQCOM>;
+    auto host = c.glext().glDisableDriverControlQCOM;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_driverControl = static_cast<GLuint>(c.value(0));
+    if (!c.ok()) return;
+    if (!H::before(c, p_driverControl)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_driverControl); else host(p_driverControl);
+    H::after(c, p_driverControl);
+}
+
+// 4112 glExtGetTexturesQCOM
+void play_4112(Call &c) {
+    using H = Hooks<ext::glExtGetTexturesQCOM>;
+    auto host = c.glext().glExtGetTexturesQCOM;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint * p_textures = c.raw<GLuint *>(0);
+    GLint p_maxTextures = static_cast<GLint>(c.value(1));
+    GLint * p_numTextures = c.raw<GLint *>(2);
+    if (!c.ok()) return;
+    if (!H::before(c, p_textures, p_maxTextures, p_numTextures)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_textures, p_maxTextures, p_numTextures); else host(p_textures, p_maxTextures, p_numTextures);
+    H::after(c, p_textures, p_maxTextures, p_numTextures);
+}
+
+// 4113 glExtGetBuffersQCOM
+void play_4113(Call &c) {
+    using H = Hooks<ext::glExtGetBuffersQCOM>;
+    auto host = c.glext().glExtGetBuffersQCOM;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint * p_buffers = reinterpret_cast<GLuint *>(c.out(0));
+    GLint p_maxBuffers = static_cast<GLint>(c.value(1));
+    GLint * p_numBuffers = reinterpret_cast<GLint *>(c.out(2));
+    if (!c.ok()) return;
+    if (!H::before(c, p_buffers, p_maxBuffers, p_numBuffers)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_buffers, p_maxBuffers, p_numBuffers); else host(p_buffers, p_maxBuffers, p_numBuffers);
+    c.createdNames(Obj::Buffer, 0, p_buffers);
+    H::after(c, p_buffers, p_maxBuffers, p_numBuffers);
+}
+
+// 4114 glExtGetRenderbuffersQCOM
+void play_4114(Call &c) {
+    using H = Hooks<ext::glExtGetRenderbuffersQCOM>;
+    auto host = c.glext().glExtGetRenderbuffersQCOM;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint * p_renderbuffers = reinterpret_cast<GLuint *>(c.out(0));
+    GLint p_maxRenderbuffers = static_cast<GLint>(c.value(1));
+    GLint * p_numRenderbuffers = reinterpret_cast<GLint *>(c.out(2));
+    if (!c.ok()) return;
+    if (!H::before(c, p_renderbuffers, p_maxRenderbuffers, p_numRenderbuffers)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_renderbuffers, p_maxRenderbuffers, p_numRenderbuffers); else host(p_renderbuffers, p_maxRenderbuffers, p_numRenderbuffers);
+    c.createdNames(Obj::Renderbuffer, 0, p_renderbuffers);
+    H::after(c, p_renderbuffers, p_maxRenderbuffers, p_numRenderbuffers);
+}
+
+// 4115 glExtGetFramebuffersQCOM
+void play_4115(Call &c) {
+    using H = Hooks<ext::glExtGetFramebuffersQCOM>;
+    auto host = c.glext().glExtGetFramebuffersQCOM;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint * p_framebuffers = reinterpret_cast<GLuint *>(c.out(0));
+    GLint p_maxFramebuffers = static_cast<GLint>(c.value(1));
+    GLint * p_numFramebuffers = reinterpret_cast<GLint *>(c.out(2));
+    if (!c.ok()) return;
+    if (!H::before(c, p_framebuffers, p_maxFramebuffers, p_numFramebuffers)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_framebuffers, p_maxFramebuffers, p_numFramebuffers); else host(p_framebuffers, p_maxFramebuffers, p_numFramebuffers);
+    c.createdNames(Obj::Framebuffer, 0, p_framebuffers);
+    H::after(c, p_framebuffers, p_maxFramebuffers, p_numFramebuffers);
+}
+
+// 4116 glExtGetTexLevelParameterivQCOM
+void play_4116(Call &c) {
+    using H = Hooks<ext::glExtGetTexLevelParameterivQCOM>;
+    auto host = c.glext().glExtGetTexLevelParameterivQCOM;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_texture = static_cast<GLuint>(c.name(Obj::Texture, 0));
+    GLenum p_face = static_cast<GLenum>(c.value(1));
+    GLint p_level = static_cast<GLint>(c.value(2));
+    GLenum p_pname = static_cast<GLenum>(c.value(3));
+    GLint * p_params = c.raw<GLint *>(4);
+    if (!c.ok()) return;
+    if (!H::before(c, p_texture, p_face, p_level, p_pname, p_params)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_texture, p_face, p_level, p_pname, p_params); else host(p_texture, p_face, p_level, p_pname, p_params);
+    H::after(c, p_texture, p_face, p_level, p_pname, p_params);
+}
+
+// 4117 glExtTexObjectStateOverrideiQCOM
+void play_4117(Call &c) {
+    using H = Hooks<ext::glExtTexObjectStateOverrideiQCOM>;
+    auto host = c.glext().glExtTexObjectStateOverrideiQCOM;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_target = static_cast<GLenum>(c.value(0));
+    GLenum p_pname = static_cast<GLenum>(c.value(1));
+    GLint p_param = static_cast<GLint>(c.value(2));
+    if (!c.ok()) return;
+    if (!H::before(c, p_target, p_pname, p_param)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_target, p_pname, p_param); else host(p_target, p_pname, p_param);
+    H::after(c, p_target, p_pname, p_param);
+}
+
+// 4118 glExtGetTexSubImageQCOM
+void play_4118(Call &c) {
+    using H = Hooks<ext::glExtGetTexSubImageQCOM>;
+    auto host = c.glext().glExtGetTexSubImageQCOM;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_target = static_cast<GLenum>(c.value(0));
+    GLint p_level = static_cast<GLint>(c.value(1));
+    GLint p_xoffset = static_cast<GLint>(c.value(2));
+    GLint p_yoffset = static_cast<GLint>(c.value(3));
+    GLint p_zoffset = static_cast<GLint>(c.value(4));
+    GLsizei p_width = static_cast<GLsizei>(c.value(5));
+    GLsizei p_height = static_cast<GLsizei>(c.value(6));
+    GLsizei p_depth = static_cast<GLsizei>(c.value(7));
+    GLenum p_format = static_cast<GLenum>(c.value(8));
+    GLenum p_type = static_cast<GLenum>(c.value(9));
+    void * p_texels = c.raw<void *>(10);
+    if (!c.ok()) return;
+    if (!H::before(c, p_target, p_level, p_xoffset, p_yoffset, p_zoffset, p_width, p_height, p_depth, p_format, p_type, p_texels)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_target, p_level, p_xoffset, p_yoffset, p_zoffset, p_width, p_height, p_depth, p_format, p_type, p_texels); else host(p_target, p_level, p_xoffset, p_yoffset, p_zoffset, p_width, p_height, p_depth, p_format, p_type, p_texels);
+    H::after(c, p_target, p_level, p_xoffset, p_yoffset, p_zoffset, p_width, p_height, p_depth, p_format, p_type, p_texels);
+}
+
+// 4119 glExtGetBufferPointervQCOM
+void play_4119(Call &c) {
+    using H = Hooks<ext::glExtGetBufferPointervQCOM>;
+    auto host = c.glext().glExtGetBufferPointervQCOM;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_target = static_cast<GLenum>(c.value(0));
+    void ** p_params = reinterpret_cast<void **>(c.out(1));
+    if (!c.ok()) return;
+    if (!H::before(c, p_target, p_params)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_target, p_params); else host(p_target, p_params);
+    H::after(c, p_target, p_params);
+}
+
+// 4120 glExtGetShadersQCOM
+void play_4120(Call &c) {
+    using H = Hooks<ext::glExtGetShadersQCOM>;
+    auto host = c.glext().glExtGetShadersQCOM;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint * p_shaders = reinterpret_cast<GLuint *>(c.out(0));
+    GLint p_maxShaders = static_cast<GLint>(c.value(1));
+    GLint * p_numShaders = reinterpret_cast<GLint *>(c.out(2));
+    if (!c.ok()) return;
+    if (!H::before(c, p_shaders, p_maxShaders, p_numShaders)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_shaders, p_maxShaders, p_numShaders); else host(p_shaders, p_maxShaders, p_numShaders);
+    c.createdNames(Obj::Program, 0, p_shaders);
+    H::after(c, p_shaders, p_maxShaders, p_numShaders);
+}
+
+// 4121 glExtGetProgramsQCOM
+void play_4121(Call &c) {
+    using H = Hooks<ext::glExtGetProgramsQCOM>;
+    auto host = c.glext().glExtGetProgramsQCOM;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint * p_programs = reinterpret_cast<GLuint *>(c.out(0));
+    GLint p_maxPrograms = static_cast<GLint>(c.value(1));
+    GLint * p_numPrograms = reinterpret_cast<GLint *>(c.out(2));
+    if (!c.ok()) return;
+    if (!H::before(c, p_programs, p_maxPrograms, p_numPrograms)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_programs, p_maxPrograms, p_numPrograms); else host(p_programs, p_maxPrograms, p_numPrograms);
+    c.createdNames(Obj::Program, 0, p_programs);
+    H::after(c, p_programs, p_maxPrograms, p_numPrograms);
+}
+
+// 4122 glExtIsProgramBinaryQCOM
+void play_4122(Call &c) {
+    using H = Hooks<ext::glExtIsProgramBinaryQCOM>;
+    auto host = c.glext().glExtIsProgramBinaryQCOM;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_program = static_cast<GLuint>(c.name(Obj::Program, 0));
+    if (!c.ok()) return;
+    if (!H::before(c, p_program)) return;
+    GLboolean r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_program); else r = host(p_program);
+    H::after(c, r, p_program);
+}
+
+// 4123 glExtGetProgramBinarySourceQCOM
+void play_4123(Call &c) {
+    using H = Hooks<ext::glExtGetProgramBinarySourceQCOM>;
+    auto host = c.glext().glExtGetProgramBinarySourceQCOM;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_program = static_cast<GLuint>(c.name(Obj::Program, 0));
+    GLenum p_shadertype = static_cast<GLenum>(c.value(1));
+    GLchar * p_source = reinterpret_cast<GLchar *>(c.out(2));
+    GLint * p_length = c.raw<GLint *>(3);
+    if (!c.ok()) return;
+    if (!H::before(c, p_program, p_shadertype, p_source, p_length)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_program, p_shadertype, p_source, p_length); else host(p_program, p_shadertype, p_source, p_length);
+    H::after(c, p_program, p_shadertype, p_source, p_length);
+}
+
+// 4124 glStartTilingQCOM
+void play_4124(Call &c) {
+    using H = Hooks<ext::glStartTilingQCOM>;
+    auto host = c.glext().glStartTilingQCOM;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_x = static_cast<GLuint>(c.value(0));
+    GLuint p_y = static_cast<GLuint>(c.value(1));
+    GLuint p_width = static_cast<GLuint>(c.value(2));
+    GLuint p_height = static_cast<GLuint>(c.value(3));
+    GLbitfield p_preserveMask = static_cast<GLbitfield>(c.value(4));
+    if (!c.ok()) return;
+    if (!H::before(c, p_x, p_y, p_width, p_height, p_preserveMask)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_x, p_y, p_width, p_height, p_preserveMask); else host(p_x, p_y, p_width, p_height, p_preserveMask);
+    H::after(c, p_x, p_y, p_width, p_height, p_preserveMask);
+}
+
+// 4125 glEndTilingQCOM
+void play_4125(Call &c) {
+    using H = Hooks<ext::glEndTilingQCOM>;
+    auto host = c.glext().glEndTilingQCOM;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLbitfield p_preserveMask = static_cast<GLbitfield>(c.value(0));
+    if (!c.ok()) return;
+    if (!H::before(c, p_preserveMask)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_preserveMask); else host(p_preserveMask);
+    H::after(c, p_preserveMask);
+}
+
+// 4126 glGetProgramBinaryOES
+void play_4126(Call &c) {
+    using H = Hooks<fn::glGetProgramBinary>;
+    auto host = c.glext().glGetProgramBinaryOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_program = static_cast<GLuint>(c.name(Obj::Program, 0));
+    GLsizei p_bufSize = static_cast<GLsizei>(c.value(1));
+    GLsizei * p_length = reinterpret_cast<GLsizei *>(c.out(2, c.value(1)));
+    GLenum * p_binaryFormat = reinterpret_cast<GLenum *>(c.out(3, c.value(1)));
+    void * p_binary = reinterpret_cast<void *>(c.out(4, c.value(1)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_program, p_bufSize, p_length, p_binaryFormat, p_binary)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_program, p_bufSize, p_length, p_binaryFormat, p_binary); else host(p_program, p_bufSize, p_length, p_binaryFormat, p_binary);
+    H::after(c, p_program, p_bufSize, p_length, p_binaryFormat, p_binary);
+}
+
+// 4127 glProgramBinaryOES
+void play_4127(Call &c) {
+    using H = Hooks<fn::glProgramBinary>;
+    auto host = c.glext().glProgramBinaryOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_program = static_cast<GLuint>(c.name(Obj::Program, 0));
+    GLenum p_binaryFormat = static_cast<GLenum>(c.value(1));
+    const void * p_binary = reinterpret_cast<const void *>(const_cast<void *>(c.in(2)));
+    GLint p_length = static_cast<GLint>(c.value(3));
+    if (!c.ok()) return;
+    if (!H::before(c, p_program, p_binaryFormat, p_binary, p_length)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_program, p_binaryFormat, p_binary, p_length); else host(p_program, p_binaryFormat, p_binary, p_length);
+    H::after(c, p_program, p_binaryFormat, p_binary, p_length);
+}
+
+// 4128 glTexImage3DOES
+void play_4128(Call &c) {
+    using H = Hooks<fn::glTexImage3D>;
+    auto host = c.glext().glTexImage3DOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_target = static_cast<GLenum>(c.value(0));
+    GLint p_level = static_cast<GLint>(c.value(1));
+    GLenum p_internalformat = static_cast<GLenum>(c.value(2));
+    GLsizei p_width = static_cast<GLsizei>(c.value(3));
+    GLsizei p_height = static_cast<GLsizei>(c.value(4));
+    GLsizei p_depth = static_cast<GLsizei>(c.value(5));
+    GLint p_border = static_cast<GLint>(c.value(6));
+    GLenum p_format = static_cast<GLenum>(c.value(7));
+    GLenum p_type = static_cast<GLenum>(c.value(8));
+    const void * p_pixels = reinterpret_cast<const void *>(const_cast<void *>(c.in(9)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_target, p_level, p_internalformat, p_width, p_height, p_depth, p_border, p_format, p_type, p_pixels)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_target, p_level, p_internalformat, p_width, p_height, p_depth, p_border, p_format, p_type, p_pixels); else host(p_target, p_level, p_internalformat, p_width, p_height, p_depth, p_border, p_format, p_type, p_pixels);
+    H::after(c, p_target, p_level, p_internalformat, p_width, p_height, p_depth, p_border, p_format, p_type, p_pixels);
+}
+
+// 4129 glTexSubImage3DOES
+void play_4129(Call &c) {
+    using H = Hooks<fn::glTexSubImage3D>;
+    auto host = c.glext().glTexSubImage3DOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_target = static_cast<GLenum>(c.value(0));
+    GLint p_level = static_cast<GLint>(c.value(1));
+    GLint p_xoffset = static_cast<GLint>(c.value(2));
+    GLint p_yoffset = static_cast<GLint>(c.value(3));
+    GLint p_zoffset = static_cast<GLint>(c.value(4));
+    GLsizei p_width = static_cast<GLsizei>(c.value(5));
+    GLsizei p_height = static_cast<GLsizei>(c.value(6));
+    GLsizei p_depth = static_cast<GLsizei>(c.value(7));
+    GLenum p_format = static_cast<GLenum>(c.value(8));
+    GLenum p_type = static_cast<GLenum>(c.value(9));
+    const void * p_pixels = reinterpret_cast<const void *>(const_cast<void *>(c.in(10)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_target, p_level, p_xoffset, p_yoffset, p_zoffset, p_width, p_height, p_depth, p_format, p_type, p_pixels)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_target, p_level, p_xoffset, p_yoffset, p_zoffset, p_width, p_height, p_depth, p_format, p_type, p_pixels); else host(p_target, p_level, p_xoffset, p_yoffset, p_zoffset, p_width, p_height, p_depth, p_format, p_type, p_pixels);
+    H::after(c, p_target, p_level, p_xoffset, p_yoffset, p_zoffset, p_width, p_height, p_depth, p_format, p_type, p_pixels);
+}
+
+// 4130 glCopyTexSubImage3DOES
+void play_4130(Call &c) {
+    using H = Hooks<fn::glCopyTexSubImage3D>;
+    auto host = c.glext().glCopyTexSubImage3DOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_target = static_cast<GLenum>(c.value(0));
+    GLint p_level = static_cast<GLint>(c.value(1));
+    GLint p_xoffset = static_cast<GLint>(c.value(2));
+    GLint p_yoffset = static_cast<GLint>(c.value(3));
+    GLint p_zoffset = static_cast<GLint>(c.value(4));
+    GLint p_x = static_cast<GLint>(c.value(5));
+    GLint p_y = static_cast<GLint>(c.value(6));
+    GLsizei p_width = static_cast<GLsizei>(c.value(7));
+    GLsizei p_height = static_cast<GLsizei>(c.value(8));
+    if (!c.ok()) return;
+    if (!H::before(c, p_target, p_level, p_xoffset, p_yoffset, p_zoffset, p_x, p_y, p_width, p_height)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_target, p_level, p_xoffset, p_yoffset, p_zoffset, p_x, p_y, p_width, p_height); else host(p_target, p_level, p_xoffset, p_yoffset, p_zoffset, p_x, p_y, p_width, p_height);
+    H::after(c, p_target, p_level, p_xoffset, p_yoffset, p_zoffset, p_x, p_y, p_width, p_height);
+}
+
+// 4131 glCompressedTexImage3DOES
+void play_4131(Call &c) {
+    using H = Hooks<fn::glCompressedTexImage3D>;
+    auto host = c.glext().glCompressedTexImage3DOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_target = static_cast<GLenum>(c.value(0));
+    GLint p_level = static_cast<GLint>(c.value(1));
+    GLenum p_internalformat = static_cast<GLenum>(c.value(2));
+    GLsizei p_width = static_cast<GLsizei>(c.value(3));
+    GLsizei p_height = static_cast<GLsizei>(c.value(4));
+    GLsizei p_depth = static_cast<GLsizei>(c.value(5));
+    GLint p_border = static_cast<GLint>(c.value(6));
+    GLsizei p_imageSize = static_cast<GLsizei>(c.value(7));
+    const void * p_data = reinterpret_cast<const void *>(const_cast<void *>(c.in(8)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_target, p_level, p_internalformat, p_width, p_height, p_depth, p_border, p_imageSize, p_data)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_target, p_level, p_internalformat, p_width, p_height, p_depth, p_border, p_imageSize, p_data); else host(p_target, p_level, p_internalformat, p_width, p_height, p_depth, p_border, p_imageSize, p_data);
+    H::after(c, p_target, p_level, p_internalformat, p_width, p_height, p_depth, p_border, p_imageSize, p_data);
+}
+
+// 4132 glCompressedTexSubImage3DOES
+void play_4132(Call &c) {
+    using H = Hooks<fn::glCompressedTexSubImage3D>;
+    auto host = c.glext().glCompressedTexSubImage3DOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_target = static_cast<GLenum>(c.value(0));
+    GLint p_level = static_cast<GLint>(c.value(1));
+    GLint p_xoffset = static_cast<GLint>(c.value(2));
+    GLint p_yoffset = static_cast<GLint>(c.value(3));
+    GLint p_zoffset = static_cast<GLint>(c.value(4));
+    GLsizei p_width = static_cast<GLsizei>(c.value(5));
+    GLsizei p_height = static_cast<GLsizei>(c.value(6));
+    GLsizei p_depth = static_cast<GLsizei>(c.value(7));
+    GLenum p_format = static_cast<GLenum>(c.value(8));
+    GLsizei p_imageSize = static_cast<GLsizei>(c.value(9));
+    const void * p_data = reinterpret_cast<const void *>(const_cast<void *>(c.in(10)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_target, p_level, p_xoffset, p_yoffset, p_zoffset, p_width, p_height, p_depth, p_format, p_imageSize, p_data)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_target, p_level, p_xoffset, p_yoffset, p_zoffset, p_width, p_height, p_depth, p_format, p_imageSize, p_data); else host(p_target, p_level, p_xoffset, p_yoffset, p_zoffset, p_width, p_height, p_depth, p_format, p_imageSize, p_data);
+    H::after(c, p_target, p_level, p_xoffset, p_yoffset, p_zoffset, p_width, p_height, p_depth, p_format, p_imageSize, p_data);
+}
+
+// 4133 glFramebufferTexture3DOES
+void play_4133(Call &c) {
+    using H = Hooks<ext::glFramebufferTexture3DOES>;
+    auto host = c.glext().glFramebufferTexture3DOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_target = static_cast<GLenum>(c.value(0));
+    GLenum p_attachment = static_cast<GLenum>(c.value(1));
+    GLenum p_textarget = static_cast<GLenum>(c.value(2));
+    GLuint p_texture = static_cast<GLuint>(c.name(Obj::Texture, 3));
+    GLint p_level = static_cast<GLint>(c.value(4));
+    GLint p_zoffset = static_cast<GLint>(c.value(5));
+    if (!c.ok()) return;
+    if (!H::before(c, p_target, p_attachment, p_textarget, p_texture, p_level, p_zoffset)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_target, p_attachment, p_textarget, p_texture, p_level, p_zoffset); else host(p_target, p_attachment, p_textarget, p_texture, p_level, p_zoffset);
+    H::after(c, p_target, p_attachment, p_textarget, p_texture, p_level, p_zoffset);
+}
+
+// 4134 glBlendEquationSeparateOES
+void play_4134(Call &c) {
+    using H = Hooks<fn::glBlendEquationSeparate>;
+    auto host = c.glext().glBlendEquationSeparateOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_modeRGB = static_cast<GLenum>(c.value(0));
+    GLenum p_modeAlpha = static_cast<GLenum>(c.value(1));
+    if (!c.ok()) return;
+    if (!H::before(c, p_modeRGB, p_modeAlpha)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_modeRGB, p_modeAlpha); else host(p_modeRGB, p_modeAlpha);
+    H::after(c, p_modeRGB, p_modeAlpha);
+}
+
+// 4135 glBlendFuncSeparateOES
+void play_4135(Call &c) {
+    using H = Hooks<fn::glBlendFuncSeparate>;
+    auto host = c.glext().glBlendFuncSeparateOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_srcRGB = static_cast<GLenum>(c.value(0));
+    GLenum p_dstRGB = static_cast<GLenum>(c.value(1));
+    GLenum p_srcAlpha = static_cast<GLenum>(c.value(2));
+    GLenum p_dstAlpha = static_cast<GLenum>(c.value(3));
+    if (!c.ok()) return;
+    if (!H::before(c, p_srcRGB, p_dstRGB, p_srcAlpha, p_dstAlpha)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_srcRGB, p_dstRGB, p_srcAlpha, p_dstAlpha); else host(p_srcRGB, p_dstRGB, p_srcAlpha, p_dstAlpha);
+    H::after(c, p_srcRGB, p_dstRGB, p_srcAlpha, p_dstAlpha);
+}
+
+// 4136 glBlendEquationOES
+void play_4136(Call &c) {
+    using H = Hooks<fn::glBlendEquation>;
+    auto host = c.glext().glBlendEquationOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_mode = static_cast<GLenum>(c.value(0));
+    if (!c.ok()) return;
+    if (!H::before(c, p_mode)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_mode); else host(p_mode);
+    H::after(c, p_mode);
+}
+
+// 4137 glQueryMatrixxOES
+void play_4137(Call &c) {
+    using H = Hooks<ext::glQueryMatrixxOES>;
+    auto host = c.glext().glQueryMatrixxOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLfixed * p_mantissa = reinterpret_cast<GLfixed *>(c.out(0));
+    GLint * p_exponent = reinterpret_cast<GLint *>(c.out(1));
+    if (!c.ok()) return;
+    if (!H::before(c, p_mantissa, p_exponent)) return;
+    GLbitfield r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_mantissa, p_exponent); else r = host(p_mantissa, p_exponent);
+    H::after(c, r, p_mantissa, p_exponent);
+}
+
+// 4138 glDepthRangefOES
+void play_4138(Call &c) {
+    using H = Hooks<fn::glDepthRangef>;
+    auto host = c.glext().glDepthRangefOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLclampf p_n = c.f32(0);
+    GLclampf p_f = c.f32(1);
+    if (!c.ok()) return;
+    if (!H::before(c, p_n, p_f)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_n, p_f); else host(p_n, p_f);
+    H::after(c, p_n, p_f);
+}
+
+// 4139 glFrustumfOES
+void play_4139(Call &c) {
+    using H = Hooks<ext::glFrustumfOES>;
+    auto host = c.glext().glFrustumfOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLfloat p_l = c.f32(0);
+    GLfloat p_r = c.f32(1);
+    GLfloat p_b = c.f32(2);
+    GLfloat p_t = c.f32(3);
+    GLfloat p_n = c.f32(4);
+    GLfloat p_f = c.f32(5);
+    if (!c.ok()) return;
+    if (!H::before(c, p_l, p_r, p_b, p_t, p_n, p_f)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_l, p_r, p_b, p_t, p_n, p_f); else host(p_l, p_r, p_b, p_t, p_n, p_f);
+    H::after(c, p_l, p_r, p_b, p_t, p_n, p_f);
+}
+
+// 4140 glOrthofOES
+void play_4140(Call &c) {
+    using H = Hooks<ext::glOrthofOES>;
+    auto host = c.glext().glOrthofOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLfloat p_l = c.f32(0);
+    GLfloat p_r = c.f32(1);
+    GLfloat p_b = c.f32(2);
+    GLfloat p_t = c.f32(3);
+    GLfloat p_n = c.f32(4);
+    GLfloat p_f = c.f32(5);
+    if (!c.ok()) return;
+    if (!H::before(c, p_l, p_r, p_b, p_t, p_n, p_f)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_l, p_r, p_b, p_t, p_n, p_f); else host(p_l, p_r, p_b, p_t, p_n, p_f);
+    H::after(c, p_l, p_r, p_b, p_t, p_n, p_f);
+}
+
+// 4141 glClipPlanefOES
+void play_4141(Call &c) {
+    using H = Hooks<ext::glClipPlanefOES>;
+    auto host = c.glext().glClipPlanefOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_plane = static_cast<GLenum>(c.value(0));
+    const GLfloat * p_equation = reinterpret_cast<const GLfloat *>(const_cast<void *>(c.in(1)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_plane, p_equation)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_plane, p_equation); else host(p_plane, p_equation);
+    H::after(c, p_plane, p_equation);
+}
+
+// 4142 glClearDepthfOES
+void play_4142(Call &c) {
+    using H = Hooks<fn::glClearDepthf>;
+    auto host = c.glext().glClearDepthfOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLclampf p_depth = c.f32(0);
+    if (!c.ok()) return;
+    if (!H::before(c, p_depth)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_depth); else host(p_depth);
+    H::after(c, p_depth);
+}
+
+// 4143 glTexGenfOES
+void play_4143(Call &c) {
+    using H = Hooks<ext::glTexGenfOES>;
+    auto host = c.glext().glTexGenfOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_coord = static_cast<GLenum>(c.value(0));
+    GLenum p_pname = static_cast<GLenum>(c.value(1));
+    GLfloat p_param = c.f32(2);
+    if (!c.ok()) return;
+    if (!H::before(c, p_coord, p_pname, p_param)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_coord, p_pname, p_param); else host(p_coord, p_pname, p_param);
+    H::after(c, p_coord, p_pname, p_param);
+}
+
+// 4144 glGetClipPlanefOES
+void play_4144(Call &c) {
+    using H = Hooks<ext::glGetClipPlanefOES>;
+    auto host = c.glext().glGetClipPlanefOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_plane = static_cast<GLenum>(c.value(0));
+    GLfloat * p_equation = reinterpret_cast<GLfloat *>(c.out(1));
+    if (!c.ok()) return;
+    if (!H::before(c, p_plane, p_equation)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_plane, p_equation); else host(p_plane, p_equation);
+    H::after(c, p_plane, p_equation);
+}
+
+// 4145 glTexGenfvOES
+void play_4145(Call &c) {
+    using H = Hooks<ext::glTexGenfvOES>;
+    auto host = c.glext().glTexGenfvOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_coord = static_cast<GLenum>(c.value(0));
+    GLenum p_pname = static_cast<GLenum>(c.value(1));
+    const GLfloat * p_params = reinterpret_cast<const GLfloat *>(const_cast<void *>(c.in(2)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_coord, p_pname, p_params)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_coord, p_pname, p_params); else host(p_coord, p_pname, p_params);
+    H::after(c, p_coord, p_pname, p_params);
+}
+
+// 4146 glTexGeniOES
+void play_4146(Call &c) {
+    using H = Hooks<ext::glTexGeniOES>;
+    auto host = c.glext().glTexGeniOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_coord = static_cast<GLenum>(c.value(0));
+    GLenum p_pname = static_cast<GLenum>(c.value(1));
+    GLint p_param = static_cast<GLint>(c.value(2));
+    if (!c.ok()) return;
+    if (!H::before(c, p_coord, p_pname, p_param)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_coord, p_pname, p_param); else host(p_coord, p_pname, p_param);
+    H::after(c, p_coord, p_pname, p_param);
+}
+
+// 4147 glTexGenivOES
+void play_4147(Call &c) {
+    using H = Hooks<ext::glTexGenivOES>;
+    auto host = c.glext().glTexGenivOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_coord = static_cast<GLenum>(c.value(0));
+    GLenum p_pname = static_cast<GLenum>(c.value(1));
+    const GLint * p_params = reinterpret_cast<const GLint *>(const_cast<void *>(c.in(2)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_coord, p_pname, p_params)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_coord, p_pname, p_params); else host(p_coord, p_pname, p_params);
+    H::after(c, p_coord, p_pname, p_params);
+}
+
+// 4148 glTexGenxOES
+void play_4148(Call &c) {
+    using H = Hooks<ext::glTexGenxOES>;
+    auto host = c.glext().glTexGenxOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_coord = static_cast<GLenum>(c.value(0));
+    GLenum p_pname = static_cast<GLenum>(c.value(1));
+    GLfixed p_param = static_cast<GLfixed>(c.value(2));
+    if (!c.ok()) return;
+    if (!H::before(c, p_coord, p_pname, p_param)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_coord, p_pname, p_param); else host(p_coord, p_pname, p_param);
+    H::after(c, p_coord, p_pname, p_param);
+}
+
+// 4149 glTexGenxvOES
+void play_4149(Call &c) {
+    using H = Hooks<ext::glTexGenxvOES>;
+    auto host = c.glext().glTexGenxvOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_coord = static_cast<GLenum>(c.value(0));
+    GLenum p_pname = static_cast<GLenum>(c.value(1));
+    const GLfixed * p_params = reinterpret_cast<const GLfixed *>(const_cast<void *>(c.in(2)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_coord, p_pname, p_params)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_coord, p_pname, p_params); else host(p_coord, p_pname, p_params);
+    H::after(c, p_coord, p_pname, p_params);
+}
+
+// 4150 glGetTexGenfvOES
+void play_4150(Call &c) {
+    using H = Hooks<ext::glGetTexGenfvOES>;
+    auto host = c.glext().glGetTexGenfvOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_coord = static_cast<GLenum>(c.value(0));
+    GLenum p_pname = static_cast<GLenum>(c.value(1));
+    GLfloat * p_params = reinterpret_cast<GLfloat *>(c.out(2));
+    if (!c.ok()) return;
+    if (!H::before(c, p_coord, p_pname, p_params)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_coord, p_pname, p_params); else host(p_coord, p_pname, p_params);
+    H::after(c, p_coord, p_pname, p_params);
+}
+
+// 4151 glGetTexGenivOES
+void play_4151(Call &c) {
+    using H = Hooks<ext::glGetTexGenivOES>;
+    auto host = c.glext().glGetTexGenivOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_coord = static_cast<GLenum>(c.value(0));
+    GLenum p_pname = static_cast<GLenum>(c.value(1));
+    GLint * p_params = reinterpret_cast<GLint *>(c.out(2));
+    if (!c.ok()) return;
+    if (!H::before(c, p_coord, p_pname, p_params)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_coord, p_pname, p_params); else host(p_coord, p_pname, p_params);
+    H::after(c, p_coord, p_pname, p_params);
+}
+
+// 4152 glGetTexGenxvOES
+void play_4152(Call &c) {
+    using H = Hooks<ext::glGetTexGenxvOES>;
+    auto host = c.glext().glGetTexGenxvOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_coord = static_cast<GLenum>(c.value(0));
+    GLenum p_pname = static_cast<GLenum>(c.value(1));
+    GLfixed * p_params = reinterpret_cast<GLfixed *>(c.out(2));
+    if (!c.ok()) return;
+    if (!H::before(c, p_coord, p_pname, p_params)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_coord, p_pname, p_params); else host(p_coord, p_pname, p_params);
+    H::after(c, p_coord, p_pname, p_params);
+}
+
+// 4155 glCopyTextureLevelsAPPLE
+void play_4155(Call &c) {
+    using H = Hooks<ext::glCopyTextureLevelsAPPLE>;
+    auto host = c.glext().glCopyTextureLevelsAPPLE;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_destinationTexture = static_cast<GLuint>(c.value(0));
+    GLuint p_sourceTexture = static_cast<GLuint>(c.value(1));
+    GLint p_sourceBaseLevel = static_cast<GLint>(c.value(2));
+    GLsizei p_sourceLevelCount = static_cast<GLsizei>(c.value(3));
+    if (!c.ok()) return;
+    if (!H::before(c, p_destinationTexture, p_sourceTexture, p_sourceBaseLevel, p_sourceLevelCount)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_destinationTexture, p_sourceTexture, p_sourceBaseLevel, p_sourceLevelCount); else host(p_destinationTexture, p_sourceTexture, p_sourceBaseLevel, p_sourceLevelCount);
+    H::after(c, p_destinationTexture, p_sourceTexture, p_sourceBaseLevel, p_sourceLevelCount);
+}
+
+// 4156 glFenceSyncAPPLE
+void play_4156(Call &c) {
+    using H = Hooks<fn::glFenceSync>;
+    auto host = c.glext().glFenceSyncAPPLE;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_condition = static_cast<GLenum>(c.value(0));
+    GLbitfield p_flags = static_cast<GLbitfield>(c.value(1));
+    if (!c.ok()) return;
+    if (!H::before(c, p_condition, p_flags)) return;
+    GLsync r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_condition, p_flags); else r = host(p_condition, p_flags);
+    c.createdSync(r);
+    H::after(c, r, p_condition, p_flags);
+}
+
+// 4157 glIsSyncAPPLE
+void play_4157(Call &c) {
+    using H = Hooks<fn::glIsSync>;
+    auto host = c.glext().glIsSyncAPPLE;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLsync p_sync = c.sync<GLsync>(0);
+    if (!c.ok()) return;
+    if (!H::before(c, p_sync)) return;
+    GLboolean r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_sync); else r = host(p_sync);
+    H::after(c, r, p_sync);
+}
+
+// 4158 glDeleteSyncAPPLE
+void play_4158(Call &c) {
+    using H = Hooks<fn::glDeleteSync>;
+    auto host = c.glext().glDeleteSyncAPPLE;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLsync p_sync = c.sync<GLsync>(0);
+    if (!c.ok()) return;
+    if (!H::before(c, p_sync)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_sync); else host(p_sync);
+    H::after(c, p_sync);
+}
+
+// 4159 glClientWaitSyncAPPLE
+void play_4159(Call &c) {
+    using H = Hooks<fn::glClientWaitSync>;
+    auto host = c.glext().glClientWaitSyncAPPLE;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLsync p_sync = c.sync<GLsync>(0);
+    GLbitfield p_flags = static_cast<GLbitfield>(c.value(1));
+    GLuint64 p_timeout = static_cast<GLuint64>(c.value(2));
+    if (!c.ok()) return;
+    if (!H::before(c, p_sync, p_flags, p_timeout)) return;
+    GLenum r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_sync, p_flags, p_timeout); else r = host(p_sync, p_flags, p_timeout);
+    H::after(c, r, p_sync, p_flags, p_timeout);
+}
+
+// 4160 glWaitSyncAPPLE
+void play_4160(Call &c) {
+    using H = Hooks<fn::glWaitSync>;
+    auto host = c.glext().glWaitSyncAPPLE;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLsync p_sync = c.sync<GLsync>(0);
+    GLbitfield p_flags = static_cast<GLbitfield>(c.value(1));
+    GLuint64 p_timeout = static_cast<GLuint64>(c.value(2));
+    if (!c.ok()) return;
+    if (!H::before(c, p_sync, p_flags, p_timeout)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_sync, p_flags, p_timeout); else host(p_sync, p_flags, p_timeout);
+    H::after(c, p_sync, p_flags, p_timeout);
+}
+
+// 4161 glGetInteger64vAPPLE
+void play_4161(Call &c) {
+    using H = Hooks<fn::glGetInteger64v>;
+    auto host = c.glext().glGetInteger64vAPPLE;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_pname = static_cast<GLenum>(c.value(0));
+    GLint64 * p_params = reinterpret_cast<GLint64 *>(c.out(1));
+    if (!c.ok()) return;
+    if (!H::before(c, p_pname, p_params)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_pname, p_params); else host(p_pname, p_params);
+    H::after(c, p_pname, p_params);
+}
+
+// 4162 glGetSyncivAPPLE
+void play_4162(Call &c) {
+    using H = Hooks<fn::glGetSynciv>;
+    auto host = c.glext().glGetSyncivAPPLE;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLsync p_sync = c.sync<GLsync>(0);
+    GLenum p_pname = static_cast<GLenum>(c.value(1));
+    GLsizei p_count = static_cast<GLsizei>(c.value(2));
+    GLsizei * p_length = c.raw<GLsizei *>(3);
+    GLint * p_values = reinterpret_cast<GLint *>(c.out(4));
+    if (!c.ok()) return;
+    if (!H::before(c, p_sync, p_pname, p_count, p_length, p_values)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_sync, p_pname, p_count, p_length, p_values); else host(p_sync, p_pname, p_count, p_length, p_values);
+    H::after(c, p_sync, p_pname, p_count, p_length, p_values);
+}
+
+// 4163 glMapBufferRangeEXT
+void play_4163(Call &c) {
+    using H = Hooks<fn::glMapBufferRange>;
+    auto host = c.glext().glMapBufferRangeEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_target = static_cast<GLenum>(c.value(0));
+    GLintptr p_offset = static_cast<GLintptr>(c.value(1));
+    GLsizeiptr p_length = static_cast<GLsizeiptr>(c.value(2));
+    GLbitfield p_access = static_cast<GLbitfield>(c.value(3));
+    if (!c.ok()) return;
+    if (!H::before(c, p_target, p_offset, p_length, p_access)) return;
+    void * r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_target, p_offset, p_length, p_access); else r = host(p_target, p_offset, p_length, p_access);
+    H::after(c, r, p_target, p_offset, p_length, p_access);
+}
+
+// 4164 glFlushMappedBufferRangeEXT
+void play_4164(Call &c) {
+    using H = Hooks<fn::glFlushMappedBufferRange>;
+    auto host = c.glext().glFlushMappedBufferRangeEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_target = static_cast<GLenum>(c.value(0));
+    GLintptr p_offset = static_cast<GLintptr>(c.value(1));
+    GLsizeiptr p_length = static_cast<GLsizeiptr>(c.value(2));
+    if (!c.ok()) return;
+    if (!H::before(c, p_target, p_offset, p_length)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_target, p_offset, p_length); else host(p_target, p_offset, p_length);
+    H::after(c, p_target, p_offset, p_length);
+}
+
+// 4165 glRenderbufferStorageMultisampleEXT
+void play_4165(Call &c) {
+    using H = Hooks<fn::glRenderbufferStorageMultisample>;
+    auto host = c.glext().glRenderbufferStorageMultisampleEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_target = static_cast<GLenum>(c.value(0));
+    GLsizei p_samples = static_cast<GLsizei>(c.value(1));
+    GLenum p_internalformat = static_cast<GLenum>(c.value(2));
+    GLsizei p_width = static_cast<GLsizei>(c.value(3));
+    GLsizei p_height = static_cast<GLsizei>(c.value(4));
+    if (!c.ok()) return;
+    if (!H::before(c, p_target, p_samples, p_internalformat, p_width, p_height)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_target, p_samples, p_internalformat, p_width, p_height); else host(p_target, p_samples, p_internalformat, p_width, p_height);
+    H::after(c, p_target, p_samples, p_internalformat, p_width, p_height);
+}
+
+// 4166 glFramebufferTexture2DMultisampleEXT
+void play_4166(Call &c) {
+    using H = Hooks<ext::glFramebufferTexture2DMultisampleEXT>;
+    auto host = c.glext().glFramebufferTexture2DMultisampleEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_target = static_cast<GLenum>(c.value(0));
+    GLenum p_attachment = static_cast<GLenum>(c.value(1));
+    GLenum p_textarget = static_cast<GLenum>(c.value(2));
+    GLuint p_texture = static_cast<GLuint>(c.name(Obj::Texture, 3));
+    GLint p_level = static_cast<GLint>(c.value(4));
+    GLsizei p_samples = static_cast<GLsizei>(c.value(5));
+    if (!c.ok()) return;
+    if (!H::before(c, p_target, p_attachment, p_textarget, p_texture, p_level, p_samples)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_target, p_attachment, p_textarget, p_texture, p_level, p_samples); else host(p_target, p_attachment, p_textarget, p_texture, p_level, p_samples);
+    H::after(c, p_target, p_attachment, p_textarget, p_texture, p_level, p_samples);
+}
+
+// 4167 glGetGraphicsResetStatusEXT
+void play_4167(Call &c) {
+    using H = Hooks<fn::glGetGraphicsResetStatus>;
+    auto host = c.glext().glGetGraphicsResetStatusEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    if (!c.ok()) return;
+    if (!H::before(c)) return;
+    GLenum r;
+    if constexpr (H::kReplacesCall) r = H::call(c); else r = host();
+    H::after(c, r);
+}
+
+// 4168 glReadnPixelsEXT
+void play_4168(Call &c) {
+    using H = Hooks<fn::glReadnPixels>;
+    auto host = c.glext().glReadnPixelsEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLint p_x = static_cast<GLint>(c.value(0));
+    GLint p_y = static_cast<GLint>(c.value(1));
+    GLsizei p_width = static_cast<GLsizei>(c.value(2));
+    GLsizei p_height = static_cast<GLsizei>(c.value(3));
+    GLenum p_format = static_cast<GLenum>(c.value(4));
+    GLenum p_type = static_cast<GLenum>(c.value(5));
+    GLsizei p_bufSize = static_cast<GLsizei>(c.value(6));
+    void * p_data = reinterpret_cast<void *>(c.out(7, c.value(6)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_x, p_y, p_width, p_height, p_format, p_type, p_bufSize, p_data)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_x, p_y, p_width, p_height, p_format, p_type, p_bufSize, p_data); else host(p_x, p_y, p_width, p_height, p_format, p_type, p_bufSize, p_data);
+    H::after(c, p_x, p_y, p_width, p_height, p_format, p_type, p_bufSize, p_data);
+}
+
+// 4169 glGetnUniformfvEXT
+void play_4169(Call &c) {
+    using H = Hooks<fn::glGetnUniformfv>;
+    auto host = c.glext().glGetnUniformfvEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_program = static_cast<GLuint>(c.name(Obj::Program, 0));
+    GLint p_location = static_cast<GLint>(c.programValue(ProgramValue::Location, p_program, 1));
+    GLsizei p_bufSize = static_cast<GLsizei>(c.value(2));
+    GLfloat * p_params = reinterpret_cast<GLfloat *>(c.out(3, c.value(2)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_program, p_location, p_bufSize, p_params)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_program, p_location, p_bufSize, p_params); else host(p_program, p_location, p_bufSize, p_params);
+    H::after(c, p_program, p_location, p_bufSize, p_params);
+}
+
+// 4170 glGetnUniformivEXT
+void play_4170(Call &c) {
+    using H = Hooks<fn::glGetnUniformiv>;
+    auto host = c.glext().glGetnUniformivEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_program = static_cast<GLuint>(c.name(Obj::Program, 0));
+    GLint p_location = static_cast<GLint>(c.programValue(ProgramValue::Location, p_program, 1));
+    GLsizei p_bufSize = static_cast<GLsizei>(c.value(2));
+    GLint * p_params = reinterpret_cast<GLint *>(c.out(3, c.value(2)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_program, p_location, p_bufSize, p_params)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_program, p_location, p_bufSize, p_params); else host(p_program, p_location, p_bufSize, p_params);
+    H::after(c, p_program, p_location, p_bufSize, p_params);
+}
+
+// 4171 glTexStorage1DEXT
+void play_4171(Call &c) {
+    using H = Hooks<ext::glTexStorage1DEXT>;
+    auto host = c.glext().glTexStorage1DEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_target = static_cast<GLenum>(c.value(0));
+    GLsizei p_levels = static_cast<GLsizei>(c.value(1));
+    GLenum p_internalformat = static_cast<GLenum>(c.value(2));
+    GLsizei p_width = static_cast<GLsizei>(c.value(3));
+    if (!c.ok()) return;
+    if (!H::before(c, p_target, p_levels, p_internalformat, p_width)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_target, p_levels, p_internalformat, p_width); else host(p_target, p_levels, p_internalformat, p_width);
+    H::after(c, p_target, p_levels, p_internalformat, p_width);
+}
+
+// 4172 glTexStorage2DEXT
+void play_4172(Call &c) {
+    using H = Hooks<fn::glTexStorage2D>;
+    auto host = c.glext().glTexStorage2DEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_target = static_cast<GLenum>(c.value(0));
+    GLsizei p_levels = static_cast<GLsizei>(c.value(1));
+    GLenum p_internalformat = static_cast<GLenum>(c.value(2));
+    GLsizei p_width = static_cast<GLsizei>(c.value(3));
+    GLsizei p_height = static_cast<GLsizei>(c.value(4));
+    if (!c.ok()) return;
+    if (!H::before(c, p_target, p_levels, p_internalformat, p_width, p_height)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_target, p_levels, p_internalformat, p_width, p_height); else host(p_target, p_levels, p_internalformat, p_width, p_height);
+    H::after(c, p_target, p_levels, p_internalformat, p_width, p_height);
+}
+
+// 4173 glTexStorage3DEXT
+void play_4173(Call &c) {
+    using H = Hooks<fn::glTexStorage3D>;
+    auto host = c.glext().glTexStorage3DEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_target = static_cast<GLenum>(c.value(0));
+    GLsizei p_levels = static_cast<GLsizei>(c.value(1));
+    GLenum p_internalformat = static_cast<GLenum>(c.value(2));
+    GLsizei p_width = static_cast<GLsizei>(c.value(3));
+    GLsizei p_height = static_cast<GLsizei>(c.value(4));
+    GLsizei p_depth = static_cast<GLsizei>(c.value(5));
+    if (!c.ok()) return;
+    if (!H::before(c, p_target, p_levels, p_internalformat, p_width, p_height, p_depth)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_target, p_levels, p_internalformat, p_width, p_height, p_depth); else host(p_target, p_levels, p_internalformat, p_width, p_height, p_depth);
+    H::after(c, p_target, p_levels, p_internalformat, p_width, p_height, p_depth);
+}
+
+// 4174 glTextureStorage1DEXT
+void play_4174(Call &c) {
+    using H = Hooks<ext::glTextureStorage1DEXT>;
+    auto host = c.glext().glTextureStorage1DEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_texture = static_cast<GLuint>(c.name(Obj::Texture, 0));
+    GLenum p_target = static_cast<GLenum>(c.value(1));
+    GLsizei p_levels = static_cast<GLsizei>(c.value(2));
+    GLenum p_internalformat = static_cast<GLenum>(c.value(3));
+    GLsizei p_width = static_cast<GLsizei>(c.value(4));
+    if (!c.ok()) return;
+    if (!H::before(c, p_texture, p_target, p_levels, p_internalformat, p_width)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_texture, p_target, p_levels, p_internalformat, p_width); else host(p_texture, p_target, p_levels, p_internalformat, p_width);
+    H::after(c, p_texture, p_target, p_levels, p_internalformat, p_width);
+}
+
+// 4175 glTextureStorage2DEXT
+void play_4175(Call &c) {
+    using H = Hooks<ext::glTextureStorage2DEXT>;
+    auto host = c.glext().glTextureStorage2DEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_texture = static_cast<GLuint>(c.name(Obj::Texture, 0));
+    GLenum p_target = static_cast<GLenum>(c.value(1));
+    GLsizei p_levels = static_cast<GLsizei>(c.value(2));
+    GLenum p_internalformat = static_cast<GLenum>(c.value(3));
+    GLsizei p_width = static_cast<GLsizei>(c.value(4));
+    GLsizei p_height = static_cast<GLsizei>(c.value(5));
+    if (!c.ok()) return;
+    if (!H::before(c, p_texture, p_target, p_levels, p_internalformat, p_width, p_height)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_texture, p_target, p_levels, p_internalformat, p_width, p_height); else host(p_texture, p_target, p_levels, p_internalformat, p_width, p_height);
+    H::after(c, p_texture, p_target, p_levels, p_internalformat, p_width, p_height);
+}
+
+// 4176 glTextureStorage3DEXT
+void play_4176(Call &c) {
+    using H = Hooks<ext::glTextureStorage3DEXT>;
+    auto host = c.glext().glTextureStorage3DEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_texture = static_cast<GLuint>(c.name(Obj::Texture, 0));
+    GLenum p_target = static_cast<GLenum>(c.value(1));
+    GLsizei p_levels = static_cast<GLsizei>(c.value(2));
+    GLenum p_internalformat = static_cast<GLenum>(c.value(3));
+    GLsizei p_width = static_cast<GLsizei>(c.value(4));
+    GLsizei p_height = static_cast<GLsizei>(c.value(5));
+    GLsizei p_depth = static_cast<GLsizei>(c.value(6));
+    if (!c.ok()) return;
+    if (!H::before(c, p_texture, p_target, p_levels, p_internalformat, p_width, p_height, p_depth)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_texture, p_target, p_levels, p_internalformat, p_width, p_height, p_depth); else host(p_texture, p_target, p_levels, p_internalformat, p_width, p_height, p_depth);
+    H::after(c, p_texture, p_target, p_levels, p_internalformat, p_width, p_height, p_depth);
+}
+
+// 4188 glDrawArraysInstancedANGLE
+void play_4188(Call &c) {
+    using H = Hooks<fn::glDrawArraysInstanced>;
+    auto host = c.glext().glDrawArraysInstancedANGLE;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_mode = static_cast<GLenum>(c.value(0));
+    GLint p_first = static_cast<GLint>(c.value(1));
+    GLsizei p_count = static_cast<GLsizei>(c.value(2));
+    GLsizei p_primcount = static_cast<GLsizei>(c.value(3));
+    if (!c.ok()) return;
+    if (!c.clientArrays(4)) return;
+    if (!H::before(c, p_mode, p_first, p_count, p_primcount)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_mode, p_first, p_count, p_primcount); else host(p_mode, p_first, p_count, p_primcount);
+    H::after(c, p_mode, p_first, p_count, p_primcount);
+}
+
+// 4189 glDrawElementsInstancedANGLE
+void play_4189(Call &c) {
+    using H = Hooks<fn::glDrawElementsInstanced>;
+    auto host = c.glext().glDrawElementsInstancedANGLE;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_mode = static_cast<GLenum>(c.value(0));
+    GLsizei p_count = static_cast<GLsizei>(c.value(1));
+    GLenum p_type = static_cast<GLenum>(c.value(2));
+    const void * p_indices = reinterpret_cast<const void *>(c.indices(5, 3));
+    GLsizei p_primcount = static_cast<GLsizei>(c.value(4));
+    if (!c.ok()) return;
+    if (!c.clientArrays(5)) return;
+    if (!H::before(c, p_mode, p_count, p_type, p_indices, p_primcount)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_mode, p_count, p_type, p_indices, p_primcount); else host(p_mode, p_count, p_type, p_indices, p_primcount);
+    H::after(c, p_mode, p_count, p_type, p_indices, p_primcount);
+}
+
+// 4190 glVertexAttribDivisorANGLE
+void play_4190(Call &c) {
+    using H = Hooks<fn::glVertexAttribDivisor>;
+    auto host = c.glext().glVertexAttribDivisorANGLE;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_index = static_cast<GLuint>(c.value(0));
+    GLuint p_divisor = static_cast<GLuint>(c.value(1));
+    if (!c.ok()) return;
+    if (!H::before(c, p_index, p_divisor)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_index, p_divisor); else host(p_index, p_divisor);
+    H::after(c, p_index, p_divisor);
+}
+
+// 4191 glGetTranslatedShaderSourceANGLE
+void play_4191(Call &c) {
+    using H = Hooks<ext::glGetTranslatedShaderSourceANGLE>;
+    auto host = c.glext().glGetTranslatedShaderSourceANGLE;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_shader = static_cast<GLuint>(c.name(Obj::Program, 0));
+    GLsizei p_bufSize = static_cast<GLsizei>(c.value(1));
+    GLsizei * p_length = reinterpret_cast<GLsizei *>(c.out(2, c.value(1)));
+    GLchar * p_source = reinterpret_cast<GLchar *>(c.out(3, c.value(1)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_shader, p_bufSize, p_length, p_source)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_shader, p_bufSize, p_length, p_source); else host(p_shader, p_bufSize, p_length, p_source);
+    H::after(c, p_shader, p_bufSize, p_length, p_source);
+}
+
+// 4192 glLabelObjectEXT
+void play_4192(Call &c) {
+    using H = Hooks<ext::glLabelObjectEXT>;
+    auto host = c.glext().glLabelObjectEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_type = static_cast<GLenum>(c.value(0));
+    GLuint p_object = static_cast<GLuint>(c.value(1));
+    GLsizei p_length = static_cast<GLsizei>(c.value(2));
+    const GLchar * p_label = reinterpret_cast<const GLchar *>(c.string(3));
+    if (!c.ok()) return;
+    if (!H::before(c, p_type, p_object, p_length, p_label)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_type, p_object, p_length, p_label); else host(p_type, p_object, p_length, p_label);
+    H::after(c, p_type, p_object, p_length, p_label);
+}
+
+// 4193 glGetObjectLabelEXT
+void play_4193(Call &c) {
+    using H = Hooks<ext::glGetObjectLabelEXT>;
+    auto host = c.glext().glGetObjectLabelEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_type = static_cast<GLenum>(c.value(0));
+    GLuint p_object = static_cast<GLuint>(c.value(1));
+    GLsizei p_bufSize = static_cast<GLsizei>(c.value(2));
+    GLsizei * p_length = reinterpret_cast<GLsizei *>(c.out(3, c.value(2)));
+    GLchar * p_label = reinterpret_cast<GLchar *>(c.out(4, c.value(2)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_type, p_object, p_bufSize, p_length, p_label)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_type, p_object, p_bufSize, p_length, p_label); else host(p_type, p_object, p_bufSize, p_length, p_label);
+    H::after(c, p_type, p_object, p_bufSize, p_length, p_label);
+}
+
+// 4194 glInsertEventMarkerEXT
+void play_4194(Call &c) {
+    using H = Hooks<ext::glInsertEventMarkerEXT>;
+    auto host = c.glext().glInsertEventMarkerEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLsizei p_length = static_cast<GLsizei>(c.value(0));
+    const GLchar * p_marker = reinterpret_cast<const GLchar *>(c.string(1));
+    if (!c.ok()) return;
+    if (!H::before(c, p_length, p_marker)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_length, p_marker); else host(p_length, p_marker);
+    H::after(c, p_length, p_marker);
+}
+
+// 4195 glPushGroupMarkerEXT
+void play_4195(Call &c) {
+    using H = Hooks<ext::glPushGroupMarkerEXT>;
+    auto host = c.glext().glPushGroupMarkerEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLsizei p_length = static_cast<GLsizei>(c.value(0));
+    const GLchar * p_marker = reinterpret_cast<const GLchar *>(c.string(1));
+    if (!c.ok()) return;
+    if (!H::before(c, p_length, p_marker)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_length, p_marker); else host(p_length, p_marker);
+    H::after(c, p_length, p_marker);
+}
+
+// 4196 glPopGroupMarkerEXT
+void play_4196(Call &c) {
+    using H = Hooks<ext::glPopGroupMarkerEXT>;
+    auto host = c.glext().glPopGroupMarkerEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    if (!c.ok()) return;
+    if (!H::before(c)) return;
+    if constexpr (H::kReplacesCall) H::call(c); else host();
+    H::after(c);
+}
+
+// 4197 glGenQueriesEXT
+void play_4197(Call &c) {
+    using H = Hooks<fn::glGenQueries>;
+    auto host = c.glext().glGenQueriesEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLsizei p_n = static_cast<GLsizei>(c.value(0));
+    GLuint * p_ids = reinterpret_cast<GLuint *>(c.out(1));
+    if (!c.ok()) return;
+    if (!H::before(c, p_n, p_ids)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_n, p_ids); else host(p_n, p_ids);
+    c.createdNames(Obj::Query, 1, p_ids);
+    H::after(c, p_n, p_ids);
+}
+
+// 4198 glDeleteQueriesEXT
+void play_4198(Call &c) {
+    using H = Hooks<fn::glDeleteQueries>;
+    auto host = c.glext().glDeleteQueriesEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLsizei p_n = static_cast<GLsizei>(c.value(0));
+    const GLuint * p_ids = reinterpret_cast<const GLuint *>(c.names(Obj::Query, 1));
+    if (!c.ok()) return;
+    if (!H::before(c, p_n, p_ids)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_n, p_ids); else host(p_n, p_ids);
+    H::after(c, p_n, p_ids);
+}
+
+// 4199 glIsQueryEXT
+void play_4199(Call &c) {
+    using H = Hooks<fn::glIsQuery>;
+    auto host = c.glext().glIsQueryEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_id = static_cast<GLuint>(c.name(Obj::Query, 0));
+    if (!c.ok()) return;
+    if (!H::before(c, p_id)) return;
+    GLboolean r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_id); else r = host(p_id);
+    H::after(c, r, p_id);
+}
+
+// 4200 glBeginQueryEXT
+void play_4200(Call &c) {
+    using H = Hooks<fn::glBeginQuery>;
+    auto host = c.glext().glBeginQueryEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_target = static_cast<GLenum>(c.value(0));
+    GLuint p_id = static_cast<GLuint>(c.name(Obj::Query, 1));
+    if (!c.ok()) return;
+    if (!H::before(c, p_target, p_id)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_target, p_id); else host(p_target, p_id);
+    H::after(c, p_target, p_id);
+}
+
+// 4201 glEndQueryEXT
+void play_4201(Call &c) {
+    using H = Hooks<fn::glEndQuery>;
+    auto host = c.glext().glEndQueryEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_target = static_cast<GLenum>(c.value(0));
+    if (!c.ok()) return;
+    if (!H::before(c, p_target)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_target); else host(p_target);
+    H::after(c, p_target);
+}
+
+// 4202 glGetQueryivEXT
+void play_4202(Call &c) {
+    using H = Hooks<fn::glGetQueryiv>;
+    auto host = c.glext().glGetQueryivEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_target = static_cast<GLenum>(c.value(0));
+    GLenum p_pname = static_cast<GLenum>(c.value(1));
+    GLint * p_params = reinterpret_cast<GLint *>(c.out(2));
+    if (!c.ok()) return;
+    if (!H::before(c, p_target, p_pname, p_params)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_target, p_pname, p_params); else host(p_target, p_pname, p_params);
+    H::after(c, p_target, p_pname, p_params);
+}
+
+// 4203 glGetQueryObjectuivEXT
+void play_4203(Call &c) {
+    using H = Hooks<fn::glGetQueryObjectuiv>;
+    auto host = c.glext().glGetQueryObjectuivEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_id = static_cast<GLuint>(c.name(Obj::Query, 0));
+    GLenum p_pname = static_cast<GLenum>(c.value(1));
+    GLuint * p_params = reinterpret_cast<GLuint *>(c.out(2));
+    if (!c.ok()) return;
+    if (!H::before(c, p_id, p_pname, p_params)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_id, p_pname, p_params); else host(p_id, p_pname, p_params);
+    H::after(c, p_id, p_pname, p_params);
+}
+
+// 4204 glUseProgramStagesEXT
+void play_4204(Call &c) {
+    using H = Hooks<fn::glUseProgramStages>;
+    auto host = c.glext().glUseProgramStagesEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_pipeline = static_cast<GLuint>(c.name(Obj::ProgramPipeline, 0));
+    GLbitfield p_stages = static_cast<GLbitfield>(c.value(1));
+    GLuint p_program = static_cast<GLuint>(c.name(Obj::Program, 2));
+    if (!c.ok()) return;
+    if (!H::before(c, p_pipeline, p_stages, p_program)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_pipeline, p_stages, p_program); else host(p_pipeline, p_stages, p_program);
+    H::after(c, p_pipeline, p_stages, p_program);
+}
+
+// 4205 glActiveShaderProgramEXT
+void play_4205(Call &c) {
+    using H = Hooks<fn::glActiveShaderProgram>;
+    auto host = c.glext().glActiveShaderProgramEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_pipeline = static_cast<GLuint>(c.name(Obj::ProgramPipeline, 0));
+    GLuint p_program = static_cast<GLuint>(c.name(Obj::Program, 1));
+    if (!c.ok()) return;
+    if (!H::before(c, p_pipeline, p_program)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_pipeline, p_program); else host(p_pipeline, p_program);
+    H::after(c, p_pipeline, p_program);
+}
+
+// 4206 glCreateShaderProgramvEXT
+void play_4206(Call &c) {
+    using H = Hooks<fn::glCreateShaderProgramv>;
+    auto host = c.glext().glCreateShaderProgramvEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_type = static_cast<GLenum>(c.value(0));
+    GLsizei p_count = static_cast<GLsizei>(c.value(1));
+    const GLchar ** p_strings = reinterpret_cast<const GLchar **>(const_cast<const char **>(c.strings(2)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_type, p_count, p_strings)) return;
+    GLuint r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_type, p_count, p_strings); else r = host(p_type, p_count, p_strings);
+    c.createdName(Obj::Program, static_cast<uint32_t>(r));
+    H::after(c, r, p_type, p_count, p_strings);
+}
+
+// 4207 glBindProgramPipelineEXT
+void play_4207(Call &c) {
+    using H = Hooks<fn::glBindProgramPipeline>;
+    auto host = c.glext().glBindProgramPipelineEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_pipeline = static_cast<GLuint>(c.name(Obj::ProgramPipeline, 0));
+    if (!c.ok()) return;
+    if (!H::before(c, p_pipeline)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_pipeline); else host(p_pipeline);
+    H::after(c, p_pipeline);
+}
+
+// 4208 glDeleteProgramPipelinesEXT
+void play_4208(Call &c) {
+    using H = Hooks<fn::glDeleteProgramPipelines>;
+    auto host = c.glext().glDeleteProgramPipelinesEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLsizei p_n = static_cast<GLsizei>(c.value(0));
+    const GLuint * p_pipelines = reinterpret_cast<const GLuint *>(c.names(Obj::ProgramPipeline, 1));
+    if (!c.ok()) return;
+    if (!H::before(c, p_n, p_pipelines)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_n, p_pipelines); else host(p_n, p_pipelines);
+    H::after(c, p_n, p_pipelines);
+}
+
+// 4209 glGenProgramPipelinesEXT
+void play_4209(Call &c) {
+    using H = Hooks<fn::glGenProgramPipelines>;
+    auto host = c.glext().glGenProgramPipelinesEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLsizei p_n = static_cast<GLsizei>(c.value(0));
+    GLuint * p_pipelines = reinterpret_cast<GLuint *>(c.out(1));
+    if (!c.ok()) return;
+    if (!H::before(c, p_n, p_pipelines)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_n, p_pipelines); else host(p_n, p_pipelines);
+    c.createdNames(Obj::ProgramPipeline, 1, p_pipelines);
+    H::after(c, p_n, p_pipelines);
+}
+
+// 4210 glIsProgramPipelineEXT
+void play_4210(Call &c) {
+    using H = Hooks<fn::glIsProgramPipeline>;
+    auto host = c.glext().glIsProgramPipelineEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_pipeline = static_cast<GLuint>(c.name(Obj::ProgramPipeline, 0));
+    if (!c.ok()) return;
+    if (!H::before(c, p_pipeline)) return;
+    GLboolean r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_pipeline); else r = host(p_pipeline);
+    H::after(c, r, p_pipeline);
+}
+
+// 4211 glProgramParameteriEXT
+void play_4211(Call &c) {
+    using H = Hooks<fn::glProgramParameteri>;
+    auto host = c.glext().glProgramParameteriEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_program = static_cast<GLuint>(c.name(Obj::Program, 0));
+    GLenum p_pname = static_cast<GLenum>(c.value(1));
+    GLint p_value = static_cast<GLint>(c.value(2));
+    if (!c.ok()) return;
+    if (!H::before(c, p_program, p_pname, p_value)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_program, p_pname, p_value); else host(p_program, p_pname, p_value);
+    H::after(c, p_program, p_pname, p_value);
+}
+
+// 4212 glGetProgramPipelineivEXT
+void play_4212(Call &c) {
+    using H = Hooks<fn::glGetProgramPipelineiv>;
+    auto host = c.glext().glGetProgramPipelineivEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_pipeline = static_cast<GLuint>(c.name(Obj::ProgramPipeline, 0));
+    GLenum p_pname = static_cast<GLenum>(c.value(1));
+    GLint * p_params = reinterpret_cast<GLint *>(c.out(2));
+    if (!c.ok()) return;
+    if (!H::before(c, p_pipeline, p_pname, p_params)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_pipeline, p_pname, p_params); else host(p_pipeline, p_pname, p_params);
+    H::after(c, p_pipeline, p_pname, p_params);
+}
+
+// 4213 glProgramUniform1iEXT
+void play_4213(Call &c) {
+    using H = Hooks<fn::glProgramUniform1i>;
+    auto host = c.glext().glProgramUniform1iEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_program = static_cast<GLuint>(c.name(Obj::Program, 0));
+    GLint p_location = static_cast<GLint>(c.programValue(ProgramValue::Location, p_program, 1));
+    GLint p_v0 = static_cast<GLint>(c.value(2));
+    if (!c.ok()) return;
+    if (!H::before(c, p_program, p_location, p_v0)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_program, p_location, p_v0); else host(p_program, p_location, p_v0);
+    H::after(c, p_program, p_location, p_v0);
+}
+
+// 4214 glProgramUniform2iEXT
+void play_4214(Call &c) {
+    using H = Hooks<fn::glProgramUniform2i>;
+    auto host = c.glext().glProgramUniform2iEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_program = static_cast<GLuint>(c.name(Obj::Program, 0));
+    GLint p_location = static_cast<GLint>(c.programValue(ProgramValue::Location, p_program, 1));
+    GLint p_v0 = static_cast<GLint>(c.value(2));
+    GLint p_v1 = static_cast<GLint>(c.value(3));
+    if (!c.ok()) return;
+    if (!H::before(c, p_program, p_location, p_v0, p_v1)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_program, p_location, p_v0, p_v1); else host(p_program, p_location, p_v0, p_v1);
+    H::after(c, p_program, p_location, p_v0, p_v1);
+}
+
+// 4215 glProgramUniform3iEXT
+void play_4215(Call &c) {
+    using H = Hooks<fn::glProgramUniform3i>;
+    auto host = c.glext().glProgramUniform3iEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_program = static_cast<GLuint>(c.name(Obj::Program, 0));
+    GLint p_location = static_cast<GLint>(c.programValue(ProgramValue::Location, p_program, 1));
+    GLint p_v0 = static_cast<GLint>(c.value(2));
+    GLint p_v1 = static_cast<GLint>(c.value(3));
+    GLint p_v2 = static_cast<GLint>(c.value(4));
+    if (!c.ok()) return;
+    if (!H::before(c, p_program, p_location, p_v0, p_v1, p_v2)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_program, p_location, p_v0, p_v1, p_v2); else host(p_program, p_location, p_v0, p_v1, p_v2);
+    H::after(c, p_program, p_location, p_v0, p_v1, p_v2);
+}
+
+// 4216 glProgramUniform4iEXT
+void play_4216(Call &c) {
+    using H = Hooks<fn::glProgramUniform4i>;
+    auto host = c.glext().glProgramUniform4iEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_program = static_cast<GLuint>(c.name(Obj::Program, 0));
+    GLint p_location = static_cast<GLint>(c.programValue(ProgramValue::Location, p_program, 1));
+    GLint p_v0 = static_cast<GLint>(c.value(2));
+    GLint p_v1 = static_cast<GLint>(c.value(3));
+    GLint p_v2 = static_cast<GLint>(c.value(4));
+    GLint p_v3 = static_cast<GLint>(c.value(5));
+    if (!c.ok()) return;
+    if (!H::before(c, p_program, p_location, p_v0, p_v1, p_v2, p_v3)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_program, p_location, p_v0, p_v1, p_v2, p_v3); else host(p_program, p_location, p_v0, p_v1, p_v2, p_v3);
+    H::after(c, p_program, p_location, p_v0, p_v1, p_v2, p_v3);
+}
+
+// 4217 glProgramUniform1fEXT
+void play_4217(Call &c) {
+    using H = Hooks<fn::glProgramUniform1f>;
+    auto host = c.glext().glProgramUniform1fEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_program = static_cast<GLuint>(c.name(Obj::Program, 0));
+    GLint p_location = static_cast<GLint>(c.programValue(ProgramValue::Location, p_program, 1));
+    GLfloat p_v0 = c.f32(2);
+    if (!c.ok()) return;
+    if (!H::before(c, p_program, p_location, p_v0)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_program, p_location, p_v0); else host(p_program, p_location, p_v0);
+    H::after(c, p_program, p_location, p_v0);
+}
+
+// 4218 glProgramUniform2fEXT
+void play_4218(Call &c) {
+    using H = Hooks<fn::glProgramUniform2f>;
+    auto host = c.glext().glProgramUniform2fEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_program = static_cast<GLuint>(c.name(Obj::Program, 0));
+    GLint p_location = static_cast<GLint>(c.programValue(ProgramValue::Location, p_program, 1));
+    GLfloat p_v0 = c.f32(2);
+    GLfloat p_v1 = c.f32(3);
+    if (!c.ok()) return;
+    if (!H::before(c, p_program, p_location, p_v0, p_v1)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_program, p_location, p_v0, p_v1); else host(p_program, p_location, p_v0, p_v1);
+    H::after(c, p_program, p_location, p_v0, p_v1);
+}
+
+// 4219 glProgramUniform3fEXT
+void play_4219(Call &c) {
+    using H = Hooks<fn::glProgramUniform3f>;
+    auto host = c.glext().glProgramUniform3fEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_program = static_cast<GLuint>(c.name(Obj::Program, 0));
+    GLint p_location = static_cast<GLint>(c.programValue(ProgramValue::Location, p_program, 1));
+    GLfloat p_v0 = c.f32(2);
+    GLfloat p_v1 = c.f32(3);
+    GLfloat p_v2 = c.f32(4);
+    if (!c.ok()) return;
+    if (!H::before(c, p_program, p_location, p_v0, p_v1, p_v2)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_program, p_location, p_v0, p_v1, p_v2); else host(p_program, p_location, p_v0, p_v1, p_v2);
+    H::after(c, p_program, p_location, p_v0, p_v1, p_v2);
+}
+
+// 4220 glProgramUniform4fEXT
+void play_4220(Call &c) {
+    using H = Hooks<fn::glProgramUniform4f>;
+    auto host = c.glext().glProgramUniform4fEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_program = static_cast<GLuint>(c.name(Obj::Program, 0));
+    GLint p_location = static_cast<GLint>(c.programValue(ProgramValue::Location, p_program, 1));
+    GLfloat p_v0 = c.f32(2);
+    GLfloat p_v1 = c.f32(3);
+    GLfloat p_v2 = c.f32(4);
+    GLfloat p_v3 = c.f32(5);
+    if (!c.ok()) return;
+    if (!H::before(c, p_program, p_location, p_v0, p_v1, p_v2, p_v3)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_program, p_location, p_v0, p_v1, p_v2, p_v3); else host(p_program, p_location, p_v0, p_v1, p_v2, p_v3);
+    H::after(c, p_program, p_location, p_v0, p_v1, p_v2, p_v3);
+}
+
+// 4221 glProgramUniform1ivEXT
+void play_4221(Call &c) {
+    using H = Hooks<fn::glProgramUniform1iv>;
+    auto host = c.glext().glProgramUniform1ivEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_program = static_cast<GLuint>(c.name(Obj::Program, 0));
+    GLint p_location = static_cast<GLint>(c.programValue(ProgramValue::Location, p_program, 1));
+    GLsizei p_count = static_cast<GLsizei>(c.value(2));
+    const GLint * p_value = reinterpret_cast<const GLint *>(const_cast<void *>(c.in(3)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_program, p_location, p_count, p_value)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_program, p_location, p_count, p_value); else host(p_program, p_location, p_count, p_value);
+    H::after(c, p_program, p_location, p_count, p_value);
+}
+
+// 4222 glProgramUniform2ivEXT
+void play_4222(Call &c) {
+    using H = Hooks<fn::glProgramUniform2iv>;
+    auto host = c.glext().glProgramUniform2ivEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_program = static_cast<GLuint>(c.name(Obj::Program, 0));
+    GLint p_location = static_cast<GLint>(c.programValue(ProgramValue::Location, p_program, 1));
+    GLsizei p_count = static_cast<GLsizei>(c.value(2));
+    const GLint * p_value = reinterpret_cast<const GLint *>(const_cast<void *>(c.in(3)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_program, p_location, p_count, p_value)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_program, p_location, p_count, p_value); else host(p_program, p_location, p_count, p_value);
+    H::after(c, p_program, p_location, p_count, p_value);
+}
+
+// 4223 glProgramUniform3ivEXT
+void play_4223(Call &c) {
+    using H = Hooks<fn::glProgramUniform3iv>;
+    auto host = c.glext().glProgramUniform3ivEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_program = static_cast<GLuint>(c.name(Obj::Program, 0));
+    GLint p_location = static_cast<GLint>(c.programValue(ProgramValue::Location, p_program, 1));
+    GLsizei p_count = static_cast<GLsizei>(c.value(2));
+    const GLint * p_value = reinterpret_cast<const GLint *>(const_cast<void *>(c.in(3)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_program, p_location, p_count, p_value)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_program, p_location, p_count, p_value); else host(p_program, p_location, p_count, p_value);
+    H::after(c, p_program, p_location, p_count, p_value);
+}
+
+// 4224 glProgramUniform4ivEXT
+void play_4224(Call &c) {
+    using H = Hooks<fn::glProgramUniform4iv>;
+    auto host = c.glext().glProgramUniform4ivEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_program = static_cast<GLuint>(c.name(Obj::Program, 0));
+    GLint p_location = static_cast<GLint>(c.programValue(ProgramValue::Location, p_program, 1));
+    GLsizei p_count = static_cast<GLsizei>(c.value(2));
+    const GLint * p_value = reinterpret_cast<const GLint *>(const_cast<void *>(c.in(3)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_program, p_location, p_count, p_value)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_program, p_location, p_count, p_value); else host(p_program, p_location, p_count, p_value);
+    H::after(c, p_program, p_location, p_count, p_value);
+}
+
+// 4225 glProgramUniform1fvEXT
+void play_4225(Call &c) {
+    using H = Hooks<fn::glProgramUniform1fv>;
+    auto host = c.glext().glProgramUniform1fvEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_program = static_cast<GLuint>(c.name(Obj::Program, 0));
+    GLint p_location = static_cast<GLint>(c.programValue(ProgramValue::Location, p_program, 1));
+    GLsizei p_count = static_cast<GLsizei>(c.value(2));
+    const GLfloat * p_value = reinterpret_cast<const GLfloat *>(const_cast<void *>(c.in(3)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_program, p_location, p_count, p_value)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_program, p_location, p_count, p_value); else host(p_program, p_location, p_count, p_value);
+    H::after(c, p_program, p_location, p_count, p_value);
+}
+
+// 4226 glProgramUniform2fvEXT
+void play_4226(Call &c) {
+    using H = Hooks<fn::glProgramUniform2fv>;
+    auto host = c.glext().glProgramUniform2fvEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_program = static_cast<GLuint>(c.name(Obj::Program, 0));
+    GLint p_location = static_cast<GLint>(c.programValue(ProgramValue::Location, p_program, 1));
+    GLsizei p_count = static_cast<GLsizei>(c.value(2));
+    const GLfloat * p_value = reinterpret_cast<const GLfloat *>(const_cast<void *>(c.in(3)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_program, p_location, p_count, p_value)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_program, p_location, p_count, p_value); else host(p_program, p_location, p_count, p_value);
+    H::after(c, p_program, p_location, p_count, p_value);
+}
+
+// 4227 glProgramUniform3fvEXT
+void play_4227(Call &c) {
+    using H = Hooks<fn::glProgramUniform3fv>;
+    auto host = c.glext().glProgramUniform3fvEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_program = static_cast<GLuint>(c.name(Obj::Program, 0));
+    GLint p_location = static_cast<GLint>(c.programValue(ProgramValue::Location, p_program, 1));
+    GLsizei p_count = static_cast<GLsizei>(c.value(2));
+    const GLfloat * p_value = reinterpret_cast<const GLfloat *>(const_cast<void *>(c.in(3)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_program, p_location, p_count, p_value)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_program, p_location, p_count, p_value); else host(p_program, p_location, p_count, p_value);
+    H::after(c, p_program, p_location, p_count, p_value);
+}
+
+// 4228 glProgramUniform4fvEXT
+void play_4228(Call &c) {
+    using H = Hooks<fn::glProgramUniform4fv>;
+    auto host = c.glext().glProgramUniform4fvEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_program = static_cast<GLuint>(c.name(Obj::Program, 0));
+    GLint p_location = static_cast<GLint>(c.programValue(ProgramValue::Location, p_program, 1));
+    GLsizei p_count = static_cast<GLsizei>(c.value(2));
+    const GLfloat * p_value = reinterpret_cast<const GLfloat *>(const_cast<void *>(c.in(3)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_program, p_location, p_count, p_value)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_program, p_location, p_count, p_value); else host(p_program, p_location, p_count, p_value);
+    H::after(c, p_program, p_location, p_count, p_value);
+}
+
+// 4229 glProgramUniformMatrix2fvEXT
+void play_4229(Call &c) {
+    using H = Hooks<fn::glProgramUniformMatrix2fv>;
+    auto host = c.glext().glProgramUniformMatrix2fvEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_program = static_cast<GLuint>(c.name(Obj::Program, 0));
+    GLint p_location = static_cast<GLint>(c.programValue(ProgramValue::Location, p_program, 1));
+    GLsizei p_count = static_cast<GLsizei>(c.value(2));
+    GLboolean p_transpose = static_cast<GLboolean>(c.value(3));
+    const GLfloat * p_value = reinterpret_cast<const GLfloat *>(const_cast<void *>(c.in(4)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_program, p_location, p_count, p_transpose, p_value)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_program, p_location, p_count, p_transpose, p_value); else host(p_program, p_location, p_count, p_transpose, p_value);
+    H::after(c, p_program, p_location, p_count, p_transpose, p_value);
+}
+
+// 4230 glProgramUniformMatrix3fvEXT
+void play_4230(Call &c) {
+    using H = Hooks<fn::glProgramUniformMatrix3fv>;
+    auto host = c.glext().glProgramUniformMatrix3fvEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_program = static_cast<GLuint>(c.name(Obj::Program, 0));
+    GLint p_location = static_cast<GLint>(c.programValue(ProgramValue::Location, p_program, 1));
+    GLsizei p_count = static_cast<GLsizei>(c.value(2));
+    GLboolean p_transpose = static_cast<GLboolean>(c.value(3));
+    const GLfloat * p_value = reinterpret_cast<const GLfloat *>(const_cast<void *>(c.in(4)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_program, p_location, p_count, p_transpose, p_value)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_program, p_location, p_count, p_transpose, p_value); else host(p_program, p_location, p_count, p_transpose, p_value);
+    H::after(c, p_program, p_location, p_count, p_transpose, p_value);
+}
+
+// 4231 glProgramUniformMatrix4fvEXT
+void play_4231(Call &c) {
+    using H = Hooks<fn::glProgramUniformMatrix4fv>;
+    auto host = c.glext().glProgramUniformMatrix4fvEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_program = static_cast<GLuint>(c.name(Obj::Program, 0));
+    GLint p_location = static_cast<GLint>(c.programValue(ProgramValue::Location, p_program, 1));
+    GLsizei p_count = static_cast<GLsizei>(c.value(2));
+    GLboolean p_transpose = static_cast<GLboolean>(c.value(3));
+    const GLfloat * p_value = reinterpret_cast<const GLfloat *>(const_cast<void *>(c.in(4)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_program, p_location, p_count, p_transpose, p_value)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_program, p_location, p_count, p_transpose, p_value); else host(p_program, p_location, p_count, p_transpose, p_value);
+    H::after(c, p_program, p_location, p_count, p_transpose, p_value);
+}
+
+// 4232 glValidateProgramPipelineEXT
+void play_4232(Call &c) {
+    using H = Hooks<fn::glValidateProgramPipeline>;
+    auto host = c.glext().glValidateProgramPipelineEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_pipeline = static_cast<GLuint>(c.name(Obj::ProgramPipeline, 0));
+    if (!c.ok()) return;
+    if (!H::before(c, p_pipeline)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_pipeline); else host(p_pipeline);
+    H::after(c, p_pipeline);
+}
+
+// 4233 glGetProgramPipelineInfoLogEXT
+void play_4233(Call &c) {
+    using H = Hooks<fn::glGetProgramPipelineInfoLog>;
+    auto host = c.glext().glGetProgramPipelineInfoLogEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_pipeline = static_cast<GLuint>(c.name(Obj::ProgramPipeline, 0));
+    GLsizei p_bufSize = static_cast<GLsizei>(c.value(1));
+    GLsizei * p_length = reinterpret_cast<GLsizei *>(c.out(2, c.value(1)));
+    GLchar * p_infoLog = reinterpret_cast<GLchar *>(c.out(3, c.value(1)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_pipeline, p_bufSize, p_length, p_infoLog)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_pipeline, p_bufSize, p_length, p_infoLog); else host(p_pipeline, p_bufSize, p_length, p_infoLog);
+    H::after(c, p_pipeline, p_bufSize, p_length, p_infoLog);
+}
+
+// 4234 glAlphaFuncQCOM
+void play_4234(Call &c) {
+    using H = Hooks<ext::glAlphaFuncQCOM>;
+    auto host = c.glext().glAlphaFuncQCOM;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_func = static_cast<GLenum>(c.value(0));
+    GLclampf p_ref = c.f32(1);
+    if (!c.ok()) return;
+    if (!H::before(c, p_func, p_ref)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_func, p_ref); else host(p_func, p_ref);
+    H::after(c, p_func, p_ref);
+}
+
+// 4235 glReadBufferNV
+void play_4235(Call &c) {
+    using H = Hooks<fn::glReadBuffer>;
+    auto host = c.glext().glReadBufferNV;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_mode = static_cast<GLenum>(c.value(0));
+    if (!c.ok()) return;
+    if (!H::before(c, p_mode)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_mode); else host(p_mode);
+    H::after(c, p_mode);
+}
+
+// 4236 glDrawBuffersNV
+void play_4236(Call &c) {
+    using H = Hooks<fn::glDrawBuffers>;
+    auto host = c.glext().glDrawBuffersNV;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLsizei p_n = static_cast<GLsizei>(c.value(0));
+    const GLenum * p_bufs = reinterpret_cast<const GLenum *>(const_cast<void *>(c.in(1)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_n, p_bufs)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_n, p_bufs); else host(p_n, p_bufs);
+    H::after(c, p_n, p_bufs);
+}
+
+// 4237 glReadBufferIndexedEXT
+void play_4237(Call &c) {
+    using H = Hooks<ext::glReadBufferIndexedEXT>;
+    auto host = c.glext().glReadBufferIndexedEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_src = static_cast<GLenum>(c.value(0));
+    GLint p_index = static_cast<GLint>(c.value(1));
+    if (!c.ok()) return;
+    if (!H::before(c, p_src, p_index)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_src, p_index); else host(p_src, p_index);
+    H::after(c, p_src, p_index);
+}
+
+// 4238 glDrawBuffersIndexedEXT
+void play_4238(Call &c) {
+    using H = Hooks<ext::glDrawBuffersIndexedEXT>;
+    auto host = c.glext().glDrawBuffersIndexedEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLint p_n = static_cast<GLint>(c.value(0));
+    const GLenum * p_location = reinterpret_cast<const GLenum *>(const_cast<void *>(c.in(1)));
+    const GLint * p_indices = reinterpret_cast<const GLint *>(const_cast<void *>(c.in(2)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_n, p_location, p_indices)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_n, p_location, p_indices); else host(p_n, p_location, p_indices);
+    H::after(c, p_n, p_location, p_indices);
+}
+
+// 4239 glGetIntegeri_vEXT
+void play_4239(Call &c) {
+    using H = Hooks<fn::glGetIntegeri_v>;
+    auto host = c.glext().glGetIntegeri_vEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_target = static_cast<GLenum>(c.value(0));
+    GLuint p_index = static_cast<GLuint>(c.value(1));
+    GLint * p_data = reinterpret_cast<GLint *>(c.out(2));
+    if (!c.ok()) return;
+    if (!H::before(c, p_target, p_index, p_data)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_target, p_index, p_data); else host(p_target, p_index, p_data);
+    H::after(c, p_target, p_index, p_data);
+}
+
+// 4240 glDrawBuffersEXT
+void play_4240(Call &c) {
+    using H = Hooks<fn::glDrawBuffers>;
+    auto host = c.glext().glDrawBuffersEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLsizei p_n = static_cast<GLsizei>(c.value(0));
+    const GLenum * p_bufs = reinterpret_cast<const GLenum *>(const_cast<void *>(c.in(1)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_n, p_bufs)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_n, p_bufs); else host(p_n, p_bufs);
+    H::after(c, p_n, p_bufs);
+}
+
+// 4241 glBlendEquationEXT
+void play_4241(Call &c) {
+    using H = Hooks<fn::glBlendEquation>;
+    auto host = c.glext().glBlendEquationEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_mode = static_cast<GLenum>(c.value(0));
+    if (!c.ok()) return;
+    if (!H::before(c, p_mode)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_mode); else host(p_mode);
+    H::after(c, p_mode);
+}
+
+// 4242 glBlendBarrierKHR
+void play_4242(Call &c) {
+    using H = Hooks<fn::glBlendBarrier>;
+    auto host = c.glext().glBlendBarrierKHR;
+    if (!H::kReplacesCall && !host) return c.missing();
+    if (!c.ok()) return;
+    if (!H::before(c)) return;
+    if constexpr (H::kReplacesCall) H::call(c); else host();
+    H::after(c);
+}
+
+// 4243 glTexStorage3DMultisampleOES
+void play_4243(Call &c) {
+    using H = Hooks<fn::glTexStorage3DMultisample>;
+    auto host = c.glext().glTexStorage3DMultisampleOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_target = static_cast<GLenum>(c.value(0));
+    GLsizei p_samples = static_cast<GLsizei>(c.value(1));
+    GLenum p_internalformat = static_cast<GLenum>(c.value(2));
+    GLsizei p_width = static_cast<GLsizei>(c.value(3));
+    GLsizei p_height = static_cast<GLsizei>(c.value(4));
+    GLsizei p_depth = static_cast<GLsizei>(c.value(5));
+    GLboolean p_fixedsamplelocations = static_cast<GLboolean>(c.value(6));
+    if (!c.ok()) return;
+    if (!H::before(c, p_target, p_samples, p_internalformat, p_width, p_height, p_depth, p_fixedsamplelocations)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_target, p_samples, p_internalformat, p_width, p_height, p_depth, p_fixedsamplelocations); else host(p_target, p_samples, p_internalformat, p_width, p_height, p_depth, p_fixedsamplelocations);
+    H::after(c, p_target, p_samples, p_internalformat, p_width, p_height, p_depth, p_fixedsamplelocations);
+}
+
+// 4244 glProgramUniform1uiEXT
+void play_4244(Call &c) {
+    using H = Hooks<fn::glProgramUniform1ui>;
+    auto host = c.glext().glProgramUniform1uiEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_program = static_cast<GLuint>(c.name(Obj::Program, 0));
+    GLint p_location = static_cast<GLint>(c.programValue(ProgramValue::Location, p_program, 1));
+    GLuint p_v0 = static_cast<GLuint>(c.value(2));
+    if (!c.ok()) return;
+    if (!H::before(c, p_program, p_location, p_v0)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_program, p_location, p_v0); else host(p_program, p_location, p_v0);
+    H::after(c, p_program, p_location, p_v0);
+}
+
+// 4245 glProgramUniform2uiEXT
+void play_4245(Call &c) {
+    using H = Hooks<fn::glProgramUniform2ui>;
+    auto host = c.glext().glProgramUniform2uiEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_program = static_cast<GLuint>(c.name(Obj::Program, 0));
+    GLint p_location = static_cast<GLint>(c.programValue(ProgramValue::Location, p_program, 1));
+    GLuint p_v0 = static_cast<GLuint>(c.value(2));
+    GLuint p_v1 = static_cast<GLuint>(c.value(3));
+    if (!c.ok()) return;
+    if (!H::before(c, p_program, p_location, p_v0, p_v1)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_program, p_location, p_v0, p_v1); else host(p_program, p_location, p_v0, p_v1);
+    H::after(c, p_program, p_location, p_v0, p_v1);
+}
+
+// 4246 glProgramUniform3uiEXT
+void play_4246(Call &c) {
+    using H = Hooks<fn::glProgramUniform3ui>;
+    auto host = c.glext().glProgramUniform3uiEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_program = static_cast<GLuint>(c.name(Obj::Program, 0));
+    GLint p_location = static_cast<GLint>(c.programValue(ProgramValue::Location, p_program, 1));
+    GLuint p_v0 = static_cast<GLuint>(c.value(2));
+    GLuint p_v1 = static_cast<GLuint>(c.value(3));
+    GLuint p_v2 = static_cast<GLuint>(c.value(4));
+    if (!c.ok()) return;
+    if (!H::before(c, p_program, p_location, p_v0, p_v1, p_v2)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_program, p_location, p_v0, p_v1, p_v2); else host(p_program, p_location, p_v0, p_v1, p_v2);
+    H::after(c, p_program, p_location, p_v0, p_v1, p_v2);
+}
+
+// 4247 glProgramUniform4uiEXT
+void play_4247(Call &c) {
+    using H = Hooks<fn::glProgramUniform4ui>;
+    auto host = c.glext().glProgramUniform4uiEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_program = static_cast<GLuint>(c.name(Obj::Program, 0));
+    GLint p_location = static_cast<GLint>(c.programValue(ProgramValue::Location, p_program, 1));
+    GLuint p_v0 = static_cast<GLuint>(c.value(2));
+    GLuint p_v1 = static_cast<GLuint>(c.value(3));
+    GLuint p_v2 = static_cast<GLuint>(c.value(4));
+    GLuint p_v3 = static_cast<GLuint>(c.value(5));
+    if (!c.ok()) return;
+    if (!H::before(c, p_program, p_location, p_v0, p_v1, p_v2, p_v3)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_program, p_location, p_v0, p_v1, p_v2, p_v3); else host(p_program, p_location, p_v0, p_v1, p_v2, p_v3);
+    H::after(c, p_program, p_location, p_v0, p_v1, p_v2, p_v3);
+}
+
+// 4248 glProgramUniform1uivEXT
+void play_4248(Call &c) {
+    using H = Hooks<fn::glProgramUniform1uiv>;
+    auto host = c.glext().glProgramUniform1uivEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_program = static_cast<GLuint>(c.name(Obj::Program, 0));
+    GLint p_location = static_cast<GLint>(c.programValue(ProgramValue::Location, p_program, 1));
+    GLsizei p_count = static_cast<GLsizei>(c.value(2));
+    const GLuint * p_value = reinterpret_cast<const GLuint *>(const_cast<void *>(c.in(3)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_program, p_location, p_count, p_value)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_program, p_location, p_count, p_value); else host(p_program, p_location, p_count, p_value);
+    H::after(c, p_program, p_location, p_count, p_value);
+}
+
+// 4249 glProgramUniform2uivEXT
+void play_4249(Call &c) {
+    using H = Hooks<fn::glProgramUniform2uiv>;
+    auto host = c.glext().glProgramUniform2uivEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_program = static_cast<GLuint>(c.name(Obj::Program, 0));
+    GLint p_location = static_cast<GLint>(c.programValue(ProgramValue::Location, p_program, 1));
+    GLsizei p_count = static_cast<GLsizei>(c.value(2));
+    const GLuint * p_value = reinterpret_cast<const GLuint *>(const_cast<void *>(c.in(3)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_program, p_location, p_count, p_value)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_program, p_location, p_count, p_value); else host(p_program, p_location, p_count, p_value);
+    H::after(c, p_program, p_location, p_count, p_value);
+}
+
+// 4250 glProgramUniform3uivEXT
+void play_4250(Call &c) {
+    using H = Hooks<fn::glProgramUniform3uiv>;
+    auto host = c.glext().glProgramUniform3uivEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_program = static_cast<GLuint>(c.name(Obj::Program, 0));
+    GLint p_location = static_cast<GLint>(c.programValue(ProgramValue::Location, p_program, 1));
+    GLsizei p_count = static_cast<GLsizei>(c.value(2));
+    const GLuint * p_value = reinterpret_cast<const GLuint *>(const_cast<void *>(c.in(3)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_program, p_location, p_count, p_value)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_program, p_location, p_count, p_value); else host(p_program, p_location, p_count, p_value);
+    H::after(c, p_program, p_location, p_count, p_value);
+}
+
+// 4251 glProgramUniform4uivEXT
+void play_4251(Call &c) {
+    using H = Hooks<fn::glProgramUniform4uiv>;
+    auto host = c.glext().glProgramUniform4uivEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_program = static_cast<GLuint>(c.name(Obj::Program, 0));
+    GLint p_location = static_cast<GLint>(c.programValue(ProgramValue::Location, p_program, 1));
+    GLsizei p_count = static_cast<GLsizei>(c.value(2));
+    const GLuint * p_value = reinterpret_cast<const GLuint *>(const_cast<void *>(c.in(3)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_program, p_location, p_count, p_value)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_program, p_location, p_count, p_value); else host(p_program, p_location, p_count, p_value);
+    H::after(c, p_program, p_location, p_count, p_value);
+}
+
+// 4252 glProgramUniformMatrix2x3fvEXT
+void play_4252(Call &c) {
+    using H = Hooks<fn::glProgramUniformMatrix2x3fv>;
+    auto host = c.glext().glProgramUniformMatrix2x3fvEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_program = static_cast<GLuint>(c.name(Obj::Program, 0));
+    GLint p_location = static_cast<GLint>(c.programValue(ProgramValue::Location, p_program, 1));
+    GLsizei p_count = static_cast<GLsizei>(c.value(2));
+    GLboolean p_transpose = static_cast<GLboolean>(c.value(3));
+    const GLfloat * p_value = reinterpret_cast<const GLfloat *>(const_cast<void *>(c.in(4)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_program, p_location, p_count, p_transpose, p_value)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_program, p_location, p_count, p_transpose, p_value); else host(p_program, p_location, p_count, p_transpose, p_value);
+    H::after(c, p_program, p_location, p_count, p_transpose, p_value);
+}
+
+// 4253 glProgramUniformMatrix3x2fvEXT
+void play_4253(Call &c) {
+    using H = Hooks<fn::glProgramUniformMatrix3x2fv>;
+    auto host = c.glext().glProgramUniformMatrix3x2fvEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_program = static_cast<GLuint>(c.name(Obj::Program, 0));
+    GLint p_location = static_cast<GLint>(c.programValue(ProgramValue::Location, p_program, 1));
+    GLsizei p_count = static_cast<GLsizei>(c.value(2));
+    GLboolean p_transpose = static_cast<GLboolean>(c.value(3));
+    const GLfloat * p_value = reinterpret_cast<const GLfloat *>(const_cast<void *>(c.in(4)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_program, p_location, p_count, p_transpose, p_value)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_program, p_location, p_count, p_transpose, p_value); else host(p_program, p_location, p_count, p_transpose, p_value);
+    H::after(c, p_program, p_location, p_count, p_transpose, p_value);
+}
+
+// 4254 glProgramUniformMatrix2x4fvEXT
+void play_4254(Call &c) {
+    using H = Hooks<fn::glProgramUniformMatrix2x4fv>;
+    auto host = c.glext().glProgramUniformMatrix2x4fvEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_program = static_cast<GLuint>(c.name(Obj::Program, 0));
+    GLint p_location = static_cast<GLint>(c.programValue(ProgramValue::Location, p_program, 1));
+    GLsizei p_count = static_cast<GLsizei>(c.value(2));
+    GLboolean p_transpose = static_cast<GLboolean>(c.value(3));
+    const GLfloat * p_value = reinterpret_cast<const GLfloat *>(const_cast<void *>(c.in(4)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_program, p_location, p_count, p_transpose, p_value)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_program, p_location, p_count, p_transpose, p_value); else host(p_program, p_location, p_count, p_transpose, p_value);
+    H::after(c, p_program, p_location, p_count, p_transpose, p_value);
+}
+
+// 4255 glProgramUniformMatrix4x2fvEXT
+void play_4255(Call &c) {
+    using H = Hooks<fn::glProgramUniformMatrix4x2fv>;
+    auto host = c.glext().glProgramUniformMatrix4x2fvEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_program = static_cast<GLuint>(c.name(Obj::Program, 0));
+    GLint p_location = static_cast<GLint>(c.programValue(ProgramValue::Location, p_program, 1));
+    GLsizei p_count = static_cast<GLsizei>(c.value(2));
+    GLboolean p_transpose = static_cast<GLboolean>(c.value(3));
+    const GLfloat * p_value = reinterpret_cast<const GLfloat *>(const_cast<void *>(c.in(4)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_program, p_location, p_count, p_transpose, p_value)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_program, p_location, p_count, p_transpose, p_value); else host(p_program, p_location, p_count, p_transpose, p_value);
+    H::after(c, p_program, p_location, p_count, p_transpose, p_value);
+}
+
+// 4256 glProgramUniformMatrix3x4fvEXT
+void play_4256(Call &c) {
+    using H = Hooks<fn::glProgramUniformMatrix3x4fv>;
+    auto host = c.glext().glProgramUniformMatrix3x4fvEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_program = static_cast<GLuint>(c.name(Obj::Program, 0));
+    GLint p_location = static_cast<GLint>(c.programValue(ProgramValue::Location, p_program, 1));
+    GLsizei p_count = static_cast<GLsizei>(c.value(2));
+    GLboolean p_transpose = static_cast<GLboolean>(c.value(3));
+    const GLfloat * p_value = reinterpret_cast<const GLfloat *>(const_cast<void *>(c.in(4)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_program, p_location, p_count, p_transpose, p_value)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_program, p_location, p_count, p_transpose, p_value); else host(p_program, p_location, p_count, p_transpose, p_value);
+    H::after(c, p_program, p_location, p_count, p_transpose, p_value);
+}
+
+// 4257 glProgramUniformMatrix4x3fvEXT
+void play_4257(Call &c) {
+    using H = Hooks<fn::glProgramUniformMatrix4x3fv>;
+    auto host = c.glext().glProgramUniformMatrix4x3fvEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_program = static_cast<GLuint>(c.name(Obj::Program, 0));
+    GLint p_location = static_cast<GLint>(c.programValue(ProgramValue::Location, p_program, 1));
+    GLsizei p_count = static_cast<GLsizei>(c.value(2));
+    GLboolean p_transpose = static_cast<GLboolean>(c.value(3));
+    const GLfloat * p_value = reinterpret_cast<const GLfloat *>(const_cast<void *>(c.in(4)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_program, p_location, p_count, p_transpose, p_value)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_program, p_location, p_count, p_transpose, p_value); else host(p_program, p_location, p_count, p_transpose, p_value);
+    H::after(c, p_program, p_location, p_count, p_transpose, p_value);
+}
+
+// 4258 glMinSampleShadingOES
+void play_4258(Call &c) {
+    using H = Hooks<fn::glMinSampleShading>;
+    auto host = c.glext().glMinSampleShadingOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLfloat p_value = c.f32(0);
+    if (!c.ok()) return;
+    if (!H::before(c, p_value)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_value); else host(p_value);
+    H::after(c, p_value);
+}
+
+// 4259 glCopyImageSubDataEXT
+void play_4259(Call &c) {
+    using H = Hooks<fn::glCopyImageSubData>;
+    auto host = c.glext().glCopyImageSubDataEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_srcName = static_cast<GLuint>(c.value(0));
+    GLenum p_srcTarget = static_cast<GLenum>(c.value(1));
+    GLint p_srcLevel = static_cast<GLint>(c.value(2));
+    GLint p_srcX = static_cast<GLint>(c.value(3));
+    GLint p_srcY = static_cast<GLint>(c.value(4));
+    GLint p_srcZ = static_cast<GLint>(c.value(5));
+    GLuint p_dstName = static_cast<GLuint>(c.value(6));
+    GLenum p_dstTarget = static_cast<GLenum>(c.value(7));
+    GLint p_dstLevel = static_cast<GLint>(c.value(8));
+    GLint p_dstX = static_cast<GLint>(c.value(9));
+    GLint p_dstY = static_cast<GLint>(c.value(10));
+    GLint p_dstZ = static_cast<GLint>(c.value(11));
+    GLsizei p_srcWidth = static_cast<GLsizei>(c.value(12));
+    GLsizei p_srcHeight = static_cast<GLsizei>(c.value(13));
+    GLsizei p_srcDepth = static_cast<GLsizei>(c.value(14));
+    if (!c.ok()) return;
+    if (!H::before(c, p_srcName, p_srcTarget, p_srcLevel, p_srcX, p_srcY, p_srcZ, p_dstName, p_dstTarget, p_dstLevel, p_dstX, p_dstY, p_dstZ, p_srcWidth, p_srcHeight, p_srcDepth)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_srcName, p_srcTarget, p_srcLevel, p_srcX, p_srcY, p_srcZ, p_dstName, p_dstTarget, p_dstLevel, p_dstX, p_dstY, p_dstZ, p_srcWidth, p_srcHeight, p_srcDepth); else host(p_srcName, p_srcTarget, p_srcLevel, p_srcX, p_srcY, p_srcZ, p_dstName, p_dstTarget, p_dstLevel, p_dstX, p_dstY, p_dstZ, p_srcWidth, p_srcHeight, p_srcDepth);
+    H::after(c, p_srcName, p_srcTarget, p_srcLevel, p_srcX, p_srcY, p_srcZ, p_dstName, p_dstTarget, p_dstLevel, p_dstX, p_dstY, p_dstZ, p_srcWidth, p_srcHeight, p_srcDepth);
+}
+
+// 4260 glEnableiEXT
+void play_4260(Call &c) {
+    using H = Hooks<fn::glEnablei>;
+    auto host = c.glext().glEnableiEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_target = static_cast<GLenum>(c.value(0));
+    GLuint p_index = static_cast<GLuint>(c.value(1));
+    if (!c.ok()) return;
+    if (!H::before(c, p_target, p_index)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_target, p_index); else host(p_target, p_index);
+    H::after(c, p_target, p_index);
+}
+
+// 4261 glDisableiEXT
+void play_4261(Call &c) {
+    using H = Hooks<fn::glDisablei>;
+    auto host = c.glext().glDisableiEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_target = static_cast<GLenum>(c.value(0));
+    GLuint p_index = static_cast<GLuint>(c.value(1));
+    if (!c.ok()) return;
+    if (!H::before(c, p_target, p_index)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_target, p_index); else host(p_target, p_index);
+    H::after(c, p_target, p_index);
+}
+
+// 4262 glBlendEquationiEXT
+void play_4262(Call &c) {
+    using H = Hooks<fn::glBlendEquationi>;
+    auto host = c.glext().glBlendEquationiEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_buf = static_cast<GLuint>(c.value(0));
+    GLenum p_mode = static_cast<GLenum>(c.value(1));
+    if (!c.ok()) return;
+    if (!H::before(c, p_buf, p_mode)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_buf, p_mode); else host(p_buf, p_mode);
+    H::after(c, p_buf, p_mode);
+}
+
+// 4263 glBlendEquationSeparateiEXT
+void play_4263(Call &c) {
+    using H = Hooks<fn::glBlendEquationSeparatei>;
+    auto host = c.glext().glBlendEquationSeparateiEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_buf = static_cast<GLuint>(c.value(0));
+    GLenum p_modeRGB = static_cast<GLenum>(c.value(1));
+    GLenum p_modeAlpha = static_cast<GLenum>(c.value(2));
+    if (!c.ok()) return;
+    if (!H::before(c, p_buf, p_modeRGB, p_modeAlpha)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_buf, p_modeRGB, p_modeAlpha); else host(p_buf, p_modeRGB, p_modeAlpha);
+    H::after(c, p_buf, p_modeRGB, p_modeAlpha);
+}
+
+// 4264 glBlendFunciEXT
+void play_4264(Call &c) {
+    using H = Hooks<fn::glBlendFunci>;
+    auto host = c.glext().glBlendFunciEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_buf = static_cast<GLuint>(c.value(0));
+    GLenum p_src = static_cast<GLenum>(c.value(1));
+    GLenum p_dst = static_cast<GLenum>(c.value(2));
+    if (!c.ok()) return;
+    if (!H::before(c, p_buf, p_src, p_dst)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_buf, p_src, p_dst); else host(p_buf, p_src, p_dst);
+    H::after(c, p_buf, p_src, p_dst);
+}
+
+// 4265 glBlendFuncSeparateiEXT
+void play_4265(Call &c) {
+    using H = Hooks<fn::glBlendFuncSeparatei>;
+    auto host = c.glext().glBlendFuncSeparateiEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_buf = static_cast<GLuint>(c.value(0));
+    GLenum p_srcRGB = static_cast<GLenum>(c.value(1));
+    GLenum p_dstRGB = static_cast<GLenum>(c.value(2));
+    GLenum p_srcAlpha = static_cast<GLenum>(c.value(3));
+    GLenum p_dstAlpha = static_cast<GLenum>(c.value(4));
+    if (!c.ok()) return;
+    if (!H::before(c, p_buf, p_srcRGB, p_dstRGB, p_srcAlpha, p_dstAlpha)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_buf, p_srcRGB, p_dstRGB, p_srcAlpha, p_dstAlpha); else host(p_buf, p_srcRGB, p_dstRGB, p_srcAlpha, p_dstAlpha);
+    H::after(c, p_buf, p_srcRGB, p_dstRGB, p_srcAlpha, p_dstAlpha);
+}
+
+// 4266 glColorMaskiEXT
+void play_4266(Call &c) {
+    using H = Hooks<fn::glColorMaski>;
+    auto host = c.glext().glColorMaskiEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_index = static_cast<GLuint>(c.value(0));
+    GLboolean p_r = static_cast<GLboolean>(c.value(1));
+    GLboolean p_g = static_cast<GLboolean>(c.value(2));
+    GLboolean p_b = static_cast<GLboolean>(c.value(3));
+    GLboolean p_a = static_cast<GLboolean>(c.value(4));
+    if (!c.ok()) return;
+    if (!H::before(c, p_index, p_r, p_g, p_b, p_a)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_index, p_r, p_g, p_b, p_a); else host(p_index, p_r, p_g, p_b, p_a);
+    H::after(c, p_index, p_r, p_g, p_b, p_a);
+}
+
+// 4267 glIsEnablediEXT
+void play_4267(Call &c) {
+    using H = Hooks<fn::glIsEnabledi>;
+    auto host = c.glext().glIsEnablediEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_target = static_cast<GLenum>(c.value(0));
+    GLuint p_index = static_cast<GLuint>(c.value(1));
+    if (!c.ok()) return;
+    if (!H::before(c, p_target, p_index)) return;
+    GLboolean r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_target, p_index); else r = host(p_target, p_index);
+    H::after(c, r, p_target, p_index);
+}
+
+// 4268 glFramebufferTextureEXT
+void play_4268(Call &c) {
+    using H = Hooks<fn::glFramebufferTexture>;
+    auto host = c.glext().glFramebufferTextureEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_target = static_cast<GLenum>(c.value(0));
+    GLenum p_attachment = static_cast<GLenum>(c.value(1));
+    GLuint p_texture = static_cast<GLuint>(c.name(Obj::Texture, 2));
+    GLint p_level = static_cast<GLint>(c.value(3));
+    if (!c.ok()) return;
+    if (!H::before(c, p_target, p_attachment, p_texture, p_level)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_target, p_attachment, p_texture, p_level); else host(p_target, p_attachment, p_texture, p_level);
+    H::after(c, p_target, p_attachment, p_texture, p_level);
+}
+
+// 4269 glPrimitiveBoundingBoxEXT
+void play_4269(Call &c) {
+    using H = Hooks<fn::glPrimitiveBoundingBox>;
+    auto host = c.glext().glPrimitiveBoundingBoxEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLfloat p_minX = c.f32(0);
+    GLfloat p_minY = c.f32(1);
+    GLfloat p_minZ = c.f32(2);
+    GLfloat p_minW = c.f32(3);
+    GLfloat p_maxX = c.f32(4);
+    GLfloat p_maxY = c.f32(5);
+    GLfloat p_maxZ = c.f32(6);
+    GLfloat p_maxW = c.f32(7);
+    if (!c.ok()) return;
+    if (!H::before(c, p_minX, p_minY, p_minZ, p_minW, p_maxX, p_maxY, p_maxZ, p_maxW)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_minX, p_minY, p_minZ, p_minW, p_maxX, p_maxY, p_maxZ, p_maxW); else host(p_minX, p_minY, p_minZ, p_minW, p_maxX, p_maxY, p_maxZ, p_maxW);
+    H::after(c, p_minX, p_minY, p_minZ, p_minW, p_maxX, p_maxY, p_maxZ, p_maxW);
+}
+
+// 4270 glPatchParameteriEXT
+void play_4270(Call &c) {
+    using H = Hooks<fn::glPatchParameteri>;
+    auto host = c.glext().glPatchParameteriEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_pname = static_cast<GLenum>(c.value(0));
+    GLint p_value = static_cast<GLint>(c.value(1));
+    if (!c.ok()) return;
+    if (!H::before(c, p_pname, p_value)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_pname, p_value); else host(p_pname, p_value);
+    H::after(c, p_pname, p_value);
+}
+
+// 4271 glTexParameterIivEXT
+void play_4271(Call &c) {
+    using H = Hooks<fn::glTexParameterIiv>;
+    auto host = c.glext().glTexParameterIivEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_target = static_cast<GLenum>(c.value(0));
+    GLenum p_pname = static_cast<GLenum>(c.value(1));
+    const GLint * p_params = reinterpret_cast<const GLint *>(const_cast<void *>(c.in(2)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_target, p_pname, p_params)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_target, p_pname, p_params); else host(p_target, p_pname, p_params);
+    H::after(c, p_target, p_pname, p_params);
+}
+
+// 4272 glTexParameterIuivEXT
+void play_4272(Call &c) {
+    using H = Hooks<fn::glTexParameterIuiv>;
+    auto host = c.glext().glTexParameterIuivEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_target = static_cast<GLenum>(c.value(0));
+    GLenum p_pname = static_cast<GLenum>(c.value(1));
+    const GLuint * p_params = reinterpret_cast<const GLuint *>(const_cast<void *>(c.in(2)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_target, p_pname, p_params)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_target, p_pname, p_params); else host(p_target, p_pname, p_params);
+    H::after(c, p_target, p_pname, p_params);
+}
+
+// 4273 glGetTexParameterIivEXT
+void play_4273(Call &c) {
+    using H = Hooks<fn::glGetTexParameterIiv>;
+    auto host = c.glext().glGetTexParameterIivEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_target = static_cast<GLenum>(c.value(0));
+    GLenum p_pname = static_cast<GLenum>(c.value(1));
+    GLint * p_params = reinterpret_cast<GLint *>(c.out(2));
+    if (!c.ok()) return;
+    if (!H::before(c, p_target, p_pname, p_params)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_target, p_pname, p_params); else host(p_target, p_pname, p_params);
+    H::after(c, p_target, p_pname, p_params);
+}
+
+// 4274 glGetTexParameterIuivEXT
+void play_4274(Call &c) {
+    using H = Hooks<fn::glGetTexParameterIuiv>;
+    auto host = c.glext().glGetTexParameterIuivEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_target = static_cast<GLenum>(c.value(0));
+    GLenum p_pname = static_cast<GLenum>(c.value(1));
+    GLuint * p_params = reinterpret_cast<GLuint *>(c.out(2));
+    if (!c.ok()) return;
+    if (!H::before(c, p_target, p_pname, p_params)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_target, p_pname, p_params); else host(p_target, p_pname, p_params);
+    H::after(c, p_target, p_pname, p_params);
+}
+
+// 4275 glSamplerParameterIivEXT
+void play_4275(Call &c) {
+    using H = Hooks<fn::glSamplerParameterIiv>;
+    auto host = c.glext().glSamplerParameterIivEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_sampler = static_cast<GLuint>(c.name(Obj::Sampler, 0));
+    GLenum p_pname = static_cast<GLenum>(c.value(1));
+    const GLint * p_param = reinterpret_cast<const GLint *>(const_cast<void *>(c.in(2)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_sampler, p_pname, p_param)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_sampler, p_pname, p_param); else host(p_sampler, p_pname, p_param);
+    H::after(c, p_sampler, p_pname, p_param);
+}
+
+// 4276 glSamplerParameterIuivEXT
+void play_4276(Call &c) {
+    using H = Hooks<fn::glSamplerParameterIuiv>;
+    auto host = c.glext().glSamplerParameterIuivEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_sampler = static_cast<GLuint>(c.name(Obj::Sampler, 0));
+    GLenum p_pname = static_cast<GLenum>(c.value(1));
+    const GLuint * p_param = reinterpret_cast<const GLuint *>(const_cast<void *>(c.in(2)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_sampler, p_pname, p_param)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_sampler, p_pname, p_param); else host(p_sampler, p_pname, p_param);
+    H::after(c, p_sampler, p_pname, p_param);
+}
+
+// 4277 glGetSamplerParameterIivEXT
+void play_4277(Call &c) {
+    using H = Hooks<fn::glGetSamplerParameterIiv>;
+    auto host = c.glext().glGetSamplerParameterIivEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_sampler = static_cast<GLuint>(c.name(Obj::Sampler, 0));
+    GLenum p_pname = static_cast<GLenum>(c.value(1));
+    GLint * p_params = reinterpret_cast<GLint *>(c.out(2));
+    if (!c.ok()) return;
+    if (!H::before(c, p_sampler, p_pname, p_params)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_sampler, p_pname, p_params); else host(p_sampler, p_pname, p_params);
+    H::after(c, p_sampler, p_pname, p_params);
+}
+
+// 4278 glGetSamplerParameterIuivEXT
+void play_4278(Call &c) {
+    using H = Hooks<fn::glGetSamplerParameterIuiv>;
+    auto host = c.glext().glGetSamplerParameterIuivEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_sampler = static_cast<GLuint>(c.name(Obj::Sampler, 0));
+    GLenum p_pname = static_cast<GLenum>(c.value(1));
+    GLuint * p_params = reinterpret_cast<GLuint *>(c.out(2));
+    if (!c.ok()) return;
+    if (!H::before(c, p_sampler, p_pname, p_params)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_sampler, p_pname, p_params); else host(p_sampler, p_pname, p_params);
+    H::after(c, p_sampler, p_pname, p_params);
+}
+
+// 4279 glTexBufferEXT
+void play_4279(Call &c) {
+    using H = Hooks<fn::glTexBuffer>;
+    auto host = c.glext().glTexBufferEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_target = static_cast<GLenum>(c.value(0));
+    GLenum p_internalformat = static_cast<GLenum>(c.value(1));
+    GLuint p_buffer = static_cast<GLuint>(c.name(Obj::Buffer, 2));
+    if (!c.ok()) return;
+    if (!H::before(c, p_target, p_internalformat, p_buffer)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_target, p_internalformat, p_buffer); else host(p_target, p_internalformat, p_buffer);
+    H::after(c, p_target, p_internalformat, p_buffer);
+}
+
+// 4280 glTexBufferRangeEXT
+void play_4280(Call &c) {
+    using H = Hooks<fn::glTexBufferRange>;
+    auto host = c.glext().glTexBufferRangeEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_target = static_cast<GLenum>(c.value(0));
+    GLenum p_internalformat = static_cast<GLenum>(c.value(1));
+    GLuint p_buffer = static_cast<GLuint>(c.name(Obj::Buffer, 2));
+    GLintptr p_offset = static_cast<GLintptr>(c.value(3));
+    GLsizeiptr p_size = static_cast<GLsizeiptr>(c.value(4));
+    if (!c.ok()) return;
+    if (!H::before(c, p_target, p_internalformat, p_buffer, p_offset, p_size)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_target, p_internalformat, p_buffer, p_offset, p_size); else host(p_target, p_internalformat, p_buffer, p_offset, p_size);
+    H::after(c, p_target, p_internalformat, p_buffer, p_offset, p_size);
+}
+
+// 4281 glBufferStorageEXT
+void play_4281(Call &c) {
+    using H = Hooks<ext::glBufferStorageEXT>;
+    auto host = c.glext().glBufferStorageEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_target = static_cast<GLenum>(c.value(0));
+    GLsizeiptr p_size = static_cast<GLsizeiptr>(c.value(1));
+    const void * p_data = reinterpret_cast<const void *>(const_cast<void *>(c.in(2)));
+    GLbitfield p_flags = static_cast<GLbitfield>(c.value(3));
+    if (!c.ok()) return;
+    if (!H::before(c, p_target, p_size, p_data, p_flags)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_target, p_size, p_data, p_flags); else host(p_target, p_size, p_data, p_flags);
+    H::after(c, p_target, p_size, p_data, p_flags);
+}
+
+// 4282 glFramebufferPixelLocalStorageSizeEXT
+void play_4282(Call &c) {
+    using H = Hooks<ext::glFramebufferPixelLocalStorageSizeEXT>;
+    auto host = c.glext().glFramebufferPixelLocalStorageSizeEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_target = static_cast<GLuint>(c.value(0));
+    GLsizei p_size = static_cast<GLsizei>(c.value(1));
+    if (!c.ok()) return;
+    if (!H::before(c, p_target, p_size)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_target, p_size); else host(p_target, p_size);
+    H::after(c, p_target, p_size);
+}
+
+// 4283 glGetFramebufferPixelLocalStorageSizeEXT
+void play_4283(Call &c) {
+    using H = Hooks<ext::glGetFramebufferPixelLocalStorageSizeEXT>;
+    auto host = c.glext().glGetFramebufferPixelLocalStorageSizeEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_target = static_cast<GLuint>(c.value(0));
+    if (!c.ok()) return;
+    if (!H::before(c, p_target)) return;
+    GLsizei r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_target); else r = host(p_target);
+    H::after(c, r, p_target);
+}
+
+// 4284 glClearPixelLocalStorageuiEXT
+void play_4284(Call &c) {
+    using H = Hooks<ext::glClearPixelLocalStorageuiEXT>;
+    auto host = c.glext().glClearPixelLocalStorageuiEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLsizei p_offset = static_cast<GLsizei>(c.value(0));
+    GLsizei p_n = static_cast<GLsizei>(c.value(1));
+    const GLuint * p_values = reinterpret_cast<const GLuint *>(const_cast<void *>(c.in(2)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_offset, p_n, p_values)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_offset, p_n, p_values); else host(p_offset, p_n, p_values);
+    H::after(c, p_offset, p_n, p_values);
+}
+
+// 4330 glDepthRangeArrayfvOES
+void play_4330(Call &c) {
+    using H = Hooks<ext::glDepthRangeArrayfvOES>;
+    auto host = c.glext().glDepthRangeArrayfvOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_first = static_cast<GLuint>(c.value(0));
+    GLsizei p_count = static_cast<GLsizei>(c.value(1));
+    const GLfloat * p_v = c.raw<const GLfloat *>(2);
+    if (!c.ok()) return;
+    if (!H::before(c, p_first, p_count, p_v)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_first, p_count, p_v); else host(p_first, p_count, p_v);
+    H::after(c, p_first, p_count, p_v);
+}
+
+// 4331 glDepthRangeIndexedfOES
+void play_4331(Call &c) {
+    using H = Hooks<ext::glDepthRangeIndexedfOES>;
+    auto host = c.glext().glDepthRangeIndexedfOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_index = static_cast<GLuint>(c.value(0));
+    GLfloat p_n = c.f32(1);
+    GLfloat p_f = c.f32(2);
+    if (!c.ok()) return;
+    if (!H::before(c, p_index, p_n, p_f)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_index, p_n, p_f); else host(p_index, p_n, p_f);
+    H::after(c, p_index, p_n, p_f);
+}
+
+// 4332 glGetFloati_vOES
+void play_4332(Call &c) {
+    using H = Hooks<ext::glGetFloati_vOES>;
+    auto host = c.glext().glGetFloati_vOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_target = static_cast<GLenum>(c.value(0));
+    GLuint p_index = static_cast<GLuint>(c.value(1));
+    GLfloat * p_data = reinterpret_cast<GLfloat *>(c.out(2));
+    if (!c.ok()) return;
+    if (!H::before(c, p_target, p_index, p_data)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_target, p_index, p_data); else host(p_target, p_index, p_data);
+    H::after(c, p_target, p_index, p_data);
+}
+
+// 4333 glScissorArrayvOES
+void play_4333(Call &c) {
+    using H = Hooks<ext::glScissorArrayvOES>;
+    auto host = c.glext().glScissorArrayvOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_first = static_cast<GLuint>(c.value(0));
+    GLsizei p_count = static_cast<GLsizei>(c.value(1));
+    const GLint * p_v = reinterpret_cast<const GLint *>(const_cast<void *>(c.in(2)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_first, p_count, p_v)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_first, p_count, p_v); else host(p_first, p_count, p_v);
+    H::after(c, p_first, p_count, p_v);
+}
+
+// 4334 glScissorIndexedOES
+void play_4334(Call &c) {
+    using H = Hooks<ext::glScissorIndexedOES>;
+    auto host = c.glext().glScissorIndexedOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_index = static_cast<GLuint>(c.value(0));
+    GLint p_left = static_cast<GLint>(c.value(1));
+    GLint p_bottom = static_cast<GLint>(c.value(2));
+    GLsizei p_width = static_cast<GLsizei>(c.value(3));
+    GLsizei p_height = static_cast<GLsizei>(c.value(4));
+    if (!c.ok()) return;
+    if (!H::before(c, p_index, p_left, p_bottom, p_width, p_height)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_index, p_left, p_bottom, p_width, p_height); else host(p_index, p_left, p_bottom, p_width, p_height);
+    H::after(c, p_index, p_left, p_bottom, p_width, p_height);
+}
+
+// 4335 glScissorIndexedvOES
+void play_4335(Call &c) {
+    using H = Hooks<ext::glScissorIndexedvOES>;
+    auto host = c.glext().glScissorIndexedvOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_index = static_cast<GLuint>(c.value(0));
+    const GLint * p_v = reinterpret_cast<const GLint *>(const_cast<void *>(c.in(1)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_index, p_v)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_index, p_v); else host(p_index, p_v);
+    H::after(c, p_index, p_v);
+}
+
+// 4336 glViewportArrayvOES
+void play_4336(Call &c) {
+    using H = Hooks<ext::glViewportArrayvOES>;
+    auto host = c.glext().glViewportArrayvOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_first = static_cast<GLuint>(c.value(0));
+    GLsizei p_count = static_cast<GLsizei>(c.value(1));
+    const GLfloat * p_v = reinterpret_cast<const GLfloat *>(const_cast<void *>(c.in(2)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_first, p_count, p_v)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_first, p_count, p_v); else host(p_first, p_count, p_v);
+    H::after(c, p_first, p_count, p_v);
+}
+
+// 4337 glViewportIndexedfOES
+void play_4337(Call &c) {
+    using H = Hooks<ext::glViewportIndexedfOES>;
+    auto host = c.glext().glViewportIndexedfOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_index = static_cast<GLuint>(c.value(0));
+    GLfloat p_x = c.f32(1);
+    GLfloat p_y = c.f32(2);
+    GLfloat p_w = c.f32(3);
+    GLfloat p_h_ = c.f32(4);
+    if (!c.ok()) return;
+    if (!H::before(c, p_index, p_x, p_y, p_w, p_h_)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_index, p_x, p_y, p_w, p_h_); else host(p_index, p_x, p_y, p_w, p_h_);
+    H::after(c, p_index, p_x, p_y, p_w, p_h_);
+}
+
+// 4338 glViewportIndexedfvOES
+void play_4338(Call &c) {
+    using H = Hooks<ext::glViewportIndexedfvOES>;
+    auto host = c.glext().glViewportIndexedfvOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_index = static_cast<GLuint>(c.value(0));
+    const GLfloat * p_v = reinterpret_cast<const GLfloat *>(const_cast<void *>(c.in(1)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_index, p_v)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_index, p_v); else host(p_index, p_v);
+    H::after(c, p_index, p_v);
+}
+
+// 4339 glFramebufferTextureMultiviewOVR
+void play_4339(Call &c) {
+    using H = Hooks<ext::glFramebufferTextureMultiviewOVR>;
+    auto host = c.glext().glFramebufferTextureMultiviewOVR;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_target = static_cast<GLenum>(c.value(0));
+    GLenum p_attachment = static_cast<GLenum>(c.value(1));
+    GLuint p_texture = static_cast<GLuint>(c.name(Obj::Texture, 2));
+    GLint p_level = static_cast<GLint>(c.value(3));
+    GLint p_baseViewIndex = static_cast<GLint>(c.value(4));
+    GLsizei p_numViews = static_cast<GLsizei>(c.value(5));
+    if (!c.ok()) return;
+    if (!H::before(c, p_target, p_attachment, p_texture, p_level, p_baseViewIndex, p_numViews)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_target, p_attachment, p_texture, p_level, p_baseViewIndex, p_numViews); else host(p_target, p_attachment, p_texture, p_level, p_baseViewIndex, p_numViews);
+    H::after(c, p_target, p_attachment, p_texture, p_level, p_baseViewIndex, p_numViews);
+}
+
+// 4340 glFramebufferTextureMultisampleMultiviewOVR
+void play_4340(Call &c) {
+    using H = Hooks<ext::glFramebufferTextureMultisampleMultiviewOVR>;
+    auto host = c.glext().glFramebufferTextureMultisampleMultiviewOVR;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_target = static_cast<GLenum>(c.value(0));
+    GLenum p_attachment = static_cast<GLenum>(c.value(1));
+    GLuint p_texture = static_cast<GLuint>(c.name(Obj::Texture, 2));
+    GLint p_level = static_cast<GLint>(c.value(3));
+    GLsizei p_samples = static_cast<GLsizei>(c.value(4));
+    GLint p_baseViewIndex = static_cast<GLint>(c.value(5));
+    GLsizei p_numViews = static_cast<GLsizei>(c.value(6));
+    if (!c.ok()) return;
+    if (!H::before(c, p_target, p_attachment, p_texture, p_level, p_samples, p_baseViewIndex, p_numViews)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_target, p_attachment, p_texture, p_level, p_samples, p_baseViewIndex, p_numViews); else host(p_target, p_attachment, p_texture, p_level, p_samples, p_baseViewIndex, p_numViews);
+    H::after(c, p_target, p_attachment, p_texture, p_level, p_samples, p_baseViewIndex, p_numViews);
+}
+
+// 4343 glClearTexImageEXT
+void play_4343(Call &c) {
+    using H = Hooks<ext::glClearTexImageEXT>;
+    auto host = c.glext().glClearTexImageEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_texture = static_cast<GLuint>(c.name(Obj::Texture, 0));
+    GLint p_level = static_cast<GLint>(c.value(1));
+    GLenum p_format = static_cast<GLenum>(c.value(2));
+    GLenum p_type = static_cast<GLenum>(c.value(3));
+    const void * p_data = reinterpret_cast<const void *>(const_cast<void *>(c.in(4)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_texture, p_level, p_format, p_type, p_data)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_texture, p_level, p_format, p_type, p_data); else host(p_texture, p_level, p_format, p_type, p_data);
+    H::after(c, p_texture, p_level, p_format, p_type, p_data);
+}
+
+// 4344 glClearTexSubImageEXT
+void play_4344(Call &c) {
+    using H = Hooks<ext::glClearTexSubImageEXT>;
+    auto host = c.glext().glClearTexSubImageEXT;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLuint p_texture = static_cast<GLuint>(c.name(Obj::Texture, 0));
+    GLint p_level = static_cast<GLint>(c.value(1));
+    GLint p_xoffset = static_cast<GLint>(c.value(2));
+    GLint p_yoffset = static_cast<GLint>(c.value(3));
+    GLint p_zoffset = static_cast<GLint>(c.value(4));
+    GLsizei p_width = static_cast<GLsizei>(c.value(5));
+    GLsizei p_height = static_cast<GLsizei>(c.value(6));
+    GLsizei p_depth = static_cast<GLsizei>(c.value(7));
+    GLenum p_format = static_cast<GLenum>(c.value(8));
+    GLenum p_type = static_cast<GLenum>(c.value(9));
+    const void * p_data = reinterpret_cast<const void *>(const_cast<void *>(c.in(10)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_texture, p_level, p_xoffset, p_yoffset, p_zoffset, p_width, p_height, p_depth, p_format, p_type, p_data)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_texture, p_level, p_xoffset, p_yoffset, p_zoffset, p_width, p_height, p_depth, p_format, p_type, p_data); else host(p_texture, p_level, p_xoffset, p_yoffset, p_zoffset, p_width, p_height, p_depth, p_format, p_type, p_data);
+    H::after(c, p_texture, p_level, p_xoffset, p_yoffset, p_zoffset, p_width, p_height, p_depth, p_format, p_type, p_data);
+}
+
+// 4345 glDrawElementsBaseVertexOES
+void play_4345(Call &c) {
+    using H = Hooks<fn::glDrawElementsBaseVertex>;
+    auto host = c.glext().glDrawElementsBaseVertexOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_mode = static_cast<GLenum>(c.value(0));
+    GLsizei p_count = static_cast<GLsizei>(c.value(1));
+    GLenum p_type = static_cast<GLenum>(c.value(2));
+    const void * p_indices = reinterpret_cast<const void *>(c.indices(5, 3));
+    GLint p_basevertex = static_cast<GLint>(c.value(4));
+    if (!c.ok()) return;
+    if (!c.clientArrays(5)) return;
+    if (!H::before(c, p_mode, p_count, p_type, p_indices, p_basevertex)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_mode, p_count, p_type, p_indices, p_basevertex); else host(p_mode, p_count, p_type, p_indices, p_basevertex);
+    H::after(c, p_mode, p_count, p_type, p_indices, p_basevertex);
+}
+
+// 4346 glDrawRangeElementsBaseVertexOES
+void play_4346(Call &c) {
+    using H = Hooks<fn::glDrawRangeElementsBaseVertex>;
+    auto host = c.glext().glDrawRangeElementsBaseVertexOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_mode = static_cast<GLenum>(c.value(0));
+    GLuint p_start = static_cast<GLuint>(c.value(1));
+    GLuint p_end = static_cast<GLuint>(c.value(2));
+    GLsizei p_count = static_cast<GLsizei>(c.value(3));
+    GLenum p_type = static_cast<GLenum>(c.value(4));
+    const void * p_indices = reinterpret_cast<const void *>(c.indices(7, 5));
+    GLint p_basevertex = static_cast<GLint>(c.value(6));
+    if (!c.ok()) return;
+    if (!c.clientArrays(7)) return;
+    if (!H::before(c, p_mode, p_start, p_end, p_count, p_type, p_indices, p_basevertex)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_mode, p_start, p_end, p_count, p_type, p_indices, p_basevertex); else host(p_mode, p_start, p_end, p_count, p_type, p_indices, p_basevertex);
+    H::after(c, p_mode, p_start, p_end, p_count, p_type, p_indices, p_basevertex);
+}
+
+// 4347 glDrawElementsInstancedBaseVertexOES
+void play_4347(Call &c) {
+    using H = Hooks<fn::glDrawElementsInstancedBaseVertex>;
+    auto host = c.glext().glDrawElementsInstancedBaseVertexOES;
+    if (!H::kReplacesCall && !host) return c.missing();
+    GLenum p_mode = static_cast<GLenum>(c.value(0));
+    GLsizei p_count = static_cast<GLsizei>(c.value(1));
+    GLenum p_type = static_cast<GLenum>(c.value(2));
+    const void * p_indices = reinterpret_cast<const void *>(c.indices(6, 3));
+    GLsizei p_instancecount = static_cast<GLsizei>(c.value(4));
+    GLint p_basevertex = static_cast<GLint>(c.value(5));
+    if (!c.ok()) return;
+    if (!c.clientArrays(6)) return;
+    if (!H::before(c, p_mode, p_count, p_type, p_indices, p_instancecount, p_basevertex)) return;
+    if constexpr (H::kReplacesCall) H::call(c, p_mode, p_count, p_type, p_indices, p_instancecount, p_basevertex); else host(p_mode, p_count, p_type, p_indices, p_instancecount, p_basevertex);
+    H::after(c, p_mode, p_count, p_type, p_indices, p_instancecount, p_basevertex);
+}
+
 // 5143 glReadBuffer
 void play_5143(Call &c) {
     using H = Hooks<fn::glReadBuffer>;
@@ -5543,7 +9633,7 @@ void play_5180(Call &c) {
     if (!H::kReplacesCall && !host) return c.missing();
     GLuint p_program = static_cast<GLuint>(c.name(Obj::Program, 0));
     GLsizei p_count = static_cast<GLsizei>(c.value(1));
-    const GLchar *const * p_varyings = reinterpret_cast<const GLchar *const *>(c.strings(2));
+    const GLchar *const * p_varyings = reinterpret_cast<const GLchar *const *>(const_cast<const char **>(c.strings(2)));
     GLenum p_bufferMode = static_cast<GLenum>(c.value(3));
     if (!c.ok()) return;
     if (!H::before(c, p_program, p_count, p_varyings, p_bufferMode)) return;
@@ -5907,7 +9997,7 @@ void play_5205(Call &c) {
     if (!H::kReplacesCall && !host) return c.missing();
     GLuint p_program = static_cast<GLuint>(c.name(Obj::Program, 0));
     GLsizei p_uniformCount = static_cast<GLsizei>(c.value(1));
-    const GLchar *const * p_uniformNames = reinterpret_cast<const GLchar *const *>(c.strings(2));
+    const GLchar *const * p_uniformNames = reinterpret_cast<const GLchar *const *>(const_cast<const char **>(c.strings(2)));
     GLuint * p_uniformIndices = reinterpret_cast<GLuint *>(c.out(3));
     if (!c.ok()) return;
     if (!H::before(c, p_program, p_uniformCount, p_uniformNames, p_uniformIndices)) return;
@@ -7206,7 +11296,7 @@ void play_7048(Call &c) {
     if (!H::kReplacesCall && !host) return c.missing();
     GLenum p_type = static_cast<GLenum>(c.value(0));
     GLsizei p_count = static_cast<GLsizei>(c.value(1));
-    const GLchar *const * p_strings = reinterpret_cast<const GLchar *const *>(c.strings(2));
+    const GLchar *const * p_strings = reinterpret_cast<const GLchar *const *>(const_cast<const char **>(c.strings(2)));
     if (!c.ok()) return;
     if (!H::before(c, p_type, p_count, p_strings)) return;
     GLuint r;
@@ -8532,6 +12622,288 @@ const PlayEntry kPlayed[] = {
     {3143, &play_3143},
     {3144, &play_3144},
     {3145, &play_3145},
+    {4001, &play_4001},
+    {4002, &play_4002},
+    {4003, &play_4003},
+    {4004, &play_4004},
+    {4005, &play_4005},
+    {4006, &play_4006},
+    {4007, &play_4007},
+    {4008, &play_4008},
+    {4009, &play_4009},
+    {4010, &play_4010},
+    {4011, &play_4011},
+    {4012, &play_4012},
+    {4013, &play_4013},
+    {4014, &play_4014},
+    {4015, &play_4015},
+    {4016, &play_4016},
+    {4017, &play_4017},
+    {4018, &play_4018},
+    {4019, &play_4019},
+    {4020, &play_4020},
+    {4021, &play_4021},
+    {4022, &play_4022},
+    {4023, &play_4023},
+    {4024, &play_4024},
+    {4025, &play_4025},
+    {4026, &play_4026},
+    {4027, &play_4027},
+    {4028, &play_4028},
+    {4029, &play_4029},
+    {4033, &play_4033},
+    {4034, &play_4034},
+    {4035, &play_4035},
+    {4036, &play_4036},
+    {4037, &play_4037},
+    {4038, &play_4038},
+    {4039, &play_4039},
+    {4040, &play_4040},
+    {4041, &play_4041},
+    {4042, &play_4042},
+    {4043, &play_4043},
+    {4044, &play_4044},
+    {4045, &play_4045},
+    {4046, &play_4046},
+    {4047, &play_4047},
+    {4048, &play_4048},
+    {4049, &play_4049},
+    {4050, &play_4050},
+    {4051, &play_4051},
+    {4052, &play_4052},
+    {4053, &play_4053},
+    {4054, &play_4054},
+    {4055, &play_4055},
+    {4056, &play_4056},
+    {4057, &play_4057},
+    {4058, &play_4058},
+    {4059, &play_4059},
+    {4060, &play_4060},
+    {4061, &play_4061},
+    {4062, &play_4062},
+    {4063, &play_4063},
+    {4064, &play_4064},
+    {4065, &play_4065},
+    {4066, &play_4066},
+    {4067, &play_4067},
+    {4068, &play_4068},
+    {4069, &play_4069},
+    {4070, &play_4070},
+    {4071, &play_4071},
+    {4072, &play_4072},
+    {4073, &play_4073},
+    {4074, &play_4074},
+    {4075, &play_4075},
+    {4076, &play_4076},
+    {4077, &play_4077},
+    {4078, &play_4078},
+    {4079, &play_4079},
+    {4080, &play_4080},
+    {4081, &play_4081},
+    {4082, &play_4082},
+    {4083, &play_4083},
+    {4084, &play_4084},
+    {4085, &play_4085},
+    {4086, &play_4086},
+    {4087, &play_4087},
+    {4088, &play_4088},
+    {4091, &play_4091},
+    {4092, &play_4092},
+    {4093, &play_4093},
+    {4094, &play_4094},
+    {4095, &play_4095},
+    {4096, &play_4096},
+    {4097, &play_4097},
+    {4098, &play_4098},
+    {4099, &play_4099},
+    {4100, &play_4100},
+    {4101, &play_4101},
+    {4102, &play_4102},
+    {4103, &play_4103},
+    {4104, &play_4104},
+    {4105, &play_4105},
+    {4106, &play_4106},
+    {4107, &play_4107},
+    {4108, &play_4108},
+    {4109, &play_4109},
+    {4110, &play_4110},
+    {4111, &play_4111},
+    {4112, &play_4112},
+    {4113, &play_4113},
+    {4114, &play_4114},
+    {4115, &play_4115},
+    {4116, &play_4116},
+    {4117, &play_4117},
+    {4118, &play_4118},
+    {4119, &play_4119},
+    {4120, &play_4120},
+    {4121, &play_4121},
+    {4122, &play_4122},
+    {4123, &play_4123},
+    {4124, &play_4124},
+    {4125, &play_4125},
+    {4126, &play_4126},
+    {4127, &play_4127},
+    {4128, &play_4128},
+    {4129, &play_4129},
+    {4130, &play_4130},
+    {4131, &play_4131},
+    {4132, &play_4132},
+    {4133, &play_4133},
+    {4134, &play_4134},
+    {4135, &play_4135},
+    {4136, &play_4136},
+    {4137, &play_4137},
+    {4138, &play_4138},
+    {4139, &play_4139},
+    {4140, &play_4140},
+    {4141, &play_4141},
+    {4142, &play_4142},
+    {4143, &play_4143},
+    {4144, &play_4144},
+    {4145, &play_4145},
+    {4146, &play_4146},
+    {4147, &play_4147},
+    {4148, &play_4148},
+    {4149, &play_4149},
+    {4150, &play_4150},
+    {4151, &play_4151},
+    {4152, &play_4152},
+    {4155, &play_4155},
+    {4156, &play_4156},
+    {4157, &play_4157},
+    {4158, &play_4158},
+    {4159, &play_4159},
+    {4160, &play_4160},
+    {4161, &play_4161},
+    {4162, &play_4162},
+    {4163, &play_4163},
+    {4164, &play_4164},
+    {4165, &play_4165},
+    {4166, &play_4166},
+    {4167, &play_4167},
+    {4168, &play_4168},
+    {4169, &play_4169},
+    {4170, &play_4170},
+    {4171, &play_4171},
+    {4172, &play_4172},
+    {4173, &play_4173},
+    {4174, &play_4174},
+    {4175, &play_4175},
+    {4176, &play_4176},
+    {4188, &play_4188},
+    {4189, &play_4189},
+    {4190, &play_4190},
+    {4191, &play_4191},
+    {4192, &play_4192},
+    {4193, &play_4193},
+    {4194, &play_4194},
+    {4195, &play_4195},
+    {4196, &play_4196},
+    {4197, &play_4197},
+    {4198, &play_4198},
+    {4199, &play_4199},
+    {4200, &play_4200},
+    {4201, &play_4201},
+    {4202, &play_4202},
+    {4203, &play_4203},
+    {4204, &play_4204},
+    {4205, &play_4205},
+    {4206, &play_4206},
+    {4207, &play_4207},
+    {4208, &play_4208},
+    {4209, &play_4209},
+    {4210, &play_4210},
+    {4211, &play_4211},
+    {4212, &play_4212},
+    {4213, &play_4213},
+    {4214, &play_4214},
+    {4215, &play_4215},
+    {4216, &play_4216},
+    {4217, &play_4217},
+    {4218, &play_4218},
+    {4219, &play_4219},
+    {4220, &play_4220},
+    {4221, &play_4221},
+    {4222, &play_4222},
+    {4223, &play_4223},
+    {4224, &play_4224},
+    {4225, &play_4225},
+    {4226, &play_4226},
+    {4227, &play_4227},
+    {4228, &play_4228},
+    {4229, &play_4229},
+    {4230, &play_4230},
+    {4231, &play_4231},
+    {4232, &play_4232},
+    {4233, &play_4233},
+    {4234, &play_4234},
+    {4235, &play_4235},
+    {4236, &play_4236},
+    {4237, &play_4237},
+    {4238, &play_4238},
+    {4239, &play_4239},
+    {4240, &play_4240},
+    {4241, &play_4241},
+    {4242, &play_4242},
+    {4243, &play_4243},
+    {4244, &play_4244},
+    {4245, &play_4245},
+    {4246, &play_4246},
+    {4247, &play_4247},
+    {4248, &play_4248},
+    {4249, &play_4249},
+    {4250, &play_4250},
+    {4251, &play_4251},
+    {4252, &play_4252},
+    {4253, &play_4253},
+    {4254, &play_4254},
+    {4255, &play_4255},
+    {4256, &play_4256},
+    {4257, &play_4257},
+    {4258, &play_4258},
+    {4259, &play_4259},
+    {4260, &play_4260},
+    {4261, &play_4261},
+    {4262, &play_4262},
+    {4263, &play_4263},
+    {4264, &play_4264},
+    {4265, &play_4265},
+    {4266, &play_4266},
+    {4267, &play_4267},
+    {4268, &play_4268},
+    {4269, &play_4269},
+    {4270, &play_4270},
+    {4271, &play_4271},
+    {4272, &play_4272},
+    {4273, &play_4273},
+    {4274, &play_4274},
+    {4275, &play_4275},
+    {4276, &play_4276},
+    {4277, &play_4277},
+    {4278, &play_4278},
+    {4279, &play_4279},
+    {4280, &play_4280},
+    {4281, &play_4281},
+    {4282, &play_4282},
+    {4283, &play_4283},
+    {4284, &play_4284},
+    {4330, &play_4330},
+    {4331, &play_4331},
+    {4332, &play_4332},
+    {4333, &play_4333},
+    {4334, &play_4334},
+    {4335, &play_4335},
+    {4336, &play_4336},
+    {4337, &play_4337},
+    {4338, &play_4338},
+    {4339, &play_4339},
+    {4340, &play_4340},
+    {4343, &play_4343},
+    {4344, &play_4344},
+    {4345, &play_4345},
+    {4346, &play_4346},
+    {4347, &play_4347},
     {5143, &play_5143},
     {5144, &play_5144},
     {5145, &play_5145},
@@ -8749,6 +13121,6 @@ const PlayEntry kPlayed[] = {
     {7112, &play_7112},
     {7113, &play_7113},
 };
-const uint32_t kPlayedCount = 569;
+const uint32_t kPlayedCount = 851;
 
 } // namespace kv::replay

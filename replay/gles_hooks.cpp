@@ -28,6 +28,17 @@ void Hooks<fn::glMapBufferRange>::after(Call &c, void *&result, GLenum target, G
     if (!result) c.fail("the local driver could not map the buffer");
 }
 
+void Hooks<ext::glMapBufferOES>::after(Call &c, void *&result, GLenum target, GLenum) {
+    // The whole buffer is mapped: its size is the local buffer's.
+    GLint size = 0;
+    c.gles().glGetBufferParameteriv(target, GL_BUFFER_SIZE, &size);
+    Mapping &m = c.context().mappings[target];
+    m.pointer = static_cast<uint8_t *>(result);
+    m.offset = 0;
+    m.length = size;
+    if (!result) c.fail("the local driver could not map the buffer");
+}
+
 bool Hooks<fn::glFlushMappedBufferRange>::before(Call &c, GLenum &target, GLintptr &offset,
                                                  GLsizeiptr &length) {
     auto it = c.context().mappings.find(target);

@@ -147,6 +147,10 @@ struct Hooks<fn::glMapBufferRange> : HookDefaults {
     static void after(Call &c, void *&result, GLenum target, GLintptr offset, GLsizeiptr length, GLbitfield);
 };
 template <>
+struct Hooks<ext::glMapBufferOES> : HookDefaults {
+    static void after(Call &c, void *&result, GLenum target, GLenum access);
+};
+template <>
 struct Hooks<fn::glFlushMappedBufferRange> : HookDefaults {
     static bool before(Call &c, GLenum &target, GLintptr &offset, GLsizeiptr &length);
 };

@@ -100,7 +100,7 @@ struct ClientBufferRecord {
     EGLImage image = EGL_NO_IMAGE;
     EGLenum target = 0;
     EGLClientBuffer buffer = nullptr;
-    int32_t width = 0;  // from the attribute list, when it says
+    int32_t width = 0; // from the attribute list, when it says
     int32_t height = 0;
     uint64_t contentHash = 0; // of the contents last recorded
     bool recorded = false;    // whether contents were recorded yet

@@ -225,8 +225,9 @@ int printInfo(const std::string &path, const InfoOptions &options, std::FILE *ou
                      ull(t.compressedBlocks), bytes(t.compressedRaw).c_str(),
                      bytes(t.compressedStored).c_str(), ratio);
     }
-    std::fprintf(out, "Extensions:    %zu functions handed out as the recorder's wrappers, %zu recorded by name "
-                      "only, %zu not recorded\n",
+    std::fprintf(out,
+                 "Extensions:    %zu functions handed out as the recorder's wrappers, %zu recorded by name "
+                 "only, %zu not recorded\n",
                  t.wrapped.size(), t.partial.size(), t.unrecorded.size());
     if (!t.unrecorded.empty()) {
         std::string names;
@@ -241,7 +242,8 @@ int printInfo(const std::string &path, const InfoOptions &options, std::FILE *ou
             calls += entry.second;
             names += (names.empty() ? "" : ", ") + entry.first + " " + std::to_string(entry.second);
         }
-        std::fprintf(out, "By name only:  %llu calls with their raw arguments (%s)\n", ull(calls), names.c_str());
+        std::fprintf(out, "By name only:  %llu calls with their raw arguments (%s)\n", ull(calls),
+                     names.c_str());
     }
     std::fprintf(out, "End:           %s\n", reader::endingText(r->ending()));
     if (r->tailBytes() > 0)

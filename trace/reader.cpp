@@ -495,7 +495,8 @@ private:
         case api::Field::Attribs:
         case api::Field::Attribs64: {
             if (!c_.u64(arg(i).value)) return shortRecord();
-            if ((f.flags & (api::kPackBuffer | api::kUnpackBuffer)) && m_.pixelBufferBound(e_.thread, f.flags))
+            if ((f.flags & (api::kPackBuffer | api::kUnpackBuffer)) &&
+                m_.pixelBufferBound(e_.thread, f.flags))
                 return true; // an offset into the bound buffer: the value alone
             if (!data && !(f.flags & api::kAlways)) return true;
             if (!c_.u32(arg(i).count)) return shortRecord();
@@ -731,7 +732,8 @@ void followPixelBuffers(Reader &r, Reader::Impl &m, const Entry &e) {
         return;
     case kDeleteBuffers: {
         Reader::Impl::PixelBuffers *p = m.currentPixelBuffers(e.thread);
-        if (e.error != 0 || !p || (!p->pack && !p->unpack) || e.args.size() < 2 || e.args[1].block < 0) return;
+        if (e.error != 0 || !p || (!p->pack && !p->unpack) || e.args.size() < 2 || e.args[1].block < 0)
+            return;
         std::vector<uint8_t> names;
         if (!r.blockBytes(e.blocks[static_cast<size_t>(e.args[1].block)], names, 1u << 20)) return;
         for (size_t k = 0; k + 4 <= names.size(); k += 4) {

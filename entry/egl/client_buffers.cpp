@@ -24,7 +24,8 @@ constexpr uint16_t kClientBufferUpdate = 1501;
 
 // Image targets that name an object of a context; every other target is a client buffer.
 bool isClientBuffer(EGLenum target) {
-    return !((target >= EGL_GL_TEXTURE_2D && target <= EGL_GL_RENDERBUFFER) || target == EGL_VG_PARENT_IMAGE_KHR);
+    return !((target >= EGL_GL_TEXTURE_2D && target <= EGL_GL_RENDERBUFFER) ||
+             target == EGL_VG_PARENT_IMAGE_KHR);
 }
 
 uint64_t contentHash(const std::vector<uint8_t> &bytes) {
@@ -192,8 +193,8 @@ void Hooks<fn::eglCreateImageKHR>::done(CallCtx &c, EGLImageKHR &result, EGLDisp
                                         EGLClientBuffer, const EGLint *) {
     recordCreation(c, result, dpy);
 }
-void Hooks<fn::eglCreateImage>::after(CallCtx &c, EGLImage &result, EGLDisplay dpy, EGLContext, EGLenum target,
-                                      EGLClientBuffer buffer, const EGLAttrib *attrib_list) {
+void Hooks<fn::eglCreateImage>::after(CallCtx &c, EGLImage &result, EGLDisplay dpy, EGLContext,
+                                      EGLenum target, EGLClientBuffer buffer, const EGLAttrib *attrib_list) {
     noteImage(c, result, dpy, target, buffer, attrib_list);
 }
 void Hooks<fn::eglCreateImage>::done(CallCtx &c, EGLImage &result, EGLDisplay dpy, EGLContext, EGLenum,

@@ -122,10 +122,11 @@ void Hooks<fn::eglGetProcAddress>::after(CallCtx &c, __eglMustCastToProperFuncti
     if (record || egl) {
         if (ProcAddress stub = unknownFunctionStub(procname, host, record)) {
             if (noteUnknownProc(procname))
-                msg::info(record ? "Use of extension function '%s' will be partially recorded as Kalvoren is "
-                                   "missing support"
-                                 : "Use of extension function '%s' will not be recorded as Kalvoren is missing "
-                                   "support",
+                msg::info(record
+                              ? "Use of extension function '%s' will be partially recorded as Kalvoren is "
+                                "missing support"
+                              : "Use of extension function '%s' will not be recorded as Kalvoren is missing "
+                                "support",
                           procname);
             result = reinterpret_cast<__eglMustCastToProperFunctionPointerType>(stub);
             c.scratch[kHandedOut] = record ? kHandedOutPartial : kHandedOutUnrecorded;
@@ -133,7 +134,8 @@ void Hooks<fn::eglGetProcAddress>::after(CallCtx &c, __eglMustCastToProperFuncti
         }
     }
     if (noteUnknownProc(procname))
-        msg::info("Use of extension function '%s' will not be recorded as Kalvoren is missing support", procname);
+        msg::info("Use of extension function '%s' will not be recorded as Kalvoren is missing support",
+                  procname);
     if (!egl) g_unwrappedGlCalls.store(true, std::memory_order_relaxed);
     c.scratch[kHandedOut] = kHandedOutHost;
 }
@@ -143,7 +145,7 @@ uint8_t capture::eglGetProcAddress_handedOut(CallCtx &c, const char *) {
 }
 
 Void Hooks<fn::eglSetBlobCacheFuncsANDROID>::host(CallCtx &c, EGLDisplay dpy, EGLSetBlobFuncANDROID set,
-                                                 EGLGetBlobFuncANDROID get) {
+                                                  EGLGetBlobFuncANDROID get) {
     const auto fn = EglApi::host().fn.eglSetBlobCacheFuncsANDROID;
     if (!c.d.disableBlobCache && fn) fn(dpy, set, get);
     return Void{};

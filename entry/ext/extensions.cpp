@@ -15,7 +15,8 @@ void fillFlags(egl::ContextRecord &context) {
     const auto &gl = GLESPPHost::get().fn;
     // The context is current on this thread; GL_EXTENSIONS is a valid name for every version, so
     // the query leaves no error behind.
-    const char *extensions = gl.glGetString ? reinterpret_cast<const char *>(gl.glGetString(GL_EXTENSIONS)) : nullptr;
+    const char *extensions =
+        gl.glGetString ? reinterpret_cast<const char *>(gl.glGetString(GL_EXTENSIONS)) : nullptr;
     fillExtensionFlags(extensions, kGlExtensionNames, kGlExtensionCount, context.extensionFlags.data());
     context.extensionFlagsFilled = true;
 }
@@ -37,7 +38,8 @@ bool admitExtensionCall(CallCtx &c, const char *name, const uint16_t *extensions
     if (!context->extensionFlagsFilled) fillFlags(*context);
     for (uint32_t i = 0; i < kMaxExtensionsPerFunction && extensions[i] != kNoExtension; ++i)
         if (context->extensionFlags[extensions[i]]) return true;
-    msg::debug("Unable to record %s as extension %s is unsupported by the current context", name, extensionText);
+    msg::debug("Unable to record %s as extension %s is unsupported by the current context", name,
+               extensionText);
     return false;
 }
 

@@ -32,7 +32,8 @@ std::map<std::string, uint32_t> &stubsByName() {
     return *table;
 }
 
-static_assert(sizeof(CallCtx) <= platform::kForwardingScratchBytes, "a call's context fits the stub's scratch");
+static_assert(sizeof(CallCtx) <= platform::kForwardingScratchBytes,
+              "a call's context fits the stub's scratch");
 
 bool isGl(const UnknownFunction &f) {
     return f.id == kUnknownGlCall;
@@ -120,7 +121,8 @@ ProcAddress unknownFunctionStub(const char *name, ProcAddress host, bool record)
     auto found = byName.find(name);
     if (found != byName.end()) return reinterpret_cast<ProcAddress>(platform::forwardingStub(found->second));
     const uint32_t index = static_cast<uint32_t>(byName.size());
-    const uint32_t limit = std::min<uint32_t>(platform::forwardingStubCount(), sizeof(g_functions) / sizeof(g_functions[0]));
+    const uint32_t limit =
+        std::min<uint32_t>(platform::forwardingStubCount(), sizeof(g_functions) / sizeof(g_functions[0]));
     if (index >= limit) return nullptr;
     if (index == 0) platform::setForwardingHandlers({&beforeAndSkips, &after});
     UnknownFunction &f = g_functions[index];

@@ -68,7 +68,8 @@ const std::vector<uint32_t> *shownExtensions() {
         GLint count = 0;
         gl.glGetIntegerv(GL_NUM_EXTENSIONS, &count);
         for (GLint i = 0; i < count && gl.glGetStringi; ++i) {
-            const auto *name = reinterpret_cast<const char *>(gl.glGetStringi(GL_EXTENSIONS, static_cast<GLuint>(i)));
+            const auto *name =
+                reinterpret_cast<const char *>(gl.glGetStringi(GL_EXTENSIONS, static_cast<GLuint>(i)));
             if (name && !isDisabledExtension(name, s.disabledExtensionList.str()))
                 context.shownExtensions.push_back(static_cast<uint32_t>(i));
         }

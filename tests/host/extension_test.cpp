@@ -159,8 +159,9 @@ TEST_F(Extensions, WrappersSkipCallsWithoutAContextOrTheExtension) {
         << console;
     const std::string log = debuggerLog();
     if (!log.empty()) {
-        EXPECT_EQ(1u, countOf(log, "Unable to record glMapBufferOES as extension GL_OES_mapbuffer is unsupported "
-                                   "by the current context"))
+        EXPECT_EQ(1u,
+                  countOf(log, "Unable to record glMapBufferOES as extension GL_OES_mapbuffer is unsupported "
+                               "by the current context"))
             << log;
     }
     Records r = readRecords();
@@ -186,8 +187,8 @@ TEST_F(Extensions, AFunctionTheHostLacksIsNotOffered) {
 
 // ---- Functions the library does not know -------------------------------------------------------
 
-using UnknownGl = GLuint(KV_APIENTRY *)(GLint, GLfloat, GLint, GLint, GLint, GLint, GLint, GLint, GLint, GLint,
-                                        GLdouble, GLint);
+using UnknownGl = GLuint(KV_APIENTRY *)(GLint, GLfloat, GLint, GLint, GLint, GLint, GLint, GLint, GLint,
+                                        GLint, GLdouble, GLint);
 using UnknownEgl = EGLBoolean(KV_APIENTRY *)(EGLDisplay, EGLint);
 
 TEST_F(Extensions, UnknownFunctionsGetOneStubPerNameAndAreRecordedByName) {
@@ -200,7 +201,8 @@ TEST_F(Extensions, UnknownFunctionsGetOneStubPerNameAndAreRecordedByName) {
         KVTH_CHILD_CHECK(reinterpret_cast<void *>(gl) == egl::getProcAddress("glKvthUnknownEXT"));
         KVTH_CHILD_CHECK(reinterpret_cast<void *>(gl) != reinterpret_cast<void *>(egl));
         // More integer and floating-point arguments than there are registers for them.
-        KVTH_CHILD_CHECK_EQ(1u + 2 + 3 + 4 + 5 + 6 + 7 + 8 + 9 + 10 + 2 + 40, gl(1, 2.5f, 2, 3, 4, 5, 6, 7, 8, 9, 40.75, 10));
+        KVTH_CHILD_CHECK_EQ(1u + 2 + 3 + 4 + 5 + 6 + 7 + 8 + 9 + 10 + 2 + 40,
+                            gl(1, 2.5f, 2, 3, 4, 5, 6, 7, 8, 9, 40.75, 10));
         int64_t integers[10];
         double floats[2];
         kvth_unknown_arguments(integers, floats);
@@ -215,7 +217,8 @@ TEST_F(Extensions, UnknownFunctionsGetOneStubPerNameAndAreRecordedByName) {
     auto gl = r.withId(kUnknownGlCall);
     ASSERT_EQ(1u, gl.size());
     EXPECT_EQ("glKvthUnknownEXT", gl[0]->calledName);
-    EXPECT_EQ(static_cast<uint64_t>(1 + 2 + 3 + 4 + 5 + 6 + 7 + 8 + 9 + 10 + 2 + 40), arg(*gl[0], "result")->value);
+    EXPECT_EQ(static_cast<uint64_t>(1 + 2 + 3 + 4 + 5 + 6 + 7 + 8 + 9 + 10 + 2 + 40),
+              arg(*gl[0], "result")->value);
     std::vector<uint8_t> words = r.bytes(*gl[0], "integerArguments");
     ASSERT_GE(words.size(), 16u);
     EXPECT_EQ(1u, words[0]);
@@ -390,7 +393,8 @@ TEST_F(Extensions, PixelBufferOffsetsAreRecordedAsValuesTheReaderFollows) {
         makeCurrent();
         static uint8_t texels[4 * 4 * 4];
         gles::bindBuffer(GL_PIXEL_UNPACK_BUFFER, 5);
-        gles::texImage2D(GL_TEXTURE_2D, 0, GL_RGBA, 4, 4, 0, GL_RGBA, GL_UNSIGNED_BYTE, handle<const void *>(0x40));
+        gles::texImage2D(GL_TEXTURE_2D, 0, GL_RGBA, 4, 4, 0, GL_RGBA, GL_UNSIGNED_BYTE,
+                         handle<const void *>(0x40));
         gles::bindBuffer(GL_PIXEL_PACK_BUFFER, 6);
         gles::readPixels(0, 0, 4, 4, GL_RGBA, GL_UNSIGNED_BYTE, handle<void *>(0x80));
         const GLuint gone[] = {5, 6};

@@ -247,8 +247,9 @@ bool eglQueryStringBehaviour(const uint64_t *args, uint32_t, uint64_t &result) {
 }
 
 bool glGetStringBehaviour(const uint64_t *args, uint32_t, uint64_t &result) {
-    const char *text = static_cast<GLenum>(args[0]) == GL_EXTENSIONS ? state().glExtensions.c_str()
-                                                                    : kvth_gl_string(static_cast<GLenum>(args[0]));
+    const char *text = static_cast<GLenum>(args[0]) == GL_EXTENSIONS
+                           ? state().glExtensions.c_str()
+                           : kvth_gl_string(static_cast<GLenum>(args[0]));
     if (!text) raiseError(kGles, GL_INVALID_ENUM);
     result = toSlot(text);
     return true;

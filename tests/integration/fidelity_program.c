@@ -44,7 +44,8 @@ int main(void) {
     say("the client offers EGL_EXT_platform_base", hasWord(client, "EGL_EXT_platform_base"));
 
     /* EGL functions the library has no wrapper for: their errors are the application's. */
-    PFNEGLQUERYDEVICESEXTPROC queryDevices = (PFNEGLQUERYDEVICESEXTPROC)eglGetProcAddress("eglQueryDevicesEXT");
+    PFNEGLQUERYDEVICESEXTPROC queryDevices =
+        (PFNEGLQUERYDEVICESEXTPROC)eglGetProcAddress("eglQueryDevicesEXT");
     PFNEGLQUERYDISPLAYATTRIBEXTPROC queryDisplay =
         (PFNEGLQUERYDISPLAYATTRIBEXTPROC)eglGetProcAddress("eglQueryDisplayAttribEXT");
     EGLint devices = 0;
@@ -52,10 +53,12 @@ int main(void) {
     if (queryDevices && queryDisplay) {
         say("eglQueryDevicesEXT with a negative size", queryDevices(-1, NULL, &devices));
         eglError("its error");
-        say("eglQueryDisplayAttribEXT of an invalid attribute", queryDisplay(egl.display, 0x1234, &attribute));
+        say("eglQueryDisplayAttribEXT of an invalid attribute",
+            queryDisplay(egl.display, 0x1234, &attribute));
         eglError("its error");
         EGLint bad = 0;
-        say("eglQuerySurface of an invalid attribute", eglQuerySurface(egl.display, egl.surface, 0x1234, &bad));
+        say("eglQuerySurface of an invalid attribute",
+            eglQuerySurface(egl.display, egl.surface, 0x1234, &bad));
         say("then eglQueryDevicesEXT that succeeds", queryDevices(0, NULL, &devices));
         eglError("the error of the latest call");
     }

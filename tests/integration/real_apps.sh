@@ -27,7 +27,8 @@ failures=0
 
 scenes=("$@")
 if [ ${#scenes[@]} -eq 0 ]; then
-    scenes=(build:use-vbo=true build:use-vbo=false texture shading bump effect2d pulsar jellyfish ideas terrain refract)
+    scenes=(build:use-vbo=true build:use-vbo=false texture shading bump effect2d pulsar jellyfish ideas terrain refract
+        buffer:update-method=map)
 fi
 
 # Lines without their numbers: what a program prints apart from its timings. The renderer and EGL
@@ -80,6 +81,15 @@ for scene in "${scenes[@]}"; do
         expected=$((fps / 2))
         if [ -z "$fps" ] || [ "$swaps" -lt $((expected * 8 / 10)) ] || [ "$swaps" -gt $((expected * 12 / 10 + 5)) ]; then
             echo "FAIL $name: $swaps swap records, but the program drew about $expected frames (FPS $fps over 0.5 s)"
+            failures=$((failures + 1))
+        elif grep -E '^(Not recorded|By name only):' "$work/info.txt"; then
+            # Every function glmark2 asks eglGetProcAddress for has a recording wrapper.
+            echo "FAIL $name: calls that were not recorded with their data"
+            failures=$((failures + 1))
+        elif [ "$scene" = buffer:update-method=map ] &&
+            ! "$kalvoren" dump --function glUnmapBufferOES "$trace" 2>/dev/null | grep -q 'bytes: '; then
+            # The vertices written through glMapBufferOES reach the trace at the unmap.
+            echo "FAIL $name: no glUnmapBufferOES record carries the bytes written through the mapping"
             failures=$((failures + 1))
         elif [ "$scene" = build:use-vbo=false ] &&
             ! "$kalvoren" dump --function glDrawArrays,glDrawElements "$trace" 2>/dev/null | grep -q 'attrib [0-9]'; then

@@ -331,7 +331,8 @@ TEST(RealPrograms, ProgramsSeeTheDriversAnswersAndTheTraceHoldsWhatItRead) {
     {
         std::string dir = scratchDirectory();
         std::string error;
-        const std::string line = "LD_LIBRARY_PATH= " KV_FIDELITY_PROGRAM " > '" + dir + "/fidelity-plain.out'";
+        const std::string line =
+            "LD_LIBRARY_PATH= " KV_FIDELITY_PROGRAM " > '" + dir + "/fidelity-plain.out'";
         ASSERT_EQ(kv::platform::runProgram({"/bin/sh", "-c", line}, &error), 0) << error;
         plain = readFile(dir + "/fidelity-plain.out");
         ASSERT_NE(plain.find("the pending error after the swap"), std::string::npos) << plain;

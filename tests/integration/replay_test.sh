@@ -98,7 +98,7 @@ apps() {
     local scene name
     # Each scene drawn at a small size for four frames.
     for scene in build:use-vbo=true build:use-vbo=false texture shading bump effect2d pulsar jellyfish ideas \
-        terrain refract buffer:update-method=subdata; do
+        terrain refract buffer:update-method=subdata buffer:update-method=map; do
         name=glmark2-$(echo "$scene" | tr ':=' '--')
         record "$name" 4 -- xvfb-run -a glmark2-es2 --size 96x64 -b "$scene"
         replayed "$name" 4

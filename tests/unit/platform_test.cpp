@@ -204,9 +204,9 @@ TEST(TlsSlot, CleanupRunsWithTheValueOfTheEndingThread) {
 double manyArguments(int64_t a, int64_t b, int64_t c, int64_t d, int64_t e, int64_t f, int64_t g, int64_t h,
                      double x0, double x1, double x2, double x3, double x4, double x5, double x6, double x7,
                      double x8, float y, int32_t i) {
-    return double(a) + 2.0 * double(b) + 3.0 * double(c) + 4.0 * double(d) + 5.0 * double(e) + 6.0 * double(f) +
-           7.0 * double(g) + 8.0 * double(h) + 0.5 * x0 + 0.25 * x1 + x2 + x3 * 10 + x4 * 100 + x5 * 1000 +
-           x6 * 1e4 + x7 * 1e5 + x8 * 1e6 + double(y) * 1e7 + double(i) * 1e8;
+    return double(a) + 2.0 * double(b) + 3.0 * double(c) + 4.0 * double(d) + 5.0 * double(e) +
+           6.0 * double(f) + 7.0 * double(g) + 8.0 * double(h) + 0.5 * x0 + 0.25 * x1 + x2 + x3 * 10 +
+           x4 * 100 + x5 * 1000 + x6 * 1e4 + x7 * 1e5 + x8 * 1e6 + double(y) * 1e7 + double(i) * 1e8;
 }
 
 struct Pair {
@@ -268,7 +268,8 @@ TEST(ForwardingStubs, PassAnySignatureThroughUntouched) {
     auto many = reinterpret_cast<decltype(&manyArguments)>(platform::forwardingStub(0));
     const double direct =
         manyArguments(1, -2, 3, -4, 5, -6, 7, -8, 0.5, 1.5, 2.5, 3.5, 4.5, 5.5, 6.5, 7.5, 8.5, 9.25f, -11);
-    EXPECT_EQ(many(1, -2, 3, -4, 5, -6, 7, -8, 0.5, 1.5, 2.5, 3.5, 4.5, 5.5, 6.5, 7.5, 8.5, 9.25f, -11), direct);
+    EXPECT_EQ(many(1, -2, 3, -4, 5, -6, 7, -8, 0.5, 1.5, 2.5, 3.5, 4.5, 5.5, 6.5, 7.5, 8.5, 9.25f, -11),
+              direct);
     const Forwarded &f = g_forwarded[0];
     ASSERT_GE(f.integers.size(), 4u);
     ASSERT_GE(f.floats.size(), 4u);
