@@ -148,10 +148,15 @@ public:
     // A value passed as it was recorded (pointers that are offsets, native handles).
     template <class T>
     T raw(int i) const {
+        return asNative<T>(value(i));
+    }
+    // A 64-bit value as the type of a native handle: a pointer on some systems, an integer on others.
+    template <class T>
+    static T asNative(uint64_t v) {
         if constexpr (std::is_pointer<T>::value)
-            return reinterpret_cast<T>(static_cast<uintptr_t>(value(i)));
+            return reinterpret_cast<T>(static_cast<uintptr_t>(v));
         else
-            return static_cast<T>(value(i));
+            return static_cast<T>(v);
     }
     // The bytes of a field's block, or what stands for them when the record holds none.
     const void *in(int i);

@@ -77,7 +77,8 @@ EGLSurface surfaceFor(Call &c, EGLDisplay dpy, EGLConfig config, const EGLint *a
     int32_t width = recordedSize(c, "width"), height = recordedSize(c, "height");
     if (window && c.player.options.window) {
         uint64_t native = c.player.nativeWindow(width, height);
-        return c.egl().eglCreateWindowSurface(dpy, config, static_cast<EGLNativeWindowType>(native), attribs);
+        return c.egl().eglCreateWindowSurface(dpy, config, Call::asNative<EGLNativeWindowType>(native),
+                                              attribs);
     }
     std::vector<EGLint> list = {EGL_WIDTH, width, EGL_HEIGHT, height};
     for (const EGLint *a = attribs; a && a[0] != EGL_NONE; a += 2)
