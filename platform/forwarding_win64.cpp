@@ -7,27 +7,13 @@
 // argument registers, copies kForwardedStackWords stack words into a fresh outgoing area, asks the
 // `before` handler where to go, restores every argument register, calls there, keeps the result
 // registers across the `after` handler and returns them.
-#include "platform/platform.h"
+#include "platform/forwarding.h"
 
-#include <atomic>
 #include <cstring>
-
-namespace kv::platform {
-
-namespace {
-
-std::atomic<void *(*)(uint32_t, const ForwardedCall &)> g_before{nullptr};
-std::atomic<void (*)(uint32_t, const ForwardedCall &)> g_after{nullptr};
-
-} // namespace
-
-} // namespace kv::platform
 
 #if defined(__x86_64__)
 
 namespace {
-
-constexpr uint32_t kStubCount = 4096;
 
 // The common body's frame, at its stack pointer (offsets fixed by the assembly below).
 struct Frame {
@@ -64,17 +50,15 @@ kv::platform::ForwardedCall view(Frame &f, uint64_t *floats) {
 
 extern "C" {
 
-extern char kv_forwarding_stubs[];
-
 __attribute__((used)) void *kv_forwarding_before(uint64_t stub, Frame *frame) {
-    auto before = kv::platform::g_before.load(std::memory_order_acquire);
+    auto before = kv::platform::forwarding::before.load(std::memory_order_acquire);
     if (!before) return nullptr;
     uint64_t floats[8];
     return before(static_cast<uint32_t>(stub), view(*frame, floats));
 }
 
 __attribute__((used)) void kv_forwarding_after(uint64_t stub, Frame *frame) {
-    auto after = kv::platform::g_after.load(std::memory_order_acquire);
+    auto after = kv::platform::forwarding::after.load(std::memory_order_acquire);
     if (!after) return;
     uint64_t floats[8];
     after(static_cast<uint32_t>(stub), view(*frame, floats));
@@ -157,39 +141,4 @@ kv_forwarding_common:
     .seh_endproc
 )");
 
-namespace kv::platform {
-
-uint32_t forwardingStubCount() {
-    return kStubCount;
-}
-
-void *forwardingStub(uint32_t index) {
-    return index < kStubCount ? static_cast<void *>(kv_forwarding_stubs + 16 * index) : nullptr;
-}
-
-} // namespace kv::platform
-
-#else // no stubs on other processors: unknown functions are handed out as they are
-
-namespace kv::platform {
-
-uint32_t forwardingStubCount() {
-    return 0;
-}
-
-void *forwardingStub(uint32_t) {
-    return nullptr;
-}
-
-} // namespace kv::platform
-
 #endif
-
-namespace kv::platform {
-
-void setForwardingHandlers(const ForwardingHandlers &handlers) {
-    g_before.store(handlers.before, std::memory_order_release);
-    g_after.store(handlers.after, std::memory_order_release);
-}
-
-} // namespace kv::platform
