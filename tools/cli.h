@@ -10,10 +10,11 @@
 namespace kv::cli {
 
 // Exit statuses: the trace was read whole; problems were found in it; the command could not run
-// (bad usage, unreadable or foreign file).
+// (bad usage, unreadable or foreign file); `record` could not start the program (as shells say).
 constexpr int kExitOk = 0;
 constexpr int kExitProblems = 1;
 constexpr int kExitUsage = 2;
+constexpr int kExitNoProgram = 127;
 
 // Creates DIR (and its parents) for files a command writes; false, with a message, when it cannot.
 bool makeOutputDirectory(const std::string &directory);

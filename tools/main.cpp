@@ -1,8 +1,10 @@
 // kalvoren: record traces, look into them and play them back.
 #include "tools/cli.h"
 
+#include "base/settings_record.h"
 #include "platform/platform.h"
 #include "platform/process.h"
+#include "trace/format.h"
 
 #include <cstdarg>
 #include <cstring>
@@ -122,10 +124,16 @@ const char kUsage[] =
     "                   one the application drew\n"
     "  frames TRACE -o DIR\n"
     "                   the frame buffers saved in a trace, as PNG files\n"
-    "  help [COMMAND]   how to use a command\n"
+    "  help [COMMAND]   how to use a command (also: kalvoren COMMAND --help)\n"
+    "  --version        the recorder's version and the trace format it writes and reads\n"
     "\n"
-    "Exit status: 0 when the trace was read whole, 1 when problems were found in it, 2 when the\n"
-    "command could not run (bad usage, unreadable file). `record` passes on the program's status.\n";
+    "Exit status:\n"
+    "  0    the command did what it was asked; the trace was read whole\n"
+    "  1    problems were found in the trace (or, for replay, frames differ)\n"
+    "  2    the command could not run: bad usage, a file that cannot be read or is not a trace of\n"
+    "       this version, front libraries not found\n"
+    "  127  record: the program could not be started\n"
+    "  `record` otherwise passes on the program's own exit status (128+N when signal N ended it).\n";
 
 int help(const std::string &command) {
     using namespace kv::cli;
@@ -135,8 +143,20 @@ int help(const std::string &command) {
     if (command == "repair") return repairCommand({"--help"});
     if (command == "replay") return replayCommand({"--help"});
     if (command == "frames") return framesCommand({"--help"});
-    std::fputs(kUsage, stdout);
-    return command.empty() ? kExitOk : kExitUsage;
+    if (command.empty()) {
+        std::fputs(kUsage, stdout);
+        return kExitOk;
+    }
+    complain("no command '%s'; the commands are info, dump, repair, record, replay and frames "
+             "('kalvoren help' tells more)",
+             command.c_str());
+    return kExitUsage;
+}
+
+int version() {
+    std::printf("kalvoren %s (recorder %s)\ntrace format %u\n", KV_VERSION_TEXT, kv::kRecorderVersion,
+                static_cast<unsigned>(kv::format::kVersion));
+    return kv::cli::kExitOk;
 }
 
 } // namespace
@@ -156,10 +176,7 @@ int main(int argc, char **argv) {
     if (command == "replay") return replayCommand(args);
     if (command == "frames") return framesCommand(args);
     if (command == "help" || command == "--help" || command == "-h") return help(args.empty() ? "" : args[0]);
-    if (command == "--version" || command == "version") {
-        std::printf("kalvoren %s\n", KV_VERSION_TEXT);
-        return kExitOk;
-    }
-    complain("unknown command '%s' (try 'kalvoren help')", command.c_str());
+    if (command == "--version" || command == "version") return version();
+    complain("unknown command '%s': run 'kalvoren help' for the list of commands", command.c_str());
     return kExitUsage;
 }

@@ -15,6 +15,11 @@
 #include <memory>
 #include <sstream>
 
+// Where the front libraries are installed, relative to the installed `kalvoren` (set by the build).
+#ifndef KV_FRONT_RELATIVE
+#define KV_FRONT_RELATIVE "../lib/kalvoren"
+#endif
+
 namespace kv::cli {
 
 namespace {
@@ -23,7 +28,8 @@ const char kHelp[] =
     "usage: kalvoren record [OPTIONS] -- PROGRAM [ARGS...]\n"
     "\n"
     "Runs PROGRAM with Kalvoren in place of its EGL and OpenGL ES drivers, records its calls,\n"
-    "then shows `kalvoren info` of the trace. The exit status is the program's.\n"
+    "then shows `kalvoren info` of the trace. The exit status is the program's; 127 when it could\n"
+    "not be started, 2 when the recording could not be set up (bad options, no front libraries).\n"
     "\n"
     "Options:\n"
     "  -o FILE            the trace file (default: ./PROGRAM.kalvoren)\n"
@@ -37,8 +43,10 @@ const char kHelp[] =
     "The configuration is written to a temporary file named by KALVOREN_CONFIG for the run; a\n"
     "kalvorenconfig.json in the working directory is not read (pass it with --config).\n"
     "\n"
-    "Where the front libraries come from: KALVOREN_LIB_DIR, else the lib directory next to the\n"
-    "directory of this program (bin/../lib), else this program's own directory.\n"
+    "Where the front libraries come from: KALVOREN_LIB_DIR, else the installed folder\n"
+    "(bin/" KV_FRONT_RELATIVE "), else the build tree's (bin/../lib), else this program's own\n"
+    "directory. They are never installed on the system's library path: only programs started by\n"
+    "`kalvoren record` load them.\n"
     "On Linux that directory is put first on LD_LIBRARY_PATH. On Windows a program loads the DLLs\n"
     "in its own directory before any other: copy libEGL.dll, libGLESv2.dll and kalvoren.dll next\n"
     "to PROGRAM (putting the directory first on PATH only helps programs whose own directory\n"
@@ -168,15 +176,17 @@ bool mergeSettings(Json::Value &root, const RecordOptions &o, const std::string 
     return true;
 }
 
-// The directory that holds the front libraries.
+// The directory that holds the front libraries, found from this program's own place so that one
+// binary works in the build tree (bin/../lib), in an install prefix or the package
+// (bin/KV_FRONT_RELATIVE) and in the Windows folder (its own directory).
 std::string frontDirectory() {
     const char *egl = platform::driverLibraryName(0);
     std::string given = platform::getEnv("KALVOREN_LIB_DIR");
     if (!given.empty()) return platform::fileExists(platform::joinPath(given, egl)) ? given : std::string();
-    std::string exe = platform::executablePath();
-    size_t slash = exe.find_last_of("/\\");
-    std::string bin = slash == std::string::npos ? std::string(".") : exe.substr(0, slash);
-    for (const std::string &dir : {platform::joinPath(platform::joinPath(bin, ".."), "lib"), bin})
+    std::string bin = platform::directoryName(platform::executablePath());
+    if (bin.empty()) bin = ".";
+    for (const std::string &dir : {platform::joinPath(bin, KV_FRONT_RELATIVE),
+                                   platform::joinPath(platform::joinPath(bin, ".."), "lib"), bin})
         if (platform::fileExists(platform::joinPath(dir, egl))) return platform::absolutePath(dir);
     return {};
 }
@@ -207,9 +217,9 @@ int recordCommand(const std::vector<std::string> &args) {
 
     std::string libDir = frontDirectory();
     if (libDir.empty()) {
-        complain(
-            "cannot find the front libraries (%s and the others) near this program; set KALVOREN_LIB_DIR",
-            platform::driverLibraryName(0));
+        complain("cannot find the front libraries (%s and the others) near this program (%s): "
+                 "reinstall Kalvoren, or set KALVOREN_LIB_DIR to the folder that holds them",
+                 platform::driverLibraryName(0), platform::executablePath().c_str());
         return kExitUsage;
     }
 
@@ -242,8 +252,9 @@ int recordCommand(const std::vector<std::string> &args) {
     int status = platform::runProgram(o.program, &error);
     std::remove(configPath.c_str());
     if (status < 0) {
-        complain("%s", error.c_str());
-        return kExitUsage;
+        complain("%s (check the program's name; give its path, like ./%s, when it is not on PATH)",
+                 error.c_str(), platform::baseName(o.program[0]).c_str());
+        return kExitNoProgram;
     }
 
     if (!platform::fileExists(output)) {

@@ -133,7 +133,11 @@ std::unique_ptr<Source> openFileSource(const std::string &path, std::string *err
     }
     std::FILE *file = std::fopen(path.c_str(), "rb");
     if (!file) {
-        if (error) *error = std::string("cannot be opened (") + std::strerror(errno) + ")";
+        if (error)
+            *error = errno == ENOENT ? std::string("no such file: check the name (a recording writes "
+                                                   "PROGRAM.kalvoren in its working directory unless told "
+                                                   "otherwise)")
+                                     : std::string("cannot be opened (") + std::strerror(errno) + ")";
         return nullptr;
     }
     if (!platform::fileExists(path)) {
@@ -399,8 +403,13 @@ bool Reader::Impl::readHeader(std::string *error) {
     if (!c.u32(header.version)) return truncated();
     if (header.version != format::kVersion) {
         if (error)
-            *error = textf("unsupported version %u (this reader reads version %u)", header.version,
-                           format::kVersion);
+            *error = header.version > format::kVersion
+                         ? textf("unsupported version %u: a newer Kalvoren wrote it (this one reads trace "
+                                 "format %u); read it with that version, or install a newer one",
+                                 header.version, format::kVersion)
+                         : textf("unsupported version %u: an older Kalvoren wrote it (this one reads "
+                                 "trace format %u); read it with the version that wrote it",
+                                 header.version, format::kVersion);
         return false;
     }
     if (!c.u8(header.flags) || !c.u8(header.saveFrameBuffer)) return truncated();
