@@ -14,6 +14,7 @@
 #include "trace/trace_writer.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <set>
 #include <string>
@@ -285,14 +286,14 @@ void Writer::programs() {
                 std::vector<const GLchar *> names;
                 for (auto &v : p.feedbackVaryings)
                     names.push_back(v.c_str());
-                record<fn::glTransformFeedbackVaryings>(name, static_cast<GLsizei>(names.size()), names.data(),
-                                                    p.feedbackMode);
+                record<fn::glTransformFeedbackVaryings>(name, static_cast<GLsizei>(names.size()),
+                                                        names.data(), p.feedbackMode);
             }
             for (auto &[pname, value] : p.parameters)
                 if (es3()) record<fn::glProgramParameteri>(name, pname, value);
             if (!p.binary.empty())
                 record<fn::glProgramBinary>(name, p.binaryFormat, p.binary.data(),
-                                        static_cast<GLsizei>(p.binary.size()));
+                                            static_cast<GLsizei>(p.binary.size()));
             else if (p.linked)
                 record<fn::glLinkProgram>(name);
         }
@@ -452,28 +453,29 @@ void Writer::texture(GLuint name, const Resources::Texture &t) {
             const GLsizei bytes = static_cast<GLsizei>(img.data.size());
             if (t.immutable) {
                 if (layered)
-                    record<fn::glCompressedTexSubImage3D>(key.first, key.second, 0, 0, 0, img.width, img.height,
-                                                      img.depth, img.internalFormat, bytes, img.data.data());
+                    record<fn::glCompressedTexSubImage3D>(key.first, key.second, 0, 0, 0, img.width,
+                                                          img.height, img.depth, img.internalFormat, bytes,
+                                                          img.data.data());
                 else
                     record<fn::glCompressedTexSubImage2D>(key.first, key.second, 0, 0, img.width, img.height,
-                                                      img.internalFormat, bytes, img.data.data());
+                                                          img.internalFormat, bytes, img.data.data());
             } else if (layered) {
-                record<fn::glCompressedTexImage3D>(key.first, key.second, img.internalFormat, img.width, img.height,
-                                               img.depth, 0, bytes, img.data.data());
+                record<fn::glCompressedTexImage3D>(key.first, key.second, img.internalFormat, img.width,
+                                                   img.height, img.depth, 0, bytes, img.data.data());
             } else {
-                record<fn::glCompressedTexImage2D>(key.first, key.second, img.internalFormat, img.width, img.height,
-                                               0, bytes, img.data.data());
+                record<fn::glCompressedTexImage2D>(key.first, key.second, img.internalFormat, img.width,
+                                                   img.height, 0, bytes, img.data.data());
             }
         }
         for (auto &u : t.compressedUpdates) {
             if (u.fromBuffer) continue;
             const GLsizei bytes = static_cast<GLsizei>(u.data.size());
             if (layered)
-                record<fn::glCompressedTexSubImage3D>(u.target, u.level, u.x, u.y, u.z, u.width, u.height, u.depth,
-                                                  u.format, bytes, u.data.data());
+                record<fn::glCompressedTexSubImage3D>(u.target, u.level, u.x, u.y, u.z, u.width, u.height,
+                                                      u.depth, u.format, bytes, u.data.data());
             else
-                record<fn::glCompressedTexSubImage2D>(u.target, u.level, u.x, u.y, u.width, u.height, u.format,
-                                                  bytes, u.data.data());
+                record<fn::glCompressedTexSubImage2D>(u.target, u.level, u.x, u.y, u.width, u.height,
+                                                      u.format, bytes, u.data.data());
         }
         return;
     }
@@ -492,7 +494,8 @@ void Writer::texture(GLuint name, const Resources::Texture &t) {
         const GLsizei d = t.target == GL_TEXTURE_3D ? std::max(1, t.depth >> level) : std::max(1, t.depth);
         for (GLenum image : imageTargets(t.target)) {
             std::vector<uint8_t> read;
-            const bool got = readable && host_ && readLevel(name, image, level, w, h, layered ? d : 1, l, read);
+            const bool got =
+                readable && host_ && readLevel(name, image, level, w, h, layered ? d : 1, l, read);
             std::vector<uint8_t> texels;
             if (got) texels = convertTexels(read, l, static_cast<size_t>(w) * h * (layered ? d : 1));
             const void *data = got ? texels.data() : nullptr;
@@ -508,8 +511,8 @@ void Writer::texture(GLuint name, const Resources::Texture &t) {
                 if (layered)
                     record<fn::glTexImage3D>(image, level, t.internalFormat, w, h, d, 0, format, type, data);
                 else
-                    record<fn::glTexImage2D>(image, level, static_cast<GLint>(t.internalFormat), w, h, 0, format, type,
-                                         data);
+                    record<fn::glTexImage2D>(image, level, static_cast<GLint>(t.internalFormat), w, h, 0,
+                                             format, type, data);
             }
         }
     }
@@ -604,7 +607,8 @@ void Writer::buffers() {
         }
         if (contents->empty() && b.usage == 0) continue;
         record<fn::glBufferData>(GL_ARRAY_BUFFER, static_cast<GLsizeiptr>(contents->size()),
-                             contents->empty() ? nullptr : contents->data(), b.usage ? b.usage : GL_STATIC_DRAW);
+                                 contents->empty() ? nullptr : contents->data(),
+                                 b.usage ? b.usage : GL_STATIC_DRAW);
     }
     if (host_) hostBindings.restore();
 }
@@ -656,13 +660,14 @@ void Writer::vertexArrays() {
             if (a.constantComponents > 0 && a.constantValues.size() >= a.constantComponents) {
                 const uint32_t *w = a.constantValues.data();
                 if (a.constantType == GL_INT) {
-                    record<fn::glVertexAttribI4i>(index, GLint(w[0]), GLint(a.constantComponents > 1 ? w[1] : 0),
-                                              GLint(a.constantComponents > 2 ? w[2] : 0),
-                                              GLint(a.constantComponents > 3 ? w[3] : 1));
+                    record<fn::glVertexAttribI4i>(index, GLint(w[0]),
+                                                  GLint(a.constantComponents > 1 ? w[1] : 0),
+                                                  GLint(a.constantComponents > 2 ? w[2] : 0),
+                                                  GLint(a.constantComponents > 3 ? w[3] : 1));
                 } else if (a.constantType == GL_UNSIGNED_INT) {
                     record<fn::glVertexAttribI4ui>(index, w[0], a.constantComponents > 1 ? w[1] : 0u,
-                                               a.constantComponents > 2 ? w[2] : 0u,
-                                               a.constantComponents > 3 ? w[3] : 1u);
+                                                   a.constantComponents > 2 ? w[2] : 0u,
+                                                   a.constantComponents > 3 ? w[3] : 1u);
                 } else if (a.constantComponents == 1) {
                     record<fn::glVertexAttrib1f>(index, asFloat(w[0]));
                 } else if (a.constantComponents == 2) {
@@ -670,7 +675,8 @@ void Writer::vertexArrays() {
                 } else if (a.constantComponents == 3) {
                     record<fn::glVertexAttrib3f>(index, asFloat(w[0]), asFloat(w[1]), asFloat(w[2]));
                 } else {
-                    record<fn::glVertexAttrib4f>(index, asFloat(w[0]), asFloat(w[1]), asFloat(w[2]), asFloat(w[3]));
+                    record<fn::glVertexAttrib4f>(index, asFloat(w[0]), asFloat(w[1]), asFloat(w[2]),
+                                                 asFloat(w[3]));
                 }
             }
             auto bindingOf = vao.attributeBinding.find(index);
@@ -681,23 +687,25 @@ void Writer::vertexArrays() {
                 if (bindingIndex == index && a.relativeOffset == 0) {
                     record<fn::glBindBuffer>(GL_ARRAY_BUFFER, b.buffer);
                     const void *pointer =
-                        b.buffer ? reinterpret_cast<const void *>(static_cast<uintptr_t>(b.offset)) : b.clientPointer;
+                        b.buffer ? reinterpret_cast<const void *>(static_cast<uintptr_t>(b.offset))
+                                 : b.clientPointer;
                     if (a.integer)
-                        record<fn::glVertexAttribIPointer>(index, a.size, a.type, static_cast<GLsizei>(b.stride),
-                                                       pointer);
+                        record<fn::glVertexAttribIPointer>(index, a.size, a.type,
+                                                           static_cast<GLsizei>(b.stride), pointer);
                     else
-                        record<fn::glVertexAttribPointer>(index, a.size, a.type, static_cast<GLboolean>(a.normalized),
-                                                      static_cast<GLsizei>(b.stride), pointer);
+                        record<fn::glVertexAttribPointer>(index, a.size, a.type,
+                                                          static_cast<GLboolean>(a.normalized),
+                                                          static_cast<GLsizei>(b.stride), pointer);
                     if (b.divisor && es3()) record<fn::glVertexAttribDivisor>(index, b.divisor);
                 } else if (s_.apiVersion() >= 4) {
                     if (a.integer)
                         record<fn::glVertexAttribIFormat>(index, a.size, a.type, a.relativeOffset);
                     else
-                        record<fn::glVertexAttribFormat>(index, a.size, a.type, static_cast<GLboolean>(a.normalized),
-                                                     a.relativeOffset);
+                        record<fn::glVertexAttribFormat>(
+                            index, a.size, a.type, static_cast<GLboolean>(a.normalized), a.relativeOffset);
                     record<fn::glVertexAttribBinding>(index, bindingIndex);
                     record<fn::glBindVertexBuffer>(bindingIndex, b.buffer, static_cast<GLintptr>(b.offset),
-                                               static_cast<GLsizei>(b.stride));
+                                                   static_cast<GLsizei>(b.stride));
                     if (b.divisor) record<fn::glVertexBindingDivisor>(bindingIndex, b.divisor);
                 }
             }
@@ -726,8 +734,8 @@ void Writer::pipeline() {
     record<fn::glClearColor>(s_.clearColor[0], s_.clearColor[1], s_.clearColor[2], s_.clearColor[3]);
     record<fn::glClearDepthf>(s_.clearDepth);
     record<fn::glClearStencil>(s_.clearStencil);
-    record<fn::glColorMask>(GLboolean(s_.colorMask[0]), GLboolean(s_.colorMask[1]), GLboolean(s_.colorMask[2]),
-                        GLboolean(s_.colorMask[3]));
+    record<fn::glColorMask>(GLboolean(s_.colorMask[0]), GLboolean(s_.colorMask[1]),
+                            GLboolean(s_.colorMask[2]), GLboolean(s_.colorMask[3]));
     record<fn::glCullFace>(s_.cullFaceMode);
     record<fn::glDepthFunc>(s_.depthFunc);
     record<fn::glDepthMask>(GLboolean(s_.depthMask));
@@ -771,11 +779,13 @@ void Writer::pipeline() {
 
     const GLenum faces[2] = {GL_FRONT, GL_BACK};
     for (int f = 0; f < 2; ++f)
-        record<fn::glStencilFuncSeparate>(faces[f], s_.stencilFunc[f], s_.stencilRef[f], s_.stencilValueMask[f]);
+        record<fn::glStencilFuncSeparate>(faces[f], s_.stencilFunc[f], s_.stencilRef[f],
+                                          s_.stencilValueMask[f]);
     for (int f = 0; f < 2; ++f)
         record<fn::glStencilMaskSeparate>(faces[f], s_.stencilWriteMask[f]);
     for (int f = 0; f < 2; ++f)
-        record<fn::glStencilOpSeparate>(faces[f], s_.stencilFail[f], s_.stencilDepthFail[f], s_.stencilDepthPass[f]);
+        record<fn::glStencilOpSeparate>(faces[f], s_.stencilFail[f], s_.stencilDepthFail[f],
+                                        s_.stencilDepthPass[f]);
 }
 
 void writeSlot(GLenum attachment, const AttachmentSlot &slot) {
@@ -788,8 +798,8 @@ void writeSlot(GLenum attachment, const AttachmentSlot &slot) {
         record<fn::glFramebufferTexture>(GL_FRAMEBUFFER, attachment, slot.name, slot.level);
     } else {
         record<fn::glFramebufferTexture2D>(GL_FRAMEBUFFER, attachment,
-                                       slot.textureTarget ? slot.textureTarget : GLenum(GL_TEXTURE_2D), slot.name,
-                                       slot.level);
+                                           slot.textureTarget ? slot.textureTarget : GLenum(GL_TEXTURE_2D),
+                                           slot.name, slot.level);
     }
 }
 
@@ -799,8 +809,8 @@ void Writer::framebuffers() {
         record<fn::glBindRenderbuffer>(GL_RENDERBUFFER, name);
         if (rb.internalFormat == 0) continue;
         if (rb.samples > 0 && es3())
-            record<fn::glRenderbufferStorageMultisample>(GL_RENDERBUFFER, rb.samples, rb.internalFormat, rb.width,
-                                                     rb.height);
+            record<fn::glRenderbufferStorageMultisample>(GL_RENDERBUFFER, rb.samples, rb.internalFormat,
+                                                         rb.width, rb.height);
         else
             record<fn::glRenderbufferStorage>(GL_RENDERBUFFER, rb.internalFormat, rb.width, rb.height);
     }
@@ -817,9 +827,11 @@ void Writer::framebuffers() {
         if (fb.readBuffer && es3()) record<fn::glReadBuffer>(fb.readBuffer);
     }
     if (es3()) {
-        if (!s_.defaultDrawBuffers.empty() || s_.defaultReadBuffer) record<fn::glBindFramebuffer>(GL_FRAMEBUFFER, 0u);
+        if (!s_.defaultDrawBuffers.empty() || s_.defaultReadBuffer)
+            record<fn::glBindFramebuffer>(GL_FRAMEBUFFER, 0u);
         if (!s_.defaultDrawBuffers.empty())
-            record<fn::glDrawBuffers>(static_cast<GLsizei>(s_.defaultDrawBuffers.size()), s_.defaultDrawBuffers.data());
+            record<fn::glDrawBuffers>(static_cast<GLsizei>(s_.defaultDrawBuffers.size()),
+                                      s_.defaultDrawBuffers.data());
         if (s_.defaultReadBuffer) record<fn::glReadBuffer>(s_.defaultReadBuffer);
     }
 }
@@ -837,8 +849,9 @@ void Writer::bindings() {
     if (es3())
         for (auto &[key, b] : s_.indexedBindings) {
             if (b.size > 0)
-                record<fn::glBindBufferRange>(key.first, key.second, b.buffer, static_cast<GLintptr>(b.offset),
-                                          static_cast<GLsizeiptr>(b.size));
+                record<fn::glBindBufferRange>(key.first, key.second, b.buffer,
+                                              static_cast<GLintptr>(b.offset),
+                                              static_cast<GLsizeiptr>(b.size));
             else
                 record<fn::glBindBufferBase>(key.first, key.second, b.buffer);
         }
@@ -879,7 +892,8 @@ void writeContextInformation(const egl::ContextRecord &context) {
         h.ptr(context.config);
         h.ptr(context.shareContext);
         h.u32(context.apiVersion);
-        rec::blob(h, c, context.contextAttributes.data(), context.contextAttributes.size() * sizeof(EGLint), 0);
+        rec::blob(h, c, context.contextAttributes.data(), context.contextAttributes.size() * sizeof(EGLint),
+                  0);
         rec::blob(h, c, context.configAttributes.data(), context.configAttributes.size() * sizeof(EGLint), 0);
     }
     trace::finish(h);
@@ -918,9 +932,9 @@ void writeSurface(EGLDisplay display, const egl::SurfaceRecord &s) {
     h.u32(EGL_SUCCESS);
     h.ptr(s.surface);
     if (window)
-        fn::eglCreateWindowSurface::write(h, c, display, s.config,
-                                          reinterpret_cast<EGLNativeWindowType>(static_cast<uintptr_t>(s.native)),
-                                          attributes);
+        fn::eglCreateWindowSurface::write(
+            h, c, display, s.config, reinterpret_cast<EGLNativeWindowType>(static_cast<uintptr_t>(s.native)),
+            attributes);
     else
         fn::eglCreatePbufferSurface::write(h, c, display, s.config, attributes);
     c.record = nullptr;
@@ -949,7 +963,7 @@ std::vector<std::shared_ptr<egl::ContextRecord>> creationOrder(egl::DisplayRecor
 void saveDisplay(egl::DisplayRecord &d, egl::ThreadState &t) {
     recordEgl<fn::eglGetDisplay>(d.display, static_cast<EGLNativeDisplayType>(EGL_DEFAULT_DISPLAY));
     recordEgl<fn::eglInitialize>(EGLBoolean(EGL_TRUE), d.display, static_cast<EGLint *>(nullptr),
-                           static_cast<EGLint *>(nullptr));
+                                 static_cast<EGLint *>(nullptr));
     writeDisplayInformation(d);
     std::vector<std::shared_ptr<egl::ContextRecord>> contexts;
     std::map<EGLSurface, egl::SurfaceRecord *> surfaces;
@@ -962,11 +976,13 @@ void saveDisplay(egl::DisplayRecord &d, egl::ThreadState &t) {
     // The share group whose objects can be read from the driver: that of the thread's context.
     const Resources *hostGroup = t.current && t.current->es2 ? &t.current->es2->shared() : nullptr;
     for (auto &context : contexts) {
-        recordEgl<fn::eglCreateContext>(context->context, d.display, context->config, context->shareContext,
-                                  context->contextAttributes.empty() ? nullptr : context->contextAttributes.data());
+        recordEgl<fn::eglCreateContext>(
+            context->context, d.display, context->config, context->shareContext,
+            context->contextAttributes.empty() ? nullptr : context->contextAttributes.data());
         writeContextInformation(*context);
         if (!context->es2 || !context->es2->everCurrent) continue;
-        recordEgl<fn::eglMakeCurrent>(EGLBoolean(EGL_TRUE), d.display, EGL_NO_SURFACE, EGL_NO_SURFACE, context->context);
+        recordEgl<fn::eglMakeCurrent>(EGLBoolean(EGL_TRUE), d.display, EGL_NO_SURFACE, EGL_NO_SURFACE,
+                                      context->context);
         CurrentFor current(t, context);
         CEs2ContextState &s = *context->es2;
         const bool hostCurrent = current.saved == context;
@@ -992,7 +1008,7 @@ void saveThread(egl::ThreadState &t) {
     recordEgl<fn::eglBindAPI>(EGLBoolean(EGL_TRUE), t.boundApi);
     if (t.display == EGL_NO_DISPLAY) return;
     recordEgl<fn::eglMakeCurrent>(EGLBoolean(EGL_TRUE), t.display, t.draw, t.read,
-                            t.current ? t.current->context : EGL_NO_CONTEXT);
+                                  t.current ? t.current->context : EGL_NO_CONTEXT);
     if (t.draw == EGL_NO_SURFACE) return;
     EGLint interval = 1;
     if (egl::DisplayRecord *d = egl::display(t.display, false)) {
@@ -1021,6 +1037,9 @@ void write(bool full) {
     platform::LockGuard<platform::RecursiveLock> records(trace::recordLock());
     StateSnapshotLock state;
     GlesApi::takeStrayError();
+    Settings &settings = getSettings();
+    const auto started = std::chrono::steady_clock::now();
+    const uint64_t startedAt = trace::tell(settings);
     if (full) {
         msg::emit(msg::kDebugger | msg::kOut, "", "Saving Render State...");
         for (egl::DisplayRecord *d : egl::displays())
@@ -1031,6 +1050,11 @@ void write(bool full) {
     }
     saveThread(t);
     if (full) msg::emit(msg::kDebugger | msg::kOut, "", "Saving Render State... Done");
+    // What the snapshot cost, for users weighing a late start against a longer trace.
+    const double ms =
+        std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - started).count();
+    msg::debug("Render state saved in %.2f ms, %llu bytes of trace", ms,
+               static_cast<unsigned long long>(trace::tell(settings) - startedAt));
 }
 
 struct Install {
