@@ -100,6 +100,17 @@ late() {
     replayed es3-late 3
     record threads-late 2 1 -- "$build/bin/threads_program" --frames 4
     replayed threads-late 2
+    # The two contexts share one group: its program, buffer and texture are made once; each
+    # thread gets its own current context back.
+    local made
+    made=$("$kalvoren" dump "$work/threads-late.kalvoren" 2>/dev/null | grep -F '[snapshot]' |
+        grep -cE '\] (glCreateProgram|glGenBuffers|glGenTextures)\(')
+    if [ "$made" = 3 ] && [ "$("$kalvoren" dump "$work/threads-late.kalvoren" | grep -F '[snapshot]' |
+        grep -F '] eglMakeCurrent(' | grep -vc 'draw=0x0')" = 2 ]; then
+        pass "threads-late: the share group's objects made once, both threads made current"
+    else
+        fail "threads-late: $made shared objects made (3 expected), or a thread was not made current"
+    fi
 }
 
 apps() {
