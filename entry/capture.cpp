@@ -53,7 +53,7 @@ uint32_t formatComponents(GLenum format) {
 GLuint boundBuffer(GLenum target) {
     CEs2ContextState *state = egl::currentEs2StateQuiet();
     if (!state) return 0;
-    platform::LockGuard<StateLock> guard(stateLock());
+    StateReadGuard guard;
     return state->bufferBinding(target);
 }
 
@@ -61,7 +61,7 @@ PixelStore pixelStore(bool pack) {
     PixelStore store;
     CEs2ContextState *state = egl::currentEs2StateQuiet();
     if (!state) return store;
-    platform::LockGuard<StateLock> guard(stateLock());
+    StateReadGuard guard;
     if (pack) {
         store.alignment = state->pixelStore(GL_PACK_ALIGNMENT);
         store.rowLength = state->pixelStore(GL_PACK_ROW_LENGTH);

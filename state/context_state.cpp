@@ -93,6 +93,26 @@ StateLock &stateLock() {
     return lock;
 }
 
+namespace {
+thread_local bool t_heldForSnapshot = false;
+}
+
+StateSnapshotLock::StateSnapshotLock() {
+    stateLock().lock();
+    t_heldForSnapshot = true;
+}
+StateSnapshotLock::~StateSnapshotLock() {
+    t_heldForSnapshot = false;
+    stateLock().unlock();
+}
+
+StateReadGuard::StateReadGuard() : taken_(!t_heldForSnapshot) {
+    if (taken_) stateLock().lock();
+}
+StateReadGuard::~StateReadGuard() {
+    if (taken_) stateLock().unlock();
+}
+
 CEs2ContextState::CEs2ContextState() : resources_() {
     static const Pair stores[10] = {
         {GL_PACK_ALIGNMENT, 4},      {GL_UNPACK_ALIGNMENT, 4},  {GL_UNPACK_SKIP_IMAGES, 0},

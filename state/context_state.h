@@ -31,6 +31,29 @@ GLenum textureTargetOfImage(GLenum imageTarget);
 using StateLock = platform::SpinLock;
 StateLock &stateLock();
 
+// Holds the state lock for a long reader that also writes records (the render-state snapshot):
+// the record writers that read the shadow on the same thread (StateReadGuard) then do not take the
+// lock a second time.
+class StateSnapshotLock {
+public:
+    StateSnapshotLock();
+    ~StateSnapshotLock();
+    StateSnapshotLock(const StateSnapshotLock &) = delete;
+    StateSnapshotLock &operator=(const StateSnapshotLock &) = delete;
+};
+
+// Takes the state lock unless the calling thread holds it through a StateSnapshotLock.
+class StateReadGuard {
+public:
+    StateReadGuard();
+    ~StateReadGuard();
+    StateReadGuard(const StateReadGuard &) = delete;
+    StateReadGuard &operator=(const StateReadGuard &) = delete;
+
+private:
+    bool taken_;
+};
+
 struct AttributeRecord {
     bool enabled = false;
     uint32_t index = 0;

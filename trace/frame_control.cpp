@@ -17,14 +17,14 @@ void report(const char *fmt, int value) {
     msg::info(fmt, value);
 }
 
-// Runs `body` while calls are recorded without reaching the host.
+// Runs `body` while the snapshot is written. The snapshot writes its records itself and never
+// reaches the host through a wrapper, so forwarding stays on: a process-wide switch would also keep
+// the calls other threads make meanwhile from the driver, and they must see what they see untraced.
 template <class Body>
 void withSnapshotInProgress(Settings &s, Body body) {
     s.snapshotInProgress = true;
-    s.forwardToHost = false;
     body();
     s.snapshotInProgress = false;
-    s.forwardToHost = true;
 }
 } // namespace
 

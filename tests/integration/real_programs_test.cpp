@@ -131,14 +131,17 @@ TEST(RealPrograms, RecordsExactlyTheFramesOfTheRange) {
     EXPECT_EQ(t.ending, kv::reader::Ending::EndMarker);
     EXPECT_EQ(swapFrames(t), (std::vector<uint32_t>{2, 3}));
 
-    // The snapshot's marker pair comes before the first recorded call; nothing of frame 4 follows
-    // the last swap of frame 3.
-    size_t firstCall = 0, markers = 0;
-    while (firstCall < t.entries.size() && t.entries[firstCall].kind != Entry::Kind::Call) {
-        if (t.entries[firstCall].kind == Entry::Kind::Snapshot) ++markers;
-        ++firstCall;
+    // The snapshot, between its marker pair, comes before the first recorded call; nothing of
+    // frame 4 follows the last swap of frame 3.
+    size_t firstCall = 0, markers = 0, restoring = 0;
+    for (; firstCall < t.entries.size(); ++firstCall) {
+        const Entry &e = t.entries[firstCall];
+        if (e.kind == Entry::Kind::Call && !e.inSnapshot) break;
+        if (e.kind == Entry::Kind::Snapshot) ++markers;
+        if (e.kind == Entry::Kind::Call) ++restoring;
     }
     EXPECT_EQ(markers, 2u);
+    EXPECT_GT(restoring, 0u);
     size_t lastSwap = 0;
     for (size_t i = 0; i < t.entries.size(); ++i)
         if (t.entries[i].kind == Entry::Kind::Call && std::strcmp(t.entries[i].name(), "eglSwapBuffers") == 0)

@@ -3,16 +3,18 @@
 # on Mesa, every frame identical to the one the program drew; and traces that are broken or foreign
 # replayed without a crash, with messages that name the record.
 #
-#   replay_test.sh BUILD_DIR [headless|apps|bad]...     (default: all three)
+#   replay_test.sh BUILD_DIR [headless|late|apps|bad]...     (default: all four)
 #
 # headless  the bundled demo, the ES 3.1 program, two contexts on two threads
+# late      the same programs recorded from a later frame: the trace starts with the snapshot of
+#           what they made before, and replays to the frames they drew
 # apps      glmark2-es2 scenes and es2gears under Xvfb (skipped when they are not installed)
 # bad       truncated, foreign and corrupted traces, a driver that lacks functions
 set -u
 build=$(cd "${1:?usage: replay_test.sh BUILD_DIR [headless|apps|bad]...}" && pwd)
 shift
 parts=("$@")
-[ ${#parts[@]} -eq 0 ] && parts=(headless apps bad)
+[ ${#parts[@]} -eq 0 ] && parts=(headless late apps bad)
 kalvoren=$build/bin/kalvoren
 lib=$build/lib
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
@@ -24,14 +26,15 @@ passed=0
 fail() { echo "FAIL $*"; failures=$((failures + 1)); }
 pass() { echo "ok   $*"; passed=$((passed + 1)); }
 
-# record NAME FRAMES -- COMMAND...: traces COMMAND with its frame buffers saved (frames 0 to
-# FRAMES-1; the program is ended after the last one).
+# record NAME FRAMES [START] -- COMMAND...: traces COMMAND with its frame buffers saved (frames
+# START (default 0) to START+FRAMES-1; the program is ended after the last one).
 record() {
-    local name=$1 frames=$2
+    local name=$1 frames=$2 start=0
+    [ "$3" != -- ] && { start=$3; shift; }
     shift 3
     cat >"$work/$name.json" <<EOF
 { "*": { "Tracing": { "OutputFilename": "$work/$name.kalvoren", "SaveFrameBuffer": true,
-  "UseCompression": true, "StartFrame": 0, "EndFrame": $((frames - 1)), "ExitOnLastFrame": true } } }
+  "UseCompression": true, "StartFrame": $start, "EndFrame": $((start + frames - 1)), "ExitOnLastFrame": true } } }
 EOF
     KALVOREN_CONFIG=$work/$name.json LD_LIBRARY_PATH=$lib${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH} \
         timeout 120 "$@" >"$work/$name.out" 2>&1
@@ -90,6 +93,26 @@ headless() {
     esac
 }
 
+late() {
+    record demo-late 3 5 -- "$build/bin/kalvoren_demo"
+    replayed demo-late 3
+    record es3-late 3 2 -- "$build/bin/es3_program" --frames 6
+    replayed es3-late 3
+    record threads-late 2 1 -- "$build/bin/threads_program" --frames 4
+    replayed threads-late 2
+    # The two contexts share one group: its program, buffer and texture are made once; each
+    # thread gets its own current context back.
+    local made
+    made=$("$kalvoren" dump "$work/threads-late.kalvoren" 2>/dev/null | grep -F '[snapshot]' |
+        grep -cE '\] (glCreateProgram|glGenBuffers|glGenTextures)\(')
+    if [ "$made" = 3 ] && [ "$("$kalvoren" dump "$work/threads-late.kalvoren" | grep -F '[snapshot]' |
+        grep -F '] eglMakeCurrent(' | grep -vc 'draw=0x0')" = 2 ]; then
+        pass "threads-late: the share group's objects made once, both threads made current"
+    else
+        fail "threads-late: $made shared objects made (3 expected), or a thread was not made current"
+    fi
+}
+
 apps() {
     if ! command -v xvfb-run >/dev/null || ! command -v glmark2-es2 >/dev/null; then
         echo "note: xvfb-run or glmark2-es2 missing (packages xvfb, glmark2-es2-x11): programs not run"
@@ -102,6 +125,11 @@ apps() {
         name=glmark2-$(echo "$scene" | tr ':=' '--')
         record "$name" 4 -- xvfb-run -a glmark2-es2 --size 96x64 -b "$scene"
         replayed "$name" 4
+    done
+    # Started at frame 30: the scene's objects come from the snapshot.
+    for scene in texture terrain; do
+        record "glmark2-$scene-late" 3 30 -- xvfb-run -a glmark2-es2 --size 96x64 -b "$scene"
+        replayed "glmark2-$scene-late" 3
     done
     # The same with a real window (X11) in place of the pbuffer.
     if timeout 120 xvfb-run -a "$kalvoren" replay --window "$work/glmark2-texture.kalvoren" >"$work/window.txt" 2>&1 &&
