@@ -40,9 +40,9 @@ const char kHelp[] =
     "Where the front libraries come from: KALVOREN_LIB_DIR, else the lib directory next to the\n"
     "directory of this program (bin/../lib), else this program's own directory.\n"
     "On Linux that directory is put first on LD_LIBRARY_PATH. On Windows a program loads the DLLs\n"
-    "in its own directory before any other: copy libEGL.dll, libGLESv2.dll and kalvoren.dll next\n"
-    "to PROGRAM (putting the directory first on PATH only helps programs whose own directory\n"
-    "holds no such DLLs).\n";
+    "in its own directory before any other: copy libEGL.dll, libGLESv2.dll, libGLES_CM.dll and\n"
+    "kalvoren.dll next to PROGRAM (putting the directory first on PATH only helps programs whose\n"
+    "own directory holds no such DLLs).\n";
 
 struct RecordOptions {
     std::string output;
