@@ -47,7 +47,8 @@ float toFloat(Kind kind, uint32_t word, bool enumValued) {
     case Kind::Float:
         return slotFloat(word);
     case Kind::Fixed:
-        return enumValued ? static_cast<float>(static_cast<int32_t>(word)) : fixedToFloat(static_cast<int32_t>(word));
+        return enumValued ? static_cast<float>(static_cast<int32_t>(word))
+                          : fixedToFloat(static_cast<int32_t>(word));
     case Kind::Int:
     default:
         return static_cast<float>(static_cast<int32_t>(word));
@@ -332,7 +333,8 @@ uint64_t CFFContextState::pointedBytes(uint16_t id, const uint64_t *args, uint32
     case 3028: // glDeleteBuffers
     case 3029: // glDeleteTextures
         *argument = 1;
-        return static_cast<int32_t>(args[0]) > 0 ? static_cast<uint64_t>(static_cast<int32_t>(args[0])) * 4 : 0;
+        return static_cast<int32_t>(args[0]) > 0 ? static_cast<uint64_t>(static_cast<int32_t>(args[0])) * 4
+                                                 : 0;
     case 3043: // glFogfv
     case 3045:
     case 3076: // glLightModelfv
@@ -505,7 +507,8 @@ void CFFContextState::apply(uint16_t id, const uint64_t *a, const void *data, ui
         buffer.usage = e(3);
         const uint64_t size = static_cast<int64_t>(a[1]) > 0 ? a[1] : 0;
         buffer.contents.assign(static_cast<size_t>(size), 0);
-        if (data && bytes == size && size) std::memcpy(buffer.contents.data(), data, static_cast<size_t>(size));
+        if (data && bytes == size && size)
+            std::memcpy(buffer.contents.data(), data, static_cast<size_t>(size));
         break;
     }
     case 3008: { // glBufferSubData(target, offset, size, data)
@@ -537,7 +540,8 @@ void CFFContextState::apply(uint16_t id, const uint64_t *a, const void *data, ui
         break;
     case 3016:
     case 3017:
-        if (e(0) >= kClipPlane0 && e(0) < kClipPlane0 + kClipPlanes && vector(id == 3016 ? Kind::Float : Kind::Fixed, false, v) >= 4) {
+        if (e(0) >= kClipPlane0 && e(0) < kClipPlane0 + kClipPlanes &&
+            vector(id == 3016 ? Kind::Float : Kind::Fixed, false, v) >= 4) {
             EyeValue &plane = clipPlanes[e(0) - kClipPlane0];
             std::copy(v, v + 4, plane.value.begin());
             plane.modelview = modelviewStack.back();
@@ -559,8 +563,8 @@ void CFFContextState::apply(uint16_t id, const uint64_t *a, const void *data, ui
     case 3022:
         setArray(colorArray, i32(0), e(1), i32(2), a[3]);
         break;
-    case 3023: // glCompressedTexImage2D(target, level, internalformat, width, height, border, size, data)
-    case 3025: // glCopyTexImage2D(target, level, internalformat, x, y, width, height, border)
+    case 3023:   // glCompressedTexImage2D(target, level, internalformat, width, height, border, size, data)
+    case 3025:   // glCopyTexImage2D(target, level, internalformat, x, y, width, height, border)
     case 3133: { // glTexImage2D(target, level, internalformat, width, height, border, format, type, data)
         GLuint name = activeUnit().binding2D;
         if (!name) break;

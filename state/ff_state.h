@@ -106,14 +106,19 @@ public:
     static uint64_t pointedBytes(uint16_t id, const uint64_t *args, uint32_t *argument);
     // The current matrix of the current matrix mode.
     Matrix &currentMatrix();
-    TextureUnit &activeUnit() { return units[activeTexture - GL_TEXTURE0 < kTextureUnits ? activeTexture - GL_TEXTURE0 : 0]; }
+    TextureUnit &activeUnit() {
+        return units[activeTexture - GL_TEXTURE0 < kTextureUnits ? activeTexture - GL_TEXTURE0 : 0];
+    }
     TextureUnit &clientUnit() {
-        return units[clientActiveTexture - GL_TEXTURE0 < kTextureUnits ? clientActiveTexture - GL_TEXTURE0 : 0];
+        return units[clientActiveTexture - GL_TEXTURE0 < kTextureUnits ? clientActiveTexture - GL_TEXTURE0
+                                                                       : 0];
     }
     // The client array of a key (FFArrayKey); null for no such array.
     ClientArray *array(uint32_t key);
     GLuint bufferBinding(GLenum target) const;
-    GLint pixelStore(GLenum pname) const { return pname == GL_PACK_ALIGNMENT ? packAlignment : unpackAlignment; }
+    GLint pixelStore(GLenum pname) const {
+        return pname == GL_PACK_ALIGNMENT ? packAlignment : unpackAlignment;
+    }
 
     // The error the error check consumed and the application has not asked for yet.
     uint32_t pendingError = 0;

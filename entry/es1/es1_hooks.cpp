@@ -26,7 +26,8 @@ void Es1Api::track(CallCtx &c, const uint64_t *args) {
     if (bytes > 0) {
         const void *source = reinterpret_cast<const void *>(static_cast<uintptr_t>(args[argument]));
         copy.resize(static_cast<size_t>(bytes));
-        if (source && platform::guardedCopy(copy.data(), source, copy.size()) == copy.size()) data = copy.data();
+        if (source && platform::guardedCopy(copy.data(), source, copy.size()) == copy.size())
+            data = copy.data();
     }
     platform::LockGuard<StateLock> guard(stateLock());
     state->apply(c.id, args, data, data ? bytes : 0);
@@ -47,7 +48,8 @@ GLenum Hooks<fn::es1::glGetError>::host(CallCtx &) {
 void Hooks<fn::es1::glGetString>::after(CallCtx &c, const GLubyte *&result, GLenum name) {
     if (c.failed || !result) return;
     // The same rules as for the ES2/3 strings, with the ES1 replacements.
-    result = reinterpret_cast<const GLubyte *>(reportedGlString(name, reinterpret_cast<const char *>(result), 1));
+    result =
+        reinterpret_cast<const GLubyte *>(reportedGlString(name, reinterpret_cast<const char *>(result), 1));
 }
 
 } // namespace kv
