@@ -1359,12 +1359,12 @@ const FieldDesc kFields_glColorMask_3021[] = {
     {"blue", Field::Value, Type::GlBoolean, 0, -1, 10},
     {"alpha", Field::Value, Type::GlBoolean, 0, -1, 10},
 };
-// glColorPointer (3022): error u32 | size I32 | type GlEnum | stride I32 | pointer Blob<U8>
+// glColorPointer (3022): error u32 | size I32 | type GlEnum | stride I32 | pointer Ptr
 const FieldDesc kFields_glColorPointer_3022[] = {
     {"size", Field::Value, Type::I32, 0, -1, 0},
     {"type", Field::Value, Type::GlEnum, 0, -1, 44},
     {"stride", Field::Value, Type::I32, 0, -1, 0},
-    {"pointer", Field::Blob, Type::U8, 0, -1, 0},
+    {"pointer", Field::Value, Type::Ptr, 0, -1, 0},
 };
 // glCompressedTexImage2D (3023): error u32 | target GlEnum | level I32 | internalformat GlEnum | width I32 | height I32 | border I32 | imageSize I32 | data Blob<U8>(z)
 const FieldDesc kFields_glCompressedTexImage2D_3023[] = {
@@ -1547,10 +1547,10 @@ const FieldDesc kFields_glGenTextures_3054[] = {
     {"n", Field::Value, Type::I32, 0, -1, 0},
     {"textures", Field::Blob, Type::U32, kOutput, -1, 0},
 };
-// glGetFixedv (3056): error u32 | pname GlEnum | params Ptr
+// glGetFixedv (3056): error u32 | pname GlEnum | params Blob<Fixed>(out)
 const FieldDesc kFields_glGetFixedv_3056[] = {
     {"pname", Field::Value, Type::GlEnum, 0, -1, 20},
-    {"params", Field::Value, Type::Ptr, 0, -1, 0},
+    {"params", Field::Blob, Type::Fixed, kOutput, -1, 0},
 };
 // glGetFloatv (3057): error u32 | pname GlEnum | data Blob<F32>(out)
 const FieldDesc kFields_glGetFloatv_3057[] = {
@@ -1776,11 +1776,11 @@ const FieldDesc kFields_glNormal3x_3099[] = {
     {"ny", Field::Value, Type::Fixed, 0, -1, 0},
     {"nz", Field::Value, Type::Fixed, 0, -1, 0},
 };
-// glNormalPointer (3100): error u32 | type GlEnum | stride I32 | pointer Blob<U8>
+// glNormalPointer (3100): error u32 | type GlEnum | stride I32 | pointer Ptr
 const FieldDesc kFields_glNormalPointer_3100[] = {
     {"type", Field::Value, Type::GlEnum, 0, -1, 57},
     {"stride", Field::Value, Type::I32, 0, -1, 0},
-    {"pointer", Field::Blob, Type::U8, 0, -1, 0},
+    {"pointer", Field::Value, Type::Ptr, 0, -1, 0},
 };
 // glOrthof (3101): error u32 | l F32 | r F32 | b F32 | t F32 | n F32 | f F32
 const FieldDesc kFields_glOrthof_3101[] = {
@@ -1916,12 +1916,12 @@ const FieldDesc kFields_glStencilOp_3125[] = {
     {"zfail", Field::Value, Type::GlEnum, 0, -1, 39},
     {"zpass", Field::Value, Type::GlEnum, 0, -1, 39},
 };
-// glTexCoordPointer (3126): error u32 | size I32 | type GlEnum | stride I32 | pointer Blob<U8>
+// glTexCoordPointer (3126): error u32 | size I32 | type GlEnum | stride I32 | pointer Ptr
 const FieldDesc kFields_glTexCoordPointer_3126[] = {
     {"size", Field::Value, Type::I32, 0, -1, 0},
     {"type", Field::Value, Type::GlEnum, 0, -1, 60},
     {"stride", Field::Value, Type::I32, 0, -1, 0},
-    {"pointer", Field::Blob, Type::U8, 0, -1, 0},
+    {"pointer", Field::Value, Type::Ptr, 0, -1, 0},
 };
 // glTexEnvf (3127): error u32 | target GlEnum | pname GlEnum | param F32
 const FieldDesc kFields_glTexEnvf_3127[] = {
@@ -2031,12 +2031,12 @@ const FieldDesc kFields_glTranslatex_3142[] = {
     {"y", Field::Value, Type::Fixed, 0, -1, 0},
     {"z", Field::Value, Type::Fixed, 0, -1, 0},
 };
-// glVertexPointer (3143): error u32 | size I32 | type GlEnum | stride I32 | pointer Blob<U8>
+// glVertexPointer (3143): error u32 | size I32 | type GlEnum | stride I32 | pointer Ptr
 const FieldDesc kFields_glVertexPointer_3143[] = {
     {"size", Field::Value, Type::I32, 0, -1, 0},
     {"type", Field::Value, Type::GlEnum, 0, -1, 61},
     {"stride", Field::Value, Type::I32, 0, -1, 0},
-    {"pointer", Field::Blob, Type::U8, 0, -1, 0},
+    {"pointer", Field::Value, Type::Ptr, 0, -1, 0},
 };
 // glViewport (3144): error u32 | x I32 | y I32 | width I32 | height I32
 const FieldDesc kFields_glViewport_3144[] = {
@@ -2045,11 +2045,11 @@ const FieldDesc kFields_glViewport_3144[] = {
     {"width", Field::Value, Type::I32, 0, -1, 0},
     {"height", Field::Value, Type::I32, 0, -1, 0},
 };
-// glPointSizePointerOES (3145): error u32 | type GlEnum | stride I32 | pointer Blob<U8>
+// glPointSizePointerOES (3145): error u32 | type GlEnum | stride I32 | pointer Ptr
 const FieldDesc kFields_glPointSizePointerOES_3145[] = {
     {"type", Field::Value, Type::GlEnum, 0, -1, 0},
     {"stride", Field::Value, Type::I32, 0, -1, 0},
-    {"pointer", Field::Blob, Type::U8, 0, -1, 0},
+    {"pointer", Field::Value, Type::Ptr, 0, -1, 0},
 };
 //  (4000): error u32 | name Blob<Char>(always) | integerArguments Blob<U64>(always) | floatArguments Blob<U64>(always) | stackArguments Blob<U64>(always) | result U64 | floatResult U64
 const FieldDesc kFields__4000[] = {

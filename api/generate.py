@@ -37,7 +37,7 @@ BANNER = (
 # where their entry points live.
 FAMILIES = [
     # key,     enum,      error,  entry namespace, entry prefix style
-    ("gles1", "Gles1", "Gl", None),
+    ("gles1", "Gles1", "Gl", "Es1Entry"),
     ("gles20", "Gles20", "Gl", "gles"),
     ("gles30", "Gles30", "Gl", "gles"),
     ("gles31", "Gles31", "Gl", "gles"),
@@ -609,6 +609,10 @@ def result_type(func, cl_typedefs):
 
 
 def entry_name(func):
+    # The OpenGL ES 1 entry points repeat many OpenGL ES 2 names: they carry the GL name after an
+    # underscore in their own namespace (Es1Entry::_glBindBuffer).
+    if func.family == "gles1":
+        return "_" + func.name
     n = func.name
     for prefix in ("egl", "gl", "cl"):
         if n.startswith(prefix):
@@ -820,10 +824,14 @@ API_OF_TABLE = {"SEglHost": "EglApi", "GLESPPHost": "GlesApi", "SEs1Host": "Es1A
 def emit_traits(funcs, tables, hook_funcs, traced):
     out = [BANNER, "#pragma once\n", '#include "host/host_tables_autogen.h"', '#include "core/call_types.h"\n']
     out.append("namespace kv::fn {\n")
-    for f in funcs:
-        table = host_table_of(f, tables)
-        if not table or f.params is None or f.family not in traced:
+    members = [f for f in funcs if host_table_of(f, tables) and f.params is not None and f.family in traced]
+    # The OpenGL ES 1 functions get their own namespace: glBindBuffer of ES1 is not the ES2 one.
+    members = [f for f in members if f.family != "gles1"] + [None] + [f for f in members if f.family == "gles1"]
+    for f in members:
+        if f is None:
+            out.append("\nnamespace es1 {\n")
             continue
+        table = host_table_of(f, tables)
         args = ", ".join(p.abstract() for p in f.params)
         out.append(f"struct {f.name} {{")
         out.append(f"    static constexpr uint16_t id = {f.id};")
@@ -833,11 +841,17 @@ def emit_traits(funcs, tables, hook_funcs, traced):
         out.append(f"    static constexpr auto slot = &{table}Fns::{f.name};")
         out.append(f"    static void write(RecordHandle &h, CallCtx &c{', ' + args if args else ''});")
         out.append("};")
+    out.append("\n} // namespace es1\n")
     out.append("\n} // namespace kv::fn\n")
     # Capture hooks written by hand: one function per pointer parameter or derived value whose size
     # the registry cannot state.
     out.append("namespace kv::capture {\n")
+    hook_funcs = [x for x in hook_funcs if x[0].family != "gles1"] + [(None, None)] + \
+        [x for x in hook_funcs if x[0].family == "gles1"]
     for f, what in hook_funcs:
+        if f is None:
+            out.append("\nnamespace es1 {\n")
+            continue
         args = ", ".join(p.declaration() for p in f.params)
         sep = ", " if args else ""
         if what == "tail":
@@ -850,6 +864,7 @@ def emit_traits(funcs, tables, hook_funcs, traced):
                 out.append(f"{CPP_OF_TYPE[field.type]} {f.name}_{what[1:]}(CallCtx &c{sep}{args});")
         else:
             out.append(f"rec::Blob {f.name}_{what}(CallCtx &c{sep}{args});")
+    out.append("\n} // namespace es1\n")
     out.append("\n} // namespace kv::capture")
     return "\n".join(out) + "\n"
 
@@ -862,10 +877,19 @@ CPP_OF_TYPE = {
 }
 
 
+def capture_ns(f):
+    """Where the hand-written capture functions of a function live."""
+    return "kv::capture::es1" if f.family == "gles1" else "kv::capture"
+
+
+def traits_name(f):
+    return f"kv::fn::es1::{f.name}" if f.family == "gles1" else f"kv::fn::{f.name}"
+
+
 def writer_line(f, fd):
     if fd.kind == "Value":
         if fd.expr and fd.expr[0] == "extra":
-            return f"    kv::rec::put<api::Type::{fd.type}>(h, kv::capture::{fd.expr[1]}({call_args(f, True)}));"
+            return f"    kv::rec::put<api::Type::{fd.type}>(h, {capture_ns(f)}::{fd.expr[1]}({call_args(f, True)}));"
         if fd.expr and fd.expr[0] == "shared":
             return f"    kv::rec::put<api::Type::{fd.type}>(h, kv::capture::{fd.expr[1]}(c));"
         return f"    kv::rec::put<api::Type::{fd.type}>(h, {fd.name});"
@@ -877,7 +901,7 @@ def writer_line(f, fd):
             size = f"({size}) * {width}u" if width != 1 else f"({size})"
             return f"    kv::rec::blob(h, c, {fd.name}, {size}, {flags});"
         if fd.expr[0] == "hook" or fd.expr[0] == "extra":
-            return f"    kv::rec::blob(h, c, kv::capture::{fd.expr[1]}({call_args(f, True)}), {flags});"
+            return f"    kv::rec::blob(h, c, {capture_ns(f)}::{fd.expr[1]}({call_args(f, True)}), {flags});"
         if fd.expr[0] == "shared":
             return f"    kv::rec::blob(h, c, kv::capture::{fd.expr[1]}(c), {flags});"
         if fd.expr[0] == "text":
@@ -898,7 +922,7 @@ def writer_line(f, fd):
     if fd.kind == "Attribs64":
         return f"    kv::rec::attribs64(h, c, {fd.name});"
     if fd.kind in ("ArraysTail", "ElementsTail"):
-        return f"    kv::capture::{fd.expr[1]}({call_args(f, True, handle=True)});"
+        return f"    {capture_ns(f)}::{fd.expr[1]}({call_args(f, True, handle=True)});"
     fail(f"{f.name}: cannot write field {fd.name}")
 
 
@@ -923,8 +947,8 @@ def by_namespace(members):
 
 def emit_entries(funcs, families_wanted, tables, title):
     out = [BANNER, f"// {title}\n", '#include "core/call.h"', '#include "entry/hooks.h"\n']
-    out.append("namespace kv::fn {\n")
     members = exported(funcs, families_wanted, tables)
+    out.append("namespace kv::fn::es1 {\n" if "gles1" in families_wanted else "namespace kv::fn {\n")
     for f in members:
         args = ", ".join(p.declaration() for p in f.params)
         out.append(f"// {f.id} {f.name}: {layout_comment(f)}")
@@ -937,7 +961,7 @@ def emit_entries(funcs, families_wanted, tables, title):
             out.append("    (void)h;")
         out.append("    (void)c;")
         out.append("}\n")
-    out.append("} // namespace kv::fn\n")
+    out.append("} // namespace kv::fn::es1\n" if "gles1" in families_wanted else "} // namespace kv::fn\n")
     for ns, group in by_namespace(members).items():
         out.append(f"namespace {ns} {{\n")
         for f in group:
@@ -945,7 +969,7 @@ def emit_entries(funcs, families_wanted, tables, title):
             names = ", ".join(p.name for p in f.params)
             api = API_OF_TABLE[host_table_of(f, tables)]
             out.append(f"KV_EXPORT {f.ret} KV_APIENTRY {entry_name(f)}({args}) {{")
-            out.append(f"    return kv::Entry<kv::{api}, kv::fn::{f.name}>::call({names});")
+            out.append(f"    return kv::Entry<kv::{api}, {traits_name(f)}>::call({names});")
             out.append("}")
         out.append(f"\n}} // namespace {ns}\n")
     return "\n".join(out) + "\n"
@@ -974,6 +998,13 @@ def emit_proc_table(funcs, families_wanted, tables):
         out.append(f'    {{"{name}", reinterpret_cast<void (*)()>(&{FAMILY_NS[f.family]}::{entry_name(f)})}},')
     out.append("};")
     out.append(f"const uint32_t kProcTableSize = {len(seen)};\n")
+    es1 = sorted(exported(funcs, {"gles1"}, tables), key=lambda f: f.name)
+    out.append("// The OpenGL ES 1 entry points, handed out on a context of OpenGL ES 1, sorted by name.")
+    out.append("const ProcEntry kEs1ProcTable[] = {")
+    for f in es1:
+        out.append(f'    {{"{f.name}", reinterpret_cast<void (*)()>(&{FAMILY_NS[f.family]}::{entry_name(f)})}},')
+    out.append("};")
+    out.append(f"const uint32_t kEs1ProcTableSize = {len(es1)};\n")
     out.append("} // namespace kv")
     return "\n".join(out) + "\n"
 
@@ -1321,7 +1352,7 @@ def main():
     drop_core_names_from_extension_table(funcs, tables)
     ext_members = extension_functions(funcs, tables)
     ext_hooks = [(f, w) for f, w in hooks if f in ext_members]
-    traced = {"gles20", "gles30", "gles31", "gles32", "egl", "eglext"}
+    traced = {"gles1", "gles20", "gles30", "gles31", "gles32", "egl", "eglext"}
     hook_funcs = [(f, w) for f, w in hooks if f.family in traced and host_table_of(f, tables)]
 
     outputs = {
@@ -1335,10 +1366,12 @@ def main():
         "entry/egl/egl_entries_autogen.cpp": emit_entries(funcs, {"egl", "eglext"}, tables, "EGL entry points"),
         "entry/gles/gles_entries_autogen.cpp": emit_entries(funcs, {"gles20", "gles30", "gles31", "gles32"}, tables,
                                                             "OpenGL ES 2.0 to 3.2 entry points"),
+        "entry/es1/es1_entries_autogen.cpp": emit_entries(funcs, {"gles1"}, tables, "OpenGL ES 1.x entry points"),
         "entry/proc_table_autogen.cpp": emit_proc_table(funcs, traced, tables),
         "front/egl_front_autogen.cpp": emit_front(funcs, {"egl", "eglext"}, tables, "The EGL front library"),
         "front/gles2_front_autogen.cpp": emit_front(funcs, {"gles20", "gles30", "gles31", "gles32"}, tables,
                                                     "The OpenGL ES 2.0 to 3.2 front library"),
+        "front/gles1_front_autogen.cpp": emit_front(funcs, {"gles1"}, tables, "The OpenGL ES 1.x front library"),
         "tests/host/test_host_autogen.cpp": emit_test_host(tables),
         "tests/host/all_entries_autogen.cpp": emit_all_entries(funcs, tables),
         "entry/ext/ext_functions_autogen.h": emit_ext_traits(ext_members, ext_hooks),

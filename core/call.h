@@ -77,6 +77,39 @@ struct EglApi {
     static void noteError(uint32_t error);
 };
 
+// OpenGL ES 1.x. Its entry points have a two-way switch: pass-through forwards, every other mode
+// runs the wrapper. After a successful call the fixed-function state of the context is updated
+// from the arguments (entry/es1).
+struct Es1Api {
+    static constexpr uint32_t kSuccess = GL_NO_ERROR;
+    static constexpr bool kChecksContext = false;
+    static constexpr bool kTwoWay = true;
+    static const SEs1Host &host() { return SEs1Host::get(); }
+    // The extension functions an OpenGL ES 1 program calls leave their errors in the driver; the
+    // check after the next ES1 call takes them for the application as its own.
+    static void takeStrayError() {}
+    static void clearLastError() { g_lastErrorEs1 = 0; }
+    static uint32_t queryError() {
+        auto getError = host().fn.glGetError;
+        return getError ? getError() : GL_NO_ERROR;
+    }
+    static bool failed(uint32_t error) { return error != GL_NO_ERROR; }
+    static void noteError(uint32_t error);
+    // The fixed-function state update of a successful call (state/ff_state.h).
+    static void track(CallCtx &c, const uint64_t *args);
+    template <class F, class... A>
+    static void track(CallCtx &c, A... args) {
+        if (c.failed) return;
+        const uint64_t slots[sizeof...(A) + 1] = {toSlot(args)...};
+        track(c, slots);
+    }
+};
+
+template <class Api, class = void>
+struct TwoWay : std::false_type {};
+template <class Api>
+struct TwoWay<Api, std::void_t<decltype(Api::kTwoWay)>> : std::bool_constant<Api::kTwoWay> {};
+
 // No value, for functions that return nothing.
 struct Void {};
 
@@ -123,6 +156,10 @@ struct Entry {
     static Ret call(A... args) {
         Settings &settings = fastSettings();
         const int32_t mode = settings.mode.load(std::memory_order_relaxed);
+        if constexpr (TwoWay<Api>::value) {
+            if (mode == kModeDisabled) return forward(args...);
+            return wrapped(settings, args...);
+        }
         if (KV_LIKELY(mode == kModeRecording || mode == kModeProfiling)) return wrapped(settings, args...);
         if (mode == kModeDisabled) return forward(args...);
         return Ret();
@@ -200,6 +237,9 @@ private:
             result = EGL_TRUE;
         }
         if (tracked) H::after(c, result, args...);
+        if constexpr (TwoWay<Api>::value) {
+            if (c.d.callHost) Api::template track<F>(c, args...);
+        }
         if constexpr (!std::is_void_v<Ret>) c.result = toSlot(result);
         if (c.d.record) {
             RecordHandle h = trace::begin(F::id);

@@ -3403,6 +3403,1172 @@ struct glTexStorage3DMultisample {
     static void write(RecordHandle &h, CallCtx &c, GLenum, GLsizei, GLenum, GLsizei, GLsizei, GLsizei, GLboolean);
 };
 
+namespace es1 {
+
+struct glActiveTexture {
+    static constexpr uint16_t id = 3001;
+    static constexpr const char *name = "glActiveTexture";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glActiveTexture;
+    static void write(RecordHandle &h, CallCtx &c, GLenum);
+};
+struct glAlphaFunc {
+    static constexpr uint16_t id = 3002;
+    static constexpr const char *name = "glAlphaFunc";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glAlphaFunc;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLfloat);
+};
+struct glAlphaFuncx {
+    static constexpr uint16_t id = 3003;
+    static constexpr const char *name = "glAlphaFuncx";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glAlphaFuncx;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLfixed);
+};
+struct glBindBuffer {
+    static constexpr uint16_t id = 3004;
+    static constexpr const char *name = "glBindBuffer";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glBindBuffer;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLuint);
+};
+struct glBindTexture {
+    static constexpr uint16_t id = 3005;
+    static constexpr const char *name = "glBindTexture";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glBindTexture;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLuint);
+};
+struct glBlendFunc {
+    static constexpr uint16_t id = 3006;
+    static constexpr const char *name = "glBlendFunc";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glBlendFunc;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLenum);
+};
+struct glBufferData {
+    static constexpr uint16_t id = 3007;
+    static constexpr const char *name = "glBufferData";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glBufferData;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLsizeiptr, const void *, GLenum);
+};
+struct glBufferSubData {
+    static constexpr uint16_t id = 3008;
+    static constexpr const char *name = "glBufferSubData";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glBufferSubData;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLintptr, GLsizeiptr, const void *);
+};
+struct glClear {
+    static constexpr uint16_t id = 3009;
+    static constexpr const char *name = "glClear";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glClear;
+    static void write(RecordHandle &h, CallCtx &c, GLbitfield);
+};
+struct glClearColor {
+    static constexpr uint16_t id = 3010;
+    static constexpr const char *name = "glClearColor";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glClearColor;
+    static void write(RecordHandle &h, CallCtx &c, GLfloat, GLfloat, GLfloat, GLfloat);
+};
+struct glClearColorx {
+    static constexpr uint16_t id = 3011;
+    static constexpr const char *name = "glClearColorx";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glClearColorx;
+    static void write(RecordHandle &h, CallCtx &c, GLfixed, GLfixed, GLfixed, GLfixed);
+};
+struct glClearDepthf {
+    static constexpr uint16_t id = 3012;
+    static constexpr const char *name = "glClearDepthf";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glClearDepthf;
+    static void write(RecordHandle &h, CallCtx &c, GLfloat);
+};
+struct glClearDepthx {
+    static constexpr uint16_t id = 3013;
+    static constexpr const char *name = "glClearDepthx";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glClearDepthx;
+    static void write(RecordHandle &h, CallCtx &c, GLfixed);
+};
+struct glClearStencil {
+    static constexpr uint16_t id = 3014;
+    static constexpr const char *name = "glClearStencil";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glClearStencil;
+    static void write(RecordHandle &h, CallCtx &c, GLint);
+};
+struct glClientActiveTexture {
+    static constexpr uint16_t id = 3015;
+    static constexpr const char *name = "glClientActiveTexture";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glClientActiveTexture;
+    static void write(RecordHandle &h, CallCtx &c, GLenum);
+};
+struct glClipPlanef {
+    static constexpr uint16_t id = 3016;
+    static constexpr const char *name = "glClipPlanef";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glClipPlanef;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, const GLfloat *);
+};
+struct glClipPlanex {
+    static constexpr uint16_t id = 3017;
+    static constexpr const char *name = "glClipPlanex";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glClipPlanex;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, const GLfixed *);
+};
+struct glColor4f {
+    static constexpr uint16_t id = 3018;
+    static constexpr const char *name = "glColor4f";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glColor4f;
+    static void write(RecordHandle &h, CallCtx &c, GLfloat, GLfloat, GLfloat, GLfloat);
+};
+struct glColor4ub {
+    static constexpr uint16_t id = 3019;
+    static constexpr const char *name = "glColor4ub";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glColor4ub;
+    static void write(RecordHandle &h, CallCtx &c, GLubyte, GLubyte, GLubyte, GLubyte);
+};
+struct glColor4x {
+    static constexpr uint16_t id = 3020;
+    static constexpr const char *name = "glColor4x";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glColor4x;
+    static void write(RecordHandle &h, CallCtx &c, GLfixed, GLfixed, GLfixed, GLfixed);
+};
+struct glColorMask {
+    static constexpr uint16_t id = 3021;
+    static constexpr const char *name = "glColorMask";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glColorMask;
+    static void write(RecordHandle &h, CallCtx &c, GLboolean, GLboolean, GLboolean, GLboolean);
+};
+struct glColorPointer {
+    static constexpr uint16_t id = 3022;
+    static constexpr const char *name = "glColorPointer";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glColorPointer;
+    static void write(RecordHandle &h, CallCtx &c, GLint, GLenum, GLsizei, const void *);
+};
+struct glCompressedTexImage2D {
+    static constexpr uint16_t id = 3023;
+    static constexpr const char *name = "glCompressedTexImage2D";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glCompressedTexImage2D;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLint, GLenum, GLsizei, GLsizei, GLint, GLsizei, const void *);
+};
+struct glCompressedTexSubImage2D {
+    static constexpr uint16_t id = 3024;
+    static constexpr const char *name = "glCompressedTexSubImage2D";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glCompressedTexSubImage2D;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLint, GLint, GLint, GLsizei, GLsizei, GLenum, GLsizei, const void *);
+};
+struct glCopyTexImage2D {
+    static constexpr uint16_t id = 3025;
+    static constexpr const char *name = "glCopyTexImage2D";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glCopyTexImage2D;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLint, GLenum, GLint, GLint, GLsizei, GLsizei, GLint);
+};
+struct glCopyTexSubImage2D {
+    static constexpr uint16_t id = 3026;
+    static constexpr const char *name = "glCopyTexSubImage2D";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glCopyTexSubImage2D;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLint, GLint, GLint, GLint, GLint, GLsizei, GLsizei);
+};
+struct glCullFace {
+    static constexpr uint16_t id = 3027;
+    static constexpr const char *name = "glCullFace";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glCullFace;
+    static void write(RecordHandle &h, CallCtx &c, GLenum);
+};
+struct glDeleteBuffers {
+    static constexpr uint16_t id = 3028;
+    static constexpr const char *name = "glDeleteBuffers";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glDeleteBuffers;
+    static void write(RecordHandle &h, CallCtx &c, GLsizei, const GLuint *);
+};
+struct glDeleteTextures {
+    static constexpr uint16_t id = 3029;
+    static constexpr const char *name = "glDeleteTextures";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glDeleteTextures;
+    static void write(RecordHandle &h, CallCtx &c, GLsizei, const GLuint *);
+};
+struct glDepthFunc {
+    static constexpr uint16_t id = 3030;
+    static constexpr const char *name = "glDepthFunc";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glDepthFunc;
+    static void write(RecordHandle &h, CallCtx &c, GLenum);
+};
+struct glDepthMask {
+    static constexpr uint16_t id = 3031;
+    static constexpr const char *name = "glDepthMask";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glDepthMask;
+    static void write(RecordHandle &h, CallCtx &c, GLboolean);
+};
+struct glDepthRangef {
+    static constexpr uint16_t id = 3032;
+    static constexpr const char *name = "glDepthRangef";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glDepthRangef;
+    static void write(RecordHandle &h, CallCtx &c, GLfloat, GLfloat);
+};
+struct glDepthRangex {
+    static constexpr uint16_t id = 3033;
+    static constexpr const char *name = "glDepthRangex";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glDepthRangex;
+    static void write(RecordHandle &h, CallCtx &c, GLfixed, GLfixed);
+};
+struct glDisable {
+    static constexpr uint16_t id = 3034;
+    static constexpr const char *name = "glDisable";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glDisable;
+    static void write(RecordHandle &h, CallCtx &c, GLenum);
+};
+struct glDisableClientState {
+    static constexpr uint16_t id = 3035;
+    static constexpr const char *name = "glDisableClientState";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glDisableClientState;
+    static void write(RecordHandle &h, CallCtx &c, GLenum);
+};
+struct glDrawArrays {
+    static constexpr uint16_t id = 3036;
+    static constexpr const char *name = "glDrawArrays";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glDrawArrays;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLint, GLsizei);
+};
+struct glDrawElements {
+    static constexpr uint16_t id = 3037;
+    static constexpr const char *name = "glDrawElements";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glDrawElements;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLsizei, GLenum, const void *);
+};
+struct glEnable {
+    static constexpr uint16_t id = 3038;
+    static constexpr const char *name = "glEnable";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glEnable;
+    static void write(RecordHandle &h, CallCtx &c, GLenum);
+};
+struct glEnableClientState {
+    static constexpr uint16_t id = 3039;
+    static constexpr const char *name = "glEnableClientState";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glEnableClientState;
+    static void write(RecordHandle &h, CallCtx &c, GLenum);
+};
+struct glFinish {
+    static constexpr uint16_t id = 3040;
+    static constexpr const char *name = "glFinish";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glFinish;
+    static void write(RecordHandle &h, CallCtx &c);
+};
+struct glFlush {
+    static constexpr uint16_t id = 3041;
+    static constexpr const char *name = "glFlush";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glFlush;
+    static void write(RecordHandle &h, CallCtx &c);
+};
+struct glFogf {
+    static constexpr uint16_t id = 3042;
+    static constexpr const char *name = "glFogf";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glFogf;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLfloat);
+};
+struct glFogfv {
+    static constexpr uint16_t id = 3043;
+    static constexpr const char *name = "glFogfv";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glFogfv;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, const GLfloat *);
+};
+struct glFogx {
+    static constexpr uint16_t id = 3044;
+    static constexpr const char *name = "glFogx";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glFogx;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLfixed);
+};
+struct glFogxv {
+    static constexpr uint16_t id = 3045;
+    static constexpr const char *name = "glFogxv";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glFogxv;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, const GLfixed *);
+};
+struct glFrontFace {
+    static constexpr uint16_t id = 3046;
+    static constexpr const char *name = "glFrontFace";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glFrontFace;
+    static void write(RecordHandle &h, CallCtx &c, GLenum);
+};
+struct glFrustumf {
+    static constexpr uint16_t id = 3047;
+    static constexpr const char *name = "glFrustumf";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glFrustumf;
+    static void write(RecordHandle &h, CallCtx &c, GLfloat, GLfloat, GLfloat, GLfloat, GLfloat, GLfloat);
+};
+struct glFrustumx {
+    static constexpr uint16_t id = 3048;
+    static constexpr const char *name = "glFrustumx";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glFrustumx;
+    static void write(RecordHandle &h, CallCtx &c, GLfixed, GLfixed, GLfixed, GLfixed, GLfixed, GLfixed);
+};
+struct glGetBooleanv {
+    static constexpr uint16_t id = 3049;
+    static constexpr const char *name = "glGetBooleanv";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glGetBooleanv;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLboolean *);
+};
+struct glGetBufferParameteriv {
+    static constexpr uint16_t id = 3050;
+    static constexpr const char *name = "glGetBufferParameteriv";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glGetBufferParameteriv;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLenum, GLint *);
+};
+struct glGetClipPlanef {
+    static constexpr uint16_t id = 3051;
+    static constexpr const char *name = "glGetClipPlanef";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glGetClipPlanef;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLfloat *);
+};
+struct glGetClipPlanex {
+    static constexpr uint16_t id = 3052;
+    static constexpr const char *name = "glGetClipPlanex";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glGetClipPlanex;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLfixed *);
+};
+struct glGenBuffers {
+    static constexpr uint16_t id = 3053;
+    static constexpr const char *name = "glGenBuffers";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glGenBuffers;
+    static void write(RecordHandle &h, CallCtx &c, GLsizei, GLuint *);
+};
+struct glGenTextures {
+    static constexpr uint16_t id = 3054;
+    static constexpr const char *name = "glGenTextures";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glGenTextures;
+    static void write(RecordHandle &h, CallCtx &c, GLsizei, GLuint *);
+};
+struct glGetError {
+    static constexpr uint16_t id = 3055;
+    static constexpr const char *name = "glGetError";
+    using Ret = GLenum;
+    static constexpr api::Type result = api::Type::GlEnum;
+    static constexpr auto slot = &SEs1HostFns::glGetError;
+    static void write(RecordHandle &h, CallCtx &c);
+};
+struct glGetFixedv {
+    static constexpr uint16_t id = 3056;
+    static constexpr const char *name = "glGetFixedv";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glGetFixedv;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLfixed *);
+};
+struct glGetFloatv {
+    static constexpr uint16_t id = 3057;
+    static constexpr const char *name = "glGetFloatv";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glGetFloatv;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLfloat *);
+};
+struct glGetIntegerv {
+    static constexpr uint16_t id = 3058;
+    static constexpr const char *name = "glGetIntegerv";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glGetIntegerv;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLint *);
+};
+struct glGetLightfv {
+    static constexpr uint16_t id = 3059;
+    static constexpr const char *name = "glGetLightfv";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glGetLightfv;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLenum, GLfloat *);
+};
+struct glGetLightxv {
+    static constexpr uint16_t id = 3060;
+    static constexpr const char *name = "glGetLightxv";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glGetLightxv;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLenum, GLfixed *);
+};
+struct glGetMaterialfv {
+    static constexpr uint16_t id = 3061;
+    static constexpr const char *name = "glGetMaterialfv";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glGetMaterialfv;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLenum, GLfloat *);
+};
+struct glGetMaterialxv {
+    static constexpr uint16_t id = 3062;
+    static constexpr const char *name = "glGetMaterialxv";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glGetMaterialxv;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLenum, GLfixed *);
+};
+struct glGetPointerv {
+    static constexpr uint16_t id = 3063;
+    static constexpr const char *name = "glGetPointerv";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glGetPointerv;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, void **);
+};
+struct glGetString {
+    static constexpr uint16_t id = 3064;
+    static constexpr const char *name = "glGetString";
+    using Ret = const GLubyte *;
+    static constexpr api::Type result = api::Type::Ptr;
+    static constexpr auto slot = &SEs1HostFns::glGetString;
+    static void write(RecordHandle &h, CallCtx &c, GLenum);
+};
+struct glGetTexEnvfv {
+    static constexpr uint16_t id = 3065;
+    static constexpr const char *name = "glGetTexEnvfv";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glGetTexEnvfv;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLenum, GLfloat *);
+};
+struct glGetTexEnviv {
+    static constexpr uint16_t id = 3066;
+    static constexpr const char *name = "glGetTexEnviv";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glGetTexEnviv;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLenum, GLint *);
+};
+struct glGetTexEnvxv {
+    static constexpr uint16_t id = 3067;
+    static constexpr const char *name = "glGetTexEnvxv";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glGetTexEnvxv;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLenum, GLfixed *);
+};
+struct glGetTexParameterfv {
+    static constexpr uint16_t id = 3068;
+    static constexpr const char *name = "glGetTexParameterfv";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glGetTexParameterfv;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLenum, GLfloat *);
+};
+struct glGetTexParameteriv {
+    static constexpr uint16_t id = 3069;
+    static constexpr const char *name = "glGetTexParameteriv";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glGetTexParameteriv;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLenum, GLint *);
+};
+struct glGetTexParameterxv {
+    static constexpr uint16_t id = 3070;
+    static constexpr const char *name = "glGetTexParameterxv";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glGetTexParameterxv;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLenum, GLfixed *);
+};
+struct glHint {
+    static constexpr uint16_t id = 3071;
+    static constexpr const char *name = "glHint";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glHint;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLenum);
+};
+struct glIsBuffer {
+    static constexpr uint16_t id = 3072;
+    static constexpr const char *name = "glIsBuffer";
+    using Ret = GLboolean;
+    static constexpr api::Type result = api::Type::GlBoolean;
+    static constexpr auto slot = &SEs1HostFns::glIsBuffer;
+    static void write(RecordHandle &h, CallCtx &c, GLuint);
+};
+struct glIsEnabled {
+    static constexpr uint16_t id = 3073;
+    static constexpr const char *name = "glIsEnabled";
+    using Ret = GLboolean;
+    static constexpr api::Type result = api::Type::GlBoolean;
+    static constexpr auto slot = &SEs1HostFns::glIsEnabled;
+    static void write(RecordHandle &h, CallCtx &c, GLenum);
+};
+struct glIsTexture {
+    static constexpr uint16_t id = 3074;
+    static constexpr const char *name = "glIsTexture";
+    using Ret = GLboolean;
+    static constexpr api::Type result = api::Type::GlBoolean;
+    static constexpr auto slot = &SEs1HostFns::glIsTexture;
+    static void write(RecordHandle &h, CallCtx &c, GLuint);
+};
+struct glLightModelf {
+    static constexpr uint16_t id = 3075;
+    static constexpr const char *name = "glLightModelf";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glLightModelf;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLfloat);
+};
+struct glLightModelfv {
+    static constexpr uint16_t id = 3076;
+    static constexpr const char *name = "glLightModelfv";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glLightModelfv;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, const GLfloat *);
+};
+struct glLightModelx {
+    static constexpr uint16_t id = 3077;
+    static constexpr const char *name = "glLightModelx";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glLightModelx;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLfixed);
+};
+struct glLightModelxv {
+    static constexpr uint16_t id = 3078;
+    static constexpr const char *name = "glLightModelxv";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glLightModelxv;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, const GLfixed *);
+};
+struct glLightf {
+    static constexpr uint16_t id = 3079;
+    static constexpr const char *name = "glLightf";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glLightf;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLenum, GLfloat);
+};
+struct glLightfv {
+    static constexpr uint16_t id = 3080;
+    static constexpr const char *name = "glLightfv";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glLightfv;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLenum, const GLfloat *);
+};
+struct glLightx {
+    static constexpr uint16_t id = 3081;
+    static constexpr const char *name = "glLightx";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glLightx;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLenum, GLfixed);
+};
+struct glLightxv {
+    static constexpr uint16_t id = 3082;
+    static constexpr const char *name = "glLightxv";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glLightxv;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLenum, const GLfixed *);
+};
+struct glLineWidth {
+    static constexpr uint16_t id = 3083;
+    static constexpr const char *name = "glLineWidth";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glLineWidth;
+    static void write(RecordHandle &h, CallCtx &c, GLfloat);
+};
+struct glLineWidthx {
+    static constexpr uint16_t id = 3084;
+    static constexpr const char *name = "glLineWidthx";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glLineWidthx;
+    static void write(RecordHandle &h, CallCtx &c, GLfixed);
+};
+struct glLoadIdentity {
+    static constexpr uint16_t id = 3085;
+    static constexpr const char *name = "glLoadIdentity";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glLoadIdentity;
+    static void write(RecordHandle &h, CallCtx &c);
+};
+struct glLoadMatrixf {
+    static constexpr uint16_t id = 3086;
+    static constexpr const char *name = "glLoadMatrixf";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glLoadMatrixf;
+    static void write(RecordHandle &h, CallCtx &c, const GLfloat *);
+};
+struct glLoadMatrixx {
+    static constexpr uint16_t id = 3087;
+    static constexpr const char *name = "glLoadMatrixx";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glLoadMatrixx;
+    static void write(RecordHandle &h, CallCtx &c, const GLfixed *);
+};
+struct glLogicOp {
+    static constexpr uint16_t id = 3088;
+    static constexpr const char *name = "glLogicOp";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glLogicOp;
+    static void write(RecordHandle &h, CallCtx &c, GLenum);
+};
+struct glMaterialf {
+    static constexpr uint16_t id = 3089;
+    static constexpr const char *name = "glMaterialf";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glMaterialf;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLenum, GLfloat);
+};
+struct glMaterialfv {
+    static constexpr uint16_t id = 3090;
+    static constexpr const char *name = "glMaterialfv";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glMaterialfv;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLenum, const GLfloat *);
+};
+struct glMaterialx {
+    static constexpr uint16_t id = 3091;
+    static constexpr const char *name = "glMaterialx";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glMaterialx;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLenum, GLfixed);
+};
+struct glMaterialxv {
+    static constexpr uint16_t id = 3092;
+    static constexpr const char *name = "glMaterialxv";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glMaterialxv;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLenum, const GLfixed *);
+};
+struct glMatrixMode {
+    static constexpr uint16_t id = 3093;
+    static constexpr const char *name = "glMatrixMode";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glMatrixMode;
+    static void write(RecordHandle &h, CallCtx &c, GLenum);
+};
+struct glMultMatrixf {
+    static constexpr uint16_t id = 3094;
+    static constexpr const char *name = "glMultMatrixf";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glMultMatrixf;
+    static void write(RecordHandle &h, CallCtx &c, const GLfloat *);
+};
+struct glMultMatrixx {
+    static constexpr uint16_t id = 3095;
+    static constexpr const char *name = "glMultMatrixx";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glMultMatrixx;
+    static void write(RecordHandle &h, CallCtx &c, const GLfixed *);
+};
+struct glMultiTexCoord4f {
+    static constexpr uint16_t id = 3096;
+    static constexpr const char *name = "glMultiTexCoord4f";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glMultiTexCoord4f;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLfloat, GLfloat, GLfloat, GLfloat);
+};
+struct glMultiTexCoord4x {
+    static constexpr uint16_t id = 3097;
+    static constexpr const char *name = "glMultiTexCoord4x";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glMultiTexCoord4x;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLfixed, GLfixed, GLfixed, GLfixed);
+};
+struct glNormal3f {
+    static constexpr uint16_t id = 3098;
+    static constexpr const char *name = "glNormal3f";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glNormal3f;
+    static void write(RecordHandle &h, CallCtx &c, GLfloat, GLfloat, GLfloat);
+};
+struct glNormal3x {
+    static constexpr uint16_t id = 3099;
+    static constexpr const char *name = "glNormal3x";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glNormal3x;
+    static void write(RecordHandle &h, CallCtx &c, GLfixed, GLfixed, GLfixed);
+};
+struct glNormalPointer {
+    static constexpr uint16_t id = 3100;
+    static constexpr const char *name = "glNormalPointer";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glNormalPointer;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLsizei, const void *);
+};
+struct glOrthof {
+    static constexpr uint16_t id = 3101;
+    static constexpr const char *name = "glOrthof";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glOrthof;
+    static void write(RecordHandle &h, CallCtx &c, GLfloat, GLfloat, GLfloat, GLfloat, GLfloat, GLfloat);
+};
+struct glOrthox {
+    static constexpr uint16_t id = 3102;
+    static constexpr const char *name = "glOrthox";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glOrthox;
+    static void write(RecordHandle &h, CallCtx &c, GLfixed, GLfixed, GLfixed, GLfixed, GLfixed, GLfixed);
+};
+struct glPixelStorei {
+    static constexpr uint16_t id = 3103;
+    static constexpr const char *name = "glPixelStorei";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glPixelStorei;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLint);
+};
+struct glPointParameterf {
+    static constexpr uint16_t id = 3104;
+    static constexpr const char *name = "glPointParameterf";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glPointParameterf;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLfloat);
+};
+struct glPointParameterfv {
+    static constexpr uint16_t id = 3105;
+    static constexpr const char *name = "glPointParameterfv";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glPointParameterfv;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, const GLfloat *);
+};
+struct glPointParameterx {
+    static constexpr uint16_t id = 3106;
+    static constexpr const char *name = "glPointParameterx";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glPointParameterx;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLfixed);
+};
+struct glPointParameterxv {
+    static constexpr uint16_t id = 3107;
+    static constexpr const char *name = "glPointParameterxv";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glPointParameterxv;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, const GLfixed *);
+};
+struct glPointSize {
+    static constexpr uint16_t id = 3108;
+    static constexpr const char *name = "glPointSize";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glPointSize;
+    static void write(RecordHandle &h, CallCtx &c, GLfloat);
+};
+struct glPointSizex {
+    static constexpr uint16_t id = 3109;
+    static constexpr const char *name = "glPointSizex";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glPointSizex;
+    static void write(RecordHandle &h, CallCtx &c, GLfixed);
+};
+struct glPolygonOffset {
+    static constexpr uint16_t id = 3110;
+    static constexpr const char *name = "glPolygonOffset";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glPolygonOffset;
+    static void write(RecordHandle &h, CallCtx &c, GLfloat, GLfloat);
+};
+struct glPolygonOffsetx {
+    static constexpr uint16_t id = 3111;
+    static constexpr const char *name = "glPolygonOffsetx";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glPolygonOffsetx;
+    static void write(RecordHandle &h, CallCtx &c, GLfixed, GLfixed);
+};
+struct glPopMatrix {
+    static constexpr uint16_t id = 3112;
+    static constexpr const char *name = "glPopMatrix";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glPopMatrix;
+    static void write(RecordHandle &h, CallCtx &c);
+};
+struct glPushMatrix {
+    static constexpr uint16_t id = 3113;
+    static constexpr const char *name = "glPushMatrix";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glPushMatrix;
+    static void write(RecordHandle &h, CallCtx &c);
+};
+struct glReadPixels {
+    static constexpr uint16_t id = 3114;
+    static constexpr const char *name = "glReadPixels";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glReadPixels;
+    static void write(RecordHandle &h, CallCtx &c, GLint, GLint, GLsizei, GLsizei, GLenum, GLenum, void *);
+};
+struct glRotatef {
+    static constexpr uint16_t id = 3115;
+    static constexpr const char *name = "glRotatef";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glRotatef;
+    static void write(RecordHandle &h, CallCtx &c, GLfloat, GLfloat, GLfloat, GLfloat);
+};
+struct glRotatex {
+    static constexpr uint16_t id = 3116;
+    static constexpr const char *name = "glRotatex";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glRotatex;
+    static void write(RecordHandle &h, CallCtx &c, GLfixed, GLfixed, GLfixed, GLfixed);
+};
+struct glSampleCoverage {
+    static constexpr uint16_t id = 3117;
+    static constexpr const char *name = "glSampleCoverage";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glSampleCoverage;
+    static void write(RecordHandle &h, CallCtx &c, GLfloat, GLboolean);
+};
+struct glSampleCoveragex {
+    static constexpr uint16_t id = 3118;
+    static constexpr const char *name = "glSampleCoveragex";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glSampleCoveragex;
+    static void write(RecordHandle &h, CallCtx &c, GLclampx, GLboolean);
+};
+struct glScalef {
+    static constexpr uint16_t id = 3119;
+    static constexpr const char *name = "glScalef";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glScalef;
+    static void write(RecordHandle &h, CallCtx &c, GLfloat, GLfloat, GLfloat);
+};
+struct glScalex {
+    static constexpr uint16_t id = 3120;
+    static constexpr const char *name = "glScalex";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glScalex;
+    static void write(RecordHandle &h, CallCtx &c, GLfixed, GLfixed, GLfixed);
+};
+struct glScissor {
+    static constexpr uint16_t id = 3121;
+    static constexpr const char *name = "glScissor";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glScissor;
+    static void write(RecordHandle &h, CallCtx &c, GLint, GLint, GLsizei, GLsizei);
+};
+struct glShadeModel {
+    static constexpr uint16_t id = 3122;
+    static constexpr const char *name = "glShadeModel";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glShadeModel;
+    static void write(RecordHandle &h, CallCtx &c, GLenum);
+};
+struct glStencilFunc {
+    static constexpr uint16_t id = 3123;
+    static constexpr const char *name = "glStencilFunc";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glStencilFunc;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLint, GLuint);
+};
+struct glStencilMask {
+    static constexpr uint16_t id = 3124;
+    static constexpr const char *name = "glStencilMask";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glStencilMask;
+    static void write(RecordHandle &h, CallCtx &c, GLuint);
+};
+struct glStencilOp {
+    static constexpr uint16_t id = 3125;
+    static constexpr const char *name = "glStencilOp";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glStencilOp;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLenum, GLenum);
+};
+struct glTexCoordPointer {
+    static constexpr uint16_t id = 3126;
+    static constexpr const char *name = "glTexCoordPointer";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glTexCoordPointer;
+    static void write(RecordHandle &h, CallCtx &c, GLint, GLenum, GLsizei, const void *);
+};
+struct glTexEnvf {
+    static constexpr uint16_t id = 3127;
+    static constexpr const char *name = "glTexEnvf";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glTexEnvf;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLenum, GLfloat);
+};
+struct glTexEnvfv {
+    static constexpr uint16_t id = 3128;
+    static constexpr const char *name = "glTexEnvfv";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glTexEnvfv;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLenum, const GLfloat *);
+};
+struct glTexEnvi {
+    static constexpr uint16_t id = 3129;
+    static constexpr const char *name = "glTexEnvi";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glTexEnvi;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLenum, GLint);
+};
+struct glTexEnviv {
+    static constexpr uint16_t id = 3130;
+    static constexpr const char *name = "glTexEnviv";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glTexEnviv;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLenum, const GLint *);
+};
+struct glTexEnvx {
+    static constexpr uint16_t id = 3131;
+    static constexpr const char *name = "glTexEnvx";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glTexEnvx;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLenum, GLfixed);
+};
+struct glTexEnvxv {
+    static constexpr uint16_t id = 3132;
+    static constexpr const char *name = "glTexEnvxv";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glTexEnvxv;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLenum, const GLfixed *);
+};
+struct glTexImage2D {
+    static constexpr uint16_t id = 3133;
+    static constexpr const char *name = "glTexImage2D";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glTexImage2D;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLint, GLint, GLsizei, GLsizei, GLint, GLenum, GLenum, const void *);
+};
+struct glTexParameterf {
+    static constexpr uint16_t id = 3134;
+    static constexpr const char *name = "glTexParameterf";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glTexParameterf;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLenum, GLfloat);
+};
+struct glTexParameterfv {
+    static constexpr uint16_t id = 3135;
+    static constexpr const char *name = "glTexParameterfv";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glTexParameterfv;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLenum, const GLfloat *);
+};
+struct glTexParameteri {
+    static constexpr uint16_t id = 3136;
+    static constexpr const char *name = "glTexParameteri";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glTexParameteri;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLenum, GLint);
+};
+struct glTexParameteriv {
+    static constexpr uint16_t id = 3137;
+    static constexpr const char *name = "glTexParameteriv";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glTexParameteriv;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLenum, const GLint *);
+};
+struct glTexParameterx {
+    static constexpr uint16_t id = 3138;
+    static constexpr const char *name = "glTexParameterx";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glTexParameterx;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLenum, GLfixed);
+};
+struct glTexParameterxv {
+    static constexpr uint16_t id = 3139;
+    static constexpr const char *name = "glTexParameterxv";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glTexParameterxv;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLenum, const GLfixed *);
+};
+struct glTexSubImage2D {
+    static constexpr uint16_t id = 3140;
+    static constexpr const char *name = "glTexSubImage2D";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glTexSubImage2D;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLint, GLint, GLint, GLsizei, GLsizei, GLenum, GLenum, const void *);
+};
+struct glTranslatef {
+    static constexpr uint16_t id = 3141;
+    static constexpr const char *name = "glTranslatef";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glTranslatef;
+    static void write(RecordHandle &h, CallCtx &c, GLfloat, GLfloat, GLfloat);
+};
+struct glTranslatex {
+    static constexpr uint16_t id = 3142;
+    static constexpr const char *name = "glTranslatex";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glTranslatex;
+    static void write(RecordHandle &h, CallCtx &c, GLfixed, GLfixed, GLfixed);
+};
+struct glVertexPointer {
+    static constexpr uint16_t id = 3143;
+    static constexpr const char *name = "glVertexPointer";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glVertexPointer;
+    static void write(RecordHandle &h, CallCtx &c, GLint, GLenum, GLsizei, const void *);
+};
+struct glViewport {
+    static constexpr uint16_t id = 3144;
+    static constexpr const char *name = "glViewport";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glViewport;
+    static void write(RecordHandle &h, CallCtx &c, GLint, GLint, GLsizei, GLsizei);
+};
+struct glPointSizePointerOES {
+    static constexpr uint16_t id = 3145;
+    static constexpr const char *name = "glPointSizePointerOES";
+    using Ret = void;
+    static constexpr api::Type result = api::Type::None;
+    static constexpr auto slot = &SEs1HostFns::glPointSizePointerOES;
+    static void write(RecordHandle &h, CallCtx &c, GLenum, GLsizei, const void *);
+};
+
+} // namespace es1
+
+
 } // namespace kv::fn
 
 namespace kv::capture {
@@ -3418,5 +4584,13 @@ void glDrawElementsInstanced_tail(RecordHandle &h, CallCtx &c, GLenum mode, GLsi
 void glDrawElementsBaseVertex_tail(RecordHandle &h, CallCtx &c, GLenum mode, GLsizei count, GLenum type, const void *indices, GLint basevertex);
 void glDrawElementsInstancedBaseVertex_tail(RecordHandle &h, CallCtx &c, GLenum mode, GLsizei count, GLenum type, const void *indices, GLsizei instancecount, GLint basevertex);
 void glDrawRangeElementsBaseVertex_tail(RecordHandle &h, CallCtx &c, GLenum mode, GLuint start, GLuint end, GLsizei count, GLenum type, const void *indices, GLint basevertex);
+
+namespace es1 {
+
+void glDrawArrays_tail(RecordHandle &h, CallCtx &c, GLenum mode, GLint first, GLsizei count);
+void glDrawElements_tail(RecordHandle &h, CallCtx &c, GLenum mode, GLsizei count, GLenum type, const void *indices);
+
+} // namespace es1
+
 
 } // namespace kv::capture

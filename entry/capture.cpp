@@ -52,7 +52,7 @@ uint32_t formatComponents(GLenum format) {
 // The buffer bound to a target in the current context's shadow state.
 GLuint boundBuffer(GLenum target) {
     CEs2ContextState *state = egl::currentEs2StateQuiet();
-    if (!state) return 0;
+    if (!state) return 0; // OpenGL ES 1 has no pixel buffers
     StateReadGuard guard;
     return state->bufferBinding(target);
 }
@@ -60,7 +60,14 @@ GLuint boundBuffer(GLenum target) {
 PixelStore pixelStore(bool pack) {
     PixelStore store;
     CEs2ContextState *state = egl::currentEs2StateQuiet();
-    if (!state) return store;
+    if (!state) {
+        // OpenGL ES 1 knows the alignments only.
+        if (CFFContextState *es1 = egl::currentEs1StateQuiet()) {
+            StateReadGuard guard;
+            store.alignment = es1->pixelStore(pack ? GL_PACK_ALIGNMENT : GL_UNPACK_ALIGNMENT);
+        }
+        return store;
+    }
     StateReadGuard guard;
     if (pack) {
         store.alignment = state->pixelStore(GL_PACK_ALIGNMENT);

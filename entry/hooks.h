@@ -220,3 +220,4 @@ int32_t createdHeight(CallCtx &c);
 } // namespace kv
 
 #include "entry/gles/gles_hooks.h"
+#include "entry/es1/es1_hooks.h"

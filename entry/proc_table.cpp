@@ -10,11 +10,23 @@
 
 namespace kv {
 
-ProcAddress lookupProc(const char *name) {
-    const ProcEntry *end = kProcTable + kProcTableSize;
+namespace {
+
+ProcAddress lookupIn(const ProcEntry *table, uint32_t size, const char *name) {
+    const ProcEntry *end = table + size;
     const ProcEntry *it = std::lower_bound(
-        kProcTable, end, name, [](const ProcEntry &e, const char *n) { return std::strcmp(e.name, n) < 0; });
+        table, end, name, [](const ProcEntry &e, const char *n) { return std::strcmp(e.name, n) < 0; });
     return it != end && std::strcmp(it->name, name) == 0 ? it->address : nullptr;
+}
+
+} // namespace
+
+ProcAddress lookupProc(const char *name) {
+    return lookupIn(kProcTable, kProcTableSize, name);
+}
+
+ProcAddress lookupEs1Proc(const char *name) {
+    return lookupIn(kEs1ProcTable, kEs1ProcTableSize, name);
 }
 
 bool noteUnknownProc(const char *name) {

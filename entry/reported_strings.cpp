@@ -112,7 +112,7 @@ const char *reportedEglString(EGLint name, const char *host) {
 
 const char *reportedGlString(GLenum name, const char *host, uint32_t majorVersion) {
     Settings &s = getSettings();
-    const int base = majorVersion >= 3 ? kES3Vendor : kES2Vendor;
+    const int base = majorVersion >= 3 ? kES3Vendor : majorVersion == 2 ? kES2Vendor : kES1Vendor;
     platform::LockGuard<platform::Mutex> guard(*g_lock);
     CZandString &vendor = s.reported[base], &renderer = s.reported[base + 1], &version = s.reported[base + 2],
                 &extensions = s.reported[base + 3];

@@ -12,7 +12,7 @@ namespace kv {
 // The answer to eglQueryString(name) given the host's answer; the host's own when nothing
 // replaces it.
 const char *reportedEglString(EGLint name, const char *host);
-// The answer to glGetString(name) for a context of the given major version (2 or 3).
+// The answer to glGetString(name) for a context of the given major version (1, 2 or 3).
 const char *reportedGlString(GLenum name, const char *host, uint32_t majorVersion);
 
 // Whether an extension name is an entry of a ';'-separated disable list.

@@ -270,11 +270,100 @@ void Call::createdProgramValue(ProgramValue kind, uint32_t program, int64_t made
 
 // ---- Draws ------------------------------------------------------------------------------------
 
+namespace {
+
+// OpenGL ES 1 names (the player does not include the ES1 header).
+constexpr GLenum kVertexArraySize = 0x807A, kVertexArrayType = 0x807B, kNormalArrayType = 0x807E,
+                 kColorArraySize = 0x8081, kColorArrayType = 0x8082, kTexCoordArraySize = 0x8088,
+                 kTexCoordArrayType = 0x8089, kClientActiveTexture = 0x84E1, kPointSizeArrayType = 0x898A,
+                 kMatrixIndexArraySize = 0x8846, kMatrixIndexArrayType = 0x8847, kWeightArrayType = 0x86A9,
+                 kWeightArraySize = 0x86AB;
+
+// Points a fixed-function client array (keyed as the recorder keys them: 0 vertex, 1 normal,
+// 2 colour, 3 point size, 4 matrix index, 5 weight, 8 + u texture coordinates of unit u) at the
+// recorded data, tightly packed, in the format the application set, which the driver still holds.
+bool pointFixedArray(const SEs1HostFns &gl, const SGlesExtHostFns &ext, uint32_t key, const void *data) {
+    GLint size = 4, type = GL_FLOAT;
+    auto packed = [&](GLint components) {
+        return static_cast<GLsizei>(static_cast<uint32_t>(std::max(components, 0)) *
+                                    componentSize(static_cast<GLenum>(type)));
+    };
+    switch (key) {
+    case 0:
+        gl.glGetIntegerv(kVertexArraySize, &size);
+        gl.glGetIntegerv(kVertexArrayType, &type);
+        gl.glVertexPointer(size, static_cast<GLenum>(type), packed(size), data);
+        return true;
+    case 1:
+        gl.glGetIntegerv(kNormalArrayType, &type);
+        gl.glNormalPointer(static_cast<GLenum>(type), packed(3), data);
+        return true;
+    case 2:
+        gl.glGetIntegerv(kColorArraySize, &size);
+        gl.glGetIntegerv(kColorArrayType, &type);
+        gl.glColorPointer(size, static_cast<GLenum>(type), packed(size), data);
+        return true;
+    case 3:
+        if (!gl.glPointSizePointerOES) return false;
+        gl.glGetIntegerv(kPointSizeArrayType, &type);
+        gl.glPointSizePointerOES(static_cast<GLenum>(type), packed(1), data);
+        return true;
+    case 4:
+        if (!ext.glMatrixIndexPointerOES) return false;
+        gl.glGetIntegerv(kMatrixIndexArraySize, &size);
+        gl.glGetIntegerv(kMatrixIndexArrayType, &type);
+        ext.glMatrixIndexPointerOES(size, static_cast<GLenum>(type), packed(size), data);
+        return true;
+    case 5:
+        if (!ext.glWeightPointerOES) return false;
+        gl.glGetIntegerv(kWeightArraySize, &size);
+        gl.glGetIntegerv(kWeightArrayType, &type);
+        ext.glWeightPointerOES(size, static_cast<GLenum>(type), packed(size), data);
+        return true;
+    default: {
+        if (key < 8 || key >= 16) return false;
+        GLint active = GL_TEXTURE0;
+        gl.glGetIntegerv(kClientActiveTexture, &active);
+        gl.glClientActiveTexture(GL_TEXTURE0 + (key - 8));
+        gl.glGetIntegerv(kTexCoordArraySize, &size);
+        gl.glGetIntegerv(kTexCoordArrayType, &type);
+        gl.glTexCoordPointer(size, static_cast<GLenum>(type), packed(size), data);
+        gl.glClientActiveTexture(static_cast<GLenum>(active));
+        return true;
+    }
+    }
+}
+
+} // namespace
+
 bool Call::clientArrays(int tail) {
     const reader::Arg &a = e.args[static_cast<size_t>(tail)];
     if (a.partial) {
         fail("the client arrays of the draw were not recorded whole; the draw was skipped");
         return false;
+    }
+    if (context().apiVersion == 1) {
+        const SEs1HostFns &gl = es1();
+        // A client pointer is taken relative to the buffer bound to GL_ARRAY_BUFFER: none while
+        // the recorded data is pointed at.
+        GLint arrayBuffer = 0;
+        gl.glGetIntegerv(GL_ARRAY_BUFFER_BINDING, &arrayBuffer);
+        if (arrayBuffer) gl.glBindBuffer(GL_ARRAY_BUFFER, 0);
+        bool ok = true;
+        for (uint32_t k = 0; k < a.partCount && ok; ++k) {
+            const reader::Part &p = e.parts[a.firstPart + k];
+            if (p.kind != reader::Part::Kind::Attribute) continue;
+            if (p.count == 0 || p.block < 0) {
+                fail("a client array of the draw was not recorded; the draw was skipped");
+                ok = false;
+            } else if (!pointFixedArray(gl, glext(), p.index,
+                                        e.bytes(e.blocks[static_cast<size_t>(p.block)]))) {
+                fail("the driver lacks the function of a client array of the draw; the draw was skipped");
+                ok = false;
+            }
+        }
+        if (arrayBuffer) gl.glBindBuffer(GL_ARRAY_BUFFER, static_cast<GLuint>(arrayBuffer));
+        return ok;
     }
     const GLESPPHostFns &gl = gles();
     for (uint32_t k = 0; k < a.partCount; ++k) {

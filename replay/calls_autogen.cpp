@@ -3275,7 +3275,7 @@ void play_3022(Call &c) {
     GLint p_size = static_cast<GLint>(c.value(0));
     GLenum p_type = static_cast<GLenum>(c.value(1));
     GLsizei p_stride = static_cast<GLsizei>(c.value(2));
-    const void * p_pointer = reinterpret_cast<const void *>(const_cast<void *>(c.in(3)));
+    const void * p_pointer = c.raw<const void *>(3);
     if (!c.ok()) return;
     if (!H::before(c, p_size, p_type, p_stride, p_pointer)) return;
     if constexpr (H::kReplacesCall) H::call(c, p_size, p_type, p_stride, p_pointer); else host(p_size, p_type, p_stride, p_pointer);
@@ -3745,7 +3745,7 @@ void play_3056(Call &c) {
     auto host = c.es1().glGetFixedv;
     if (!H::kReplacesCall && !host) return c.missing();
     GLenum p_pname = static_cast<GLenum>(c.value(0));
-    GLfixed * p_params = c.raw<GLfixed *>(1);
+    GLfixed * p_params = reinterpret_cast<GLfixed *>(c.out(1));
     if (!c.ok()) return;
     if (!H::before(c, p_pname, p_params)) return;
     if constexpr (H::kReplacesCall) H::call(c, p_pname, p_params); else host(p_pname, p_params);
@@ -4334,7 +4334,7 @@ void play_3100(Call &c) {
     if (!H::kReplacesCall && !host) return c.missing();
     GLenum p_type = static_cast<GLenum>(c.value(0));
     GLsizei p_stride = static_cast<GLsizei>(c.value(1));
-    const void * p_pointer = reinterpret_cast<const void *>(const_cast<void *>(c.in(2)));
+    const void * p_pointer = c.raw<const void *>(2);
     if (!c.ok()) return;
     if (!H::before(c, p_type, p_stride, p_pointer)) return;
     if constexpr (H::kReplacesCall) H::call(c, p_type, p_stride, p_pointer); else host(p_type, p_stride, p_pointer);
@@ -4689,7 +4689,7 @@ void play_3126(Call &c) {
     GLint p_size = static_cast<GLint>(c.value(0));
     GLenum p_type = static_cast<GLenum>(c.value(1));
     GLsizei p_stride = static_cast<GLsizei>(c.value(2));
-    const void * p_pointer = reinterpret_cast<const void *>(const_cast<void *>(c.in(3)));
+    const void * p_pointer = c.raw<const void *>(3);
     if (!c.ok()) return;
     if (!H::before(c, p_size, p_type, p_stride, p_pointer)) return;
     if constexpr (H::kReplacesCall) H::call(c, p_size, p_type, p_stride, p_pointer); else host(p_size, p_type, p_stride, p_pointer);
@@ -4940,7 +4940,7 @@ void play_3143(Call &c) {
     GLint p_size = static_cast<GLint>(c.value(0));
     GLenum p_type = static_cast<GLenum>(c.value(1));
     GLsizei p_stride = static_cast<GLsizei>(c.value(2));
-    const void * p_pointer = reinterpret_cast<const void *>(const_cast<void *>(c.in(3)));
+    const void * p_pointer = c.raw<const void *>(3);
     if (!c.ok()) return;
     if (!H::before(c, p_size, p_type, p_stride, p_pointer)) return;
     if constexpr (H::kReplacesCall) H::call(c, p_size, p_type, p_stride, p_pointer); else host(p_size, p_type, p_stride, p_pointer);
@@ -4969,7 +4969,7 @@ void play_3145(Call &c) {
     if (!H::kReplacesCall && !host) return c.missing();
     GLenum p_type = static_cast<GLenum>(c.value(0));
     GLsizei p_stride = static_cast<GLsizei>(c.value(1));
-    const void * p_pointer = reinterpret_cast<const void *>(const_cast<void *>(c.in(2)));
+    const void * p_pointer = c.raw<const void *>(2);
     if (!c.ok()) return;
     if (!H::before(c, p_type, p_stride, p_pointer)) return;
     if constexpr (H::kReplacesCall) H::call(c, p_type, p_stride, p_pointer); else host(p_type, p_stride, p_pointer);

@@ -16,18 +16,24 @@ namespace {
 
 constexpr uintptr_t kLowestClientAddress = 0x4000;
 
-void reportCrash() {
-    const char *text = "Failed to save all the VertexAttribPointer data due to a crash while accessing the "
-                       "aforementioned data.";
-    msg::emit(msg::kDebugger, "", text);
-    msg::emit(msg::kErr, "ERROR: ", text);
+// The words of the messages: the ES2/3 draws speak of VertexAttribPointer, the fixed-function
+// draws of gl*Pointer.
+const char *pointerCall(bool fixed) {
+    return fixed ? "gl*Pointer" : "VertexAttribPointer";
 }
 
-void reportInaccessible(const void *pointer) {
-    CZandString text =
-        CZandString::format("VertexAttribPointer data is inaccessible at address 0x%x. Please check "
-                            "your VertexAttribPointer and BindBuffer use.",
-                            static_cast<unsigned>(reinterpret_cast<uintptr_t>(pointer)));
+void reportCrash(bool fixed = false) {
+    CZandString text = CZandString::format(
+        "Failed to save all the %s data due to a crash while accessing the aforementioned data.",
+        pointerCall(fixed));
+    msg::emit(msg::kDebugger, "", text.c_str());
+    msg::emit(msg::kErr, "ERROR: ", text.c_str());
+}
+
+void reportInaccessible(const void *pointer, bool fixed) {
+    CZandString text = CZandString::format(
+        "%s data is inaccessible at address 0x%x. Please check your %s and BindBuffer use.",
+        pointerCall(fixed), static_cast<unsigned>(reinterpret_cast<uintptr_t>(pointer)), pointerCall(fixed));
     msg::emit(msg::kDebugger, "", text.c_str());
     msg::emit(msg::kErr, "ERROR: ", text.c_str());
 }
@@ -180,6 +186,71 @@ bool maxIndex(GLenum type, const void *indices, uint32_t count, uint32_t *maximu
     return true;
 }
 
+namespace {
+
+// One client array of a draw: `key` names it in the record, `element` is the bytes of one element,
+// `elements` how many the draw can read. False when a fault ended the capture.
+bool captureArray(RecordHandle &h, uint32_t key, const void *clientPointer, uint64_t element, uint32_t stride,
+                  uint64_t elements, bool instanced, uint32_t neededFrom, bool fixed) {
+    uint64_t bytes = element * elements;
+    if (bytes > 0xFFFFFFF0ull - h.size()) bytes = 0;
+    if (element == 0) bytes = 0;
+    elements = element ? bytes / element : 0;
+    // The driver reads from the first vertex drawn; what lies before it is recorded (a player
+    // counts vertices from 0) but is not needed, so memory there that cannot be read is
+    // recorded as zeros instead of ending the capture.
+    const uint64_t needed = instanced ? 0 : std::min<uint64_t>(neededFrom, elements);
+    const uint8_t *pointer = static_cast<const uint8_t *>(clientPointer);
+
+    if (stride == element) {
+        if (bytes <= kCopiedBlock) {
+            auto *copy = static_cast<uint8_t *>(h.scratch(static_cast<size_t>(bytes)));
+            if (platform::guardedCopy(copy, pointer, static_cast<size_t>(bytes)) == bytes) {
+                handOver(h, key, pointer, static_cast<uint32_t>(bytes), copy, true);
+                return true;
+            }
+        } else if (readable(pointer, bytes)) {
+            handOver(h, key, pointer, static_cast<uint32_t>(bytes), pointer, false);
+            return true;
+        }
+        const uint64_t skipped = needed * element;
+        if (skipped == 0 || !readable(pointer + skipped, bytes - skipped)) {
+            reportCrash(fixed);
+            return false;
+        }
+        auto *copy = static_cast<uint8_t *>(h.scratch(static_cast<size_t>(bytes)));
+        std::memset(copy, 0, static_cast<size_t>(skipped));
+        if (platform::guardedCopy(copy + skipped, pointer + skipped, static_cast<size_t>(bytes - skipped)) !=
+            bytes - skipped) {
+            reportCrash(fixed);
+            return false;
+        }
+        handOver(h, key, pointer, static_cast<uint32_t>(bytes), copy, true);
+        return true;
+    }
+    if (!instanced && reinterpret_cast<uintptr_t>(pointer) < kLowestClientAddress) {
+        reportInaccessible(pointer, fixed);
+        handOver(h, key, nullptr, 0, nullptr, false);
+        return true;
+    }
+    auto *gathered = static_cast<uint8_t *>(h.scratch(static_cast<size_t>(bytes)));
+    uint64_t copied =
+        platform::guardedGather(gathered, pointer, elements, static_cast<size_t>(element), stride);
+    if (copied < elements && copied < needed) {
+        std::memset(gathered, 0, static_cast<size_t>(needed * element));
+        copied = needed + platform::guardedGather(gathered + needed * element, pointer + needed * stride,
+                                                  elements - needed, static_cast<size_t>(element), stride);
+    }
+    if (copied < elements) {
+        reportCrash(fixed);
+        return false;
+    }
+    handOver(h, key, pointer, static_cast<uint32_t>(bytes), gathered, true);
+    return true;
+}
+
+} // namespace
+
 bool captureAttributes(RecordHandle &h, CEs2ContextState &state, uint32_t range, uint32_t instances,
                        uint32_t neededFrom) {
     VaoRecord &vao = state.currentVao();
@@ -199,64 +270,108 @@ bool captureAttributes(RecordHandle &h, CEs2ContextState &state, uint32_t range,
         // Instancing is decided per attribute: only one with a divisor advances per instance.
         bool instanced = instances != 0 && binding.divisor != 0;
         if (instanced) elements = (uint64_t(instances) + binding.divisor - 1) / binding.divisor;
-        uint64_t bytes = element * elements;
-        if (bytes > 0xFFFFFFF0ull - h.size()) bytes = 0;
-        if (element == 0) bytes = 0;
-        elements = element ? bytes / element : 0;
-        // The driver reads from the first vertex drawn; what lies before it is recorded (a player
-        // counts vertices from 0) but is not needed, so memory there that cannot be read is
-        // recorded as zeros instead of ending the capture.
-        const uint64_t needed = instanced ? 0 : std::min<uint64_t>(neededFrom, elements);
-        const uint8_t *pointer = static_cast<const uint8_t *>(binding.clientPointer);
-
-        if (binding.stride == element) {
-            if (bytes <= kCopiedBlock) {
-                auto *copy = static_cast<uint8_t *>(h.scratch(static_cast<size_t>(bytes)));
-                if (platform::guardedCopy(copy, pointer, static_cast<size_t>(bytes)) == bytes) {
-                    handOver(h, entry.first, pointer, static_cast<uint32_t>(bytes), copy, true);
-                    continue;
-                }
-            } else if (readable(pointer, bytes)) {
-                handOver(h, entry.first, pointer, static_cast<uint32_t>(bytes), pointer, false);
-                continue;
-            }
-            const uint64_t skipped = needed * element;
-            if (skipped == 0 || !readable(pointer + skipped, bytes - skipped)) {
-                reportCrash();
-                return false;
-            }
-            auto *copy = static_cast<uint8_t *>(h.scratch(static_cast<size_t>(bytes)));
-            std::memset(copy, 0, static_cast<size_t>(skipped));
-            if (platform::guardedCopy(copy + skipped, pointer + skipped,
-                                      static_cast<size_t>(bytes - skipped)) != bytes - skipped) {
-                reportCrash();
-                return false;
-            }
-            handOver(h, entry.first, pointer, static_cast<uint32_t>(bytes), copy, true);
-            continue;
-        }
-        if (!instanced && reinterpret_cast<uintptr_t>(pointer) < kLowestClientAddress) {
-            reportInaccessible(pointer);
-            handOver(h, entry.first, nullptr, 0, nullptr, false);
-            continue;
-        }
-        auto *gathered = static_cast<uint8_t *>(h.scratch(static_cast<size_t>(bytes)));
-        uint64_t copied = platform::guardedGather(gathered, pointer, elements, static_cast<size_t>(element),
-                                                  binding.stride);
-        if (copied < elements && copied < needed) {
-            std::memset(gathered, 0, static_cast<size_t>(needed * element));
-            copied = needed + platform::guardedGather(gathered + needed * element,
-                                                      pointer + needed * binding.stride, elements - needed,
-                                                      static_cast<size_t>(element), binding.stride);
-        }
-        if (copied < elements) {
-            reportCrash();
+        if (!captureArray(h, entry.first, binding.clientPointer, element, binding.stride, elements, instanced,
+                          neededFrom, false))
             return false;
-        }
-        handOver(h, entry.first, pointer, static_cast<uint32_t>(bytes), gathered, true);
     }
     return true;
 }
+
+bool captureFixedArrays(RecordHandle &h, CFFContextState &state, uint32_t range, uint32_t neededFrom) {
+    for (uint32_t key = kFFVertexArray; key < kFFTexCoordArray + CFFContextState::kTextureUnits; ++key) {
+        const CFFContextState::ClientArray *array = state.array(key);
+        if (!array || !array->enabled || array->buffer != 0 || !array->pointer) continue;
+        if (!captureArray(h, key, array->pointer, array->elementBytes(), array->step(), range, false,
+                          neededFrom, true))
+            return false;
+    }
+    return true;
+}
+
+namespace {
+
+// The indices of an indexed draw, per draw (see client_arrays.h), and, when `scan` is set, the
+// largest index they name into `maximum`. False when the capture ended at indices that cannot be
+// read. `contents`: the recorder's copy of the bound element array buffer, or null for none.
+bool writeIndices(RecordHandle &h, const GLsizei *counts, GLenum type, const void *const *indices,
+                  uint32_t draws, const std::vector<uint8_t> *contents, bool scan, uint32_t restart,
+                  const GLint *baseVertices, bool fixed, uint32_t *maximumOut, bool *drawsSomethingOut) {
+    const uint32_t width = indexSize(type);
+    uint32_t maximum = *maximumOut;
+    bool drawsSomething = false;
+    for (uint32_t d = 0; d < draws; ++d) {
+        uint64_t count = counts && counts[d] > 0 ? static_cast<uint64_t>(counts[d]) : 0;
+        const void *given = indices ? indices[d] : nullptr;
+        const uint8_t *data = nullptr;
+        uint64_t available = count;
+        if (contents) {
+            uint64_t offset = reinterpret_cast<uintptr_t>(given);
+            if (offset <= contents->size()) {
+                data = contents->data() + offset;
+                available =
+                    std::min<uint64_t>(count, (contents->size() - offset) / std::max<uint32_t>(width, 1));
+            }
+        } else {
+            data = static_cast<const uint8_t *>(given);
+        }
+        if (!data && count > 0) {
+            CZandString text = CZandString::format(
+                "%s data is inaccessible as we failed to obtain a valid pointer for the indices.",
+                pointerCall(fixed));
+            msg::emit(msg::kDebugger, "", text.c_str());
+            msg::emit(msg::kErr, "ERROR: ", text.c_str());
+            h.ptr(nullptr);
+            h.u32(0);
+            h.ptr(nullptr);
+            return false;
+        }
+        uint32_t indexBytes = contents ? 0 : static_cast<uint32_t>(count * width);
+        bool copied = false;
+        if (indexBytes && indexBytes <= kCopiedBlock) {
+            auto *copy = static_cast<uint8_t *>(h.scratch(indexBytes));
+            copied = platform::guardedCopy(copy, data, indexBytes) == indexBytes;
+            if (copied) data = copy;
+        }
+        if (indexBytes && !copied && !readable(data, indexBytes)) {
+            // Indices that cannot be read are recorded as none, and the capture stops here.
+            reportCrash(fixed);
+            h.ptr(given);
+            h.u32(0);
+            h.ptr(given);
+            return false;
+        }
+        h.ptr(given);
+        h.u32(indexBytes);
+        if (copied)
+            h.addOwnBlock(indexBytes, data, true);
+        else
+            h.addBlock(indexBytes, data, true);
+        h.ptr(given);
+        if (count > 0) drawsSomething = true;
+        if (scan && available) {
+            uint32_t m = 0;
+            // Indices already copied (or the recorder's copy of a buffer) need no guard.
+            bool ok = contents || copied ? (m = maxIndexUnchecked(type, data, available), true)
+                                         : maxIndex(type, data, static_cast<uint32_t>(available), &m);
+            if (ok && restart && m == restart)
+                ok = contents || copied
+                         ? (m = maxIndexBelow(type, data, available, restart), true)
+                         : maxIndexBelowGuarded(type, data, static_cast<uint32_t>(available), restart, &m);
+            if (!ok) {
+                reportCrash(fixed);
+                return false;
+            }
+            uint32_t base = baseVertices ? static_cast<uint32_t>(baseVertices[d]) : 0;
+            maximum = std::max(maximum, m + base);
+        }
+    }
+    if (draws > 1) h.u64(draws);
+    *maximumOut = maximum;
+    *drawsSomethingOut = drawsSomething;
+    return true;
+}
+
+} // namespace
 
 bool captureArrays(RecordHandle &h, CallCtx &c, const GLint *firsts, const GLsizei *counts, uint32_t draws,
                    uint32_t instances) {
@@ -316,73 +431,38 @@ bool captureElements(RecordHandle &h, CallCtx &c, const GLsizei *counts, GLenum 
     if (restartCap != state->capabilities.end() && restartCap->second && width)
         restart = width == 4 ? 0xFFFFFFFFu : (1u << (8 * width)) - 1;
     bool drawsSomething = false;
-    for (uint32_t d = 0; d < draws; ++d) {
-        uint64_t count = counts && counts[d] > 0 ? static_cast<uint64_t>(counts[d]) : 0;
-        const void *given = indices ? indices[d] : nullptr;
-        const uint8_t *data = nullptr;
-        uint64_t available = count;
-        if (contents) {
-            uint64_t offset = reinterpret_cast<uintptr_t>(given);
-            if (offset <= contents->size()) {
-                data = contents->data() + offset;
-                available =
-                    std::min<uint64_t>(count, (contents->size() - offset) / std::max<uint32_t>(width, 1));
-            }
-        } else {
-            data = static_cast<const uint8_t *>(given);
-        }
-        if (!data && count > 0) {
-            const char *text = "VertexAttribPointer data is inaccessible as we failed to obtain a valid "
-                               "pointer for the indices.";
-            msg::emit(msg::kDebugger, "", text);
-            msg::emit(msg::kErr, "ERROR: ", text);
-            h.ptr(nullptr);
-            h.u32(0);
-            h.ptr(nullptr);
-            return false;
-        }
-        uint32_t indexBytes = contents ? 0 : static_cast<uint32_t>(count * width);
-        bool copied = false;
-        if (indexBytes && indexBytes <= kCopiedBlock) {
-            auto *copy = static_cast<uint8_t *>(h.scratch(indexBytes));
-            copied = platform::guardedCopy(copy, data, indexBytes) == indexBytes;
-            if (copied) data = copy;
-        }
-        if (indexBytes && !copied && !readable(data, indexBytes)) {
-            // Indices that cannot be read are recorded as none, and the capture stops here.
-            reportCrash();
-            h.ptr(given);
-            h.u32(0);
-            h.ptr(given);
-            return false;
-        }
-        h.ptr(given);
-        h.u32(indexBytes);
-        if (copied)
-            h.addOwnBlock(indexBytes, data, true);
-        else
-            h.addBlock(indexBytes, data, true);
-        h.ptr(given);
-        if (count > 0) drawsSomething = true;
-        if (scan && available) {
-            uint32_t m = 0;
-            // Indices already copied (or the recorder's copy of a buffer) need no guard.
-            bool ok = contents || copied ? (m = maxIndexUnchecked(type, data, available), true)
-                                         : maxIndex(type, data, static_cast<uint32_t>(available), &m);
-            if (ok && restart && m == restart)
-                ok = contents || copied
-                         ? (m = maxIndexBelow(type, data, available, restart), true)
-                         : maxIndexBelowGuarded(type, data, static_cast<uint32_t>(available), restart, &m);
-            if (!ok) {
-                reportCrash();
-                return false;
-            }
-            uint32_t base = baseVertices ? static_cast<uint32_t>(baseVertices[d]) : 0;
-            maximum = std::max(maximum, m + base);
-        }
-    }
-    if (draws > 1) h.u64(draws);
+    if (!writeIndices(h, counts, type, indices, draws, contents, scan, restart, baseVertices, false, &maximum,
+                      &drawsSomething))
+        return false;
     return !clientArrays || !drawsSomething || captureAttributes(h, *state, maximum + 1, instances, 0);
+}
+
+bool captureFixedDraw(RecordHandle &h, CallCtx &c, GLint first, GLsizei count, GLenum type,
+                      const void *indices, bool indexed) {
+    if (c.failed || count <= 0) return false;
+    CFFContextState *state = egl::currentEs1State();
+    if (!state) return false;
+    if (!indexed) {
+        platform::LockGuard<StateLock> guard(stateLock());
+        return captureFixedArrays(h, *state, static_cast<uint32_t>(first) + static_cast<uint32_t>(count),
+                                  static_cast<uint32_t>(first));
+    }
+    GLint boundElements = 0;
+    SEs1Host::get().fn.glGetIntegerv(GL_ELEMENT_ARRAY_BUFFER_BINDING, &boundElements);
+    platform::LockGuard<StateLock> guard(stateLock());
+    const std::vector<uint8_t> *contents = nullptr;
+    if (boundElements) contents = &state->shared().buffers[static_cast<GLuint>(boundElements)].contents;
+    bool clientArrays = false;
+    for (uint32_t key = kFFVertexArray; key < kFFTexCoordArray + CFFContextState::kTextureUnits; ++key) {
+        const CFFContextState::ClientArray *array = state->array(key);
+        if (array && array->enabled && array->buffer == 0 && array->pointer) clientArrays = true;
+    }
+    uint32_t maximum = 0;
+    bool drawsSomething = false;
+    if (!writeIndices(h, &count, type, &indices, 1, contents, clientArrays, 0, nullptr, true, &maximum,
+                      &drawsSomething))
+        return false;
+    return !clientArrays || !drawsSomething || captureFixedArrays(h, *state, maximum + 1, 0);
 }
 
 } // namespace kv::arrays
@@ -440,3 +520,16 @@ void glDrawElementsInstancedBaseVertex_tail(RecordHandle &h, CallCtx &c, GLenum,
 }
 
 } // namespace kv::capture
+
+namespace kv::capture::es1 {
+
+void glDrawArrays_tail(RecordHandle &h, CallCtx &c, GLenum, GLint first, GLsizei count) {
+    if (c.d.recordData) arrays::captureFixedDraw(h, c, first, count, 0, nullptr, false);
+}
+
+void glDrawElements_tail(RecordHandle &h, CallCtx &c, GLenum, GLsizei count, GLenum type,
+                         const void *indices) {
+    if (c.d.recordData) arrays::captureFixedDraw(h, c, 0, count, type, indices, true);
+}
+
+} // namespace kv::capture::es1

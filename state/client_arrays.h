@@ -9,6 +9,7 @@
 
 #include "core/call_types.h"
 #include "state/context_state.h"
+#include "state/ff_state.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -40,5 +41,12 @@ bool captureElements(RecordHandle &h, CallCtx &c, const GLsizei *counts, GLenum 
 // is recorded as zeros.
 bool captureAttributes(RecordHandle &h, CEs2ContextState &state, uint32_t vertexRange, uint32_t instances,
                        uint32_t neededFrom);
+
+// The fixed-function draws of OpenGL ES 1: the enabled client arrays of `state` (keys in
+// state/ff_state.h) for a vertex range; `state` is locked by the caller.
+bool captureFixedArrays(RecordHandle &h, CFFContextState &state, uint32_t vertexRange, uint32_t neededFrom);
+// glDrawArrays (first, count) or glDrawElements (count, type, indices) of OpenGL ES 1.
+bool captureFixedDraw(RecordHandle &h, CallCtx &c, GLint first, GLsizei count, GLenum type,
+                      const void *indices, bool indexed);
 
 } // namespace kv::arrays

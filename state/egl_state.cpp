@@ -118,6 +118,10 @@ std::shared_ptr<ContextRecord> addContext(EGLDisplay dpy, EGLConfig config, EGLC
             record->es2->resources() =
                 SharedPtr<CEs2ContextState::SEs2Resources>(new CEs2ContextState::SEs2Resources());
     }
+    if (record->apiVersion == 1) {
+        record->es1 = std::make_unique<CFFContextState>();
+        if (shareRecord && shareRecord->es1) record->es1->resources() = shareRecord->es1->resources();
+    }
     platform::LockGuard<platform::Mutex> guard(d->lock);
     d->contexts[context] = record;
     return record;
@@ -170,6 +174,32 @@ CEs2ContextState *currentEs2State() {
         return nullptr;
     }
     return t->current->es2.get();
+}
+
+CFFContextState *currentEs1StateQuiet() {
+    ThreadState *t = threadStateIfAny();
+    if (!t || !t->current) return nullptr;
+    return t->current->es1.get();
+}
+
+CFFContextState *currentEs1State() {
+    ThreadState *t = threadStateIfAny();
+    if (!t || !t->current) {
+        msg::emit(msg::kDebugger | msg::kOut, "",
+                  "Failed to retrieve the OpenGL ES 1 state as there is no current context (we may crash)");
+        msg::emit(
+            msg::kDebugger | msg::kOut, "",
+            "This can occur if an OpenGL ES call is made on a thread without a current context or the EGL "
+            "calls aren't going through Kalvoren's libEGL");
+        return nullptr;
+    }
+    if (!t->current->es1) {
+        msg::emit(msg::kDebugger | msg::kOut, "", "Failed to retrieve the OpenGL ES 1 state (we may crash)");
+        msg::emit(msg::kDebugger | msg::kOut, "",
+                  "This can occur if the current context was created without a valid context version");
+        return nullptr;
+    }
+    return t->current->es1.get();
 }
 
 } // namespace kv::egl

@@ -5,6 +5,7 @@
 #include "api/khronos.h"
 #include "platform/platform.h"
 #include "state/context_state.h"
+#include "state/ff_state.h"
 
 #include <atomic>
 #include <cstdint>
@@ -24,6 +25,7 @@ struct ContextRecord {
     std::vector<EGLint> configAttributes;  // captured from the host (up to and including EGL_NONE)
     uint32_t apiVersion = 2;               // 1 = ES1, 2 = ES2, 3 = ES3.0, 4 = ES3.1, 5 = ES3.2
     std::unique_ptr<CEs2ContextState> es2;
+    std::unique_ptr<CFFContextState> es1; // a context of OpenGL ES 1 (apiVersion 1)
     bool destroyed = false;
     // One byte per GL extension name the extension wrappers know (kGlExtensionNames): whether the
     // driver offers it in this context; filled on the first extension call made on the context.
@@ -157,5 +159,9 @@ std::shared_ptr<ContextRecord> findContext(EGLDisplay display, EGLContext contex
 CEs2ContextState *currentEs2State();
 // The same without messages.
 CEs2ContextState *currentEs2StateQuiet();
+// The OpenGL ES 1 state of the calling thread's current context, or null after the messages that
+// say why; the quiet form says nothing.
+CFFContextState *currentEs1State();
+CFFContextState *currentEs1StateQuiet();
 
 } // namespace kv::egl

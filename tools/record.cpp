@@ -48,9 +48,9 @@ const char kHelp[] =
     "directory. They are never installed on the system's library path: only programs started by\n"
     "`kalvoren record` load them.\n"
     "On Linux that directory is put first on LD_LIBRARY_PATH. On Windows a program loads the DLLs\n"
-    "in its own directory before any other: copy libEGL.dll, libGLESv2.dll and kalvoren.dll next\n"
-    "to PROGRAM (putting the directory first on PATH only helps programs whose own directory\n"
-    "holds no such DLLs).\n";
+    "in its own directory before any other: copy libEGL.dll, libGLESv2.dll, libGLES_CM.dll and\n"
+    "kalvoren.dll next to PROGRAM (putting the directory first on PATH only helps programs whose\n"
+    "own directory holds no such DLLs).\n";
 
 struct RecordOptions {
     std::string output;

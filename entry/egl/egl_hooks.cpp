@@ -106,7 +106,11 @@ void Hooks<fn::eglGetProcAddress>::after(CallCtx &c, __eglMustCastToProperFuncti
     // A function the host lacks is never offered.
     if (!result || !procname) return;
     const auto host = reinterpret_cast<ProcAddress>(result);
-    ProcAddress own = lookupProc(procname);
+    // On an OpenGL ES 1 context the names ES1 shares with ES2 (glBindBuffer) are its own entry
+    // points, which reach the ES1 library and the fixed-function state.
+    egl::ThreadState *t = egl::threadStateIfAny();
+    ProcAddress own = t && t->current && t->current->apiVersion == 1 ? lookupEs1Proc(procname) : nullptr;
+    if (!own) own = lookupProc(procname);
     if (!own) own = lookupExtensionWrapper(procname);
     if (own) {
         result = reinterpret_cast<__eglMustCastToProperFunctionPointerType>(own);
@@ -369,10 +373,37 @@ void Hooks<fn::eglCreatePlatformPixmapSurfaceEXT>::after(CallCtx &c, EGLSurface 
 
 namespace {
 
-// Reads the default framebuffer of the current ES2/3 context into `pixels`, leaving the
-// application's bindings and pack state as they were.
+// Reads the default framebuffer of the current OpenGL ES 1 context through the ES1 library.
+bool readEs1FrameBuffer(egl::ContextRecord &context, int32_t width, int32_t height, uint8_t *pixels) {
+    const auto &gl = SEs1Host::get().fn;
+    if (!gl.glReadPixels || !gl.glGetError || !gl.glGetIntegerv || !gl.glPixelStorei) return false;
+    // An error an extension call left in the driver stays the application's; what the read raises
+    // does not show.
+    const GLenum before = gl.glGetError();
+    GLint packAlignment = 4, framebuffer = 0;
+    gl.glGetIntegerv(GL_PACK_ALIGNMENT, &packAlignment);
+    const auto bindFramebuffer = SGlesExtHost::get().fn.glBindFramebufferOES;
+    if (bindFramebuffer) {
+        gl.glGetIntegerv(GL_FRAMEBUFFER_BINDING, &framebuffer);
+        gl.glGetError(); // a driver without framebuffer objects rejects the query
+    }
+    if (packAlignment != 4) gl.glPixelStorei(GL_PACK_ALIGNMENT, 4);
+    if (framebuffer) bindFramebuffer(GL_FRAMEBUFFER, 0);
+    gl.glReadPixels(0, 0, width, height, GL_RGBA, GL_UNSIGNED_BYTE, pixels);
+    if (framebuffer) bindFramebuffer(GL_FRAMEBUFFER, static_cast<GLuint>(framebuffer));
+    if (packAlignment != 4) gl.glPixelStorei(GL_PACK_ALIGNMENT, packAlignment);
+    gl.glGetError();
+    if (before != GL_NO_ERROR && context.es1 && context.es1->pendingError == GL_NO_ERROR)
+        context.es1->pendingError = before;
+    return true;
+}
+
+// Reads the default framebuffer of the current context into `pixels`, leaving the application's
+// bindings and pack state as they were.
 bool readFrameBuffer(int32_t width, int32_t height, uint8_t *pixels) {
     egl::ThreadState *t = egl::threadStateIfAny();
+    if (t && t->current && t->current->apiVersion == 1)
+        return readEs1FrameBuffer(*t->current, width, height, pixels);
     if (!t || !t->current || !t->current->es2) return false;
     CEs2ContextState &state = *t->current->es2;
     const auto &gl = GLESPPHost::get().fn;

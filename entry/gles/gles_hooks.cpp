@@ -102,8 +102,13 @@ void applyValueOverride(const CallCtx &c, GLenum pname, T *data) {
 void GlesApi::noteError(uint32_t error) {
     g_lastErrorEs2 = error;
     if (error == GL_NO_ERROR) return;
-    if (CEs2ContextState *state = egl::currentEs2StateQuiet())
+    if (CEs2ContextState *state = egl::currentEs2StateQuiet()) {
         if (state->pendingError == GL_NO_ERROR) state->pendingError = error;
+    } else if (CFFContextState *es1 = egl::currentEs1StateQuiet()) {
+        // An OpenGL ES 2 entry point called on an OpenGL ES 1 context (a program linked with both
+        // libraries): the error is the context's all the same.
+        if (es1->pendingError == GL_NO_ERROR) es1->pendingError = error;
+    }
 }
 
 void takeStrayGlError() {
@@ -120,6 +125,11 @@ GLenum Hooks<fn::glGetError>::host(CallCtx &) {
     if (CEs2ContextState *state = egl::currentEs2StateQuiet()) {
         if (GLenum pending = state->pendingError) {
             state->pendingError = GL_NO_ERROR;
+            return pending;
+        }
+    } else if (CFFContextState *es1 = egl::currentEs1StateQuiet()) {
+        if (GLenum pending = es1->pendingError) {
+            es1->pendingError = GL_NO_ERROR;
             return pending;
         }
     }
