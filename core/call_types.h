@@ -75,6 +75,12 @@ constexpr uint64_t count(T v) {
         return static_cast<uint64_t>(v);
 }
 
+// A pointer in a count expression stands for whether it is given (`p ? n : 0`).
+template <class T>
+constexpr uint64_t count(T *p) {
+    return p ? 1 : 0;
+}
+
 // *p read safely; 0 for a null or unreadable pointer or a negative value.
 uint64_t deref(CallCtx &c, const int32_t *p);
 static_assert(std::is_same_v<EGLint, int32_t> && std::is_same_v<GLsizei, int32_t>, "EGLint and GLsizei");
@@ -130,6 +136,18 @@ void textOut(RecordHandle &h, CallCtx &c, const char *buffer, GLsizei bufSize, c
 // An array of strings (OpenGL rules for the lengths).
 void glStrings(RecordHandle &h, CallCtx &c, const GLchar *const *strings, GLsizei count,
                const GLint *lengths);
+// An array of strings (OpenCL rules for the lengths: a zero or absent length records the text
+// with its terminator).
+void clStrings(RecordHandle &h, CallCtx &c, const char *const *strings, uint64_t count,
+               const size_t *lengths);
+// Program binaries: byte strings with their lengths.
+inline void clStrings(RecordHandle &h, CallCtx &c, const unsigned char **binaries, uint64_t count,
+                      const size_t *lengths) {
+    clStrings(h, c, reinterpret_cast<const char *const *>(binaries), count, lengths);
+}
+// An OpenCL errcode_ret: the application's pointer and, when it is not null, the 4-byte status the
+// call stored there (also when the call failed: the status is what it tells).
+void statusOut(RecordHandle &h, CallCtx &c, const int32_t *status);
 // EGL attribute lists, recorded up to and including EGL_NONE.
 void attribs(RecordHandle &h, CallCtx &c, const EGLint *list);
 void attribs64(RecordHandle &h, CallCtx &c, const EGLAttrib *list);

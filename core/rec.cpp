@@ -110,6 +110,27 @@ void glStrings(RecordHandle &h, CallCtx &c, const GLchar *const *strings, GLsize
     h.appendStringArrayGL(strings, c.failed ? 0 : count, lengths);
 }
 
+void clStrings(RecordHandle &h, CallCtx &c, const char *const *strings, uint64_t count,
+               const size_t *lengths) {
+    if (!c.d.recordData) {
+        h.ptr(strings);
+        return;
+    }
+    // A program has far fewer sources than this; a larger count is a bad argument the driver
+    // rejects, and the recorder reads no further than it.
+    constexpr uint64_t kMaxStrings = 1u << 20;
+    h.appendStringArrayCL(strings, c.failed || count > kMaxStrings ? 0 : static_cast<uint32_t>(count),
+                          lengths);
+}
+
+void statusOut(RecordHandle &h, CallCtx &c, const int32_t *status) {
+    h.ptr(status);
+    if (!c.d.recordData) return;
+    const uint32_t n = status ? 4 : 0;
+    h.u32(n);
+    h.addBlock(n, status, false);
+}
+
 uint32_t attribCount(const EGLint *list) {
     return countAttribs(list);
 }

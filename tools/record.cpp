@@ -22,8 +22,8 @@ namespace {
 const char kHelp[] =
     "usage: kalvoren record [OPTIONS] -- PROGRAM [ARGS...]\n"
     "\n"
-    "Runs PROGRAM with Kalvoren in place of its EGL and OpenGL ES drivers, records its calls,\n"
-    "then shows `kalvoren info` of the trace. The exit status is the program's.\n"
+    "Runs PROGRAM with Kalvoren in place of its EGL, OpenGL ES and OpenCL drivers, records its\n"
+    "calls, then shows `kalvoren info` of the trace. The exit status is the program's.\n"
     "\n"
     "Options:\n"
     "  -o FILE            the trace file (default: ./PROGRAM.kalvoren)\n"
@@ -40,9 +40,9 @@ const char kHelp[] =
     "Where the front libraries come from: KALVOREN_LIB_DIR, else the lib directory next to the\n"
     "directory of this program (bin/../lib), else this program's own directory.\n"
     "On Linux that directory is put first on LD_LIBRARY_PATH. On Windows a program loads the DLLs\n"
-    "in its own directory before any other: copy libEGL.dll, libGLESv2.dll and kalvoren.dll next\n"
-    "to PROGRAM (putting the directory first on PATH only helps programs whose own directory\n"
-    "holds no such DLLs).\n";
+    "in its own directory before any other: copy libEGL.dll, libGLESv2.dll, OpenCL.dll and\n"
+    "kalvoren.dll next to PROGRAM (putting the directory first on PATH only helps programs whose\n"
+    "own directory holds no such DLLs).\n";
 
 struct RecordOptions {
     std::string output;
@@ -248,7 +248,8 @@ int recordCommand(const std::vector<std::string> &args) {
 
     if (!platform::fileExists(output)) {
         complain(
-            "no trace was written to '%s': did the program load its EGL and OpenGL ES libraries from %s?",
+            "no trace was written to '%s': did the program load its EGL, OpenGL ES or OpenCL libraries from "
+            "%s?",
             output.c_str(), libDir.c_str());
         return status;
     }
