@@ -6073,6 +6073,12 @@ const FieldDesc kFields_clGetExtensionFunctionAddressForPlatform_6089[] = {
     {"platform", Field::Value, Type::Handle, 0, -1, 0},
     {"func_name", Field::String, Type::Char, 0, -1, 0},
 };
+// (OpenCL read contents) (6090): queue Handle | event Handle | ptr Blob<U8>(z)
+const FieldDesc kFields__OpenCL_read_contents__6090[] = {
+    {"queue", Field::Value, Type::Handle, 0, -1, 0},
+    {"event", Field::Value, Type::Handle, 0, -1, 0},
+    {"ptr", Field::Blob, Type::U8, kCompressible, -1, 0},
+};
 // clCreateFromGLBuffer (6501): status i32 | result Handle | context Handle | flags U64 | bufobj U32 | errcode_ret Blob<ClStatus>(out)
 const FieldDesc kFields_clCreateFromGLBuffer_6501[] = {
     {"context", Field::Value, Type::Handle, 0, -1, 0},
@@ -7220,6 +7226,7 @@ const FuncDesc kDescriptions[] = {
     {6087, 5, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clEnqueueMarkerWithWaitList", kFields_clEnqueueMarkerWithWaitList_6087, 4, true},
     {6088, 5, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clEnqueueBarrierWithWaitList", kFields_clEnqueueBarrierWithWaitList_6088, 4, true},
     {6089, 2, Family::Cl, ErrorKind::Cl, Type::Ptr, "clGetExtensionFunctionAddressForPlatform", kFields_clGetExtensionFunctionAddressForPlatform_6089, 2, true},
+    {6090, 3, Family::Cl, ErrorKind::None, Type::None, "(OpenCL read contents)", kFields__OpenCL_read_contents__6090, 3, true},
     {6500, 8, Family::ClExt, ErrorKind::Cl, Type::None, "", nullptr, 0, false},
     {6501, 8, Family::ClExt, ErrorKind::Cl, Type::Handle, "clCreateFromGLBuffer", kFields_clCreateFromGLBuffer_6501, 4, true},
     {6502, 8, Family::ClExt, ErrorKind::Cl, Type::Handle, "clCreateFromGLTexture2D", kFields_clCreateFromGLTexture2D_6502, 6, true},
@@ -7238,6 +7245,6 @@ const FuncDesc kDescriptions[] = {
     {6515, 8, Family::ClExt, ErrorKind::Cl, Type::Handle, "clCreateEventFromEGLSyncKHR", kFields_clCreateEventFromEGLSyncKHR_6515, 4, true},
 };
 
-const uint32_t kDescriptionCount = 1037;
+const uint32_t kDescriptionCount = 1038;
 
 } // namespace kv::api

@@ -75,7 +75,10 @@ private:
                 auto &location = std::get<F::statusArg>(passed);
                 if (!location) location = &ownStatus;
             }
-            result = std::apply(fn, passed);
+            if constexpr (H::kReplacesHost)
+                result = std::apply([&c](auto... passedArgs) { return H::host(c, passedArgs...); }, passed);
+            else
+                result = std::apply(fn, passed);
             if constexpr (std::is_same_v<Ret, cl_int>)
                 c.error = static_cast<uint32_t>(result);
             else if constexpr (F::statusArg >= 0)

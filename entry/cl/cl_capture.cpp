@@ -30,7 +30,8 @@ uint64_t span(uint64_t start, uint64_t across, uint64_t rows, uint64_t slices, u
     constexpr uint64_t kLimit = uint64_t(1) << 47;
     if (across > kLimit || rowPitch > kLimit || slicePitch > kLimit || rows > kLimit || slices > kLimit)
         return 0;
-    const long double total = static_cast<long double>(start) + static_cast<long double>(slices - 1) * slicePitch +
+    const long double total = static_cast<long double>(start) +
+                              static_cast<long double>(slices - 1) * slicePitch +
                               static_cast<long double>(rows - 1) * rowPitch + across;
     if (total > static_cast<long double>(kLimit)) return 0;
     return start + (slices - 1) * slicePitch + (rows - 1) * rowPitch + across;
@@ -157,8 +158,8 @@ uint32_t imageElementBytes(const cl_image_format *format) {
     }
 }
 
-uint64_t image2DBytes(CallCtx &c, const void *host, const cl_image_format *format, size_t width, size_t height,
-                      size_t rowPitch) {
+uint64_t image2DBytes(CallCtx &c, const void *host, const cl_image_format *format, size_t width,
+                      size_t height, size_t rowPitch) {
     return image3DBytes(c, host, format, width, height, 1, rowPitch, 0);
 }
 
@@ -170,7 +171,8 @@ uint64_t image3DBytes(CallCtx &, const void *host, const cl_image_format *format
     return span(0, uint64_t(width) * element, height, depth, rowPitch, slicePitch);
 }
 
-uint64_t imageDescBytes(CallCtx &c, const void *host, const cl_image_format *format, const cl_image_desc *desc) {
+uint64_t imageDescBytes(CallCtx &c, const void *host, const cl_image_format *format,
+                        const cl_image_desc *desc) {
     cl_image_desc d{};
     if (!host || !readValue(desc, d)) return 0;
     size_t height = 1, depth = 1;
@@ -194,7 +196,8 @@ uint64_t imageDescBytes(CallCtx &c, const void *host, const cl_image_format *for
     default: // 1D images and 1D images on a buffer: one row
         break;
     }
-    return image3DBytes(c, host, format, d.image_width, height, depth, d.image_row_pitch, d.image_slice_pitch);
+    return image3DBytes(c, host, format, d.image_width, height, depth, d.image_row_pitch,
+                        d.image_slice_pitch);
 }
 
 uint64_t clImageBytes(CallCtx &c, const void *host, cl_mem image, const size_t *region, size_t rowPitch,
@@ -204,7 +207,8 @@ uint64_t clImageBytes(CallCtx &c, const void *host, cl_mem image, const size_t *
     // The image's element size, asked of the host directly (not a call of the application).
     auto getImageInfo = SClHost::get().fn.clGetImageInfo;
     size_t element = 0;
-    if (!getImageInfo || getImageInfo(image, CL_IMAGE_ELEMENT_SIZE, sizeof(element), &element, nullptr) != CL_SUCCESS ||
+    if (!getImageInfo ||
+        getImageInfo(image, CL_IMAGE_ELEMENT_SIZE, sizeof(element), &element, nullptr) != CL_SUCCESS ||
         element == 0 || r[0] > (uint64_t(1) << 40))
         return 0;
     return span(0, uint64_t(r[0]) * element, r[1], r[2], rowPitch, slicePitch);

@@ -24,11 +24,12 @@ uint64_t partitionList(CallCtx &c, const intptr_t *list);
 // Bytes of one element of an image format; 0 when the format is unreadable or unknown.
 uint32_t imageElementBytes(const cl_image_format *format);
 // Host memory of an image at its creation: rows (or slices) of the given pitch, or packed.
-uint64_t image2DBytes(CallCtx &c, const void *host, const cl_image_format *format, size_t width, size_t height,
-                      size_t rowPitch);
-uint64_t image3DBytes(CallCtx &c, const void *host, const cl_image_format *format, size_t width, size_t height,
-                      size_t depth, size_t rowPitch, size_t slicePitch);
-uint64_t imageDescBytes(CallCtx &c, const void *host, const cl_image_format *format, const cl_image_desc *desc);
+uint64_t image2DBytes(CallCtx &c, const void *host, const cl_image_format *format, size_t width,
+                      size_t height, size_t rowPitch);
+uint64_t image3DBytes(CallCtx &c, const void *host, const cl_image_format *format, size_t width,
+                      size_t height, size_t depth, size_t rowPitch, size_t slicePitch);
+uint64_t imageDescBytes(CallCtx &c, const void *host, const cl_image_format *format,
+                        const cl_image_desc *desc);
 // Host memory a read or write of an image region spans, from the image's element size.
 uint64_t clImageBytes(CallCtx &c, const void *host, cl_mem image, const size_t *region, size_t rowPitch,
                       size_t slicePitch);

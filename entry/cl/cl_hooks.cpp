@@ -24,7 +24,8 @@ namespace {
 template <class Query, class Object, class Name>
 std::string infoText(Query query, Object object, Name name) {
     size_t size = 0;
-    if (!query || query(object, name, 0, nullptr, &size) != CL_SUCCESS || size == 0 || size > (1u << 20)) return {};
+    if (!query || query(object, name, 0, nullptr, &size) != CL_SUCCESS || size == 0 || size > (1u << 20))
+        return {};
     std::string text(size, '\0');
     if (query(object, name, size, text.data(), nullptr) != CL_SUCCESS) return {};
     text.resize(std::strlen(text.c_str()));
@@ -52,16 +53,19 @@ void writePlatformRecords() {
         const std::string name = infoText(fn.clGetPlatformInfo, platform, CL_PLATFORM_NAME);
         cl_uint deviceCount = 0;
         std::vector<cl_device_id> ids;
-        if (fn.clGetDeviceIDs(platform, CL_DEVICE_TYPE_ALL, 0, nullptr, &deviceCount) == CL_SUCCESS && deviceCount) {
+        if (fn.clGetDeviceIDs(platform, CL_DEVICE_TYPE_ALL, 0, nullptr, &deviceCount) == CL_SUCCESS &&
+            deviceCount) {
             ids.resize(deviceCount);
-            if (fn.clGetDeviceIDs(platform, CL_DEVICE_TYPE_ALL, deviceCount, ids.data(), nullptr) != CL_SUCCESS)
+            if (fn.clGetDeviceIDs(platform, CL_DEVICE_TYPE_ALL, deviceCount, ids.data(), nullptr) !=
+                CL_SUCCESS)
                 ids.clear();
         }
         std::vector<DeviceText> devices;
         for (cl_device_id id : ids) {
             DeviceText d{id, infoText(fn.clGetDeviceInfo, id, CL_DEVICE_VENDOR),
                          infoText(fn.clGetDeviceInfo, id, CL_DEVICE_NAME)};
-            if (fn.clGetDeviceInfo(id, CL_DEVICE_TYPE, sizeof(d.type), &d.type, nullptr) != CL_SUCCESS) d.type = 0;
+            if (fn.clGetDeviceInfo(id, CL_DEVICE_TYPE, sizeof(d.type), &d.type, nullptr) != CL_SUCCESS)
+                d.type = 0;
             devices.push_back(std::move(d));
         }
         RecordHandle h = trace::begin(6000);
@@ -107,7 +111,8 @@ void *wrapperFor(const char *name, void *hostAddress) {
         {"clGetGLContextInfoKHR", offsetof(Fns, clGetGLContextInfoKHR), address(&cl::getGLContextInfoKHR)},
         {"clCreateEventFromGLsyncKHR", offsetof(Fns, clCreateEventFromGLsyncKHR),
          address(&cl::createEventFromGLsyncKHR)},
-        {"clCreateFromEGLImageKHR", offsetof(Fns, clCreateFromEGLImageKHR), address(&cl::createFromEGLImageKHR)},
+        {"clCreateFromEGLImageKHR", offsetof(Fns, clCreateFromEGLImageKHR),
+         address(&cl::createFromEGLImageKHR)},
         {"clEnqueueAcquireEGLObjectsKHR", offsetof(Fns, clEnqueueAcquireEGLObjectsKHR),
          address(&cl::enqueueAcquireEGLObjectsKHR)},
         {"clEnqueueReleaseEGLObjectsKHR", offsetof(Fns, clEnqueueReleaseEGLObjectsKHR),
@@ -155,27 +160,166 @@ void remember(const void *mapped, uint64_t bytes, cl_map_flags flags) {
 // on the thread of its call).
 thread_local std::vector<uint8_t> t_unmapped;
 
+// ---- Non-blocking reads -------------------------------------------------------------------------
+
+struct PendingRead {
+    cl_command_queue queue;
+    cl_event watched;  // retained by the library
+    cl_event appEvent; // what the application holds, or null
+    void *ptr;
+    uint64_t bytes;
+};
+
+std::mutex g_readLock;
+std::vector<PendingRead> &pendingReads() {
+    static auto *reads = new std::vector<PendingRead>();
+    return *reads;
+}
+
+// Calls a read on the host; a non-blocking one that is recorded with its data gets an event to
+// watch (the application's, retained, or one of the library's own) and is kept until it completes.
+template <class Call>
+cl_int deferredRead(CallCtx &c, cl_command_queue queue, cl_bool blocking, void *ptr, cl_event *event,
+                    Call call, uint64_t (*size)(CallCtx &)) {
+    const bool defer = !blocking && c.d.record && c.d.recordData && ptr;
+    cl_event own = nullptr;
+    const cl_int status = call(defer && !event ? &own : event);
+    if (!defer || status != CL_SUCCESS) return status;
+    const SClHostFns &fn = SClHost::get().fn;
+    cl_event watched = own;
+    if (event) {
+        watched = *event;
+        if (fn.clRetainEvent) fn.clRetainEvent(watched);
+    }
+    PendingRead read{queue, watched, event ? *event : nullptr, ptr, size(c)};
+    std::lock_guard<std::mutex> guard(g_readLock);
+    pendingReads().push_back(read);
+    return status;
+}
+
+// Writes the reads that have completed (all of `finished`'s): their destinations now hold what
+// the device wrote.
+void recordCompletedReads(cl_command_queue finished) {
+    std::vector<PendingRead> ready;
+    const SClHostFns &fn = SClHost::get().fn;
+    {
+        std::lock_guard<std::mutex> guard(g_readLock);
+        auto &reads = pendingReads();
+        if (reads.empty()) return;
+        for (size_t i = 0; i < reads.size();) {
+            cl_int execution = CL_QUEUED;
+            bool complete = reads[i].queue == finished;
+            if (!complete && fn.clGetEventInfo &&
+                fn.clGetEventInfo(reads[i].watched, CL_EVENT_COMMAND_EXECUTION_STATUS, sizeof(execution),
+                                  &execution, nullptr) == CL_SUCCESS)
+                complete = execution <= CL_COMPLETE;
+            if (complete) {
+                ready.push_back(reads[i]);
+                reads.erase(reads.begin() + static_cast<long>(i));
+            } else {
+                ++i;
+            }
+        }
+    }
+    for (const PendingRead &read : ready) {
+        RecordHandle h = trace::begin(6090);
+        if (h) {
+            h.ptr(read.queue);
+            h.ptr(read.appEvent);
+            h.ptr(read.ptr);
+            const uint32_t bytes = read.bytes < 0xF0000000u ? static_cast<uint32_t>(read.bytes) : 0;
+            h.u32(bytes);
+            h.addBlock(bytes, read.ptr, true);
+        }
+        trace::finish(h);
+        if (fn.clReleaseEvent) fn.clReleaseEvent(read.watched);
+    }
+}
+
 } // namespace
+
+cl_int Hooks<fn::clEnqueueReadBuffer>::host(CallCtx &c, cl_command_queue queue, cl_mem buffer,
+                                            cl_bool blocking, size_t offset, size_t size, void *ptr,
+                                            cl_uint waitCount, const cl_event *waitList, cl_event *event) {
+    c.scratch[0] = size;
+    return deferredRead(
+        c, queue, blocking, ptr, event,
+        [&](cl_event *e) {
+            return SClHost::get().fn.clEnqueueReadBuffer(queue, buffer, blocking, offset, size, ptr,
+                                                         waitCount, waitList, e);
+        },
+        [](CallCtx &ctx) { return ctx.scratch[0]; });
+}
+
+void Hooks<fn::clEnqueueReadBuffer>::done(CallCtx &, cl_int &, cl_command_queue, cl_mem, cl_bool blocking,
+                                          size_t, size_t, void *, cl_uint, const cl_event *, cl_event *) {
+    // A blocking read completes what its queue held before it.
+    if (blocking) recordCompletedReads(nullptr);
+}
+
+cl_int Hooks<fn::clEnqueueReadBufferRect>::host(CallCtx &c, cl_command_queue queue, cl_mem buffer,
+                                                cl_bool blocking, const size_t *bufferOrigin,
+                                                const size_t *hostOrigin, const size_t *region,
+                                                size_t bufferRowPitch, size_t bufferSlicePitch,
+                                                size_t hostRowPitch, size_t hostSlicePitch, void *ptr,
+                                                cl_uint waitCount, const cl_event *waitList,
+                                                cl_event *event) {
+    c.scratch[0] = capture::rectBytes(c, ptr, hostOrigin, region, hostRowPitch, hostSlicePitch);
+    return deferredRead(
+        c, queue, blocking, ptr, event,
+        [&](cl_event *e) {
+            return SClHost::get().fn.clEnqueueReadBufferRect(
+                queue, buffer, blocking, bufferOrigin, hostOrigin, region, bufferRowPitch, bufferSlicePitch,
+                hostRowPitch, hostSlicePitch, ptr, waitCount, waitList, e);
+        },
+        [](CallCtx &ctx) { return ctx.scratch[0]; });
+}
+
+cl_int Hooks<fn::clEnqueueReadImage>::host(CallCtx &c, cl_command_queue queue, cl_mem image, cl_bool blocking,
+                                           const size_t *origin, const size_t *region, size_t rowPitch,
+                                           size_t slicePitch, void *ptr, cl_uint waitCount,
+                                           const cl_event *waitList, cl_event *event) {
+    c.scratch[0] = capture::clImageBytes(c, ptr, image, region, rowPitch, slicePitch);
+    return deferredRead(
+        c, queue, blocking, ptr, event,
+        [&](cl_event *e) {
+            return SClHost::get().fn.clEnqueueReadImage(queue, image, blocking, origin, region, rowPitch,
+                                                        slicePitch, ptr, waitCount, waitList, e);
+        },
+        [](CallCtx &ctx) { return ctx.scratch[0]; });
+}
+
+void Hooks<fn::clFinish>::done(CallCtx &c, cl_int &result, cl_command_queue queue) {
+    if (result == CL_SUCCESS) recordCompletedReads(queue);
+}
+
+void Hooks<fn::clWaitForEvents>::done(CallCtx &, cl_int &, cl_uint, const cl_event *) {
+    recordCompletedReads(nullptr);
+}
+
+void Hooks<fn::clGetEventInfo>::done(CallCtx &, cl_int &, cl_event, cl_event_info, size_t, void *, size_t *) {
+    recordCompletedReads(nullptr);
+}
 
 void Hooks<fn::clGetExtensionFunctionAddress>::done(CallCtx &, void *&result, const char *name) {
     result = wrapperFor(name, result);
 }
 
 void Hooks<fn::clGetExtensionFunctionAddressForPlatform>::done(CallCtx &, void *&result, cl_platform_id,
-                                                                const char *name) {
+                                                               const char *name) {
     result = wrapperFor(name, result);
 }
 
 void Hooks<fn::clEnqueueMapBuffer>::after(CallCtx &c, void *&result, cl_command_queue, cl_mem, cl_bool,
-                                           cl_map_flags flags, size_t, size_t size, cl_uint, const cl_event *,
-                                           cl_event *, cl_int *) {
+                                          cl_map_flags flags, size_t, size_t size, cl_uint, const cl_event *,
+                                          cl_event *, cl_int *) {
     if (!c.failed) remember(result, size, flags);
 }
 
 void Hooks<fn::clEnqueueMapImage>::after(CallCtx &c, void *&result, cl_command_queue, cl_mem image, cl_bool,
-                                          cl_map_flags flags, const size_t *, const size_t *region,
-                                          size_t *rowPitch, size_t *slicePitch, cl_uint, const cl_event *,
-                                          cl_event *, cl_int *) {
+                                         cl_map_flags flags, const size_t *, const size_t *region,
+                                         size_t *rowPitch, size_t *slicePitch, cl_uint, const cl_event *,
+                                         cl_event *, cl_int *) {
     if (c.failed || !result) return;
     size_t row = 0, slice = 0;
     if (rowPitch) platform::guardedCopy(&row, rowPitch, sizeof(row));
@@ -184,7 +328,7 @@ void Hooks<fn::clEnqueueMapImage>::after(CallCtx &c, void *&result, cl_command_q
 }
 
 void Hooks<fn::clEnqueueUnmapMemObject>::before(CallCtx &c, cl_command_queue, cl_mem, void *mapped, cl_uint,
-                                                 const cl_event *, cl_event *) {
+                                                const cl_event *, cl_event *) {
     t_unmapped.clear();
     if (!c.d.record || !c.d.recordData) return;
     Mapping m{0, false};
@@ -206,7 +350,7 @@ void Hooks<fn::clEnqueueUnmapMemObject>::before(CallCtx &c, cl_command_queue, cl
 }
 
 void Hooks<fn::clEnqueueUnmapMemObject>::done(CallCtx &c, cl_int &, cl_command_queue, cl_mem, void *mapped,
-                                               cl_uint, const cl_event *, cl_event *) {
+                                              cl_uint, const cl_event *, cl_event *) {
     if (c.failed) return;
     std::lock_guard<std::mutex> guard(g_mappingLock);
     mappings().erase(mapped);
@@ -214,8 +358,8 @@ void Hooks<fn::clEnqueueUnmapMemObject>::done(CallCtx &c, cl_int &, cl_command_q
 
 namespace capture {
 
-rec::Blob clEnqueueUnmapMemObject_written(CallCtx &c, cl_command_queue, cl_mem, void *, cl_uint, const cl_event *,
-                                          cl_event *) {
+rec::Blob clEnqueueUnmapMemObject_written(CallCtx &c, cl_command_queue, cl_mem, void *, cl_uint,
+                                          const cl_event *, cl_event *) {
     if (c.failed || t_unmapped.empty()) return {};
     return {t_unmapped.data(), t_unmapped.size()};
 }
@@ -251,8 +395,7 @@ namespace cl {
 void *hostFunction(const char *name) {
     const kv::SClHost &host = kv::SClHost::get();
     void *address = host.module ? kv::platform::getSymbol(host.module, name) : nullptr;
-    if (!address)
-        kv::msg::error("The host library has no %s: calls of it are not forwarded and fail.", name);
+    if (!address) kv::msg::error("The host library has no %s: calls of it are not forwarded and fail.", name);
     return address;
 }
 

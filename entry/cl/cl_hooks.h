@@ -21,8 +21,8 @@ struct Hooks<fn::clGetExtensionFunctionAddressForPlatform> : HookDefaults {
 template <>
 struct Hooks<fn::clEnqueueMapBuffer> : HookDefaults {
     static void after(CallCtx &c, void *&result, cl_command_queue queue, cl_mem buffer, cl_bool blocking,
-                      cl_map_flags flags, size_t offset, size_t size, cl_uint waitCount, const cl_event *waitList,
-                      cl_event *event, cl_int *status);
+                      cl_map_flags flags, size_t offset, size_t size, cl_uint waitCount,
+                      const cl_event *waitList, cl_event *event, cl_int *status);
 };
 
 template <>
@@ -41,6 +41,53 @@ struct Hooks<fn::clEnqueueUnmapMemObject> : HookDefaults {
                        const cl_event *waitList, cl_event *event);
     static void done(CallCtx &c, cl_int &result, cl_command_queue queue, cl_mem memobj, void *mapped,
                      cl_uint waitCount, const cl_event *waitList, cl_event *event);
+};
+
+// Reads: a non-blocking read's destination is recorded once the read has completed (record 6090),
+// as the application learns it has. The library watches an event of its own when the application
+// asks for none.
+template <>
+struct Hooks<fn::clEnqueueReadBuffer> : HookDefaults {
+    static constexpr bool kReplacesHost = true;
+    static cl_int host(CallCtx &c, cl_command_queue queue, cl_mem buffer, cl_bool blocking, size_t offset,
+                       size_t size, void *ptr, cl_uint waitCount, const cl_event *waitList, cl_event *event);
+    static void done(CallCtx &c, cl_int &result, cl_command_queue queue, cl_mem buffer, cl_bool blocking,
+                     size_t offset, size_t size, void *ptr, cl_uint waitCount, const cl_event *waitList,
+                     cl_event *event);
+};
+
+template <>
+struct Hooks<fn::clEnqueueReadBufferRect> : HookDefaults {
+    static constexpr bool kReplacesHost = true;
+    static cl_int host(CallCtx &c, cl_command_queue queue, cl_mem buffer, cl_bool blocking,
+                       const size_t *bufferOrigin, const size_t *hostOrigin, const size_t *region,
+                       size_t bufferRowPitch, size_t bufferSlicePitch, size_t hostRowPitch,
+                       size_t hostSlicePitch, void *ptr, cl_uint waitCount, const cl_event *waitList,
+                       cl_event *event);
+};
+
+template <>
+struct Hooks<fn::clEnqueueReadImage> : HookDefaults {
+    static constexpr bool kReplacesHost = true;
+    static cl_int host(CallCtx &c, cl_command_queue queue, cl_mem image, cl_bool blocking,
+                       const size_t *origin, const size_t *region, size_t rowPitch, size_t slicePitch,
+                       void *ptr, cl_uint waitCount, const cl_event *waitList, cl_event *event);
+};
+
+template <>
+struct Hooks<fn::clFinish> : HookDefaults {
+    static void done(CallCtx &c, cl_int &result, cl_command_queue queue);
+};
+
+template <>
+struct Hooks<fn::clWaitForEvents> : HookDefaults {
+    static void done(CallCtx &c, cl_int &result, cl_uint count, const cl_event *events);
+};
+
+template <>
+struct Hooks<fn::clGetEventInfo> : HookDefaults {
+    static void done(CallCtx &c, cl_int &result, cl_event event, cl_event_info name, size_t size, void *value,
+                     size_t *sizeRet);
 };
 
 } // namespace kv

@@ -18,7 +18,7 @@ TEST(Catalogue, StartRowsHaveEmptyNamesAndIdsOutsideEveryRangeHaveNone) {
         EXPECT_STREQ(name, "") << id;
     }
     for (uint32_t id :
-         {5141u, 2143u, 3146u, 4349u, 5247u, 7114u, 1045u, 1125u, 1504u, 6090u, 6516u, 0u, 65535u})
+         {5141u, 2143u, 3146u, 4349u, 5247u, 7114u, 1045u, 1125u, 1504u, 6091u, 6516u, 0u, 65535u})
         EXPECT_EQ(functionName(id), nullptr) << id;
 }
 
