@@ -966,7 +966,7 @@ static const CatalogueRow kGles32Rows[] = {
 };
 
 static const CatalogueRow kClRows[] = {
-    {"(OpenCL platform)", 0, nullptr}, // 6000
+    {"", 0, nullptr}, // 6000
     {"clGetPlatformIDs", 2, nullptr}, // 6001
     {"clGetPlatformInfo", 2, nullptr}, // 6002
     {"clGetDeviceIDs", 2, nullptr}, // 6003

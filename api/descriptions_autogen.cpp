@@ -5352,8 +5352,8 @@ const FieldDesc kFields_glTexStorage3DMultisample_7113[] = {
     {"depth", Field::Value, Type::I32, 0, -1, 0},
     {"fixedsamplelocations", Field::Value, Type::GlBoolean, 0, -1, 10},
 };
-// (OpenCL platform) (6000): platform Handle | vendor String | name String | deviceCount U32 | devices Repeat | device Handle | deviceVendor String | deviceName String | deviceType U64
-const FieldDesc kFields__OpenCL_platform__6000[] = {
+//  (6000): platform Handle | vendor String | name String | deviceCount U32 | devices Repeat | device Handle | deviceVendor String | deviceName String | deviceType U64
+const FieldDesc kFields__6000[] = {
     {"platform", Field::Value, Type::Handle, 0, -1, 0},
     {"vendor", Field::String, Type::Char, 0, -1, 0},
     {"name", Field::String, Type::Char, 0, -1, 0},
@@ -7136,7 +7136,7 @@ const FuncDesc kDescriptions[] = {
     {7111, 5, Family::Gles32, ErrorKind::Gl, Type::None, "glTexParameterIiv", kFields_glTexParameterIiv_7111, 3, true},
     {7112, 5, Family::Gles32, ErrorKind::Gl, Type::None, "glTexParameterIuiv", kFields_glTexParameterIuiv_7112, 3, true},
     {7113, 22, Family::Gles32, ErrorKind::Gl, Type::None, "glTexStorage3DMultisample", kFields_glTexStorage3DMultisample_7113, 7, true},
-    {6000, 0, Family::Cl, ErrorKind::None, Type::None, "(OpenCL platform)", kFields__OpenCL_platform__6000, 9, true},
+    {6000, 0, Family::Cl, ErrorKind::None, Type::None, "", kFields__6000, 9, true},
     {6001, 2, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clGetPlatformIDs", kFields_clGetPlatformIDs_6001, 3, true},
     {6002, 2, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clGetPlatformInfo", kFields_clGetPlatformInfo_6002, 5, true},
     {6003, 2, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clGetDeviceIDs", kFields_clGetDeviceIDs_6003, 5, true},

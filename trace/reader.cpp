@@ -170,6 +170,8 @@ const char *Entry::name() const {
     if (id == format::kThreadMarkerId) return "thread marker";
     if (id == format::kSnapshotMarkerId) return "snapshot marker";
     if (desc && desc->name && desc->name[0]) return desc->name;
+    // The OpenCL family's start row names no function: it is the platform description.
+    if (id == 6000 && desc && desc->hasLayout) return "(OpenCL platform)";
     if (!calledName.empty()) return calledName.c_str();
     return "unknown function";
 }

@@ -7,6 +7,7 @@
 #include "host/hosts.h"
 #include "trace/trace_writer.h"
 
+#include <cstddef>
 #include <cstring>
 #include <mutex>
 #include <string>

@@ -25,13 +25,13 @@ static void note(uint16_t id, const void *bytes, uint32_t length) {
     fwrite(bytes, 1, length, g_manifest);
 }
 
-#define CHECK(call)                                                                                    \
-    do {                                                                                               \
-        cl_int status_ = (call);                                                                       \
-        if (status_ != CL_SUCCESS) {                                                                   \
-            fprintf(stderr, "%s:%d: %s gave %d\n", __FILE__, __LINE__, #call, status_);                \
-            exit(1);                                                                                   \
-        }                                                                                              \
+#define CHECK(call)                                                                                          \
+    do {                                                                                                     \
+        cl_int status_ = (call);                                                                             \
+        if (status_ != CL_SUCCESS) {                                                                         \
+            fprintf(stderr, "%s:%d: %s gave %d\n", __FILE__, __LINE__, #call, status_);                      \
+            exit(1);                                                                                         \
+        }                                                                                                    \
     } while (0)
 
 static void expect(int ok, const char *what) {
@@ -184,8 +184,8 @@ int main(int argc, char **argv) {
         desc.image_width = 16;
         desc.image_height = 8;
         desc.image_row_pitch = 80;
-        cl_mem image = clCreateImage(context, CL_MEM_READ_WRITE | CL_MEM_COPY_HOST_PTR, &format, &desc, pixels,
-                                     &status);
+        cl_mem image =
+            clCreateImage(context, CL_MEM_READ_WRITE | CL_MEM_COPY_HOST_PTR, &format, &desc, pixels, &status);
         CHECK(status);
         note(6078, pixels, 80 * 7 + 64);
         for (size_t i = 0; i < sizeof(update); ++i)

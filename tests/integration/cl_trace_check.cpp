@@ -41,7 +41,8 @@ int main(int argc, char **argv) {
             std::fprintf(stderr, "the manifest is cut short\n");
             return 2;
         }
-        l.bytes.assign(manifest.begin() + static_cast<long>(at), manifest.begin() + static_cast<long>(at + length));
+        l.bytes.assign(manifest.begin() + static_cast<long>(at),
+                       manifest.begin() + static_cast<long>(at + length));
         at += length;
         listed.push_back(std::move(l));
     }
@@ -75,7 +76,8 @@ int main(int argc, char **argv) {
         ++missing;
     }
     if (reader->problemCount()) {
-        std::fprintf(stderr, "the trace has %llu problem(s)\n", static_cast<unsigned long long>(reader->problemCount()));
+        std::fprintf(stderr, "the trace has %llu problem(s)\n",
+                     static_cast<unsigned long long>(reader->problemCount()));
         return 1;
     }
     std::printf("%zu blocks (%llu bytes) the program moved are in the trace; %d missing\n", listed.size(),
