@@ -64,6 +64,9 @@ namespace rec {
 struct Blob {
     const void *data = nullptr;
     uint64_t bytes = 0;
+    // A copy of the bytes in the record's scratch memory, when the capture made one: the record
+    // shows `data` and stores the copy, which needs no guarded read.
+    const void *copy = nullptr;
 };
 
 // An element count from an API argument: negative counts are no counts.
@@ -123,9 +126,7 @@ constexpr uint64_t kBufferOffset = ~uint64_t(0);
 // always written), the byte count (4) and the block. A call the driver rejected records a count of
 // 0: it read nothing and wrote nothing. A size of kBufferOffset writes the pointer alone.
 void blob(RecordHandle &h, CallCtx &c, const void *data, uint64_t bytes, uint8_t flags);
-inline void blob(RecordHandle &h, CallCtx &c, Blob b, uint8_t flags) {
-    blob(h, c, b.data, b.bytes, flags);
-}
+void blob(RecordHandle &h, CallCtx &c, Blob b, uint8_t flags);
 // A 0-terminated string: pointer (8) [length (4), text].
 void string(RecordHandle &h, CallCtx &c, const char *text);
 // A string whose length is given; a negative length means up to its terminator.

@@ -57,6 +57,18 @@ void blob(RecordHandle &h, CallCtx &c, const void *data, uint64_t bytes, uint8_t
     h.addBlock(n, data, (flags & api::kCompressible) != 0);
 }
 
+void blob(RecordHandle &h, CallCtx &c, Blob b, uint8_t flags) {
+    if (!b.copy) {
+        blob(h, c, b.data, b.bytes, flags);
+        return;
+    }
+    h.ptr(b.data);
+    if (!c.d.recordData && !(flags & api::kAlways)) return;
+    const uint32_t n = c.failed && !(flags & api::kAlways) ? 0 : boundedSize(h, b.bytes);
+    h.u32(n);
+    h.addOwnBlock(n, b.copy, (flags & api::kCompressible) != 0);
+}
+
 void string(RecordHandle &h, CallCtx &c, const char *text) {
     if (!c.d.recordData) {
         h.ptr(text);

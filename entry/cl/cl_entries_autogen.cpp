@@ -367,7 +367,7 @@ void clSetKernelArg::write(RecordHandle &h, CallCtx &c, cl_kernel kernel, cl_uin
     kv::rec::put<api::Type::Handle>(h, kernel);
     kv::rec::put<api::Type::U32>(h, arg_index);
     kv::rec::put<api::Type::U64>(h, arg_size);
-    kv::rec::blob(h, c, arg_value, (kv::capture::hostBytes(c, arg_value, arg_size)), 0);
+    kv::rec::blob(h, c, kv::capture::clSetKernelArg_arg_value(c, kernel, arg_index, arg_size, arg_value), 0);
     (void)c;
 }
 
