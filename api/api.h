@@ -59,6 +59,7 @@ enum class Field : uint8_t {
     Attribs64,    // a Blob of EGLAttrib pairs ending with EGL_NONE
     ArraysTail,   // client arrays of an array draw: {index (4), pointer (8), count (4), block} to the end
     ElementsTail, // indices per draw, then the client arrays (see the client array capture)
+    Repeat,       // no bytes: the fields after it come as many times as field `ref`'s value says
 };
 
 enum FieldFlag : uint8_t {
@@ -76,7 +77,8 @@ struct FieldDesc {
     Field kind;
     Type type; // value type, or element type of a block
     uint8_t flags;
-    int8_t ref;         // ElementsTail: index of the field holding the draw count, -1 for a single draw
+    int8_t ref;         // ElementsTail: index of the field holding the draw count, -1 for a single draw;
+                        // Repeat: index of the field holding the repetitions
     uint16_t enumGroup; // the registry's enum group of the value (0: none), for showing names
 };
 

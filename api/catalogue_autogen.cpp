@@ -1056,6 +1056,7 @@ static const CatalogueRow kClRows[] = {
     {"clEnqueueMarkerWithWaitList", 5, nullptr}, // 6087
     {"clEnqueueBarrierWithWaitList", 5, nullptr}, // 6088
     {"clGetExtensionFunctionAddressForPlatform", 2, nullptr}, // 6089
+    {"(OpenCL read contents)", 3, nullptr}, // 6090
 };
 
 static const CatalogueRow kClExtRows[] = {
@@ -1087,7 +1088,7 @@ const FamilyRange kFamilies[static_cast<int>(Family::Count)] = {
     {Family::Egl, 1000, 1044, kEglRows},
     {Family::EglExt, 1100, 1124, kEglExtRows},
     {Family::Pseudo, 1500, 1503, kPseudoRows},
-    {Family::Cl, 6000, 6089, kClRows},
+    {Family::Cl, 6000, 6090, kClRows},
     {Family::ClExt, 6500, 6515, kClExtRows},
 };
 

@@ -5352,412 +5352,424 @@ const FieldDesc kFields_glTexStorage3DMultisample_7113[] = {
     {"depth", Field::Value, Type::I32, 0, -1, 0},
     {"fixedsamplelocations", Field::Value, Type::GlBoolean, 0, -1, 10},
 };
-// clGetPlatformIDs (6001): status i32 | result I32 | num_entries U32 | platforms Ptr | num_platforms Ptr
+//  (6000): platform Handle | vendor String | name String | deviceCount U32 | devices Repeat | device Handle | deviceVendor String | deviceName String | deviceType U64
+const FieldDesc kFields__6000[] = {
+    {"platform", Field::Value, Type::Handle, 0, -1, 0},
+    {"vendor", Field::String, Type::Char, 0, -1, 0},
+    {"name", Field::String, Type::Char, 0, -1, 0},
+    {"deviceCount", Field::Value, Type::U32, 0, -1, 0},
+    {"devices", Field::Repeat, Type::None, 0, 3, 0},
+    {"device", Field::Value, Type::Handle, 0, -1, 0},
+    {"deviceVendor", Field::String, Type::Char, 0, -1, 0},
+    {"deviceName", Field::String, Type::Char, 0, -1, 0},
+    {"deviceType", Field::Value, Type::U64, 0, -1, 0},
+};
+// clGetPlatformIDs (6001): status i32 | result ClStatus | num_entries U32 | platforms Blob<Handle>(out) | num_platforms Blob<U32>(out)
 const FieldDesc kFields_clGetPlatformIDs_6001[] = {
     {"num_entries", Field::Value, Type::U32, 0, -1, 0},
-    {"platforms", Field::Value, Type::Ptr, 0, -1, 0},
-    {"num_platforms", Field::Value, Type::Ptr, 0, -1, 0},
+    {"platforms", Field::Blob, Type::Handle, kOutput, -1, 0},
+    {"num_platforms", Field::Blob, Type::U32, kOutput, -1, 0},
 };
-// clGetPlatformInfo (6002): status i32 | result I32 | platform Handle | param_name U32 | param_value_size U64 | param_value Ptr | param_value_size_ret Ptr
+// clGetPlatformInfo (6002): status i32 | result ClStatus | platform Handle | param_name U32 | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
 const FieldDesc kFields_clGetPlatformInfo_6002[] = {
     {"platform", Field::Value, Type::Handle, 0, -1, 0},
     {"param_name", Field::Value, Type::U32, 0, -1, 0},
     {"param_value_size", Field::Value, Type::U64, 0, -1, 0},
-    {"param_value", Field::Value, Type::Ptr, 0, -1, 0},
-    {"param_value_size_ret", Field::Value, Type::Ptr, 0, -1, 0},
+    {"param_value", Field::Blob, Type::U8, kOutput, -1, 0},
+    {"param_value_size_ret", Field::Blob, Type::U64, kOutput, -1, 0},
 };
-// clGetDeviceIDs (6003): status i32 | result I32 | platform Handle | device_type U64 | num_entries U32 | devices Ptr | num_devices Ptr
+// clGetDeviceIDs (6003): status i32 | result ClStatus | platform Handle | device_type U64 | num_entries U32 | devices Blob<Handle>(out) | num_devices Blob<U32>(out)
 const FieldDesc kFields_clGetDeviceIDs_6003[] = {
     {"platform", Field::Value, Type::Handle, 0, -1, 0},
     {"device_type", Field::Value, Type::U64, 0, -1, 0},
     {"num_entries", Field::Value, Type::U32, 0, -1, 0},
-    {"devices", Field::Value, Type::Ptr, 0, -1, 0},
-    {"num_devices", Field::Value, Type::Ptr, 0, -1, 0},
+    {"devices", Field::Blob, Type::Handle, kOutput, -1, 0},
+    {"num_devices", Field::Blob, Type::U32, kOutput, -1, 0},
 };
-// clGetDeviceInfo (6004): status i32 | result I32 | device Handle | param_name U32 | param_value_size U64 | param_value Ptr | param_value_size_ret Ptr
+// clGetDeviceInfo (6004): status i32 | result ClStatus | device Handle | param_name U32 | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
 const FieldDesc kFields_clGetDeviceInfo_6004[] = {
     {"device", Field::Value, Type::Handle, 0, -1, 0},
     {"param_name", Field::Value, Type::U32, 0, -1, 0},
     {"param_value_size", Field::Value, Type::U64, 0, -1, 0},
-    {"param_value", Field::Value, Type::Ptr, 0, -1, 0},
-    {"param_value_size_ret", Field::Value, Type::Ptr, 0, -1, 0},
+    {"param_value", Field::Blob, Type::U8, kOutput, -1, 0},
+    {"param_value_size_ret", Field::Blob, Type::U64, kOutput, -1, 0},
 };
-// clCreateContext (6005): status i32 | result Handle | properties Ptr | num_devices U32 | devices Ptr | pfn_notify Ptr | user_data Ptr | errcode_ret Ptr
+// clCreateContext (6005): status i32 | result Handle | properties Blob<I64> | num_devices U32 | devices Blob<Handle> | pfn_notify Ptr | user_data Ptr | errcode_ret Blob<ClStatus>(out)
 const FieldDesc kFields_clCreateContext_6005[] = {
-    {"properties", Field::Value, Type::Ptr, 0, -1, 0},
+    {"properties", Field::Blob, Type::I64, 0, -1, 0},
     {"num_devices", Field::Value, Type::U32, 0, -1, 0},
-    {"devices", Field::Value, Type::Ptr, 0, -1, 0},
+    {"devices", Field::Blob, Type::Handle, 0, -1, 0},
     {"pfn_notify", Field::Value, Type::Ptr, 0, -1, 0},
     {"user_data", Field::Value, Type::Ptr, 0, -1, 0},
-    {"errcode_ret", Field::Value, Type::Ptr, 0, -1, 0},
+    {"errcode_ret", Field::Blob, Type::ClStatus, kOutput, -1, 0},
 };
-// clCreateContextFromType (6006): status i32 | result Handle | properties Ptr | device_type U64 | pfn_notify Ptr | user_data Ptr | errcode_ret Ptr
+// clCreateContextFromType (6006): status i32 | result Handle | properties Blob<I64> | device_type U64 | pfn_notify Ptr | user_data Ptr | errcode_ret Blob<ClStatus>(out)
 const FieldDesc kFields_clCreateContextFromType_6006[] = {
-    {"properties", Field::Value, Type::Ptr, 0, -1, 0},
+    {"properties", Field::Blob, Type::I64, 0, -1, 0},
     {"device_type", Field::Value, Type::U64, 0, -1, 0},
     {"pfn_notify", Field::Value, Type::Ptr, 0, -1, 0},
     {"user_data", Field::Value, Type::Ptr, 0, -1, 0},
-    {"errcode_ret", Field::Value, Type::Ptr, 0, -1, 0},
+    {"errcode_ret", Field::Blob, Type::ClStatus, kOutput, -1, 0},
 };
-// clRetainContext (6007): status i32 | result I32 | context Handle
+// clRetainContext (6007): status i32 | result ClStatus | context Handle
 const FieldDesc kFields_clRetainContext_6007[] = {
     {"context", Field::Value, Type::Handle, 0, -1, 0},
 };
-// clReleaseContext (6008): status i32 | result I32 | context Handle
+// clReleaseContext (6008): status i32 | result ClStatus | context Handle
 const FieldDesc kFields_clReleaseContext_6008[] = {
     {"context", Field::Value, Type::Handle, 0, -1, 0},
 };
-// clGetContextInfo (6009): status i32 | result I32 | context Handle | param_name U32 | param_value_size U64 | param_value Ptr | param_value_size_ret Ptr
+// clGetContextInfo (6009): status i32 | result ClStatus | context Handle | param_name U32 | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
 const FieldDesc kFields_clGetContextInfo_6009[] = {
     {"context", Field::Value, Type::Handle, 0, -1, 0},
     {"param_name", Field::Value, Type::U32, 0, -1, 0},
     {"param_value_size", Field::Value, Type::U64, 0, -1, 0},
-    {"param_value", Field::Value, Type::Ptr, 0, -1, 0},
-    {"param_value_size_ret", Field::Value, Type::Ptr, 0, -1, 0},
+    {"param_value", Field::Blob, Type::U8, kOutput, -1, 0},
+    {"param_value_size_ret", Field::Blob, Type::U64, kOutput, -1, 0},
 };
-// clCreateCommandQueue (6010): status i32 | result Handle | context Handle | device Handle | properties U64 | errcode_ret Ptr
+// clCreateCommandQueue (6010): status i32 | result Handle | context Handle | device Handle | properties U64 | errcode_ret Blob<ClStatus>(out)
 const FieldDesc kFields_clCreateCommandQueue_6010[] = {
     {"context", Field::Value, Type::Handle, 0, -1, 0},
     {"device", Field::Value, Type::Handle, 0, -1, 0},
     {"properties", Field::Value, Type::U64, 0, -1, 0},
-    {"errcode_ret", Field::Value, Type::Ptr, 0, -1, 0},
+    {"errcode_ret", Field::Blob, Type::ClStatus, kOutput, -1, 0},
 };
-// clRetainCommandQueue (6011): status i32 | result I32 | command_queue Handle
+// clRetainCommandQueue (6011): status i32 | result ClStatus | command_queue Handle
 const FieldDesc kFields_clRetainCommandQueue_6011[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
 };
-// clReleaseCommandQueue (6012): status i32 | result I32 | command_queue Handle
+// clReleaseCommandQueue (6012): status i32 | result ClStatus | command_queue Handle
 const FieldDesc kFields_clReleaseCommandQueue_6012[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
 };
-// clGetCommandQueueInfo (6013): status i32 | result I32 | command_queue Handle | param_name U32 | param_value_size U64 | param_value Ptr | param_value_size_ret Ptr
+// clGetCommandQueueInfo (6013): status i32 | result ClStatus | command_queue Handle | param_name U32 | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
 const FieldDesc kFields_clGetCommandQueueInfo_6013[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"param_name", Field::Value, Type::U32, 0, -1, 0},
     {"param_value_size", Field::Value, Type::U64, 0, -1, 0},
-    {"param_value", Field::Value, Type::Ptr, 0, -1, 0},
-    {"param_value_size_ret", Field::Value, Type::Ptr, 0, -1, 0},
+    {"param_value", Field::Blob, Type::U8, kOutput, -1, 0},
+    {"param_value_size_ret", Field::Blob, Type::U64, kOutput, -1, 0},
 };
-// clSetCommandQueueProperty (6014): status i32 | result I32 | command_queue Handle | properties U64 | enable U32 | old_properties Ptr
+// clSetCommandQueueProperty (6014): status i32 | result ClStatus | command_queue Handle | properties U64 | enable U32 | old_properties Blob<U64>(out)
 const FieldDesc kFields_clSetCommandQueueProperty_6014[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"properties", Field::Value, Type::U64, 0, -1, 0},
     {"enable", Field::Value, Type::U32, 0, -1, 0},
-    {"old_properties", Field::Value, Type::Ptr, 0, -1, 0},
+    {"old_properties", Field::Blob, Type::U64, kOutput, -1, 0},
 };
-// clCreateBuffer (6015): status i32 | result Handle | context Handle | flags U64 | size U64 | host_ptr Ptr | errcode_ret Ptr
+// clCreateBuffer (6015): status i32 | result Handle | context Handle | flags U64 | size U64 | host_ptr Blob<U8>(z) | errcode_ret Blob<ClStatus>(out)
 const FieldDesc kFields_clCreateBuffer_6015[] = {
     {"context", Field::Value, Type::Handle, 0, -1, 0},
     {"flags", Field::Value, Type::U64, 0, -1, 0},
     {"size", Field::Value, Type::U64, 0, -1, 0},
-    {"host_ptr", Field::Value, Type::Ptr, 0, -1, 0},
-    {"errcode_ret", Field::Value, Type::Ptr, 0, -1, 0},
+    {"host_ptr", Field::Blob, Type::U8, kCompressible, -1, 0},
+    {"errcode_ret", Field::Blob, Type::ClStatus, kOutput, -1, 0},
 };
-// clCreateSubBuffer (6016): status i32 | result Handle | buffer Handle | flags U64 | buffer_create_type U32 | buffer_create_info Ptr | errcode_ret Ptr
+// clCreateSubBuffer (6016): status i32 | result Handle | buffer Handle | flags U64 | buffer_create_type U32 | buffer_create_info Blob<U8> | errcode_ret Blob<ClStatus>(out)
 const FieldDesc kFields_clCreateSubBuffer_6016[] = {
     {"buffer", Field::Value, Type::Handle, 0, -1, 0},
     {"flags", Field::Value, Type::U64, 0, -1, 0},
     {"buffer_create_type", Field::Value, Type::U32, 0, -1, 0},
-    {"buffer_create_info", Field::Value, Type::Ptr, 0, -1, 0},
-    {"errcode_ret", Field::Value, Type::Ptr, 0, -1, 0},
+    {"buffer_create_info", Field::Blob, Type::U8, 0, -1, 0},
+    {"errcode_ret", Field::Blob, Type::ClStatus, kOutput, -1, 0},
 };
-// clCreateImage2D (6017): status i32 | result Handle | context Handle | flags U64 | image_format Ptr | image_width U64 | image_height U64 | image_row_pitch U64 | host_ptr Ptr | errcode_ret Ptr
+// clCreateImage2D (6017): status i32 | result Handle | context Handle | flags U64 | image_format Blob<U8> | image_width U64 | image_height U64 | image_row_pitch U64 | host_ptr Blob<U8>(z) | errcode_ret Blob<ClStatus>(out)
 const FieldDesc kFields_clCreateImage2D_6017[] = {
     {"context", Field::Value, Type::Handle, 0, -1, 0},
     {"flags", Field::Value, Type::U64, 0, -1, 0},
-    {"image_format", Field::Value, Type::Ptr, 0, -1, 0},
+    {"image_format", Field::Blob, Type::U8, 0, -1, 0},
     {"image_width", Field::Value, Type::U64, 0, -1, 0},
     {"image_height", Field::Value, Type::U64, 0, -1, 0},
     {"image_row_pitch", Field::Value, Type::U64, 0, -1, 0},
-    {"host_ptr", Field::Value, Type::Ptr, 0, -1, 0},
-    {"errcode_ret", Field::Value, Type::Ptr, 0, -1, 0},
+    {"host_ptr", Field::Blob, Type::U8, kCompressible, -1, 0},
+    {"errcode_ret", Field::Blob, Type::ClStatus, kOutput, -1, 0},
 };
-// clCreateImage3D (6018): status i32 | result Handle | context Handle | flags U64 | image_format Ptr | image_width U64 | image_height U64 | image_depth U64 | image_row_pitch U64 | image_slice_pitch U64 | host_ptr Ptr | errcode_ret Ptr
+// clCreateImage3D (6018): status i32 | result Handle | context Handle | flags U64 | image_format Blob<U8> | image_width U64 | image_height U64 | image_depth U64 | image_row_pitch U64 | image_slice_pitch U64 | host_ptr Blob<U8>(z) | errcode_ret Blob<ClStatus>(out)
 const FieldDesc kFields_clCreateImage3D_6018[] = {
     {"context", Field::Value, Type::Handle, 0, -1, 0},
     {"flags", Field::Value, Type::U64, 0, -1, 0},
-    {"image_format", Field::Value, Type::Ptr, 0, -1, 0},
+    {"image_format", Field::Blob, Type::U8, 0, -1, 0},
     {"image_width", Field::Value, Type::U64, 0, -1, 0},
     {"image_height", Field::Value, Type::U64, 0, -1, 0},
     {"image_depth", Field::Value, Type::U64, 0, -1, 0},
     {"image_row_pitch", Field::Value, Type::U64, 0, -1, 0},
     {"image_slice_pitch", Field::Value, Type::U64, 0, -1, 0},
-    {"host_ptr", Field::Value, Type::Ptr, 0, -1, 0},
-    {"errcode_ret", Field::Value, Type::Ptr, 0, -1, 0},
+    {"host_ptr", Field::Blob, Type::U8, kCompressible, -1, 0},
+    {"errcode_ret", Field::Blob, Type::ClStatus, kOutput, -1, 0},
 };
-// clRetainMemObject (6019): status i32 | result I32 | memobj Handle
+// clRetainMemObject (6019): status i32 | result ClStatus | memobj Handle
 const FieldDesc kFields_clRetainMemObject_6019[] = {
     {"memobj", Field::Value, Type::Handle, 0, -1, 0},
 };
-// clReleaseMemObject (6020): status i32 | result I32 | memobj Handle
+// clReleaseMemObject (6020): status i32 | result ClStatus | memobj Handle
 const FieldDesc kFields_clReleaseMemObject_6020[] = {
     {"memobj", Field::Value, Type::Handle, 0, -1, 0},
 };
-// clGetSupportedImageFormats (6021): status i32 | result I32 | context Handle | flags U64 | image_type U32 | num_entries U32 | image_formats Ptr | num_image_formats Ptr
+// clGetSupportedImageFormats (6021): status i32 | result ClStatus | context Handle | flags U64 | image_type U32 | num_entries U32 | image_formats Blob<U8>(out) | num_image_formats Blob<U32>(out)
 const FieldDesc kFields_clGetSupportedImageFormats_6021[] = {
     {"context", Field::Value, Type::Handle, 0, -1, 0},
     {"flags", Field::Value, Type::U64, 0, -1, 0},
     {"image_type", Field::Value, Type::U32, 0, -1, 0},
     {"num_entries", Field::Value, Type::U32, 0, -1, 0},
-    {"image_formats", Field::Value, Type::Ptr, 0, -1, 0},
-    {"num_image_formats", Field::Value, Type::Ptr, 0, -1, 0},
+    {"image_formats", Field::Blob, Type::U8, kOutput, -1, 0},
+    {"num_image_formats", Field::Blob, Type::U32, kOutput, -1, 0},
 };
-// clGetMemObjectInfo (6022): status i32 | result I32 | memobj Handle | param_name U32 | param_value_size U64 | param_value Ptr | param_value_size_ret Ptr
+// clGetMemObjectInfo (6022): status i32 | result ClStatus | memobj Handle | param_name U32 | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
 const FieldDesc kFields_clGetMemObjectInfo_6022[] = {
     {"memobj", Field::Value, Type::Handle, 0, -1, 0},
     {"param_name", Field::Value, Type::U32, 0, -1, 0},
     {"param_value_size", Field::Value, Type::U64, 0, -1, 0},
-    {"param_value", Field::Value, Type::Ptr, 0, -1, 0},
-    {"param_value_size_ret", Field::Value, Type::Ptr, 0, -1, 0},
+    {"param_value", Field::Blob, Type::U8, kOutput, -1, 0},
+    {"param_value_size_ret", Field::Blob, Type::U64, kOutput, -1, 0},
 };
-// clGetImageInfo (6023): status i32 | result I32 | image Handle | param_name U32 | param_value_size U64 | param_value Ptr | param_value_size_ret Ptr
+// clGetImageInfo (6023): status i32 | result ClStatus | image Handle | param_name U32 | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
 const FieldDesc kFields_clGetImageInfo_6023[] = {
     {"image", Field::Value, Type::Handle, 0, -1, 0},
     {"param_name", Field::Value, Type::U32, 0, -1, 0},
     {"param_value_size", Field::Value, Type::U64, 0, -1, 0},
-    {"param_value", Field::Value, Type::Ptr, 0, -1, 0},
-    {"param_value_size_ret", Field::Value, Type::Ptr, 0, -1, 0},
+    {"param_value", Field::Blob, Type::U8, kOutput, -1, 0},
+    {"param_value_size_ret", Field::Blob, Type::U64, kOutput, -1, 0},
 };
-// clSetMemObjectDestructorCallback (6024): status i32 | result I32 | memobj Handle | pfn_notify Ptr | user_data Ptr
+// clSetMemObjectDestructorCallback (6024): status i32 | result ClStatus | memobj Handle | pfn_notify Ptr | user_data Ptr
 const FieldDesc kFields_clSetMemObjectDestructorCallback_6024[] = {
     {"memobj", Field::Value, Type::Handle, 0, -1, 0},
     {"pfn_notify", Field::Value, Type::Ptr, 0, -1, 0},
     {"user_data", Field::Value, Type::Ptr, 0, -1, 0},
 };
-// clCreateSampler (6025): status i32 | result Handle | context Handle | normalized_coords U32 | addressing_mode U32 | filter_mode U32 | errcode_ret Ptr
+// clCreateSampler (6025): status i32 | result Handle | context Handle | normalized_coords U32 | addressing_mode U32 | filter_mode U32 | errcode_ret Blob<ClStatus>(out)
 const FieldDesc kFields_clCreateSampler_6025[] = {
     {"context", Field::Value, Type::Handle, 0, -1, 0},
     {"normalized_coords", Field::Value, Type::U32, 0, -1, 0},
     {"addressing_mode", Field::Value, Type::U32, 0, -1, 0},
     {"filter_mode", Field::Value, Type::U32, 0, -1, 0},
-    {"errcode_ret", Field::Value, Type::Ptr, 0, -1, 0},
+    {"errcode_ret", Field::Blob, Type::ClStatus, kOutput, -1, 0},
 };
-// clRetainSampler (6026): status i32 | result I32 | sampler Handle
+// clRetainSampler (6026): status i32 | result ClStatus | sampler Handle
 const FieldDesc kFields_clRetainSampler_6026[] = {
     {"sampler", Field::Value, Type::Handle, 0, -1, 0},
 };
-// clReleaseSampler (6027): status i32 | result I32 | sampler Handle
+// clReleaseSampler (6027): status i32 | result ClStatus | sampler Handle
 const FieldDesc kFields_clReleaseSampler_6027[] = {
     {"sampler", Field::Value, Type::Handle, 0, -1, 0},
 };
-// clGetSamplerInfo (6028): status i32 | result I32 | sampler Handle | param_name U32 | param_value_size U64 | param_value Ptr | param_value_size_ret Ptr
+// clGetSamplerInfo (6028): status i32 | result ClStatus | sampler Handle | param_name U32 | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
 const FieldDesc kFields_clGetSamplerInfo_6028[] = {
     {"sampler", Field::Value, Type::Handle, 0, -1, 0},
     {"param_name", Field::Value, Type::U32, 0, -1, 0},
     {"param_value_size", Field::Value, Type::U64, 0, -1, 0},
-    {"param_value", Field::Value, Type::Ptr, 0, -1, 0},
-    {"param_value_size_ret", Field::Value, Type::Ptr, 0, -1, 0},
+    {"param_value", Field::Blob, Type::U8, kOutput, -1, 0},
+    {"param_value_size_ret", Field::Blob, Type::U64, kOutput, -1, 0},
 };
-// clCreateProgramWithSource (6029): status i32 | result Handle | context Handle | count U32 | strings StringArray | lengths Ptr | errcode_ret Ptr
+// clCreateProgramWithSource (6029): status i32 | result Handle | context Handle | count U32 | strings StringArray | lengths Blob<U64> | errcode_ret Blob<ClStatus>(out)
 const FieldDesc kFields_clCreateProgramWithSource_6029[] = {
     {"context", Field::Value, Type::Handle, 0, -1, 0},
     {"count", Field::Value, Type::U32, 0, -1, 0},
     {"strings", Field::StringArray, Type::Char, 0, -1, 0},
-    {"lengths", Field::Value, Type::Ptr, 0, -1, 0},
-    {"errcode_ret", Field::Value, Type::Ptr, 0, -1, 0},
+    {"lengths", Field::Blob, Type::U64, 0, -1, 0},
+    {"errcode_ret", Field::Blob, Type::ClStatus, kOutput, -1, 0},
 };
-// clCreateProgramWithBinary (6030): status i32 | result Handle | context Handle | num_devices U32 | device_list Ptr | lengths Ptr | binaries Ptr | binary_status Ptr | errcode_ret Ptr
+// clCreateProgramWithBinary (6030): status i32 | result Handle | context Handle | num_devices U32 | device_list Blob<Handle> | lengths Blob<U64> | binaries StringArray | binary_status Blob<I32>(out) | errcode_ret Blob<ClStatus>(out)
 const FieldDesc kFields_clCreateProgramWithBinary_6030[] = {
     {"context", Field::Value, Type::Handle, 0, -1, 0},
     {"num_devices", Field::Value, Type::U32, 0, -1, 0},
-    {"device_list", Field::Value, Type::Ptr, 0, -1, 0},
-    {"lengths", Field::Value, Type::Ptr, 0, -1, 0},
-    {"binaries", Field::Value, Type::Ptr, 0, -1, 0},
-    {"binary_status", Field::Value, Type::Ptr, 0, -1, 0},
-    {"errcode_ret", Field::Value, Type::Ptr, 0, -1, 0},
+    {"device_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"lengths", Field::Blob, Type::U64, 0, -1, 0},
+    {"binaries", Field::StringArray, Type::Char, 0, -1, 0},
+    {"binary_status", Field::Blob, Type::I32, kOutput, -1, 0},
+    {"errcode_ret", Field::Blob, Type::ClStatus, kOutput, -1, 0},
 };
-// clRetainProgram (6031): status i32 | result I32 | program Handle
+// clRetainProgram (6031): status i32 | result ClStatus | program Handle
 const FieldDesc kFields_clRetainProgram_6031[] = {
     {"program", Field::Value, Type::Handle, 0, -1, 0},
 };
-// clReleaseProgram (6032): status i32 | result I32 | program Handle
+// clReleaseProgram (6032): status i32 | result ClStatus | program Handle
 const FieldDesc kFields_clReleaseProgram_6032[] = {
     {"program", Field::Value, Type::Handle, 0, -1, 0},
 };
-// clBuildProgram (6033): status i32 | result I32 | program Handle | num_devices U32 | device_list Ptr | options String | pfn_notify Ptr | user_data Ptr
+// clBuildProgram (6033): status i32 | result ClStatus | program Handle | num_devices U32 | device_list Blob<Handle> | options String | pfn_notify Ptr | user_data Ptr
 const FieldDesc kFields_clBuildProgram_6033[] = {
     {"program", Field::Value, Type::Handle, 0, -1, 0},
     {"num_devices", Field::Value, Type::U32, 0, -1, 0},
-    {"device_list", Field::Value, Type::Ptr, 0, -1, 0},
+    {"device_list", Field::Blob, Type::Handle, 0, -1, 0},
     {"options", Field::String, Type::Char, 0, -1, 0},
     {"pfn_notify", Field::Value, Type::Ptr, 0, -1, 0},
     {"user_data", Field::Value, Type::Ptr, 0, -1, 0},
 };
-// clGetProgramInfo (6035): status i32 | result I32 | program Handle | param_name U32 | param_value_size U64 | param_value Ptr | param_value_size_ret Ptr
+// clGetProgramInfo (6035): status i32 | result ClStatus | program Handle | param_name U32 | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
 const FieldDesc kFields_clGetProgramInfo_6035[] = {
     {"program", Field::Value, Type::Handle, 0, -1, 0},
     {"param_name", Field::Value, Type::U32, 0, -1, 0},
     {"param_value_size", Field::Value, Type::U64, 0, -1, 0},
-    {"param_value", Field::Value, Type::Ptr, 0, -1, 0},
-    {"param_value_size_ret", Field::Value, Type::Ptr, 0, -1, 0},
+    {"param_value", Field::Blob, Type::U8, kOutput, -1, 0},
+    {"param_value_size_ret", Field::Blob, Type::U64, kOutput, -1, 0},
 };
-// clGetProgramBuildInfo (6036): status i32 | result I32 | program Handle | device Handle | param_name U32 | param_value_size U64 | param_value Ptr | param_value_size_ret Ptr
+// clGetProgramBuildInfo (6036): status i32 | result ClStatus | program Handle | device Handle | param_name U32 | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
 const FieldDesc kFields_clGetProgramBuildInfo_6036[] = {
     {"program", Field::Value, Type::Handle, 0, -1, 0},
     {"device", Field::Value, Type::Handle, 0, -1, 0},
     {"param_name", Field::Value, Type::U32, 0, -1, 0},
     {"param_value_size", Field::Value, Type::U64, 0, -1, 0},
-    {"param_value", Field::Value, Type::Ptr, 0, -1, 0},
-    {"param_value_size_ret", Field::Value, Type::Ptr, 0, -1, 0},
+    {"param_value", Field::Blob, Type::U8, kOutput, -1, 0},
+    {"param_value_size_ret", Field::Blob, Type::U64, kOutput, -1, 0},
 };
-// clCreateKernel (6037): status i32 | result Handle | program Handle | kernel_name String | errcode_ret Ptr
+// clCreateKernel (6037): status i32 | result Handle | program Handle | kernel_name String | errcode_ret Blob<ClStatus>(out)
 const FieldDesc kFields_clCreateKernel_6037[] = {
     {"program", Field::Value, Type::Handle, 0, -1, 0},
     {"kernel_name", Field::String, Type::Char, 0, -1, 0},
-    {"errcode_ret", Field::Value, Type::Ptr, 0, -1, 0},
+    {"errcode_ret", Field::Blob, Type::ClStatus, kOutput, -1, 0},
 };
-// clCreateKernelsInProgram (6038): status i32 | result I32 | program Handle | num_kernels U32 | kernels Ptr | num_kernels_ret Ptr
+// clCreateKernelsInProgram (6038): status i32 | result ClStatus | program Handle | num_kernels U32 | kernels Blob<Handle>(out) | num_kernels_ret Blob<U32>(out)
 const FieldDesc kFields_clCreateKernelsInProgram_6038[] = {
     {"program", Field::Value, Type::Handle, 0, -1, 0},
     {"num_kernels", Field::Value, Type::U32, 0, -1, 0},
-    {"kernels", Field::Value, Type::Ptr, 0, -1, 0},
-    {"num_kernels_ret", Field::Value, Type::Ptr, 0, -1, 0},
+    {"kernels", Field::Blob, Type::Handle, kOutput, -1, 0},
+    {"num_kernels_ret", Field::Blob, Type::U32, kOutput, -1, 0},
 };
-// clRetainKernel (6039): status i32 | result I32 | kernel Handle
+// clRetainKernel (6039): status i32 | result ClStatus | kernel Handle
 const FieldDesc kFields_clRetainKernel_6039[] = {
     {"kernel", Field::Value, Type::Handle, 0, -1, 0},
 };
-// clReleaseKernel (6040): status i32 | result I32 | kernel Handle
+// clReleaseKernel (6040): status i32 | result ClStatus | kernel Handle
 const FieldDesc kFields_clReleaseKernel_6040[] = {
     {"kernel", Field::Value, Type::Handle, 0, -1, 0},
 };
-// clSetKernelArg (6041): status i32 | result I32 | kernel Handle | arg_index U32 | arg_size U64 | arg_value Ptr
+// clSetKernelArg (6041): status i32 | result ClStatus | kernel Handle | arg_index U32 | arg_size U64 | arg_value Blob<U8>
 const FieldDesc kFields_clSetKernelArg_6041[] = {
     {"kernel", Field::Value, Type::Handle, 0, -1, 0},
     {"arg_index", Field::Value, Type::U32, 0, -1, 0},
     {"arg_size", Field::Value, Type::U64, 0, -1, 0},
-    {"arg_value", Field::Value, Type::Ptr, 0, -1, 0},
+    {"arg_value", Field::Blob, Type::U8, 0, -1, 0},
 };
-// clGetKernelInfo (6042): status i32 | result I32 | kernel Handle | param_name U32 | param_value_size U64 | param_value Ptr | param_value_size_ret Ptr
+// clGetKernelInfo (6042): status i32 | result ClStatus | kernel Handle | param_name U32 | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
 const FieldDesc kFields_clGetKernelInfo_6042[] = {
     {"kernel", Field::Value, Type::Handle, 0, -1, 0},
     {"param_name", Field::Value, Type::U32, 0, -1, 0},
     {"param_value_size", Field::Value, Type::U64, 0, -1, 0},
-    {"param_value", Field::Value, Type::Ptr, 0, -1, 0},
-    {"param_value_size_ret", Field::Value, Type::Ptr, 0, -1, 0},
+    {"param_value", Field::Blob, Type::U8, kOutput, -1, 0},
+    {"param_value_size_ret", Field::Blob, Type::U64, kOutput, -1, 0},
 };
-// clGetKernelWorkGroupInfo (6043): status i32 | result I32 | kernel Handle | device Handle | param_name U32 | param_value_size U64 | param_value Ptr | param_value_size_ret Ptr
+// clGetKernelWorkGroupInfo (6043): status i32 | result ClStatus | kernel Handle | device Handle | param_name U32 | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
 const FieldDesc kFields_clGetKernelWorkGroupInfo_6043[] = {
     {"kernel", Field::Value, Type::Handle, 0, -1, 0},
     {"device", Field::Value, Type::Handle, 0, -1, 0},
     {"param_name", Field::Value, Type::U32, 0, -1, 0},
     {"param_value_size", Field::Value, Type::U64, 0, -1, 0},
-    {"param_value", Field::Value, Type::Ptr, 0, -1, 0},
-    {"param_value_size_ret", Field::Value, Type::Ptr, 0, -1, 0},
+    {"param_value", Field::Blob, Type::U8, kOutput, -1, 0},
+    {"param_value_size_ret", Field::Blob, Type::U64, kOutput, -1, 0},
 };
-// clWaitForEvents (6044): status i32 | result I32 | num_events U32 | event_list Ptr
+// clWaitForEvents (6044): status i32 | result ClStatus | num_events U32 | event_list Blob<Handle>
 const FieldDesc kFields_clWaitForEvents_6044[] = {
     {"num_events", Field::Value, Type::U32, 0, -1, 0},
-    {"event_list", Field::Value, Type::Ptr, 0, -1, 0},
+    {"event_list", Field::Blob, Type::Handle, 0, -1, 0},
 };
-// clGetEventInfo (6045): status i32 | result I32 | event Handle | param_name U32 | param_value_size U64 | param_value Ptr | param_value_size_ret Ptr
+// clGetEventInfo (6045): status i32 | result ClStatus | event Handle | param_name U32 | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
 const FieldDesc kFields_clGetEventInfo_6045[] = {
     {"event", Field::Value, Type::Handle, 0, -1, 0},
     {"param_name", Field::Value, Type::U32, 0, -1, 0},
     {"param_value_size", Field::Value, Type::U64, 0, -1, 0},
-    {"param_value", Field::Value, Type::Ptr, 0, -1, 0},
-    {"param_value_size_ret", Field::Value, Type::Ptr, 0, -1, 0},
+    {"param_value", Field::Blob, Type::U8, kOutput, -1, 0},
+    {"param_value_size_ret", Field::Blob, Type::U64, kOutput, -1, 0},
 };
-// clCreateUserEvent (6046): status i32 | result Handle | context Handle | errcode_ret Ptr
+// clCreateUserEvent (6046): status i32 | result Handle | context Handle | errcode_ret Blob<ClStatus>(out)
 const FieldDesc kFields_clCreateUserEvent_6046[] = {
     {"context", Field::Value, Type::Handle, 0, -1, 0},
-    {"errcode_ret", Field::Value, Type::Ptr, 0, -1, 0},
+    {"errcode_ret", Field::Blob, Type::ClStatus, kOutput, -1, 0},
 };
-// clRetainEvent (6047): status i32 | result I32 | event Handle
+// clRetainEvent (6047): status i32 | result ClStatus | event Handle
 const FieldDesc kFields_clRetainEvent_6047[] = {
     {"event", Field::Value, Type::Handle, 0, -1, 0},
 };
-// clReleaseEvent (6048): status i32 | result I32 | event Handle
+// clReleaseEvent (6048): status i32 | result ClStatus | event Handle
 const FieldDesc kFields_clReleaseEvent_6048[] = {
     {"event", Field::Value, Type::Handle, 0, -1, 0},
 };
-// clSetUserEventStatus (6049): status i32 | result I32 | event Handle | execution_status I32
+// clSetUserEventStatus (6049): status i32 | result ClStatus | event Handle | execution_status I32
 const FieldDesc kFields_clSetUserEventStatus_6049[] = {
     {"event", Field::Value, Type::Handle, 0, -1, 0},
     {"execution_status", Field::Value, Type::I32, 0, -1, 0},
 };
-// clSetEventCallback (6050): status i32 | result I32 | event Handle | command_exec_callback_type I32 | pfn_notify Ptr | user_data Ptr
+// clSetEventCallback (6050): status i32 | result ClStatus | event Handle | command_exec_callback_type I32 | pfn_notify Ptr | user_data Ptr
 const FieldDesc kFields_clSetEventCallback_6050[] = {
     {"event", Field::Value, Type::Handle, 0, -1, 0},
     {"command_exec_callback_type", Field::Value, Type::I32, 0, -1, 0},
     {"pfn_notify", Field::Value, Type::Ptr, 0, -1, 0},
     {"user_data", Field::Value, Type::Ptr, 0, -1, 0},
 };
-// clGetEventProfilingInfo (6051): status i32 | result I32 | event Handle | param_name U32 | param_value_size U64 | param_value Ptr | param_value_size_ret Ptr
+// clGetEventProfilingInfo (6051): status i32 | result ClStatus | event Handle | param_name U32 | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
 const FieldDesc kFields_clGetEventProfilingInfo_6051[] = {
     {"event", Field::Value, Type::Handle, 0, -1, 0},
     {"param_name", Field::Value, Type::U32, 0, -1, 0},
     {"param_value_size", Field::Value, Type::U64, 0, -1, 0},
-    {"param_value", Field::Value, Type::Ptr, 0, -1, 0},
-    {"param_value_size_ret", Field::Value, Type::Ptr, 0, -1, 0},
+    {"param_value", Field::Blob, Type::U8, kOutput, -1, 0},
+    {"param_value_size_ret", Field::Blob, Type::U64, kOutput, -1, 0},
 };
-// clFlush (6052): status i32 | result I32 | command_queue Handle
+// clFlush (6052): status i32 | result ClStatus | command_queue Handle
 const FieldDesc kFields_clFlush_6052[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
 };
-// clFinish (6053): status i32 | result I32 | command_queue Handle
+// clFinish (6053): status i32 | result ClStatus | command_queue Handle
 const FieldDesc kFields_clFinish_6053[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
 };
-// clEnqueueReadBuffer (6054): status i32 | result I32 | command_queue Handle | buffer Handle | blocking_read U32 | offset U64 | size U64 | ptr Ptr | num_events_in_wait_list U32 | event_wait_list Ptr | event Ptr
+// clEnqueueReadBuffer (6054): status i32 | result ClStatus | command_queue Handle | buffer Handle | blocking_read U32 | offset U64 | size U64 | ptr Blob<U8>(z)(out) | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
 const FieldDesc kFields_clEnqueueReadBuffer_6054[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"buffer", Field::Value, Type::Handle, 0, -1, 0},
     {"blocking_read", Field::Value, Type::U32, 0, -1, 0},
     {"offset", Field::Value, Type::U64, 0, -1, 0},
     {"size", Field::Value, Type::U64, 0, -1, 0},
-    {"ptr", Field::Value, Type::Ptr, 0, -1, 0},
+    {"ptr", Field::Blob, Type::U8, kCompressible | kOutput, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Value, Type::Ptr, 0, -1, 0},
-    {"event", Field::Value, Type::Ptr, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
-// clEnqueueReadBufferRect (6055): status i32 | result I32 | command_queue Handle | buffer Handle | blocking_read U32 | buffer_origin Ptr | host_origin Ptr | region Ptr | buffer_row_pitch U64 | buffer_slice_pitch U64 | host_row_pitch U64 | host_slice_pitch U64 | ptr Ptr | num_events_in_wait_list U32 | event_wait_list Ptr | event Ptr
+// clEnqueueReadBufferRect (6055): status i32 | result ClStatus | command_queue Handle | buffer Handle | blocking_read U32 | buffer_origin Blob<U64> | host_origin Blob<U64> | region Blob<U64> | buffer_row_pitch U64 | buffer_slice_pitch U64 | host_row_pitch U64 | host_slice_pitch U64 | ptr Blob<U8>(z)(out) | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
 const FieldDesc kFields_clEnqueueReadBufferRect_6055[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"buffer", Field::Value, Type::Handle, 0, -1, 0},
     {"blocking_read", Field::Value, Type::U32, 0, -1, 0},
-    {"buffer_origin", Field::Value, Type::Ptr, 0, -1, 0},
-    {"host_origin", Field::Value, Type::Ptr, 0, -1, 0},
-    {"region", Field::Value, Type::Ptr, 0, -1, 0},
+    {"buffer_origin", Field::Blob, Type::U64, 0, -1, 0},
+    {"host_origin", Field::Blob, Type::U64, 0, -1, 0},
+    {"region", Field::Blob, Type::U64, 0, -1, 0},
     {"buffer_row_pitch", Field::Value, Type::U64, 0, -1, 0},
     {"buffer_slice_pitch", Field::Value, Type::U64, 0, -1, 0},
     {"host_row_pitch", Field::Value, Type::U64, 0, -1, 0},
     {"host_slice_pitch", Field::Value, Type::U64, 0, -1, 0},
-    {"ptr", Field::Value, Type::Ptr, 0, -1, 0},
+    {"ptr", Field::Blob, Type::U8, kCompressible | kOutput, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Value, Type::Ptr, 0, -1, 0},
-    {"event", Field::Value, Type::Ptr, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
-// clEnqueueWriteBuffer (6056): status i32 | result I32 | command_queue Handle | buffer Handle | blocking_write U32 | offset U64 | size U64 | ptr Ptr | num_events_in_wait_list U32 | event_wait_list Ptr | event Ptr
+// clEnqueueWriteBuffer (6056): status i32 | result ClStatus | command_queue Handle | buffer Handle | blocking_write U32 | offset U64 | size U64 | ptr Blob<U8>(z) | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
 const FieldDesc kFields_clEnqueueWriteBuffer_6056[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"buffer", Field::Value, Type::Handle, 0, -1, 0},
     {"blocking_write", Field::Value, Type::U32, 0, -1, 0},
     {"offset", Field::Value, Type::U64, 0, -1, 0},
     {"size", Field::Value, Type::U64, 0, -1, 0},
-    {"ptr", Field::Value, Type::Ptr, 0, -1, 0},
+    {"ptr", Field::Blob, Type::U8, kCompressible, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Value, Type::Ptr, 0, -1, 0},
-    {"event", Field::Value, Type::Ptr, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
-// clEnqueueWriteBufferRect (6057): status i32 | result I32 | command_queue Handle | buffer Handle | blocking_write U32 | buffer_origin Ptr | host_origin Ptr | region Ptr | buffer_row_pitch U64 | buffer_slice_pitch U64 | host_row_pitch U64 | host_slice_pitch U64 | ptr Ptr | num_events_in_wait_list U32 | event_wait_list Ptr | event Ptr
+// clEnqueueWriteBufferRect (6057): status i32 | result ClStatus | command_queue Handle | buffer Handle | blocking_write U32 | buffer_origin Blob<U64> | host_origin Blob<U64> | region Blob<U64> | buffer_row_pitch U64 | buffer_slice_pitch U64 | host_row_pitch U64 | host_slice_pitch U64 | ptr Blob<U8>(z) | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
 const FieldDesc kFields_clEnqueueWriteBufferRect_6057[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"buffer", Field::Value, Type::Handle, 0, -1, 0},
     {"blocking_write", Field::Value, Type::U32, 0, -1, 0},
-    {"buffer_origin", Field::Value, Type::Ptr, 0, -1, 0},
-    {"host_origin", Field::Value, Type::Ptr, 0, -1, 0},
-    {"region", Field::Value, Type::Ptr, 0, -1, 0},
+    {"buffer_origin", Field::Blob, Type::U64, 0, -1, 0},
+    {"host_origin", Field::Blob, Type::U64, 0, -1, 0},
+    {"region", Field::Blob, Type::U64, 0, -1, 0},
     {"buffer_row_pitch", Field::Value, Type::U64, 0, -1, 0},
     {"buffer_slice_pitch", Field::Value, Type::U64, 0, -1, 0},
     {"host_row_pitch", Field::Value, Type::U64, 0, -1, 0},
     {"host_slice_pitch", Field::Value, Type::U64, 0, -1, 0},
-    {"ptr", Field::Value, Type::Ptr, 0, -1, 0},
+    {"ptr", Field::Blob, Type::U8, kCompressible, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Value, Type::Ptr, 0, -1, 0},
-    {"event", Field::Value, Type::Ptr, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
-// clEnqueueCopyBuffer (6058): status i32 | result I32 | command_queue Handle | src_buffer Handle | dst_buffer Handle | src_offset U64 | dst_offset U64 | size U64 | num_events_in_wait_list U32 | event_wait_list Ptr | event Ptr
+// clEnqueueCopyBuffer (6058): status i32 | result ClStatus | command_queue Handle | src_buffer Handle | dst_buffer Handle | src_offset U64 | dst_offset U64 | size U64 | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
 const FieldDesc kFields_clEnqueueCopyBuffer_6058[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"src_buffer", Field::Value, Type::Handle, 0, -1, 0},
@@ -5766,90 +5778,90 @@ const FieldDesc kFields_clEnqueueCopyBuffer_6058[] = {
     {"dst_offset", Field::Value, Type::U64, 0, -1, 0},
     {"size", Field::Value, Type::U64, 0, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Value, Type::Ptr, 0, -1, 0},
-    {"event", Field::Value, Type::Ptr, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
-// clEnqueueCopyBufferRect (6059): status i32 | result I32 | command_queue Handle | src_buffer Handle | dst_buffer Handle | src_origin Ptr | dst_origin Ptr | region Ptr | src_row_pitch U64 | src_slice_pitch U64 | dst_row_pitch U64 | dst_slice_pitch U64 | num_events_in_wait_list U32 | event_wait_list Ptr | event Ptr
+// clEnqueueCopyBufferRect (6059): status i32 | result ClStatus | command_queue Handle | src_buffer Handle | dst_buffer Handle | src_origin Blob<U64> | dst_origin Blob<U64> | region Blob<U64> | src_row_pitch U64 | src_slice_pitch U64 | dst_row_pitch U64 | dst_slice_pitch U64 | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
 const FieldDesc kFields_clEnqueueCopyBufferRect_6059[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"src_buffer", Field::Value, Type::Handle, 0, -1, 0},
     {"dst_buffer", Field::Value, Type::Handle, 0, -1, 0},
-    {"src_origin", Field::Value, Type::Ptr, 0, -1, 0},
-    {"dst_origin", Field::Value, Type::Ptr, 0, -1, 0},
-    {"region", Field::Value, Type::Ptr, 0, -1, 0},
+    {"src_origin", Field::Blob, Type::U64, 0, -1, 0},
+    {"dst_origin", Field::Blob, Type::U64, 0, -1, 0},
+    {"region", Field::Blob, Type::U64, 0, -1, 0},
     {"src_row_pitch", Field::Value, Type::U64, 0, -1, 0},
     {"src_slice_pitch", Field::Value, Type::U64, 0, -1, 0},
     {"dst_row_pitch", Field::Value, Type::U64, 0, -1, 0},
     {"dst_slice_pitch", Field::Value, Type::U64, 0, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Value, Type::Ptr, 0, -1, 0},
-    {"event", Field::Value, Type::Ptr, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
-// clEnqueueReadImage (6060): status i32 | result I32 | command_queue Handle | image Handle | blocking_read U32 | origin Ptr | region Ptr | row_pitch U64 | slice_pitch U64 | ptr Ptr | num_events_in_wait_list U32 | event_wait_list Ptr | event Ptr
+// clEnqueueReadImage (6060): status i32 | result ClStatus | command_queue Handle | image Handle | blocking_read U32 | origin Blob<U64> | region Blob<U64> | row_pitch U64 | slice_pitch U64 | ptr Blob<U8>(z)(out) | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
 const FieldDesc kFields_clEnqueueReadImage_6060[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"image", Field::Value, Type::Handle, 0, -1, 0},
     {"blocking_read", Field::Value, Type::U32, 0, -1, 0},
-    {"origin", Field::Value, Type::Ptr, 0, -1, 0},
-    {"region", Field::Value, Type::Ptr, 0, -1, 0},
+    {"origin", Field::Blob, Type::U64, 0, -1, 0},
+    {"region", Field::Blob, Type::U64, 0, -1, 0},
     {"row_pitch", Field::Value, Type::U64, 0, -1, 0},
     {"slice_pitch", Field::Value, Type::U64, 0, -1, 0},
-    {"ptr", Field::Value, Type::Ptr, 0, -1, 0},
+    {"ptr", Field::Blob, Type::U8, kCompressible | kOutput, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Value, Type::Ptr, 0, -1, 0},
-    {"event", Field::Value, Type::Ptr, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
-// clEnqueueWriteImage (6061): status i32 | result I32 | command_queue Handle | image Handle | blocking_write U32 | origin Ptr | region Ptr | input_row_pitch U64 | input_slice_pitch U64 | ptr Ptr | num_events_in_wait_list U32 | event_wait_list Ptr | event Ptr
+// clEnqueueWriteImage (6061): status i32 | result ClStatus | command_queue Handle | image Handle | blocking_write U32 | origin Blob<U64> | region Blob<U64> | input_row_pitch U64 | input_slice_pitch U64 | ptr Blob<U8>(z) | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
 const FieldDesc kFields_clEnqueueWriteImage_6061[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"image", Field::Value, Type::Handle, 0, -1, 0},
     {"blocking_write", Field::Value, Type::U32, 0, -1, 0},
-    {"origin", Field::Value, Type::Ptr, 0, -1, 0},
-    {"region", Field::Value, Type::Ptr, 0, -1, 0},
+    {"origin", Field::Blob, Type::U64, 0, -1, 0},
+    {"region", Field::Blob, Type::U64, 0, -1, 0},
     {"input_row_pitch", Field::Value, Type::U64, 0, -1, 0},
     {"input_slice_pitch", Field::Value, Type::U64, 0, -1, 0},
-    {"ptr", Field::Value, Type::Ptr, 0, -1, 0},
+    {"ptr", Field::Blob, Type::U8, kCompressible, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Value, Type::Ptr, 0, -1, 0},
-    {"event", Field::Value, Type::Ptr, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
-// clEnqueueCopyImage (6062): status i32 | result I32 | command_queue Handle | src_image Handle | dst_image Handle | src_origin Ptr | dst_origin Ptr | region Ptr | num_events_in_wait_list U32 | event_wait_list Ptr | event Ptr
+// clEnqueueCopyImage (6062): status i32 | result ClStatus | command_queue Handle | src_image Handle | dst_image Handle | src_origin Blob<U64> | dst_origin Blob<U64> | region Blob<U64> | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
 const FieldDesc kFields_clEnqueueCopyImage_6062[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"src_image", Field::Value, Type::Handle, 0, -1, 0},
     {"dst_image", Field::Value, Type::Handle, 0, -1, 0},
-    {"src_origin", Field::Value, Type::Ptr, 0, -1, 0},
-    {"dst_origin", Field::Value, Type::Ptr, 0, -1, 0},
-    {"region", Field::Value, Type::Ptr, 0, -1, 0},
+    {"src_origin", Field::Blob, Type::U64, 0, -1, 0},
+    {"dst_origin", Field::Blob, Type::U64, 0, -1, 0},
+    {"region", Field::Blob, Type::U64, 0, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Value, Type::Ptr, 0, -1, 0},
-    {"event", Field::Value, Type::Ptr, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
-// clEnqueueCopyImageToBuffer (6063): status i32 | result I32 | command_queue Handle | src_image Handle | dst_buffer Handle | src_origin Ptr | region Ptr | dst_offset U64 | num_events_in_wait_list U32 | event_wait_list Ptr | event Ptr
+// clEnqueueCopyImageToBuffer (6063): status i32 | result ClStatus | command_queue Handle | src_image Handle | dst_buffer Handle | src_origin Blob<U64> | region Blob<U64> | dst_offset U64 | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
 const FieldDesc kFields_clEnqueueCopyImageToBuffer_6063[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"src_image", Field::Value, Type::Handle, 0, -1, 0},
     {"dst_buffer", Field::Value, Type::Handle, 0, -1, 0},
-    {"src_origin", Field::Value, Type::Ptr, 0, -1, 0},
-    {"region", Field::Value, Type::Ptr, 0, -1, 0},
+    {"src_origin", Field::Blob, Type::U64, 0, -1, 0},
+    {"region", Field::Blob, Type::U64, 0, -1, 0},
     {"dst_offset", Field::Value, Type::U64, 0, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Value, Type::Ptr, 0, -1, 0},
-    {"event", Field::Value, Type::Ptr, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
-// clEnqueueCopyBufferToImage (6064): status i32 | result I32 | command_queue Handle | src_buffer Handle | dst_image Handle | src_offset U64 | dst_origin Ptr | region Ptr | num_events_in_wait_list U32 | event_wait_list Ptr | event Ptr
+// clEnqueueCopyBufferToImage (6064): status i32 | result ClStatus | command_queue Handle | src_buffer Handle | dst_image Handle | src_offset U64 | dst_origin Blob<U64> | region Blob<U64> | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
 const FieldDesc kFields_clEnqueueCopyBufferToImage_6064[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"src_buffer", Field::Value, Type::Handle, 0, -1, 0},
     {"dst_image", Field::Value, Type::Handle, 0, -1, 0},
     {"src_offset", Field::Value, Type::U64, 0, -1, 0},
-    {"dst_origin", Field::Value, Type::Ptr, 0, -1, 0},
-    {"region", Field::Value, Type::Ptr, 0, -1, 0},
+    {"dst_origin", Field::Blob, Type::U64, 0, -1, 0},
+    {"region", Field::Blob, Type::U64, 0, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Value, Type::Ptr, 0, -1, 0},
-    {"event", Field::Value, Type::Ptr, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
-// clEnqueueMapBuffer (6065): status i32 | result Ptr | command_queue Handle | buffer Handle | blocking_map U32 | map_flags U64 | offset U64 | size U64 | num_events_in_wait_list U32 | event_wait_list Ptr | event Ptr | errcode_ret Ptr
+// clEnqueueMapBuffer (6065): status i32 | result Ptr | command_queue Handle | buffer Handle | blocking_map U32 | map_flags U64 | offset U64 | size U64 | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out) | errcode_ret Blob<ClStatus>(out)
 const FieldDesc kFields_clEnqueueMapBuffer_6065[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"buffer", Field::Value, Type::Handle, 0, -1, 0},
@@ -5858,79 +5870,80 @@ const FieldDesc kFields_clEnqueueMapBuffer_6065[] = {
     {"offset", Field::Value, Type::U64, 0, -1, 0},
     {"size", Field::Value, Type::U64, 0, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Value, Type::Ptr, 0, -1, 0},
-    {"event", Field::Value, Type::Ptr, 0, -1, 0},
-    {"errcode_ret", Field::Value, Type::Ptr, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
+    {"errcode_ret", Field::Blob, Type::ClStatus, kOutput, -1, 0},
 };
-// clEnqueueMapImage (6066): status i32 | result Ptr | command_queue Handle | image Handle | blocking_map U32 | map_flags U64 | origin Ptr | region Ptr | image_row_pitch Ptr | image_slice_pitch Ptr | num_events_in_wait_list U32 | event_wait_list Ptr | event Ptr | errcode_ret Ptr
+// clEnqueueMapImage (6066): status i32 | result Ptr | command_queue Handle | image Handle | blocking_map U32 | map_flags U64 | origin Blob<U64> | region Blob<U64> | image_row_pitch Blob<U64>(out) | image_slice_pitch Blob<U64>(out) | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out) | errcode_ret Blob<ClStatus>(out)
 const FieldDesc kFields_clEnqueueMapImage_6066[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"image", Field::Value, Type::Handle, 0, -1, 0},
     {"blocking_map", Field::Value, Type::U32, 0, -1, 0},
     {"map_flags", Field::Value, Type::U64, 0, -1, 0},
-    {"origin", Field::Value, Type::Ptr, 0, -1, 0},
-    {"region", Field::Value, Type::Ptr, 0, -1, 0},
-    {"image_row_pitch", Field::Value, Type::Ptr, 0, -1, 0},
-    {"image_slice_pitch", Field::Value, Type::Ptr, 0, -1, 0},
+    {"origin", Field::Blob, Type::U64, 0, -1, 0},
+    {"region", Field::Blob, Type::U64, 0, -1, 0},
+    {"image_row_pitch", Field::Blob, Type::U64, kOutput, -1, 0},
+    {"image_slice_pitch", Field::Blob, Type::U64, kOutput, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Value, Type::Ptr, 0, -1, 0},
-    {"event", Field::Value, Type::Ptr, 0, -1, 0},
-    {"errcode_ret", Field::Value, Type::Ptr, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
+    {"errcode_ret", Field::Blob, Type::ClStatus, kOutput, -1, 0},
 };
-// clEnqueueUnmapMemObject (6067): status i32 | result I32 | command_queue Handle | memobj Handle | mapped_ptr Ptr | num_events_in_wait_list U32 | event_wait_list Ptr | event Ptr
+// clEnqueueUnmapMemObject (6067): status i32 | result ClStatus | command_queue Handle | memobj Handle | mapped_ptr Ptr | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out) | written Blob<U8>(z)
 const FieldDesc kFields_clEnqueueUnmapMemObject_6067[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"memobj", Field::Value, Type::Handle, 0, -1, 0},
     {"mapped_ptr", Field::Value, Type::Ptr, 0, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Value, Type::Ptr, 0, -1, 0},
-    {"event", Field::Value, Type::Ptr, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
+    {"written", Field::Blob, Type::U8, kCompressible, -1, 0},
 };
-// clEnqueueNDRangeKernel (6068): status i32 | result I32 | command_queue Handle | kernel Handle | work_dim U32 | global_work_offset Ptr | global_work_size Ptr | local_work_size Ptr | num_events_in_wait_list U32 | event_wait_list Ptr | event Ptr
+// clEnqueueNDRangeKernel (6068): status i32 | result ClStatus | command_queue Handle | kernel Handle | work_dim U32 | global_work_offset Blob<U64> | global_work_size Blob<U64> | local_work_size Blob<U64> | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
 const FieldDesc kFields_clEnqueueNDRangeKernel_6068[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"kernel", Field::Value, Type::Handle, 0, -1, 0},
     {"work_dim", Field::Value, Type::U32, 0, -1, 0},
-    {"global_work_offset", Field::Value, Type::Ptr, 0, -1, 0},
-    {"global_work_size", Field::Value, Type::Ptr, 0, -1, 0},
-    {"local_work_size", Field::Value, Type::Ptr, 0, -1, 0},
+    {"global_work_offset", Field::Blob, Type::U64, 0, -1, 0},
+    {"global_work_size", Field::Blob, Type::U64, 0, -1, 0},
+    {"local_work_size", Field::Blob, Type::U64, 0, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Value, Type::Ptr, 0, -1, 0},
-    {"event", Field::Value, Type::Ptr, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
-// clEnqueueTask (6069): status i32 | result I32 | command_queue Handle | kernel Handle | num_events_in_wait_list U32 | event_wait_list Ptr | event Ptr
+// clEnqueueTask (6069): status i32 | result ClStatus | command_queue Handle | kernel Handle | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
 const FieldDesc kFields_clEnqueueTask_6069[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"kernel", Field::Value, Type::Handle, 0, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Value, Type::Ptr, 0, -1, 0},
-    {"event", Field::Value, Type::Ptr, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
-// clEnqueueNativeKernel (6070): status i32 | result I32 | command_queue Handle | user_func Ptr | args Ptr | cb_args U64 | num_mem_objects U32 | mem_list Ptr | args_mem_loc Ptr | num_events_in_wait_list U32 | event_wait_list Ptr | event Ptr
+// clEnqueueNativeKernel (6070): status i32 | result ClStatus | command_queue Handle | user_func Ptr | args Blob<U8> | cb_args U64 | num_mem_objects U32 | mem_list Blob<Handle> | args_mem_loc Blob<Ptr> | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
 const FieldDesc kFields_clEnqueueNativeKernel_6070[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"user_func", Field::Value, Type::Ptr, 0, -1, 0},
-    {"args", Field::Value, Type::Ptr, 0, -1, 0},
+    {"args", Field::Blob, Type::U8, 0, -1, 0},
     {"cb_args", Field::Value, Type::U64, 0, -1, 0},
     {"num_mem_objects", Field::Value, Type::U32, 0, -1, 0},
-    {"mem_list", Field::Value, Type::Ptr, 0, -1, 0},
-    {"args_mem_loc", Field::Value, Type::Ptr, 0, -1, 0},
+    {"mem_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"args_mem_loc", Field::Blob, Type::Ptr, 0, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Value, Type::Ptr, 0, -1, 0},
-    {"event", Field::Value, Type::Ptr, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
-// clEnqueueMarker (6071): status i32 | result I32 | command_queue Handle | event Ptr
+// clEnqueueMarker (6071): status i32 | result ClStatus | command_queue Handle | event Blob<Handle>(out)
 const FieldDesc kFields_clEnqueueMarker_6071[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
-    {"event", Field::Value, Type::Ptr, 0, -1, 0},
+    {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
-// clEnqueueWaitForEvents (6072): status i32 | result I32 | command_queue Handle | num_events U32 | event_list Ptr
+// clEnqueueWaitForEvents (6072): status i32 | result ClStatus | command_queue Handle | num_events U32 | event_list Blob<Handle>
 const FieldDesc kFields_clEnqueueWaitForEvents_6072[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"num_events", Field::Value, Type::U32, 0, -1, 0},
-    {"event_list", Field::Value, Type::Ptr, 0, -1, 0},
+    {"event_list", Field::Blob, Type::Handle, 0, -1, 0},
 };
-// clEnqueueBarrier (6073): status i32 | result I32 | command_queue Handle
+// clEnqueueBarrier (6073): status i32 | result ClStatus | command_queue Handle
 const FieldDesc kFields_clEnqueueBarrier_6073[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
 };
@@ -5938,248 +5951,254 @@ const FieldDesc kFields_clEnqueueBarrier_6073[] = {
 const FieldDesc kFields_clGetExtensionFunctionAddress_6074[] = {
     {"func_name", Field::String, Type::Char, 0, -1, 0},
 };
-// clCreateSubDevices (6075): status i32 | result I32 | in_device Handle | properties Ptr | num_devices U32 | out_devices Ptr | num_devices_ret Ptr
+// clCreateSubDevices (6075): status i32 | result ClStatus | in_device Handle | properties Blob<I64> | num_devices U32 | out_devices Blob<Handle>(out) | num_devices_ret Blob<U32>(out)
 const FieldDesc kFields_clCreateSubDevices_6075[] = {
     {"in_device", Field::Value, Type::Handle, 0, -1, 0},
-    {"properties", Field::Value, Type::Ptr, 0, -1, 0},
+    {"properties", Field::Blob, Type::I64, 0, -1, 0},
     {"num_devices", Field::Value, Type::U32, 0, -1, 0},
-    {"out_devices", Field::Value, Type::Ptr, 0, -1, 0},
-    {"num_devices_ret", Field::Value, Type::Ptr, 0, -1, 0},
+    {"out_devices", Field::Blob, Type::Handle, kOutput, -1, 0},
+    {"num_devices_ret", Field::Blob, Type::U32, kOutput, -1, 0},
 };
-// clRetainDevice (6076): status i32 | result I32 | device Handle
+// clRetainDevice (6076): status i32 | result ClStatus | device Handle
 const FieldDesc kFields_clRetainDevice_6076[] = {
     {"device", Field::Value, Type::Handle, 0, -1, 0},
 };
-// clReleaseDevice (6077): status i32 | result I32 | device Handle
+// clReleaseDevice (6077): status i32 | result ClStatus | device Handle
 const FieldDesc kFields_clReleaseDevice_6077[] = {
     {"device", Field::Value, Type::Handle, 0, -1, 0},
 };
-// clCreateImage (6078): status i32 | result Handle | context Handle | flags U64 | image_format Ptr | image_desc Ptr | host_ptr Ptr | errcode_ret Ptr
+// clCreateImage (6078): status i32 | result Handle | context Handle | flags U64 | image_format Blob<U8> | image_desc Blob<U8> | host_ptr Blob<U8>(z) | errcode_ret Blob<ClStatus>(out)
 const FieldDesc kFields_clCreateImage_6078[] = {
     {"context", Field::Value, Type::Handle, 0, -1, 0},
     {"flags", Field::Value, Type::U64, 0, -1, 0},
-    {"image_format", Field::Value, Type::Ptr, 0, -1, 0},
-    {"image_desc", Field::Value, Type::Ptr, 0, -1, 0},
-    {"host_ptr", Field::Value, Type::Ptr, 0, -1, 0},
-    {"errcode_ret", Field::Value, Type::Ptr, 0, -1, 0},
+    {"image_format", Field::Blob, Type::U8, 0, -1, 0},
+    {"image_desc", Field::Blob, Type::U8, 0, -1, 0},
+    {"host_ptr", Field::Blob, Type::U8, kCompressible, -1, 0},
+    {"errcode_ret", Field::Blob, Type::ClStatus, kOutput, -1, 0},
 };
-// clCreateProgramWithBuiltInKernels (6079): status i32 | result Handle | context Handle | num_devices U32 | device_list Ptr | kernel_names String | errcode_ret Ptr
+// clCreateProgramWithBuiltInKernels (6079): status i32 | result Handle | context Handle | num_devices U32 | device_list Blob<Handle> | kernel_names String | errcode_ret Blob<ClStatus>(out)
 const FieldDesc kFields_clCreateProgramWithBuiltInKernels_6079[] = {
     {"context", Field::Value, Type::Handle, 0, -1, 0},
     {"num_devices", Field::Value, Type::U32, 0, -1, 0},
-    {"device_list", Field::Value, Type::Ptr, 0, -1, 0},
+    {"device_list", Field::Blob, Type::Handle, 0, -1, 0},
     {"kernel_names", Field::String, Type::Char, 0, -1, 0},
-    {"errcode_ret", Field::Value, Type::Ptr, 0, -1, 0},
+    {"errcode_ret", Field::Blob, Type::ClStatus, kOutput, -1, 0},
 };
-// clCompileProgram (6080): status i32 | result I32 | program Handle | num_devices U32 | device_list Ptr | options String | num_input_headers U32 | input_headers Ptr | header_include_names StringArray | pfn_notify Ptr | user_data Ptr
+// clCompileProgram (6080): status i32 | result ClStatus | program Handle | num_devices U32 | device_list Blob<Handle> | options String | num_input_headers U32 | input_headers Blob<Handle> | header_include_names StringArray | pfn_notify Ptr | user_data Ptr
 const FieldDesc kFields_clCompileProgram_6080[] = {
     {"program", Field::Value, Type::Handle, 0, -1, 0},
     {"num_devices", Field::Value, Type::U32, 0, -1, 0},
-    {"device_list", Field::Value, Type::Ptr, 0, -1, 0},
+    {"device_list", Field::Blob, Type::Handle, 0, -1, 0},
     {"options", Field::String, Type::Char, 0, -1, 0},
     {"num_input_headers", Field::Value, Type::U32, 0, -1, 0},
-    {"input_headers", Field::Value, Type::Ptr, 0, -1, 0},
+    {"input_headers", Field::Blob, Type::Handle, 0, -1, 0},
     {"header_include_names", Field::StringArray, Type::Char, 0, -1, 0},
     {"pfn_notify", Field::Value, Type::Ptr, 0, -1, 0},
     {"user_data", Field::Value, Type::Ptr, 0, -1, 0},
 };
-// clLinkProgram (6081): status i32 | result Handle | context Handle | num_devices U32 | device_list Ptr | options String | num_input_programs U32 | input_programs Ptr | pfn_notify Ptr | user_data Ptr | errcode_ret Ptr
+// clLinkProgram (6081): status i32 | result Handle | context Handle | num_devices U32 | device_list Blob<Handle> | options String | num_input_programs U32 | input_programs Blob<Handle> | pfn_notify Ptr | user_data Ptr | errcode_ret Blob<ClStatus>(out)
 const FieldDesc kFields_clLinkProgram_6081[] = {
     {"context", Field::Value, Type::Handle, 0, -1, 0},
     {"num_devices", Field::Value, Type::U32, 0, -1, 0},
-    {"device_list", Field::Value, Type::Ptr, 0, -1, 0},
+    {"device_list", Field::Blob, Type::Handle, 0, -1, 0},
     {"options", Field::String, Type::Char, 0, -1, 0},
     {"num_input_programs", Field::Value, Type::U32, 0, -1, 0},
-    {"input_programs", Field::Value, Type::Ptr, 0, -1, 0},
+    {"input_programs", Field::Blob, Type::Handle, 0, -1, 0},
     {"pfn_notify", Field::Value, Type::Ptr, 0, -1, 0},
     {"user_data", Field::Value, Type::Ptr, 0, -1, 0},
-    {"errcode_ret", Field::Value, Type::Ptr, 0, -1, 0},
+    {"errcode_ret", Field::Blob, Type::ClStatus, kOutput, -1, 0},
 };
-// clUnloadPlatformCompiler (6082): status i32 | result I32 | platform Handle
+// clUnloadPlatformCompiler (6082): status i32 | result ClStatus | platform Handle
 const FieldDesc kFields_clUnloadPlatformCompiler_6082[] = {
     {"platform", Field::Value, Type::Handle, 0, -1, 0},
 };
-// clGetKernelArgInfo (6083): status i32 | result I32 | kernel Handle | arg_indx U32 | param_name U32 | param_value_size U64 | param_value Ptr | param_value_size_ret Ptr
+// clGetKernelArgInfo (6083): status i32 | result ClStatus | kernel Handle | arg_indx U32 | param_name U32 | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
 const FieldDesc kFields_clGetKernelArgInfo_6083[] = {
     {"kernel", Field::Value, Type::Handle, 0, -1, 0},
     {"arg_indx", Field::Value, Type::U32, 0, -1, 0},
     {"param_name", Field::Value, Type::U32, 0, -1, 0},
     {"param_value_size", Field::Value, Type::U64, 0, -1, 0},
-    {"param_value", Field::Value, Type::Ptr, 0, -1, 0},
-    {"param_value_size_ret", Field::Value, Type::Ptr, 0, -1, 0},
+    {"param_value", Field::Blob, Type::U8, kOutput, -1, 0},
+    {"param_value_size_ret", Field::Blob, Type::U64, kOutput, -1, 0},
 };
-// clEnqueueFillBuffer (6084): status i32 | result I32 | command_queue Handle | buffer Handle | pattern Ptr | pattern_size U64 | offset U64 | size U64 | num_events_in_wait_list U32 | event_wait_list Ptr | event Ptr
+// clEnqueueFillBuffer (6084): status i32 | result ClStatus | command_queue Handle | buffer Handle | pattern Blob<U8>(z) | pattern_size U64 | offset U64 | size U64 | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
 const FieldDesc kFields_clEnqueueFillBuffer_6084[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"buffer", Field::Value, Type::Handle, 0, -1, 0},
-    {"pattern", Field::Value, Type::Ptr, 0, -1, 0},
+    {"pattern", Field::Blob, Type::U8, kCompressible, -1, 0},
     {"pattern_size", Field::Value, Type::U64, 0, -1, 0},
     {"offset", Field::Value, Type::U64, 0, -1, 0},
     {"size", Field::Value, Type::U64, 0, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Value, Type::Ptr, 0, -1, 0},
-    {"event", Field::Value, Type::Ptr, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
-// clEnqueueFillImage (6085): status i32 | result I32 | command_queue Handle | image Handle | fill_color Ptr | origin Ptr | region Ptr | num_events_in_wait_list U32 | event_wait_list Ptr | event Ptr
+// clEnqueueFillImage (6085): status i32 | result ClStatus | command_queue Handle | image Handle | fill_color Blob<U8> | origin Blob<U64> | region Blob<U64> | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
 const FieldDesc kFields_clEnqueueFillImage_6085[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"image", Field::Value, Type::Handle, 0, -1, 0},
-    {"fill_color", Field::Value, Type::Ptr, 0, -1, 0},
-    {"origin", Field::Value, Type::Ptr, 0, -1, 0},
-    {"region", Field::Value, Type::Ptr, 0, -1, 0},
+    {"fill_color", Field::Blob, Type::U8, 0, -1, 0},
+    {"origin", Field::Blob, Type::U64, 0, -1, 0},
+    {"region", Field::Blob, Type::U64, 0, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Value, Type::Ptr, 0, -1, 0},
-    {"event", Field::Value, Type::Ptr, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
-// clEnqueueMigrateMemObjects (6086): status i32 | result I32 | command_queue Handle | num_mem_objects U32 | mem_objects Ptr | flags U64 | num_events_in_wait_list U32 | event_wait_list Ptr | event Ptr
+// clEnqueueMigrateMemObjects (6086): status i32 | result ClStatus | command_queue Handle | num_mem_objects U32 | mem_objects Blob<Handle> | flags U64 | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
 const FieldDesc kFields_clEnqueueMigrateMemObjects_6086[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"num_mem_objects", Field::Value, Type::U32, 0, -1, 0},
-    {"mem_objects", Field::Value, Type::Ptr, 0, -1, 0},
+    {"mem_objects", Field::Blob, Type::Handle, 0, -1, 0},
     {"flags", Field::Value, Type::U64, 0, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Value, Type::Ptr, 0, -1, 0},
-    {"event", Field::Value, Type::Ptr, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
-// clEnqueueMarkerWithWaitList (6087): status i32 | result I32 | command_queue Handle | num_events_in_wait_list U32 | event_wait_list Ptr | event Ptr
+// clEnqueueMarkerWithWaitList (6087): status i32 | result ClStatus | command_queue Handle | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
 const FieldDesc kFields_clEnqueueMarkerWithWaitList_6087[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Value, Type::Ptr, 0, -1, 0},
-    {"event", Field::Value, Type::Ptr, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
-// clEnqueueBarrierWithWaitList (6088): status i32 | result I32 | command_queue Handle | num_events_in_wait_list U32 | event_wait_list Ptr | event Ptr
+// clEnqueueBarrierWithWaitList (6088): status i32 | result ClStatus | command_queue Handle | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
 const FieldDesc kFields_clEnqueueBarrierWithWaitList_6088[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Value, Type::Ptr, 0, -1, 0},
-    {"event", Field::Value, Type::Ptr, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
 // clGetExtensionFunctionAddressForPlatform (6089): status i32 | result Ptr | platform Handle | func_name String
 const FieldDesc kFields_clGetExtensionFunctionAddressForPlatform_6089[] = {
     {"platform", Field::Value, Type::Handle, 0, -1, 0},
     {"func_name", Field::String, Type::Char, 0, -1, 0},
 };
-// clCreateFromGLBuffer (6501): status i32 | result Handle | context Handle | flags U64 | bufobj U32 | errcode_ret Ptr
+// (OpenCL read contents) (6090): queue Handle | event Handle | ptr Blob<U8>(z)
+const FieldDesc kFields__OpenCL_read_contents__6090[] = {
+    {"queue", Field::Value, Type::Handle, 0, -1, 0},
+    {"event", Field::Value, Type::Handle, 0, -1, 0},
+    {"ptr", Field::Blob, Type::U8, kCompressible, -1, 0},
+};
+// clCreateFromGLBuffer (6501): status i32 | result Handle | context Handle | flags U64 | bufobj U32 | errcode_ret Blob<ClStatus>(out)
 const FieldDesc kFields_clCreateFromGLBuffer_6501[] = {
     {"context", Field::Value, Type::Handle, 0, -1, 0},
     {"flags", Field::Value, Type::U64, 0, -1, 0},
     {"bufobj", Field::Value, Type::U32, 0, -1, 0},
-    {"errcode_ret", Field::Value, Type::Ptr, 0, -1, 0},
+    {"errcode_ret", Field::Blob, Type::ClStatus, kOutput, -1, 0},
 };
-// clCreateFromGLTexture2D (6502): status i32 | result Handle | context Handle | flags U64 | target U32 | miplevel I32 | texture U32 | errcode_ret Ptr
+// clCreateFromGLTexture2D (6502): status i32 | result Handle | context Handle | flags U64 | target U32 | miplevel I32 | texture U32 | errcode_ret Blob<ClStatus>(out)
 const FieldDesc kFields_clCreateFromGLTexture2D_6502[] = {
     {"context", Field::Value, Type::Handle, 0, -1, 0},
     {"flags", Field::Value, Type::U64, 0, -1, 0},
     {"target", Field::Value, Type::U32, 0, -1, 0},
     {"miplevel", Field::Value, Type::I32, 0, -1, 0},
     {"texture", Field::Value, Type::U32, 0, -1, 0},
-    {"errcode_ret", Field::Value, Type::Ptr, 0, -1, 0},
+    {"errcode_ret", Field::Blob, Type::ClStatus, kOutput, -1, 0},
 };
-// clCreateFromGLTexture3D (6503): status i32 | result Handle | context Handle | flags U64 | target U32 | miplevel I32 | texture U32 | errcode_ret Ptr
+// clCreateFromGLTexture3D (6503): status i32 | result Handle | context Handle | flags U64 | target U32 | miplevel I32 | texture U32 | errcode_ret Blob<ClStatus>(out)
 const FieldDesc kFields_clCreateFromGLTexture3D_6503[] = {
     {"context", Field::Value, Type::Handle, 0, -1, 0},
     {"flags", Field::Value, Type::U64, 0, -1, 0},
     {"target", Field::Value, Type::U32, 0, -1, 0},
     {"miplevel", Field::Value, Type::I32, 0, -1, 0},
     {"texture", Field::Value, Type::U32, 0, -1, 0},
-    {"errcode_ret", Field::Value, Type::Ptr, 0, -1, 0},
+    {"errcode_ret", Field::Blob, Type::ClStatus, kOutput, -1, 0},
 };
-// clCreateFromGLRenderbuffer (6504): status i32 | result Handle | context Handle | flags U64 | renderbuffer U32 | errcode_ret Ptr
+// clCreateFromGLRenderbuffer (6504): status i32 | result Handle | context Handle | flags U64 | renderbuffer U32 | errcode_ret Blob<ClStatus>(out)
 const FieldDesc kFields_clCreateFromGLRenderbuffer_6504[] = {
     {"context", Field::Value, Type::Handle, 0, -1, 0},
     {"flags", Field::Value, Type::U64, 0, -1, 0},
     {"renderbuffer", Field::Value, Type::U32, 0, -1, 0},
-    {"errcode_ret", Field::Value, Type::Ptr, 0, -1, 0},
+    {"errcode_ret", Field::Blob, Type::ClStatus, kOutput, -1, 0},
 };
-// clGetGLObjectInfo (6505): status i32 | result I32 | memobj Handle | gl_object_type Ptr | gl_object_name Ptr
+// clGetGLObjectInfo (6505): status i32 | result ClStatus | memobj Handle | gl_object_type Blob<U32>(out) | gl_object_name Blob<U32>(out)
 const FieldDesc kFields_clGetGLObjectInfo_6505[] = {
     {"memobj", Field::Value, Type::Handle, 0, -1, 0},
-    {"gl_object_type", Field::Value, Type::Ptr, 0, -1, 0},
-    {"gl_object_name", Field::Value, Type::Ptr, 0, -1, 0},
+    {"gl_object_type", Field::Blob, Type::U32, kOutput, -1, 0},
+    {"gl_object_name", Field::Blob, Type::U32, kOutput, -1, 0},
 };
-// clGetGLTextureInfo (6506): status i32 | result I32 | memobj Handle | param_name U32 | param_value_size U64 | param_value Ptr | param_value_size_ret Ptr
+// clGetGLTextureInfo (6506): status i32 | result ClStatus | memobj Handle | param_name U32 | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
 const FieldDesc kFields_clGetGLTextureInfo_6506[] = {
     {"memobj", Field::Value, Type::Handle, 0, -1, 0},
     {"param_name", Field::Value, Type::U32, 0, -1, 0},
     {"param_value_size", Field::Value, Type::U64, 0, -1, 0},
-    {"param_value", Field::Value, Type::Ptr, 0, -1, 0},
-    {"param_value_size_ret", Field::Value, Type::Ptr, 0, -1, 0},
+    {"param_value", Field::Blob, Type::U8, kOutput, -1, 0},
+    {"param_value_size_ret", Field::Blob, Type::U64, kOutput, -1, 0},
 };
-// clEnqueueAcquireGLObjects (6507): status i32 | result I32 | command_queue Handle | num_objects U32 | mem_objects Ptr | num_events_in_wait_list U32 | event_wait_list Ptr | event Ptr
+// clEnqueueAcquireGLObjects (6507): status i32 | result ClStatus | command_queue Handle | num_objects U32 | mem_objects Blob<Handle> | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
 const FieldDesc kFields_clEnqueueAcquireGLObjects_6507[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"num_objects", Field::Value, Type::U32, 0, -1, 0},
-    {"mem_objects", Field::Value, Type::Ptr, 0, -1, 0},
+    {"mem_objects", Field::Blob, Type::Handle, 0, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Value, Type::Ptr, 0, -1, 0},
-    {"event", Field::Value, Type::Ptr, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
-// clEnqueueReleaseGLObjects (6508): status i32 | result I32 | command_queue Handle | num_objects U32 | mem_objects Ptr | num_events_in_wait_list U32 | event_wait_list Ptr | event Ptr
+// clEnqueueReleaseGLObjects (6508): status i32 | result ClStatus | command_queue Handle | num_objects U32 | mem_objects Blob<Handle> | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
 const FieldDesc kFields_clEnqueueReleaseGLObjects_6508[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"num_objects", Field::Value, Type::U32, 0, -1, 0},
-    {"mem_objects", Field::Value, Type::Ptr, 0, -1, 0},
+    {"mem_objects", Field::Blob, Type::Handle, 0, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Value, Type::Ptr, 0, -1, 0},
-    {"event", Field::Value, Type::Ptr, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
-// clCreateFromGLTexture (6509): status i32 | result Handle | context Handle | flags U64 | target U32 | miplevel I32 | texture U32 | errcode_ret Ptr
+// clCreateFromGLTexture (6509): status i32 | result Handle | context Handle | flags U64 | target U32 | miplevel I32 | texture U32 | errcode_ret Blob<ClStatus>(out)
 const FieldDesc kFields_clCreateFromGLTexture_6509[] = {
     {"context", Field::Value, Type::Handle, 0, -1, 0},
     {"flags", Field::Value, Type::U64, 0, -1, 0},
     {"target", Field::Value, Type::U32, 0, -1, 0},
     {"miplevel", Field::Value, Type::I32, 0, -1, 0},
     {"texture", Field::Value, Type::U32, 0, -1, 0},
-    {"errcode_ret", Field::Value, Type::Ptr, 0, -1, 0},
+    {"errcode_ret", Field::Blob, Type::ClStatus, kOutput, -1, 0},
 };
-// clGetGLContextInfoKHR (6510): status i32 | result I32 | properties Ptr | param_name U32 | param_value_size U64 | param_value Ptr | param_value_size_ret Ptr
+// clGetGLContextInfoKHR (6510): status i32 | result ClStatus | properties Blob<I64> | param_name U32 | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
 const FieldDesc kFields_clGetGLContextInfoKHR_6510[] = {
-    {"properties", Field::Value, Type::Ptr, 0, -1, 0},
+    {"properties", Field::Blob, Type::I64, 0, -1, 0},
     {"param_name", Field::Value, Type::U32, 0, -1, 0},
     {"param_value_size", Field::Value, Type::U64, 0, -1, 0},
-    {"param_value", Field::Value, Type::Ptr, 0, -1, 0},
-    {"param_value_size_ret", Field::Value, Type::Ptr, 0, -1, 0},
+    {"param_value", Field::Blob, Type::U8, kOutput, -1, 0},
+    {"param_value_size_ret", Field::Blob, Type::U64, kOutput, -1, 0},
 };
-// clCreateEventFromGLsyncKHR (6511): status i32 | result Handle | context Handle | sync Handle | errcode_ret Ptr
+// clCreateEventFromGLsyncKHR (6511): status i32 | result Handle | context Handle | sync Handle | errcode_ret Blob<ClStatus>(out)
 const FieldDesc kFields_clCreateEventFromGLsyncKHR_6511[] = {
     {"context", Field::Value, Type::Handle, 0, -1, 0},
     {"sync", Field::Value, Type::Handle, 0, -1, 0},
-    {"errcode_ret", Field::Value, Type::Ptr, 0, -1, 0},
+    {"errcode_ret", Field::Blob, Type::ClStatus, kOutput, -1, 0},
 };
-// clCreateFromEGLImageKHR (6512): status i32 | result Handle | context Handle | egldisplay Handle | eglimage Handle | flags U64 | properties Ptr | errcode_ret Ptr
+// clCreateFromEGLImageKHR (6512): status i32 | result Handle | context Handle | egldisplay Handle | eglimage Handle | flags U64 | properties Blob<I64> | errcode_ret Blob<ClStatus>(out)
 const FieldDesc kFields_clCreateFromEGLImageKHR_6512[] = {
     {"context", Field::Value, Type::Handle, 0, -1, 0},
     {"egldisplay", Field::Value, Type::Handle, 0, -1, 0},
     {"eglimage", Field::Value, Type::Handle, 0, -1, 0},
     {"flags", Field::Value, Type::U64, 0, -1, 0},
-    {"properties", Field::Value, Type::Ptr, 0, -1, 0},
-    {"errcode_ret", Field::Value, Type::Ptr, 0, -1, 0},
+    {"properties", Field::Blob, Type::I64, 0, -1, 0},
+    {"errcode_ret", Field::Blob, Type::ClStatus, kOutput, -1, 0},
 };
-// clEnqueueAcquireEGLObjectsKHR (6513): status i32 | result I32 | command_queue Handle | num_objects U32 | mem_objects Ptr | num_events_in_wait_list U32 | event_wait_list Ptr | event Ptr
+// clEnqueueAcquireEGLObjectsKHR (6513): status i32 | result ClStatus | command_queue Handle | num_objects U32 | mem_objects Blob<Handle> | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
 const FieldDesc kFields_clEnqueueAcquireEGLObjectsKHR_6513[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"num_objects", Field::Value, Type::U32, 0, -1, 0},
-    {"mem_objects", Field::Value, Type::Ptr, 0, -1, 0},
+    {"mem_objects", Field::Blob, Type::Handle, 0, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Value, Type::Ptr, 0, -1, 0},
-    {"event", Field::Value, Type::Ptr, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
-// clEnqueueReleaseEGLObjectsKHR (6514): status i32 | result I32 | command_queue Handle | num_objects U32 | mem_objects Ptr | num_events_in_wait_list U32 | event_wait_list Ptr | event Ptr
+// clEnqueueReleaseEGLObjectsKHR (6514): status i32 | result ClStatus | command_queue Handle | num_objects U32 | mem_objects Blob<Handle> | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
 const FieldDesc kFields_clEnqueueReleaseEGLObjectsKHR_6514[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"num_objects", Field::Value, Type::U32, 0, -1, 0},
-    {"mem_objects", Field::Value, Type::Ptr, 0, -1, 0},
+    {"mem_objects", Field::Blob, Type::Handle, 0, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Value, Type::Ptr, 0, -1, 0},
-    {"event", Field::Value, Type::Ptr, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
-// clCreateEventFromEGLSyncKHR (6515): status i32 | result Handle | context Handle | sync Handle | display Handle | errcode_ret Ptr
+// clCreateEventFromEGLSyncKHR (6515): status i32 | result Handle | context Handle | sync Handle | display Handle | errcode_ret Blob<ClStatus>(out)
 const FieldDesc kFields_clCreateEventFromEGLSyncKHR_6515[] = {
     {"context", Field::Value, Type::Handle, 0, -1, 0},
     {"sync", Field::Value, Type::Handle, 0, -1, 0},
     {"display", Field::Value, Type::Handle, 0, -1, 0},
-    {"errcode_ret", Field::Value, Type::Ptr, 0, -1, 0},
+    {"errcode_ret", Field::Blob, Type::ClStatus, kOutput, -1, 0},
 };
 } // namespace
 
@@ -7117,114 +7136,115 @@ const FuncDesc kDescriptions[] = {
     {7111, 5, Family::Gles32, ErrorKind::Gl, Type::None, "glTexParameterIiv", kFields_glTexParameterIiv_7111, 3, true},
     {7112, 5, Family::Gles32, ErrorKind::Gl, Type::None, "glTexParameterIuiv", kFields_glTexParameterIuiv_7112, 3, true},
     {7113, 22, Family::Gles32, ErrorKind::Gl, Type::None, "glTexStorage3DMultisample", kFields_glTexStorage3DMultisample_7113, 7, true},
-    {6000, 0, Family::Cl, ErrorKind::Cl, Type::None, "", nullptr, 0, false},
-    {6001, 2, Family::Cl, ErrorKind::Cl, Type::I32, "clGetPlatformIDs", kFields_clGetPlatformIDs_6001, 3, true},
-    {6002, 2, Family::Cl, ErrorKind::Cl, Type::I32, "clGetPlatformInfo", kFields_clGetPlatformInfo_6002, 5, true},
-    {6003, 2, Family::Cl, ErrorKind::Cl, Type::I32, "clGetDeviceIDs", kFields_clGetDeviceIDs_6003, 5, true},
-    {6004, 2, Family::Cl, ErrorKind::Cl, Type::I32, "clGetDeviceInfo", kFields_clGetDeviceInfo_6004, 5, true},
+    {6000, 0, Family::Cl, ErrorKind::None, Type::None, "", kFields__6000, 9, true},
+    {6001, 2, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clGetPlatformIDs", kFields_clGetPlatformIDs_6001, 3, true},
+    {6002, 2, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clGetPlatformInfo", kFields_clGetPlatformInfo_6002, 5, true},
+    {6003, 2, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clGetDeviceIDs", kFields_clGetDeviceIDs_6003, 5, true},
+    {6004, 2, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clGetDeviceInfo", kFields_clGetDeviceInfo_6004, 5, true},
     {6005, 2, Family::Cl, ErrorKind::Cl, Type::Handle, "clCreateContext", kFields_clCreateContext_6005, 6, true},
     {6006, 2, Family::Cl, ErrorKind::Cl, Type::Handle, "clCreateContextFromType", kFields_clCreateContextFromType_6006, 5, true},
-    {6007, 2, Family::Cl, ErrorKind::Cl, Type::I32, "clRetainContext", kFields_clRetainContext_6007, 1, true},
-    {6008, 2, Family::Cl, ErrorKind::Cl, Type::I32, "clReleaseContext", kFields_clReleaseContext_6008, 1, true},
-    {6009, 2, Family::Cl, ErrorKind::Cl, Type::I32, "clGetContextInfo", kFields_clGetContextInfo_6009, 5, true},
+    {6007, 2, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clRetainContext", kFields_clRetainContext_6007, 1, true},
+    {6008, 2, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clReleaseContext", kFields_clReleaseContext_6008, 1, true},
+    {6009, 2, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clGetContextInfo", kFields_clGetContextInfo_6009, 5, true},
     {6010, 1, Family::Cl, ErrorKind::Cl, Type::Handle, "clCreateCommandQueue", kFields_clCreateCommandQueue_6010, 4, true},
-    {6011, 1, Family::Cl, ErrorKind::Cl, Type::I32, "clRetainCommandQueue", kFields_clRetainCommandQueue_6011, 1, true},
-    {6012, 1, Family::Cl, ErrorKind::Cl, Type::I32, "clReleaseCommandQueue", kFields_clReleaseCommandQueue_6012, 1, true},
-    {6013, 1, Family::Cl, ErrorKind::Cl, Type::I32, "clGetCommandQueueInfo", kFields_clGetCommandQueueInfo_6013, 5, true},
-    {6014, 1, Family::Cl, ErrorKind::Cl, Type::I32, "clSetCommandQueueProperty", kFields_clSetCommandQueueProperty_6014, 4, true},
+    {6011, 1, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clRetainCommandQueue", kFields_clRetainCommandQueue_6011, 1, true},
+    {6012, 1, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clReleaseCommandQueue", kFields_clReleaseCommandQueue_6012, 1, true},
+    {6013, 1, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clGetCommandQueueInfo", kFields_clGetCommandQueueInfo_6013, 5, true},
+    {6014, 1, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clSetCommandQueueProperty", kFields_clSetCommandQueueProperty_6014, 4, true},
     {6015, 3, Family::Cl, ErrorKind::Cl, Type::Handle, "clCreateBuffer", kFields_clCreateBuffer_6015, 5, true},
     {6016, 3, Family::Cl, ErrorKind::Cl, Type::Handle, "clCreateSubBuffer", kFields_clCreateSubBuffer_6016, 5, true},
     {6017, 6, Family::Cl, ErrorKind::Cl, Type::Handle, "clCreateImage2D", kFields_clCreateImage2D_6017, 8, true},
     {6018, 6, Family::Cl, ErrorKind::Cl, Type::Handle, "clCreateImage3D", kFields_clCreateImage3D_6018, 10, true},
-    {6019, 3, Family::Cl, ErrorKind::Cl, Type::I32, "clRetainMemObject", kFields_clRetainMemObject_6019, 1, true},
-    {6020, 3, Family::Cl, ErrorKind::Cl, Type::I32, "clReleaseMemObject", kFields_clReleaseMemObject_6020, 1, true},
-    {6021, 6, Family::Cl, ErrorKind::Cl, Type::I32, "clGetSupportedImageFormats", kFields_clGetSupportedImageFormats_6021, 6, true},
-    {6022, 3, Family::Cl, ErrorKind::Cl, Type::I32, "clGetMemObjectInfo", kFields_clGetMemObjectInfo_6022, 5, true},
-    {6023, 6, Family::Cl, ErrorKind::Cl, Type::I32, "clGetImageInfo", kFields_clGetImageInfo_6023, 5, true},
-    {6024, 3, Family::Cl, ErrorKind::Cl, Type::I32, "clSetMemObjectDestructorCallback", kFields_clSetMemObjectDestructorCallback_6024, 3, true},
+    {6019, 3, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clRetainMemObject", kFields_clRetainMemObject_6019, 1, true},
+    {6020, 3, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clReleaseMemObject", kFields_clReleaseMemObject_6020, 1, true},
+    {6021, 6, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clGetSupportedImageFormats", kFields_clGetSupportedImageFormats_6021, 6, true},
+    {6022, 3, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clGetMemObjectInfo", kFields_clGetMemObjectInfo_6022, 5, true},
+    {6023, 6, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clGetImageInfo", kFields_clGetImageInfo_6023, 5, true},
+    {6024, 3, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clSetMemObjectDestructorCallback", kFields_clSetMemObjectDestructorCallback_6024, 3, true},
     {6025, 7, Family::Cl, ErrorKind::Cl, Type::Handle, "clCreateSampler", kFields_clCreateSampler_6025, 5, true},
-    {6026, 7, Family::Cl, ErrorKind::Cl, Type::I32, "clRetainSampler", kFields_clRetainSampler_6026, 1, true},
-    {6027, 7, Family::Cl, ErrorKind::Cl, Type::I32, "clReleaseSampler", kFields_clReleaseSampler_6027, 1, true},
-    {6028, 7, Family::Cl, ErrorKind::Cl, Type::I32, "clGetSamplerInfo", kFields_clGetSamplerInfo_6028, 5, true},
+    {6026, 7, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clRetainSampler", kFields_clRetainSampler_6026, 1, true},
+    {6027, 7, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clReleaseSampler", kFields_clReleaseSampler_6027, 1, true},
+    {6028, 7, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clGetSamplerInfo", kFields_clGetSamplerInfo_6028, 5, true},
     {6029, 4, Family::Cl, ErrorKind::Cl, Type::Handle, "clCreateProgramWithSource", kFields_clCreateProgramWithSource_6029, 5, true},
     {6030, 4, Family::Cl, ErrorKind::Cl, Type::Handle, "clCreateProgramWithBinary", kFields_clCreateProgramWithBinary_6030, 7, true},
-    {6031, 4, Family::Cl, ErrorKind::Cl, Type::I32, "clRetainProgram", kFields_clRetainProgram_6031, 1, true},
-    {6032, 4, Family::Cl, ErrorKind::Cl, Type::I32, "clReleaseProgram", kFields_clReleaseProgram_6032, 1, true},
-    {6033, 4, Family::Cl, ErrorKind::Cl, Type::I32, "clBuildProgram", kFields_clBuildProgram_6033, 6, true},
-    {6034, 4, Family::Cl, ErrorKind::Cl, Type::I32, "clUnloadCompiler", nullptr, 0, true},
-    {6035, 4, Family::Cl, ErrorKind::Cl, Type::I32, "clGetProgramInfo", kFields_clGetProgramInfo_6035, 5, true},
-    {6036, 4, Family::Cl, ErrorKind::Cl, Type::I32, "clGetProgramBuildInfo", kFields_clGetProgramBuildInfo_6036, 6, true},
+    {6031, 4, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clRetainProgram", kFields_clRetainProgram_6031, 1, true},
+    {6032, 4, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clReleaseProgram", kFields_clReleaseProgram_6032, 1, true},
+    {6033, 4, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clBuildProgram", kFields_clBuildProgram_6033, 6, true},
+    {6034, 4, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clUnloadCompiler", nullptr, 0, true},
+    {6035, 4, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clGetProgramInfo", kFields_clGetProgramInfo_6035, 5, true},
+    {6036, 4, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clGetProgramBuildInfo", kFields_clGetProgramBuildInfo_6036, 6, true},
     {6037, 5, Family::Cl, ErrorKind::Cl, Type::Handle, "clCreateKernel", kFields_clCreateKernel_6037, 3, true},
-    {6038, 5, Family::Cl, ErrorKind::Cl, Type::I32, "clCreateKernelsInProgram", kFields_clCreateKernelsInProgram_6038, 4, true},
-    {6039, 5, Family::Cl, ErrorKind::Cl, Type::I32, "clRetainKernel", kFields_clRetainKernel_6039, 1, true},
-    {6040, 5, Family::Cl, ErrorKind::Cl, Type::I32, "clReleaseKernel", kFields_clReleaseKernel_6040, 1, true},
-    {6041, 5, Family::Cl, ErrorKind::Cl, Type::I32, "clSetKernelArg", kFields_clSetKernelArg_6041, 4, true},
-    {6042, 5, Family::Cl, ErrorKind::Cl, Type::I32, "clGetKernelInfo", kFields_clGetKernelInfo_6042, 5, true},
-    {6043, 5, Family::Cl, ErrorKind::Cl, Type::I32, "clGetKernelWorkGroupInfo", kFields_clGetKernelWorkGroupInfo_6043, 6, true},
-    {6044, 5, Family::Cl, ErrorKind::Cl, Type::I32, "clWaitForEvents", kFields_clWaitForEvents_6044, 2, true},
-    {6045, 5, Family::Cl, ErrorKind::Cl, Type::I32, "clGetEventInfo", kFields_clGetEventInfo_6045, 5, true},
+    {6038, 5, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clCreateKernelsInProgram", kFields_clCreateKernelsInProgram_6038, 4, true},
+    {6039, 5, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clRetainKernel", kFields_clRetainKernel_6039, 1, true},
+    {6040, 5, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clReleaseKernel", kFields_clReleaseKernel_6040, 1, true},
+    {6041, 5, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clSetKernelArg", kFields_clSetKernelArg_6041, 4, true},
+    {6042, 5, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clGetKernelInfo", kFields_clGetKernelInfo_6042, 5, true},
+    {6043, 5, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clGetKernelWorkGroupInfo", kFields_clGetKernelWorkGroupInfo_6043, 6, true},
+    {6044, 5, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clWaitForEvents", kFields_clWaitForEvents_6044, 2, true},
+    {6045, 5, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clGetEventInfo", kFields_clGetEventInfo_6045, 5, true},
     {6046, 5, Family::Cl, ErrorKind::Cl, Type::Handle, "clCreateUserEvent", kFields_clCreateUserEvent_6046, 2, true},
-    {6047, 5, Family::Cl, ErrorKind::Cl, Type::I32, "clRetainEvent", kFields_clRetainEvent_6047, 1, true},
-    {6048, 5, Family::Cl, ErrorKind::Cl, Type::I32, "clReleaseEvent", kFields_clReleaseEvent_6048, 1, true},
-    {6049, 5, Family::Cl, ErrorKind::Cl, Type::I32, "clSetUserEventStatus", kFields_clSetUserEventStatus_6049, 2, true},
-    {6050, 5, Family::Cl, ErrorKind::Cl, Type::I32, "clSetEventCallback", kFields_clSetEventCallback_6050, 4, true},
-    {6051, 5, Family::Cl, ErrorKind::Cl, Type::I32, "clGetEventProfilingInfo", kFields_clGetEventProfilingInfo_6051, 5, true},
-    {6052, 5, Family::Cl, ErrorKind::Cl, Type::I32, "clFlush", kFields_clFlush_6052, 1, true},
-    {6053, 5, Family::Cl, ErrorKind::Cl, Type::I32, "clFinish", kFields_clFinish_6053, 1, true},
-    {6054, 3, Family::Cl, ErrorKind::Cl, Type::I32, "clEnqueueReadBuffer", kFields_clEnqueueReadBuffer_6054, 9, true},
-    {6055, 3, Family::Cl, ErrorKind::Cl, Type::I32, "clEnqueueReadBufferRect", kFields_clEnqueueReadBufferRect_6055, 14, true},
-    {6056, 3, Family::Cl, ErrorKind::Cl, Type::I32, "clEnqueueWriteBuffer", kFields_clEnqueueWriteBuffer_6056, 9, true},
-    {6057, 3, Family::Cl, ErrorKind::Cl, Type::I32, "clEnqueueWriteBufferRect", kFields_clEnqueueWriteBufferRect_6057, 14, true},
-    {6058, 3, Family::Cl, ErrorKind::Cl, Type::I32, "clEnqueueCopyBuffer", kFields_clEnqueueCopyBuffer_6058, 9, true},
-    {6059, 3, Family::Cl, ErrorKind::Cl, Type::I32, "clEnqueueCopyBufferRect", kFields_clEnqueueCopyBufferRect_6059, 13, true},
-    {6060, 6, Family::Cl, ErrorKind::Cl, Type::I32, "clEnqueueReadImage", kFields_clEnqueueReadImage_6060, 11, true},
-    {6061, 6, Family::Cl, ErrorKind::Cl, Type::I32, "clEnqueueWriteImage", kFields_clEnqueueWriteImage_6061, 11, true},
-    {6062, 6, Family::Cl, ErrorKind::Cl, Type::I32, "clEnqueueCopyImage", kFields_clEnqueueCopyImage_6062, 9, true},
-    {6063, 6, Family::Cl, ErrorKind::Cl, Type::I32, "clEnqueueCopyImageToBuffer", kFields_clEnqueueCopyImageToBuffer_6063, 9, true},
-    {6064, 6, Family::Cl, ErrorKind::Cl, Type::I32, "clEnqueueCopyBufferToImage", kFields_clEnqueueCopyBufferToImage_6064, 9, true},
+    {6047, 5, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clRetainEvent", kFields_clRetainEvent_6047, 1, true},
+    {6048, 5, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clReleaseEvent", kFields_clReleaseEvent_6048, 1, true},
+    {6049, 5, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clSetUserEventStatus", kFields_clSetUserEventStatus_6049, 2, true},
+    {6050, 5, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clSetEventCallback", kFields_clSetEventCallback_6050, 4, true},
+    {6051, 5, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clGetEventProfilingInfo", kFields_clGetEventProfilingInfo_6051, 5, true},
+    {6052, 5, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clFlush", kFields_clFlush_6052, 1, true},
+    {6053, 5, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clFinish", kFields_clFinish_6053, 1, true},
+    {6054, 3, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clEnqueueReadBuffer", kFields_clEnqueueReadBuffer_6054, 9, true},
+    {6055, 3, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clEnqueueReadBufferRect", kFields_clEnqueueReadBufferRect_6055, 14, true},
+    {6056, 3, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clEnqueueWriteBuffer", kFields_clEnqueueWriteBuffer_6056, 9, true},
+    {6057, 3, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clEnqueueWriteBufferRect", kFields_clEnqueueWriteBufferRect_6057, 14, true},
+    {6058, 3, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clEnqueueCopyBuffer", kFields_clEnqueueCopyBuffer_6058, 9, true},
+    {6059, 3, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clEnqueueCopyBufferRect", kFields_clEnqueueCopyBufferRect_6059, 13, true},
+    {6060, 6, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clEnqueueReadImage", kFields_clEnqueueReadImage_6060, 11, true},
+    {6061, 6, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clEnqueueWriteImage", kFields_clEnqueueWriteImage_6061, 11, true},
+    {6062, 6, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clEnqueueCopyImage", kFields_clEnqueueCopyImage_6062, 9, true},
+    {6063, 6, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clEnqueueCopyImageToBuffer", kFields_clEnqueueCopyImageToBuffer_6063, 9, true},
+    {6064, 6, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clEnqueueCopyBufferToImage", kFields_clEnqueueCopyBufferToImage_6064, 9, true},
     {6065, 3, Family::Cl, ErrorKind::Cl, Type::Ptr, "clEnqueueMapBuffer", kFields_clEnqueueMapBuffer_6065, 10, true},
     {6066, 6, Family::Cl, ErrorKind::Cl, Type::Ptr, "clEnqueueMapImage", kFields_clEnqueueMapImage_6066, 12, true},
-    {6067, 3, Family::Cl, ErrorKind::Cl, Type::I32, "clEnqueueUnmapMemObject", kFields_clEnqueueUnmapMemObject_6067, 6, true},
-    {6068, 5, Family::Cl, ErrorKind::Cl, Type::I32, "clEnqueueNDRangeKernel", kFields_clEnqueueNDRangeKernel_6068, 9, true},
-    {6069, 5, Family::Cl, ErrorKind::Cl, Type::I32, "clEnqueueTask", kFields_clEnqueueTask_6069, 5, true},
-    {6070, 5, Family::Cl, ErrorKind::Cl, Type::I32, "clEnqueueNativeKernel", kFields_clEnqueueNativeKernel_6070, 10, true},
-    {6071, 5, Family::Cl, ErrorKind::Cl, Type::I32, "clEnqueueMarker", kFields_clEnqueueMarker_6071, 2, true},
-    {6072, 5, Family::Cl, ErrorKind::Cl, Type::I32, "clEnqueueWaitForEvents", kFields_clEnqueueWaitForEvents_6072, 3, true},
-    {6073, 5, Family::Cl, ErrorKind::Cl, Type::I32, "clEnqueueBarrier", kFields_clEnqueueBarrier_6073, 1, true},
+    {6067, 3, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clEnqueueUnmapMemObject", kFields_clEnqueueUnmapMemObject_6067, 7, true},
+    {6068, 5, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clEnqueueNDRangeKernel", kFields_clEnqueueNDRangeKernel_6068, 9, true},
+    {6069, 5, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clEnqueueTask", kFields_clEnqueueTask_6069, 5, true},
+    {6070, 5, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clEnqueueNativeKernel", kFields_clEnqueueNativeKernel_6070, 10, true},
+    {6071, 5, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clEnqueueMarker", kFields_clEnqueueMarker_6071, 2, true},
+    {6072, 5, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clEnqueueWaitForEvents", kFields_clEnqueueWaitForEvents_6072, 3, true},
+    {6073, 5, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clEnqueueBarrier", kFields_clEnqueueBarrier_6073, 1, true},
     {6074, 2, Family::Cl, ErrorKind::Cl, Type::Ptr, "clGetExtensionFunctionAddress", kFields_clGetExtensionFunctionAddress_6074, 1, true},
-    {6075, 2, Family::Cl, ErrorKind::Cl, Type::I32, "clCreateSubDevices", kFields_clCreateSubDevices_6075, 5, true},
-    {6076, 2, Family::Cl, ErrorKind::Cl, Type::I32, "clRetainDevice", kFields_clRetainDevice_6076, 1, true},
-    {6077, 2, Family::Cl, ErrorKind::Cl, Type::I32, "clReleaseDevice", kFields_clReleaseDevice_6077, 1, true},
+    {6075, 2, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clCreateSubDevices", kFields_clCreateSubDevices_6075, 5, true},
+    {6076, 2, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clRetainDevice", kFields_clRetainDevice_6076, 1, true},
+    {6077, 2, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clReleaseDevice", kFields_clReleaseDevice_6077, 1, true},
     {6078, 6, Family::Cl, ErrorKind::Cl, Type::Handle, "clCreateImage", kFields_clCreateImage_6078, 6, true},
     {6079, 4, Family::Cl, ErrorKind::Cl, Type::Handle, "clCreateProgramWithBuiltInKernels", kFields_clCreateProgramWithBuiltInKernels_6079, 5, true},
-    {6080, 4, Family::Cl, ErrorKind::Cl, Type::I32, "clCompileProgram", kFields_clCompileProgram_6080, 9, true},
+    {6080, 4, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clCompileProgram", kFields_clCompileProgram_6080, 9, true},
     {6081, 4, Family::Cl, ErrorKind::Cl, Type::Handle, "clLinkProgram", kFields_clLinkProgram_6081, 9, true},
-    {6082, 4, Family::Cl, ErrorKind::Cl, Type::I32, "clUnloadPlatformCompiler", kFields_clUnloadPlatformCompiler_6082, 1, true},
-    {6083, 5, Family::Cl, ErrorKind::Cl, Type::I32, "clGetKernelArgInfo", kFields_clGetKernelArgInfo_6083, 6, true},
-    {6084, 3, Family::Cl, ErrorKind::Cl, Type::I32, "clEnqueueFillBuffer", kFields_clEnqueueFillBuffer_6084, 9, true},
-    {6085, 6, Family::Cl, ErrorKind::Cl, Type::I32, "clEnqueueFillImage", kFields_clEnqueueFillImage_6085, 8, true},
-    {6086, 3, Family::Cl, ErrorKind::Cl, Type::I32, "clEnqueueMigrateMemObjects", kFields_clEnqueueMigrateMemObjects_6086, 7, true},
-    {6087, 5, Family::Cl, ErrorKind::Cl, Type::I32, "clEnqueueMarkerWithWaitList", kFields_clEnqueueMarkerWithWaitList_6087, 4, true},
-    {6088, 5, Family::Cl, ErrorKind::Cl, Type::I32, "clEnqueueBarrierWithWaitList", kFields_clEnqueueBarrierWithWaitList_6088, 4, true},
+    {6082, 4, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clUnloadPlatformCompiler", kFields_clUnloadPlatformCompiler_6082, 1, true},
+    {6083, 5, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clGetKernelArgInfo", kFields_clGetKernelArgInfo_6083, 6, true},
+    {6084, 3, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clEnqueueFillBuffer", kFields_clEnqueueFillBuffer_6084, 9, true},
+    {6085, 6, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clEnqueueFillImage", kFields_clEnqueueFillImage_6085, 8, true},
+    {6086, 3, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clEnqueueMigrateMemObjects", kFields_clEnqueueMigrateMemObjects_6086, 7, true},
+    {6087, 5, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clEnqueueMarkerWithWaitList", kFields_clEnqueueMarkerWithWaitList_6087, 4, true},
+    {6088, 5, Family::Cl, ErrorKind::Cl, Type::ClStatus, "clEnqueueBarrierWithWaitList", kFields_clEnqueueBarrierWithWaitList_6088, 4, true},
     {6089, 2, Family::Cl, ErrorKind::Cl, Type::Ptr, "clGetExtensionFunctionAddressForPlatform", kFields_clGetExtensionFunctionAddressForPlatform_6089, 2, true},
+    {6090, 3, Family::Cl, ErrorKind::None, Type::None, "(OpenCL read contents)", kFields__OpenCL_read_contents__6090, 3, true},
     {6500, 8, Family::ClExt, ErrorKind::Cl, Type::None, "", nullptr, 0, false},
     {6501, 8, Family::ClExt, ErrorKind::Cl, Type::Handle, "clCreateFromGLBuffer", kFields_clCreateFromGLBuffer_6501, 4, true},
     {6502, 8, Family::ClExt, ErrorKind::Cl, Type::Handle, "clCreateFromGLTexture2D", kFields_clCreateFromGLTexture2D_6502, 6, true},
     {6503, 8, Family::ClExt, ErrorKind::Cl, Type::Handle, "clCreateFromGLTexture3D", kFields_clCreateFromGLTexture3D_6503, 6, true},
     {6504, 8, Family::ClExt, ErrorKind::Cl, Type::Handle, "clCreateFromGLRenderbuffer", kFields_clCreateFromGLRenderbuffer_6504, 4, true},
-    {6505, 8, Family::ClExt, ErrorKind::Cl, Type::I32, "clGetGLObjectInfo", kFields_clGetGLObjectInfo_6505, 3, true},
-    {6506, 8, Family::ClExt, ErrorKind::Cl, Type::I32, "clGetGLTextureInfo", kFields_clGetGLTextureInfo_6506, 5, true},
-    {6507, 8, Family::ClExt, ErrorKind::Cl, Type::I32, "clEnqueueAcquireGLObjects", kFields_clEnqueueAcquireGLObjects_6507, 6, true},
-    {6508, 8, Family::ClExt, ErrorKind::Cl, Type::I32, "clEnqueueReleaseGLObjects", kFields_clEnqueueReleaseGLObjects_6508, 6, true},
+    {6505, 8, Family::ClExt, ErrorKind::Cl, Type::ClStatus, "clGetGLObjectInfo", kFields_clGetGLObjectInfo_6505, 3, true},
+    {6506, 8, Family::ClExt, ErrorKind::Cl, Type::ClStatus, "clGetGLTextureInfo", kFields_clGetGLTextureInfo_6506, 5, true},
+    {6507, 8, Family::ClExt, ErrorKind::Cl, Type::ClStatus, "clEnqueueAcquireGLObjects", kFields_clEnqueueAcquireGLObjects_6507, 6, true},
+    {6508, 8, Family::ClExt, ErrorKind::Cl, Type::ClStatus, "clEnqueueReleaseGLObjects", kFields_clEnqueueReleaseGLObjects_6508, 6, true},
     {6509, 8, Family::ClExt, ErrorKind::Cl, Type::Handle, "clCreateFromGLTexture", kFields_clCreateFromGLTexture_6509, 6, true},
-    {6510, 8, Family::ClExt, ErrorKind::Cl, Type::I32, "clGetGLContextInfoKHR", kFields_clGetGLContextInfoKHR_6510, 5, true},
+    {6510, 8, Family::ClExt, ErrorKind::Cl, Type::ClStatus, "clGetGLContextInfoKHR", kFields_clGetGLContextInfoKHR_6510, 5, true},
     {6511, 8, Family::ClExt, ErrorKind::Cl, Type::Handle, "clCreateEventFromGLsyncKHR", kFields_clCreateEventFromGLsyncKHR_6511, 3, true},
     {6512, 8, Family::ClExt, ErrorKind::Cl, Type::Handle, "clCreateFromEGLImageKHR", kFields_clCreateFromEGLImageKHR_6512, 6, true},
-    {6513, 8, Family::ClExt, ErrorKind::Cl, Type::I32, "clEnqueueAcquireEGLObjectsKHR", kFields_clEnqueueAcquireEGLObjectsKHR_6513, 6, true},
-    {6514, 8, Family::ClExt, ErrorKind::Cl, Type::I32, "clEnqueueReleaseEGLObjectsKHR", kFields_clEnqueueReleaseEGLObjectsKHR_6514, 6, true},
+    {6513, 8, Family::ClExt, ErrorKind::Cl, Type::ClStatus, "clEnqueueAcquireEGLObjectsKHR", kFields_clEnqueueAcquireEGLObjectsKHR_6513, 6, true},
+    {6514, 8, Family::ClExt, ErrorKind::Cl, Type::ClStatus, "clEnqueueReleaseEGLObjectsKHR", kFields_clEnqueueReleaseEGLObjectsKHR_6514, 6, true},
     {6515, 8, Family::ClExt, ErrorKind::Cl, Type::Handle, "clCreateEventFromEGLSyncKHR", kFields_clCreateEventFromEGLSyncKHR_6515, 4, true},
 };
 
-const uint32_t kDescriptionCount = 1037;
+const uint32_t kDescriptionCount = 1038;
 
 } // namespace kv::api

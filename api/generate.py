@@ -46,8 +46,8 @@ FAMILIES = [
     ("egl", "Egl", "Egl", "egl"),
     ("eglext", "EglExt", "Egl", "egl"),
     ("pseudo", "Pseudo", "None", None),
-    ("cl", "Cl", "Cl", None),
-    ("clext", "ClExt", "Cl", None),
+    ("cl", "Cl", "Cl", "cl"),
+    ("clext", "ClExt", "Cl", "cl"),
 ]
 FAMILY_ENUM = {k: e for k, e, _, _ in FAMILIES}
 FAMILY_ERROR = {k: err for k, _, err, _ in FAMILIES}
@@ -274,7 +274,7 @@ def read_egl_headers():
 
 def read_cl_headers():
     protos, typedefs = {}, {}
-    for header in ("CL/cl.h", "CL/cl_gl.h", "CL/cl_egl.h", "CL/cl_platform.h"):
+    for header in ("CL/cl.h", "CL/cl_gl.h", "CL/cl_egl.h", "CL/cl_platform.h", "CL/cl_ext.h"):
         path = os.path.join(INCLUDE, header)
         if not os.path.exists(path):
             continue
@@ -519,6 +519,12 @@ def build_layout(func, rec, cl_typedefs, hooks):
         elif rule.startswith("strings"):
             args = [a.strip() for a in rule[rule.index("(") + 1 : -1].split(",")]
             fields.append(Field(p.name, "StringArray", "Char", expr=("gl", args), param=p))
+        elif rule.startswith("clstrings("):
+            args = [a.strip() for a in rule[rule.index("(") + 1 : -1].split(",")]
+            fields.append(Field(p.name, "StringArray", "Char", expr=("cl", args), param=p))
+        elif rule == "status":
+            # An OpenCL errcode_ret: the application's pointer and the status it received.
+            fields.append(Field(p.name, "Blob", "ClStatus", ["kOutput"], expr=("status",), param=p))
         elif rule in ("attribs", "attribs64"):
             fields.append(Field(p.name, "Attribs" if rule == "attribs" else "Attribs64",
                                 "I32" if rule == "attribs" else "I64", fl, param=p))
@@ -583,6 +589,14 @@ def record_fields(record):
         fl = (["kCompressible"] if "z" in flags else []) + (["kAlways"] if "always" in flags else [])
         if kind in VALUE_TYPES:
             fields.append(Field(name, "Value", kind))
+        elif kind.startswith("repeat("):
+            counted = kind[7:-1]
+            names = [f.name for f in fields]
+            if counted not in names:
+                fail(f"records.txt: {name} repeats by {counted}, which is no earlier field")
+            fields.append(Field(name, "Repeat", "None", ref=names.index(counted)))
+        elif kind == "String":
+            fields.append(Field(name, "String", "Char"))
         elif kind.startswith("blob("):
             fields.append(Field(name, "Blob", kind[5:-1], fl))
         else:
@@ -599,6 +613,8 @@ VALUE_TYPES = {
 def result_type(func, cl_typedefs):
     if func.ret in ("void", "GLvoid"):
         return "None"
+    if func.family.startswith("cl") and func.ret == "cl_int":
+        return "ClStatus"
     if "*" in func.ret:
         return "Ptr"
     return scalar_type(func.ret, func.family, cl_typedefs, func.name, "result")
@@ -675,6 +691,8 @@ def emit_descriptions(funcs, group_ids):
     for f in funcs:
         fam = FAMILY_ENUM[f.family]
         err = FAMILY_ERROR[f.family]
+        if f.record is not None and f.family == "cl":
+            err = "None"  # the platform description is no call: it has no status
         if f.known:
             fields = f"kFields_{cpp_ident(f.name)}_{f.id}" if f.fields else "nullptr"
             out.append(f'    {{{f.id}, {f.group}, Family::{fam}, ErrorKind::{err}, Type::{f.result}, "{f.name}", {fields}, {len(f.fields)}, true}},')
@@ -688,7 +706,7 @@ def emit_descriptions(funcs, group_ids):
 
 def layout_comment(f):
     parts = []
-    if FAMILY_ERROR[f.family] != "None":
+    if FAMILY_ERROR[f.family] != "None" and not (f.record is not None and f.family == "cl"):
         parts.append({"Gl": "error u32", "Egl": "error u32", "Cl": "status i32"}[FAMILY_ERROR[f.family]])
     if f.result != "None":
         parts.append(f"result {f.result}")
@@ -839,6 +857,9 @@ def emit_traits(funcs, tables, hook_funcs, traced):
         out.append(f"    using Ret = {f.ret};")
         out.append(f"    static constexpr api::Type result = api::Type::{f.result};")
         out.append(f"    static constexpr auto slot = &{table}Fns::{f.name};")
+        if f.family.startswith("cl"):
+            where = [i for i, p in enumerate(f.params) if p.name == "errcode_ret"]
+            out.append(f"    static constexpr int statusArg = {where[0] if where else -1};")
         out.append(f"    static void write(RecordHandle &h, CallCtx &c{', ' + args if args else ''});")
         out.append("};")
     out.append("\n} // namespace es1\n")
@@ -904,6 +925,8 @@ def writer_line(f, fd):
             return f"    kv::rec::blob(h, c, {capture_ns(f)}::{fd.expr[1]}({call_args(f, True)}), {flags});"
         if fd.expr[0] == "shared":
             return f"    kv::rec::blob(h, c, kv::capture::{fd.expr[1]}(c), {flags});"
+        if fd.expr[0] == "status":
+            return f"    kv::rec::statusOut(h, c, {fd.name});"
         if fd.expr[0] == "text":
             bufsize, length = fd.expr[1]
             length_arg = length if length != "null" else "nullptr"
@@ -912,6 +935,10 @@ def writer_line(f, fd):
         if fd.expr and fd.expr[0] == "textin":
             return f"    kv::rec::textIn(h, c, {fd.name}, {fd.expr[1]});"
         return f"    kv::rec::string(h, c, {fd.name});"
+    if fd.kind == "StringArray" and fd.expr[0] == "cl":
+        args = fd.expr[1]
+        lengths = args[1] if len(args) > 1 else "nullptr"
+        return f"    kv::rec::clStrings(h, c, {fd.name}, {count_expr(args[0], f.params)}, {lengths});"
     if fd.kind == "StringArray":
         args = fd.expr[1]
         count = args[0]
@@ -945,8 +972,9 @@ def by_namespace(members):
     return groups
 
 
-def emit_entries(funcs, families_wanted, tables, title):
-    out = [BANNER, f"// {title}\n", '#include "core/call.h"', '#include "entry/hooks.h"\n']
+def emit_entries(funcs, families_wanted, tables, title, includes=('"core/call.h"', '"entry/hooks.h"')):
+    out = [BANNER, f"// {title}\n"] + [f"#include {i}" for i in includes]
+    out[-1] += "\n"
     members = exported(funcs, families_wanted, tables)
     out.append("namespace kv::fn::es1 {\n" if "gles1" in families_wanted else "namespace kv::fn {\n")
     for f in members:
@@ -967,9 +995,12 @@ def emit_entries(funcs, families_wanted, tables, title):
         for f in group:
             args = ", ".join(p.declaration() for p in f.params)
             names = ", ".join(p.name for p in f.params)
-            api = API_OF_TABLE[host_table_of(f, tables)]
+            table = host_table_of(f, tables)
             out.append(f"KV_EXPORT {f.ret} KV_APIENTRY {entry_name(f)}({args}) {{")
-            out.append(f"    return kv::Entry<kv::{api}, {traits_name(f)}>::call({names});")
+            if table == "SClHost":
+                out.append(f"    return kv::ClEntry<{traits_name(f)}>::call({names});")
+            else:
+                out.append(f"    return kv::Entry<kv::{API_OF_TABLE[table]}, {traits_name(f)}>::call({names});")
             out.append("}")
         out.append(f"\n}} // namespace {ns}\n")
     return "\n".join(out) + "\n"
@@ -1023,6 +1054,84 @@ def emit_front(funcs, families_wanted, tables, title):
         out.append(f"    return {FAMILY_NS[f.family]}::{entry_name(f)}({names});")
         out.append("}")
     out.append('\n} // extern "C"')
+    return "\n".join(out) + "\n"
+
+
+# ---------------------------------------------------------------------------------------------
+# The OpenCL front library: the names and symbol versions of the system's ICD loader.
+
+
+def read_cl_exports():
+    versions, names = [], []
+    with open(os.path.join(ROOT, "api", "opencl_exports.txt")) as f:
+        for line in f:
+            words = line.split("#", 1)[0].split()
+            if not words:
+                continue
+            if words[0] == "versions":
+                versions = words[1:]
+            else:
+                names.append((words[0], words[1]))
+    for version, name in names:
+        if version not in versions:
+            fail(f"opencl_exports.txt: {name} has the unknown version {version}")
+    return versions, names
+
+
+def emit_cl_front(funcs, tables, cl_protos, names):
+    traced = {f.name: f for f in exported(funcs, {"cl", "clext"}, tables)}
+    out = [BANNER, "// The OpenCL front library: exports every name of the system's ICD loader. The catalogue's",
+           "// functions go to the library's entry points; the later ones (OpenCL 2.0 on) are forwarded to the",
+           "// host unrecorded.\n",
+           "// Their prototypes are those of the newest headers.",
+           "#define CL_TARGET_OPENCL_VERSION 300\n",
+           '#include "entry/entries_autogen.h"', '#include "entry/cl/cl_forward.h"\n',
+           "#include <CL/cl_ext.h>\n", 'extern "C" {\n']
+    for _, name in names:
+        if name in traced:
+            f = traced[name]
+            args = ", ".join(p.declaration() for p in f.params)
+            out.append(f"KV_EXPORT {f.ret} KV_APIENTRY {f.name}({args}) {{")
+            out.append(f"    return cl::{entry_name(f)}({', '.join(p.name for p in f.params)});")
+            out.append("}")
+            continue
+        if name not in cl_protos:
+            fail(f"opencl_exports.txt: no prototype of {name} in the OpenCL headers")
+        ret, params = cl_protos[name]
+        args = ", ".join(p.declaration() for p in params)
+        abstract = ", ".join(p.abstract() for p in params) or "void"
+        out.append(f"KV_EXPORT {ret} KV_APIENTRY {name}({args}) {{")
+        out.append(f"    using Fn = {ret} (KV_APIENTRY *)({abstract});")
+        out.append(f'    static const Fn fn = reinterpret_cast<Fn>(cl::hostFunction("{name}"));')
+        if ret == "cl_int":
+            fallback = "CL_INVALID_OPERATION"
+        elif ret == "void":
+            fallback = ""
+        else:
+            fallback = "{}"
+            if any(p.name == "errcode_ret" for p in params):
+                out.append("    if (!fn && errcode_ret) *errcode_ret = CL_INVALID_OPERATION;")
+        out.append(f"    if (!fn) return {fallback};")
+        out.append(f"    return fn({', '.join(p.name for p in params)});")
+        out.append("}")
+    out.append('\n} // extern "C"')
+    return "\n".join(out) + "\n"
+
+
+def emit_cl_version_script(versions, names):
+    out = ["# GENERATED FILE - DO NOT EDIT. Generated by api/generate.py from api/opencl_exports.txt.",
+           "# The symbol versions of the OpenCL front library, as the system's ICD loader has them."]
+    for i, version in enumerate(versions):
+        members = sorted(n for v, n in names if v == version)
+        if i == 0:
+            members.append("kalvoren_front_marker")
+        out.append(f"{version} {{")
+        if members:
+            out.append("  global:")
+            out += [f"    {n};" for n in members]
+        if i == 0:
+            out.append("  local:\n    *;")
+        out.append("}" + (f" {versions[i - 1]};" if i else ";"))
     return "\n".join(out) + "\n"
 
 
@@ -1352,7 +1461,9 @@ def main():
     drop_core_names_from_extension_table(funcs, tables)
     ext_members = extension_functions(funcs, tables)
     ext_hooks = [(f, w) for f, w in hooks if f in ext_members]
-    traced = {"gles1", "gles20", "gles30", "gles31", "gles32", "egl", "eglext"}
+    traced = {"gles1", "gles20", "gles30", "gles31", "gles32", "egl", "eglext", "cl", "clext"}
+    proc_families = {"gles1", "gles20", "gles30", "gles31", "gles32", "egl", "eglext"}
+    cl_versions, cl_exports = read_cl_exports()
     hook_funcs = [(f, w) for f, w in hooks if f.family in traced and host_table_of(f, tables)]
 
     outputs = {
@@ -1367,7 +1478,11 @@ def main():
         "entry/gles/gles_entries_autogen.cpp": emit_entries(funcs, {"gles20", "gles30", "gles31", "gles32"}, tables,
                                                             "OpenGL ES 2.0 to 3.2 entry points"),
         "entry/es1/es1_entries_autogen.cpp": emit_entries(funcs, {"gles1"}, tables, "OpenGL ES 1.x entry points"),
-        "entry/proc_table_autogen.cpp": emit_proc_table(funcs, traced, tables),
+        "entry/proc_table_autogen.cpp": emit_proc_table(funcs, proc_families, tables),
+        "entry/cl/cl_entries_autogen.cpp": emit_entries(funcs, {"cl", "clext"}, tables, "OpenCL entry points",
+                                                        ('"entry/cl/cl_call.h"',)),
+        "front/opencl_front_autogen.cpp": emit_cl_front(funcs, tables, cl_protos, cl_exports),
+        "front/opencl_front_autogen.map": emit_cl_version_script(cl_versions, cl_exports),
         "front/egl_front_autogen.cpp": emit_front(funcs, {"egl", "eglext"}, tables, "The EGL front library"),
         "front/gles2_front_autogen.cpp": emit_front(funcs, {"gles20", "gles30", "gles31", "gles32"}, tables,
                                                     "The OpenGL ES 2.0 to 3.2 front library"),

@@ -64,6 +64,9 @@ namespace rec {
 struct Blob {
     const void *data = nullptr;
     uint64_t bytes = 0;
+    // A copy of the bytes in the record's scratch memory, when the capture made one: the record
+    // shows `data` and stores the copy, which needs no guarded read.
+    const void *copy = nullptr;
 };
 
 // An element count from an API argument: negative counts are no counts.
@@ -73,6 +76,12 @@ constexpr uint64_t count(T v) {
         return v > 0 ? static_cast<uint64_t>(v) : 0;
     else
         return static_cast<uint64_t>(v);
+}
+
+// A pointer in a count expression stands for whether it is given (`p ? n : 0`).
+template <class T>
+constexpr uint64_t count(T *p) {
+    return p ? 1 : 0;
 }
 
 // *p read safely; 0 for a null or unreadable pointer or a negative value.
@@ -117,9 +126,7 @@ constexpr uint64_t kBufferOffset = ~uint64_t(0);
 // always written), the byte count (4) and the block. A call the driver rejected records a count of
 // 0: it read nothing and wrote nothing. A size of kBufferOffset writes the pointer alone.
 void blob(RecordHandle &h, CallCtx &c, const void *data, uint64_t bytes, uint8_t flags);
-inline void blob(RecordHandle &h, CallCtx &c, Blob b, uint8_t flags) {
-    blob(h, c, b.data, b.bytes, flags);
-}
+void blob(RecordHandle &h, CallCtx &c, Blob b, uint8_t flags);
 // A 0-terminated string: pointer (8) [length (4), text].
 void string(RecordHandle &h, CallCtx &c, const char *text);
 // A string whose length is given; a negative length means up to its terminator.
@@ -130,6 +137,18 @@ void textOut(RecordHandle &h, CallCtx &c, const char *buffer, GLsizei bufSize, c
 // An array of strings (OpenGL rules for the lengths).
 void glStrings(RecordHandle &h, CallCtx &c, const GLchar *const *strings, GLsizei count,
                const GLint *lengths);
+// An array of strings (OpenCL rules for the lengths: a zero or absent length records the text
+// with its terminator).
+void clStrings(RecordHandle &h, CallCtx &c, const char *const *strings, uint64_t count,
+               const size_t *lengths);
+// Program binaries: byte strings with their lengths.
+inline void clStrings(RecordHandle &h, CallCtx &c, const unsigned char **binaries, uint64_t count,
+                      const size_t *lengths) {
+    clStrings(h, c, reinterpret_cast<const char *const *>(binaries), count, lengths);
+}
+// An OpenCL errcode_ret: the application's pointer and, when it is not null, the 4-byte status the
+// call stored there (also when the call failed: the status is what it tells).
+void statusOut(RecordHandle &h, CallCtx &c, const int32_t *status);
 // EGL attribute lists, recorded up to and including EGL_NONE.
 void attribs(RecordHandle &h, CallCtx &c, const EGLint *list);
 void attribs64(RecordHandle &h, CallCtx &c, const EGLAttrib *list);

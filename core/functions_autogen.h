@@ -3402,6 +3402,942 @@ struct glTexStorage3DMultisample {
     static constexpr auto slot = &GLESPPHostFns::glTexStorage3DMultisample;
     static void write(RecordHandle &h, CallCtx &c, GLenum, GLsizei, GLenum, GLsizei, GLsizei, GLsizei, GLboolean);
 };
+struct clGetPlatformIDs {
+    static constexpr uint16_t id = 6001;
+    static constexpr const char *name = "clGetPlatformIDs";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clGetPlatformIDs;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_uint, cl_platform_id *, cl_uint *);
+};
+struct clGetPlatformInfo {
+    static constexpr uint16_t id = 6002;
+    static constexpr const char *name = "clGetPlatformInfo";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clGetPlatformInfo;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_platform_id, cl_platform_info, size_t, void *, size_t *);
+};
+struct clGetDeviceIDs {
+    static constexpr uint16_t id = 6003;
+    static constexpr const char *name = "clGetDeviceIDs";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clGetDeviceIDs;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_platform_id, cl_device_type, cl_uint, cl_device_id *, cl_uint *);
+};
+struct clGetDeviceInfo {
+    static constexpr uint16_t id = 6004;
+    static constexpr const char *name = "clGetDeviceInfo";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clGetDeviceInfo;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_device_id, cl_device_info, size_t, void *, size_t *);
+};
+struct clCreateContext {
+    static constexpr uint16_t id = 6005;
+    static constexpr const char *name = "clCreateContext";
+    using Ret = cl_context;
+    static constexpr api::Type result = api::Type::Handle;
+    static constexpr auto slot = &SClHostFns::clCreateContext;
+    static constexpr int statusArg = 5;
+    static void write(RecordHandle &h, CallCtx &c, const cl_context_properties *, cl_uint, const cl_device_id *, void (CL_CALLBACK * )(const char * errinfo, const void * private_info, size_t cb, void * user_data), void *, cl_int *);
+};
+struct clCreateContextFromType {
+    static constexpr uint16_t id = 6006;
+    static constexpr const char *name = "clCreateContextFromType";
+    using Ret = cl_context;
+    static constexpr api::Type result = api::Type::Handle;
+    static constexpr auto slot = &SClHostFns::clCreateContextFromType;
+    static constexpr int statusArg = 4;
+    static void write(RecordHandle &h, CallCtx &c, const cl_context_properties *, cl_device_type, void (CL_CALLBACK * )(const char * errinfo, const void * private_info, size_t cb, void * user_data), void *, cl_int *);
+};
+struct clRetainContext {
+    static constexpr uint16_t id = 6007;
+    static constexpr const char *name = "clRetainContext";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clRetainContext;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_context);
+};
+struct clReleaseContext {
+    static constexpr uint16_t id = 6008;
+    static constexpr const char *name = "clReleaseContext";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clReleaseContext;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_context);
+};
+struct clGetContextInfo {
+    static constexpr uint16_t id = 6009;
+    static constexpr const char *name = "clGetContextInfo";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clGetContextInfo;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_context, cl_context_info, size_t, void *, size_t *);
+};
+struct clCreateCommandQueue {
+    static constexpr uint16_t id = 6010;
+    static constexpr const char *name = "clCreateCommandQueue";
+    using Ret = cl_command_queue;
+    static constexpr api::Type result = api::Type::Handle;
+    static constexpr auto slot = &SClHostFns::clCreateCommandQueue;
+    static constexpr int statusArg = 3;
+    static void write(RecordHandle &h, CallCtx &c, cl_context, cl_device_id, cl_command_queue_properties, cl_int *);
+};
+struct clRetainCommandQueue {
+    static constexpr uint16_t id = 6011;
+    static constexpr const char *name = "clRetainCommandQueue";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clRetainCommandQueue;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_command_queue);
+};
+struct clReleaseCommandQueue {
+    static constexpr uint16_t id = 6012;
+    static constexpr const char *name = "clReleaseCommandQueue";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clReleaseCommandQueue;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_command_queue);
+};
+struct clGetCommandQueueInfo {
+    static constexpr uint16_t id = 6013;
+    static constexpr const char *name = "clGetCommandQueueInfo";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clGetCommandQueueInfo;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_command_queue, cl_command_queue_info, size_t, void *, size_t *);
+};
+struct clSetCommandQueueProperty {
+    static constexpr uint16_t id = 6014;
+    static constexpr const char *name = "clSetCommandQueueProperty";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clSetCommandQueueProperty;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_command_queue, cl_command_queue_properties, cl_bool, cl_command_queue_properties *);
+};
+struct clCreateBuffer {
+    static constexpr uint16_t id = 6015;
+    static constexpr const char *name = "clCreateBuffer";
+    using Ret = cl_mem;
+    static constexpr api::Type result = api::Type::Handle;
+    static constexpr auto slot = &SClHostFns::clCreateBuffer;
+    static constexpr int statusArg = 4;
+    static void write(RecordHandle &h, CallCtx &c, cl_context, cl_mem_flags, size_t, void *, cl_int *);
+};
+struct clCreateSubBuffer {
+    static constexpr uint16_t id = 6016;
+    static constexpr const char *name = "clCreateSubBuffer";
+    using Ret = cl_mem;
+    static constexpr api::Type result = api::Type::Handle;
+    static constexpr auto slot = &SClHostFns::clCreateSubBuffer;
+    static constexpr int statusArg = 4;
+    static void write(RecordHandle &h, CallCtx &c, cl_mem, cl_mem_flags, cl_buffer_create_type, const void *, cl_int *);
+};
+struct clCreateImage2D {
+    static constexpr uint16_t id = 6017;
+    static constexpr const char *name = "clCreateImage2D";
+    using Ret = cl_mem;
+    static constexpr api::Type result = api::Type::Handle;
+    static constexpr auto slot = &SClHostFns::clCreateImage2D;
+    static constexpr int statusArg = 7;
+    static void write(RecordHandle &h, CallCtx &c, cl_context, cl_mem_flags, const cl_image_format *, size_t, size_t, size_t, void *, cl_int *);
+};
+struct clCreateImage3D {
+    static constexpr uint16_t id = 6018;
+    static constexpr const char *name = "clCreateImage3D";
+    using Ret = cl_mem;
+    static constexpr api::Type result = api::Type::Handle;
+    static constexpr auto slot = &SClHostFns::clCreateImage3D;
+    static constexpr int statusArg = 9;
+    static void write(RecordHandle &h, CallCtx &c, cl_context, cl_mem_flags, const cl_image_format *, size_t, size_t, size_t, size_t, size_t, void *, cl_int *);
+};
+struct clRetainMemObject {
+    static constexpr uint16_t id = 6019;
+    static constexpr const char *name = "clRetainMemObject";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clRetainMemObject;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_mem);
+};
+struct clReleaseMemObject {
+    static constexpr uint16_t id = 6020;
+    static constexpr const char *name = "clReleaseMemObject";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clReleaseMemObject;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_mem);
+};
+struct clGetSupportedImageFormats {
+    static constexpr uint16_t id = 6021;
+    static constexpr const char *name = "clGetSupportedImageFormats";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clGetSupportedImageFormats;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_context, cl_mem_flags, cl_mem_object_type, cl_uint, cl_image_format *, cl_uint *);
+};
+struct clGetMemObjectInfo {
+    static constexpr uint16_t id = 6022;
+    static constexpr const char *name = "clGetMemObjectInfo";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clGetMemObjectInfo;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_mem, cl_mem_info, size_t, void *, size_t *);
+};
+struct clGetImageInfo {
+    static constexpr uint16_t id = 6023;
+    static constexpr const char *name = "clGetImageInfo";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clGetImageInfo;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_mem, cl_image_info, size_t, void *, size_t *);
+};
+struct clSetMemObjectDestructorCallback {
+    static constexpr uint16_t id = 6024;
+    static constexpr const char *name = "clSetMemObjectDestructorCallback";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clSetMemObjectDestructorCallback;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_mem, void (CL_CALLBACK * )(cl_mem memobj, void * user_data), void *);
+};
+struct clCreateSampler {
+    static constexpr uint16_t id = 6025;
+    static constexpr const char *name = "clCreateSampler";
+    using Ret = cl_sampler;
+    static constexpr api::Type result = api::Type::Handle;
+    static constexpr auto slot = &SClHostFns::clCreateSampler;
+    static constexpr int statusArg = 4;
+    static void write(RecordHandle &h, CallCtx &c, cl_context, cl_bool, cl_addressing_mode, cl_filter_mode, cl_int *);
+};
+struct clRetainSampler {
+    static constexpr uint16_t id = 6026;
+    static constexpr const char *name = "clRetainSampler";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clRetainSampler;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_sampler);
+};
+struct clReleaseSampler {
+    static constexpr uint16_t id = 6027;
+    static constexpr const char *name = "clReleaseSampler";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clReleaseSampler;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_sampler);
+};
+struct clGetSamplerInfo {
+    static constexpr uint16_t id = 6028;
+    static constexpr const char *name = "clGetSamplerInfo";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clGetSamplerInfo;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_sampler, cl_sampler_info, size_t, void *, size_t *);
+};
+struct clCreateProgramWithSource {
+    static constexpr uint16_t id = 6029;
+    static constexpr const char *name = "clCreateProgramWithSource";
+    using Ret = cl_program;
+    static constexpr api::Type result = api::Type::Handle;
+    static constexpr auto slot = &SClHostFns::clCreateProgramWithSource;
+    static constexpr int statusArg = 4;
+    static void write(RecordHandle &h, CallCtx &c, cl_context, cl_uint, const char **, const size_t *, cl_int *);
+};
+struct clCreateProgramWithBinary {
+    static constexpr uint16_t id = 6030;
+    static constexpr const char *name = "clCreateProgramWithBinary";
+    using Ret = cl_program;
+    static constexpr api::Type result = api::Type::Handle;
+    static constexpr auto slot = &SClHostFns::clCreateProgramWithBinary;
+    static constexpr int statusArg = 6;
+    static void write(RecordHandle &h, CallCtx &c, cl_context, cl_uint, const cl_device_id *, const size_t *, const unsigned char **, cl_int *, cl_int *);
+};
+struct clRetainProgram {
+    static constexpr uint16_t id = 6031;
+    static constexpr const char *name = "clRetainProgram";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clRetainProgram;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_program);
+};
+struct clReleaseProgram {
+    static constexpr uint16_t id = 6032;
+    static constexpr const char *name = "clReleaseProgram";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clReleaseProgram;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_program);
+};
+struct clBuildProgram {
+    static constexpr uint16_t id = 6033;
+    static constexpr const char *name = "clBuildProgram";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clBuildProgram;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_program, cl_uint, const cl_device_id *, const char *, void (CL_CALLBACK * )(cl_program program, void * user_data), void *);
+};
+struct clUnloadCompiler {
+    static constexpr uint16_t id = 6034;
+    static constexpr const char *name = "clUnloadCompiler";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clUnloadCompiler;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c);
+};
+struct clGetProgramInfo {
+    static constexpr uint16_t id = 6035;
+    static constexpr const char *name = "clGetProgramInfo";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clGetProgramInfo;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_program, cl_program_info, size_t, void *, size_t *);
+};
+struct clGetProgramBuildInfo {
+    static constexpr uint16_t id = 6036;
+    static constexpr const char *name = "clGetProgramBuildInfo";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clGetProgramBuildInfo;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_program, cl_device_id, cl_program_build_info, size_t, void *, size_t *);
+};
+struct clCreateKernel {
+    static constexpr uint16_t id = 6037;
+    static constexpr const char *name = "clCreateKernel";
+    using Ret = cl_kernel;
+    static constexpr api::Type result = api::Type::Handle;
+    static constexpr auto slot = &SClHostFns::clCreateKernel;
+    static constexpr int statusArg = 2;
+    static void write(RecordHandle &h, CallCtx &c, cl_program, const char *, cl_int *);
+};
+struct clCreateKernelsInProgram {
+    static constexpr uint16_t id = 6038;
+    static constexpr const char *name = "clCreateKernelsInProgram";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clCreateKernelsInProgram;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_program, cl_uint, cl_kernel *, cl_uint *);
+};
+struct clRetainKernel {
+    static constexpr uint16_t id = 6039;
+    static constexpr const char *name = "clRetainKernel";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clRetainKernel;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_kernel);
+};
+struct clReleaseKernel {
+    static constexpr uint16_t id = 6040;
+    static constexpr const char *name = "clReleaseKernel";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clReleaseKernel;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_kernel);
+};
+struct clSetKernelArg {
+    static constexpr uint16_t id = 6041;
+    static constexpr const char *name = "clSetKernelArg";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clSetKernelArg;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_kernel, cl_uint, size_t, const void *);
+};
+struct clGetKernelInfo {
+    static constexpr uint16_t id = 6042;
+    static constexpr const char *name = "clGetKernelInfo";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clGetKernelInfo;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_kernel, cl_kernel_info, size_t, void *, size_t *);
+};
+struct clGetKernelWorkGroupInfo {
+    static constexpr uint16_t id = 6043;
+    static constexpr const char *name = "clGetKernelWorkGroupInfo";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clGetKernelWorkGroupInfo;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_kernel, cl_device_id, cl_kernel_work_group_info, size_t, void *, size_t *);
+};
+struct clWaitForEvents {
+    static constexpr uint16_t id = 6044;
+    static constexpr const char *name = "clWaitForEvents";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clWaitForEvents;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_uint, const cl_event *);
+};
+struct clGetEventInfo {
+    static constexpr uint16_t id = 6045;
+    static constexpr const char *name = "clGetEventInfo";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clGetEventInfo;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_event, cl_event_info, size_t, void *, size_t *);
+};
+struct clCreateUserEvent {
+    static constexpr uint16_t id = 6046;
+    static constexpr const char *name = "clCreateUserEvent";
+    using Ret = cl_event;
+    static constexpr api::Type result = api::Type::Handle;
+    static constexpr auto slot = &SClHostFns::clCreateUserEvent;
+    static constexpr int statusArg = 1;
+    static void write(RecordHandle &h, CallCtx &c, cl_context, cl_int *);
+};
+struct clRetainEvent {
+    static constexpr uint16_t id = 6047;
+    static constexpr const char *name = "clRetainEvent";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clRetainEvent;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_event);
+};
+struct clReleaseEvent {
+    static constexpr uint16_t id = 6048;
+    static constexpr const char *name = "clReleaseEvent";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clReleaseEvent;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_event);
+};
+struct clSetUserEventStatus {
+    static constexpr uint16_t id = 6049;
+    static constexpr const char *name = "clSetUserEventStatus";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clSetUserEventStatus;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_event, cl_int);
+};
+struct clSetEventCallback {
+    static constexpr uint16_t id = 6050;
+    static constexpr const char *name = "clSetEventCallback";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clSetEventCallback;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_event, cl_int, void (CL_CALLBACK * )(cl_event event, cl_int event_command_status, void * user_data), void *);
+};
+struct clGetEventProfilingInfo {
+    static constexpr uint16_t id = 6051;
+    static constexpr const char *name = "clGetEventProfilingInfo";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clGetEventProfilingInfo;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_event, cl_profiling_info, size_t, void *, size_t *);
+};
+struct clFlush {
+    static constexpr uint16_t id = 6052;
+    static constexpr const char *name = "clFlush";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clFlush;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_command_queue);
+};
+struct clFinish {
+    static constexpr uint16_t id = 6053;
+    static constexpr const char *name = "clFinish";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clFinish;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_command_queue);
+};
+struct clEnqueueReadBuffer {
+    static constexpr uint16_t id = 6054;
+    static constexpr const char *name = "clEnqueueReadBuffer";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clEnqueueReadBuffer;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_command_queue, cl_mem, cl_bool, size_t, size_t, void *, cl_uint, const cl_event *, cl_event *);
+};
+struct clEnqueueReadBufferRect {
+    static constexpr uint16_t id = 6055;
+    static constexpr const char *name = "clEnqueueReadBufferRect";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clEnqueueReadBufferRect;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_command_queue, cl_mem, cl_bool, const size_t *, const size_t *, const size_t *, size_t, size_t, size_t, size_t, void *, cl_uint, const cl_event *, cl_event *);
+};
+struct clEnqueueWriteBuffer {
+    static constexpr uint16_t id = 6056;
+    static constexpr const char *name = "clEnqueueWriteBuffer";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clEnqueueWriteBuffer;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_command_queue, cl_mem, cl_bool, size_t, size_t, const void *, cl_uint, const cl_event *, cl_event *);
+};
+struct clEnqueueWriteBufferRect {
+    static constexpr uint16_t id = 6057;
+    static constexpr const char *name = "clEnqueueWriteBufferRect";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clEnqueueWriteBufferRect;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_command_queue, cl_mem, cl_bool, const size_t *, const size_t *, const size_t *, size_t, size_t, size_t, size_t, const void *, cl_uint, const cl_event *, cl_event *);
+};
+struct clEnqueueCopyBuffer {
+    static constexpr uint16_t id = 6058;
+    static constexpr const char *name = "clEnqueueCopyBuffer";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clEnqueueCopyBuffer;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_command_queue, cl_mem, cl_mem, size_t, size_t, size_t, cl_uint, const cl_event *, cl_event *);
+};
+struct clEnqueueCopyBufferRect {
+    static constexpr uint16_t id = 6059;
+    static constexpr const char *name = "clEnqueueCopyBufferRect";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clEnqueueCopyBufferRect;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_command_queue, cl_mem, cl_mem, const size_t *, const size_t *, const size_t *, size_t, size_t, size_t, size_t, cl_uint, const cl_event *, cl_event *);
+};
+struct clEnqueueReadImage {
+    static constexpr uint16_t id = 6060;
+    static constexpr const char *name = "clEnqueueReadImage";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clEnqueueReadImage;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_command_queue, cl_mem, cl_bool, const size_t *, const size_t *, size_t, size_t, void *, cl_uint, const cl_event *, cl_event *);
+};
+struct clEnqueueWriteImage {
+    static constexpr uint16_t id = 6061;
+    static constexpr const char *name = "clEnqueueWriteImage";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clEnqueueWriteImage;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_command_queue, cl_mem, cl_bool, const size_t *, const size_t *, size_t, size_t, const void *, cl_uint, const cl_event *, cl_event *);
+};
+struct clEnqueueCopyImage {
+    static constexpr uint16_t id = 6062;
+    static constexpr const char *name = "clEnqueueCopyImage";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clEnqueueCopyImage;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_command_queue, cl_mem, cl_mem, const size_t *, const size_t *, const size_t *, cl_uint, const cl_event *, cl_event *);
+};
+struct clEnqueueCopyImageToBuffer {
+    static constexpr uint16_t id = 6063;
+    static constexpr const char *name = "clEnqueueCopyImageToBuffer";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clEnqueueCopyImageToBuffer;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_command_queue, cl_mem, cl_mem, const size_t *, const size_t *, size_t, cl_uint, const cl_event *, cl_event *);
+};
+struct clEnqueueCopyBufferToImage {
+    static constexpr uint16_t id = 6064;
+    static constexpr const char *name = "clEnqueueCopyBufferToImage";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clEnqueueCopyBufferToImage;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_command_queue, cl_mem, cl_mem, size_t, const size_t *, const size_t *, cl_uint, const cl_event *, cl_event *);
+};
+struct clEnqueueMapBuffer {
+    static constexpr uint16_t id = 6065;
+    static constexpr const char *name = "clEnqueueMapBuffer";
+    using Ret = void *;
+    static constexpr api::Type result = api::Type::Ptr;
+    static constexpr auto slot = &SClHostFns::clEnqueueMapBuffer;
+    static constexpr int statusArg = 9;
+    static void write(RecordHandle &h, CallCtx &c, cl_command_queue, cl_mem, cl_bool, cl_map_flags, size_t, size_t, cl_uint, const cl_event *, cl_event *, cl_int *);
+};
+struct clEnqueueMapImage {
+    static constexpr uint16_t id = 6066;
+    static constexpr const char *name = "clEnqueueMapImage";
+    using Ret = void *;
+    static constexpr api::Type result = api::Type::Ptr;
+    static constexpr auto slot = &SClHostFns::clEnqueueMapImage;
+    static constexpr int statusArg = 11;
+    static void write(RecordHandle &h, CallCtx &c, cl_command_queue, cl_mem, cl_bool, cl_map_flags, const size_t *, const size_t *, size_t *, size_t *, cl_uint, const cl_event *, cl_event *, cl_int *);
+};
+struct clEnqueueUnmapMemObject {
+    static constexpr uint16_t id = 6067;
+    static constexpr const char *name = "clEnqueueUnmapMemObject";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clEnqueueUnmapMemObject;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_command_queue, cl_mem, void *, cl_uint, const cl_event *, cl_event *);
+};
+struct clEnqueueNDRangeKernel {
+    static constexpr uint16_t id = 6068;
+    static constexpr const char *name = "clEnqueueNDRangeKernel";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clEnqueueNDRangeKernel;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_command_queue, cl_kernel, cl_uint, const size_t *, const size_t *, const size_t *, cl_uint, const cl_event *, cl_event *);
+};
+struct clEnqueueTask {
+    static constexpr uint16_t id = 6069;
+    static constexpr const char *name = "clEnqueueTask";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clEnqueueTask;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_command_queue, cl_kernel, cl_uint, const cl_event *, cl_event *);
+};
+struct clEnqueueNativeKernel {
+    static constexpr uint16_t id = 6070;
+    static constexpr const char *name = "clEnqueueNativeKernel";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clEnqueueNativeKernel;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_command_queue, void (CL_CALLBACK * )(void *), void *, size_t, cl_uint, const cl_mem *, const void **, cl_uint, const cl_event *, cl_event *);
+};
+struct clEnqueueMarker {
+    static constexpr uint16_t id = 6071;
+    static constexpr const char *name = "clEnqueueMarker";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clEnqueueMarker;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_command_queue, cl_event *);
+};
+struct clEnqueueWaitForEvents {
+    static constexpr uint16_t id = 6072;
+    static constexpr const char *name = "clEnqueueWaitForEvents";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clEnqueueWaitForEvents;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_command_queue, cl_uint, const cl_event *);
+};
+struct clEnqueueBarrier {
+    static constexpr uint16_t id = 6073;
+    static constexpr const char *name = "clEnqueueBarrier";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clEnqueueBarrier;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_command_queue);
+};
+struct clGetExtensionFunctionAddress {
+    static constexpr uint16_t id = 6074;
+    static constexpr const char *name = "clGetExtensionFunctionAddress";
+    using Ret = void *;
+    static constexpr api::Type result = api::Type::Ptr;
+    static constexpr auto slot = &SClHostFns::clGetExtensionFunctionAddress;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, const char *);
+};
+struct clCreateSubDevices {
+    static constexpr uint16_t id = 6075;
+    static constexpr const char *name = "clCreateSubDevices";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clCreateSubDevices;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_device_id, const cl_device_partition_property *, cl_uint, cl_device_id *, cl_uint *);
+};
+struct clRetainDevice {
+    static constexpr uint16_t id = 6076;
+    static constexpr const char *name = "clRetainDevice";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clRetainDevice;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_device_id);
+};
+struct clReleaseDevice {
+    static constexpr uint16_t id = 6077;
+    static constexpr const char *name = "clReleaseDevice";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clReleaseDevice;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_device_id);
+};
+struct clCreateImage {
+    static constexpr uint16_t id = 6078;
+    static constexpr const char *name = "clCreateImage";
+    using Ret = cl_mem;
+    static constexpr api::Type result = api::Type::Handle;
+    static constexpr auto slot = &SClHostFns::clCreateImage;
+    static constexpr int statusArg = 5;
+    static void write(RecordHandle &h, CallCtx &c, cl_context, cl_mem_flags, const cl_image_format *, const cl_image_desc *, void *, cl_int *);
+};
+struct clCreateProgramWithBuiltInKernels {
+    static constexpr uint16_t id = 6079;
+    static constexpr const char *name = "clCreateProgramWithBuiltInKernels";
+    using Ret = cl_program;
+    static constexpr api::Type result = api::Type::Handle;
+    static constexpr auto slot = &SClHostFns::clCreateProgramWithBuiltInKernels;
+    static constexpr int statusArg = 4;
+    static void write(RecordHandle &h, CallCtx &c, cl_context, cl_uint, const cl_device_id *, const char *, cl_int *);
+};
+struct clCompileProgram {
+    static constexpr uint16_t id = 6080;
+    static constexpr const char *name = "clCompileProgram";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clCompileProgram;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_program, cl_uint, const cl_device_id *, const char *, cl_uint, const cl_program *, const char **, void (CL_CALLBACK * )(cl_program program, void * user_data), void *);
+};
+struct clLinkProgram {
+    static constexpr uint16_t id = 6081;
+    static constexpr const char *name = "clLinkProgram";
+    using Ret = cl_program;
+    static constexpr api::Type result = api::Type::Handle;
+    static constexpr auto slot = &SClHostFns::clLinkProgram;
+    static constexpr int statusArg = 8;
+    static void write(RecordHandle &h, CallCtx &c, cl_context, cl_uint, const cl_device_id *, const char *, cl_uint, const cl_program *, void (CL_CALLBACK * )(cl_program program, void * user_data), void *, cl_int *);
+};
+struct clUnloadPlatformCompiler {
+    static constexpr uint16_t id = 6082;
+    static constexpr const char *name = "clUnloadPlatformCompiler";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clUnloadPlatformCompiler;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_platform_id);
+};
+struct clGetKernelArgInfo {
+    static constexpr uint16_t id = 6083;
+    static constexpr const char *name = "clGetKernelArgInfo";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clGetKernelArgInfo;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_kernel, cl_uint, cl_kernel_arg_info, size_t, void *, size_t *);
+};
+struct clEnqueueFillBuffer {
+    static constexpr uint16_t id = 6084;
+    static constexpr const char *name = "clEnqueueFillBuffer";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clEnqueueFillBuffer;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_command_queue, cl_mem, const void *, size_t, size_t, size_t, cl_uint, const cl_event *, cl_event *);
+};
+struct clEnqueueFillImage {
+    static constexpr uint16_t id = 6085;
+    static constexpr const char *name = "clEnqueueFillImage";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clEnqueueFillImage;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_command_queue, cl_mem, const void *, const size_t *, const size_t *, cl_uint, const cl_event *, cl_event *);
+};
+struct clEnqueueMigrateMemObjects {
+    static constexpr uint16_t id = 6086;
+    static constexpr const char *name = "clEnqueueMigrateMemObjects";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clEnqueueMigrateMemObjects;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_command_queue, cl_uint, const cl_mem *, cl_mem_migration_flags, cl_uint, const cl_event *, cl_event *);
+};
+struct clEnqueueMarkerWithWaitList {
+    static constexpr uint16_t id = 6087;
+    static constexpr const char *name = "clEnqueueMarkerWithWaitList";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clEnqueueMarkerWithWaitList;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_command_queue, cl_uint, const cl_event *, cl_event *);
+};
+struct clEnqueueBarrierWithWaitList {
+    static constexpr uint16_t id = 6088;
+    static constexpr const char *name = "clEnqueueBarrierWithWaitList";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clEnqueueBarrierWithWaitList;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_command_queue, cl_uint, const cl_event *, cl_event *);
+};
+struct clGetExtensionFunctionAddressForPlatform {
+    static constexpr uint16_t id = 6089;
+    static constexpr const char *name = "clGetExtensionFunctionAddressForPlatform";
+    using Ret = void *;
+    static constexpr api::Type result = api::Type::Ptr;
+    static constexpr auto slot = &SClHostFns::clGetExtensionFunctionAddressForPlatform;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_platform_id, const char *);
+};
+struct clCreateFromGLBuffer {
+    static constexpr uint16_t id = 6501;
+    static constexpr const char *name = "clCreateFromGLBuffer";
+    using Ret = cl_mem;
+    static constexpr api::Type result = api::Type::Handle;
+    static constexpr auto slot = &SClHostFns::clCreateFromGLBuffer;
+    static constexpr int statusArg = 3;
+    static void write(RecordHandle &h, CallCtx &c, cl_context, cl_mem_flags, cl_GLuint, cl_int *);
+};
+struct clCreateFromGLTexture2D {
+    static constexpr uint16_t id = 6502;
+    static constexpr const char *name = "clCreateFromGLTexture2D";
+    using Ret = cl_mem;
+    static constexpr api::Type result = api::Type::Handle;
+    static constexpr auto slot = &SClHostFns::clCreateFromGLTexture2D;
+    static constexpr int statusArg = 5;
+    static void write(RecordHandle &h, CallCtx &c, cl_context, cl_mem_flags, cl_GLenum, cl_GLint, cl_GLuint, cl_int *);
+};
+struct clCreateFromGLTexture3D {
+    static constexpr uint16_t id = 6503;
+    static constexpr const char *name = "clCreateFromGLTexture3D";
+    using Ret = cl_mem;
+    static constexpr api::Type result = api::Type::Handle;
+    static constexpr auto slot = &SClHostFns::clCreateFromGLTexture3D;
+    static constexpr int statusArg = 5;
+    static void write(RecordHandle &h, CallCtx &c, cl_context, cl_mem_flags, cl_GLenum, cl_GLint, cl_GLuint, cl_int *);
+};
+struct clCreateFromGLRenderbuffer {
+    static constexpr uint16_t id = 6504;
+    static constexpr const char *name = "clCreateFromGLRenderbuffer";
+    using Ret = cl_mem;
+    static constexpr api::Type result = api::Type::Handle;
+    static constexpr auto slot = &SClHostFns::clCreateFromGLRenderbuffer;
+    static constexpr int statusArg = 3;
+    static void write(RecordHandle &h, CallCtx &c, cl_context, cl_mem_flags, cl_GLuint, cl_int *);
+};
+struct clGetGLObjectInfo {
+    static constexpr uint16_t id = 6505;
+    static constexpr const char *name = "clGetGLObjectInfo";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clGetGLObjectInfo;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_mem, cl_gl_object_type *, cl_GLuint *);
+};
+struct clGetGLTextureInfo {
+    static constexpr uint16_t id = 6506;
+    static constexpr const char *name = "clGetGLTextureInfo";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clGetGLTextureInfo;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_mem, cl_gl_texture_info, size_t, void *, size_t *);
+};
+struct clEnqueueAcquireGLObjects {
+    static constexpr uint16_t id = 6507;
+    static constexpr const char *name = "clEnqueueAcquireGLObjects";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clEnqueueAcquireGLObjects;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_command_queue, cl_uint, const cl_mem *, cl_uint, const cl_event *, cl_event *);
+};
+struct clEnqueueReleaseGLObjects {
+    static constexpr uint16_t id = 6508;
+    static constexpr const char *name = "clEnqueueReleaseGLObjects";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clEnqueueReleaseGLObjects;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_command_queue, cl_uint, const cl_mem *, cl_uint, const cl_event *, cl_event *);
+};
+struct clCreateFromGLTexture {
+    static constexpr uint16_t id = 6509;
+    static constexpr const char *name = "clCreateFromGLTexture";
+    using Ret = cl_mem;
+    static constexpr api::Type result = api::Type::Handle;
+    static constexpr auto slot = &SClHostFns::clCreateFromGLTexture;
+    static constexpr int statusArg = 5;
+    static void write(RecordHandle &h, CallCtx &c, cl_context, cl_mem_flags, cl_GLenum, cl_GLint, cl_GLuint, cl_int *);
+};
+struct clGetGLContextInfoKHR {
+    static constexpr uint16_t id = 6510;
+    static constexpr const char *name = "clGetGLContextInfoKHR";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clGetGLContextInfoKHR;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, const cl_context_properties *, cl_gl_context_info, size_t, void *, size_t *);
+};
+struct clCreateEventFromGLsyncKHR {
+    static constexpr uint16_t id = 6511;
+    static constexpr const char *name = "clCreateEventFromGLsyncKHR";
+    using Ret = cl_event;
+    static constexpr api::Type result = api::Type::Handle;
+    static constexpr auto slot = &SClHostFns::clCreateEventFromGLsyncKHR;
+    static constexpr int statusArg = 2;
+    static void write(RecordHandle &h, CallCtx &c, cl_context, cl_GLsync, cl_int *);
+};
+struct clCreateFromEGLImageKHR {
+    static constexpr uint16_t id = 6512;
+    static constexpr const char *name = "clCreateFromEGLImageKHR";
+    using Ret = cl_mem;
+    static constexpr api::Type result = api::Type::Handle;
+    static constexpr auto slot = &SClHostFns::clCreateFromEGLImageKHR;
+    static constexpr int statusArg = 5;
+    static void write(RecordHandle &h, CallCtx &c, cl_context, CLeglDisplayKHR, CLeglImageKHR, cl_mem_flags, const cl_egl_image_properties_khr *, cl_int *);
+};
+struct clEnqueueAcquireEGLObjectsKHR {
+    static constexpr uint16_t id = 6513;
+    static constexpr const char *name = "clEnqueueAcquireEGLObjectsKHR";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clEnqueueAcquireEGLObjectsKHR;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_command_queue, cl_uint, const cl_mem *, cl_uint, const cl_event *, cl_event *);
+};
+struct clEnqueueReleaseEGLObjectsKHR {
+    static constexpr uint16_t id = 6514;
+    static constexpr const char *name = "clEnqueueReleaseEGLObjectsKHR";
+    using Ret = cl_int;
+    static constexpr api::Type result = api::Type::ClStatus;
+    static constexpr auto slot = &SClHostFns::clEnqueueReleaseEGLObjectsKHR;
+    static constexpr int statusArg = -1;
+    static void write(RecordHandle &h, CallCtx &c, cl_command_queue, cl_uint, const cl_mem *, cl_uint, const cl_event *, cl_event *);
+};
+struct clCreateEventFromEGLSyncKHR {
+    static constexpr uint16_t id = 6515;
+    static constexpr const char *name = "clCreateEventFromEGLSyncKHR";
+    using Ret = cl_event;
+    static constexpr api::Type result = api::Type::Handle;
+    static constexpr auto slot = &SClHostFns::clCreateEventFromEGLSyncKHR;
+    static constexpr int statusArg = 3;
+    static void write(RecordHandle &h, CallCtx &c, cl_context, CLeglSyncKHR, CLeglDisplayKHR, cl_int *);
+};
 
 namespace es1 {
 
@@ -4584,6 +5520,11 @@ void glDrawElementsInstanced_tail(RecordHandle &h, CallCtx &c, GLenum mode, GLsi
 void glDrawElementsBaseVertex_tail(RecordHandle &h, CallCtx &c, GLenum mode, GLsizei count, GLenum type, const void *indices, GLint basevertex);
 void glDrawElementsInstancedBaseVertex_tail(RecordHandle &h, CallCtx &c, GLenum mode, GLsizei count, GLenum type, const void *indices, GLsizei instancecount, GLint basevertex);
 void glDrawRangeElementsBaseVertex_tail(RecordHandle &h, CallCtx &c, GLenum mode, GLuint start, GLuint end, GLsizei count, GLenum type, const void *indices, GLint basevertex);
+rec::Blob clSetKernelArg_arg_value(CallCtx &c, cl_kernel kernel, cl_uint arg_index, size_t arg_size, const void *arg_value);
+rec::Blob clEnqueueReadBuffer_ptr(CallCtx &c, cl_command_queue command_queue, cl_mem buffer, cl_bool blocking_read, size_t offset, size_t size, void *ptr, cl_uint num_events_in_wait_list, const cl_event *event_wait_list, cl_event *event);
+rec::Blob clEnqueueReadBufferRect_ptr(CallCtx &c, cl_command_queue command_queue, cl_mem buffer, cl_bool blocking_read, const size_t *buffer_origin, const size_t *host_origin, const size_t *region, size_t buffer_row_pitch, size_t buffer_slice_pitch, size_t host_row_pitch, size_t host_slice_pitch, void *ptr, cl_uint num_events_in_wait_list, const cl_event *event_wait_list, cl_event *event);
+rec::Blob clEnqueueReadImage_ptr(CallCtx &c, cl_command_queue command_queue, cl_mem image, cl_bool blocking_read, const size_t *origin, const size_t *region, size_t row_pitch, size_t slice_pitch, void *ptr, cl_uint num_events_in_wait_list, const cl_event *event_wait_list, cl_event *event);
+rec::Blob clEnqueueUnmapMemObject_written(CallCtx &c, cl_command_queue command_queue, cl_mem memobj, void *mapped_ptr, cl_uint num_events_in_wait_list, const cl_event *event_wait_list, cl_event *event);
 
 namespace es1 {
 

@@ -57,6 +57,18 @@ void blob(RecordHandle &h, CallCtx &c, const void *data, uint64_t bytes, uint8_t
     h.addBlock(n, data, (flags & api::kCompressible) != 0);
 }
 
+void blob(RecordHandle &h, CallCtx &c, Blob b, uint8_t flags) {
+    if (!b.copy) {
+        blob(h, c, b.data, b.bytes, flags);
+        return;
+    }
+    h.ptr(b.data);
+    if (!c.d.recordData && !(flags & api::kAlways)) return;
+    const uint32_t n = c.failed && !(flags & api::kAlways) ? 0 : boundedSize(h, b.bytes);
+    h.u32(n);
+    h.addOwnBlock(n, b.copy, (flags & api::kCompressible) != 0);
+}
+
 void string(RecordHandle &h, CallCtx &c, const char *text) {
     if (!c.d.recordData) {
         h.ptr(text);
@@ -108,6 +120,27 @@ void glStrings(RecordHandle &h, CallCtx &c, const GLchar *const *strings, GLsize
         return;
     }
     h.appendStringArrayGL(strings, c.failed ? 0 : count, lengths);
+}
+
+void clStrings(RecordHandle &h, CallCtx &c, const char *const *strings, uint64_t count,
+               const size_t *lengths) {
+    if (!c.d.recordData) {
+        h.ptr(strings);
+        return;
+    }
+    // A program has far fewer sources than this; a larger count is a bad argument the driver
+    // rejects, and the recorder reads no further than it.
+    constexpr uint64_t kMaxStrings = 1u << 20;
+    h.appendStringArrayCL(strings, c.failed || count > kMaxStrings ? 0 : static_cast<uint32_t>(count),
+                          lengths);
+}
+
+void statusOut(RecordHandle &h, CallCtx &c, const int32_t *status) {
+    h.ptr(status);
+    if (!c.d.recordData) return;
+    const uint32_t n = status ? 4 : 0;
+    h.u32(n);
+    h.addBlock(n, status, false);
 }
 
 uint32_t attribCount(const EGLint *list) {

@@ -96,10 +96,12 @@ const SGlesExtHost &SGlesExtHost::get() {
 
 SClHost::SClHost() : SHostLib(hostLibraryPath(kHostCl).c_str()) {
     resolveGroup(kSClHostGroups[0], &fn);
-    // The GL sharing functions are optional; the extension entries are filled when an application
-    // asks for them by name.
+    // The GL sharing functions are optional. The extension entries are filled when an application
+    // asks for them by name; a loader that exports them (a program may call them by name) fills
+    // them from the start.
     quiet = 1;
     resolveGroup(kSClHostGroups[1], &fn);
+    resolveGroup(kSClHostGroups[2], &fn);
     quiet = 0;
 }
 

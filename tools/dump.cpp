@@ -220,6 +220,7 @@ private:
     Json::Value arg(const reader::Entry &e, const reader::Arg &a) {
         const api::FieldDesc &f = *a.field;
         if (f.kind == api::Field::Value) return jsonValue(f.type, a.value, f.enumGroup);
+        if (f.kind == api::Field::Repeat) return Json::Value(Json::UInt64(a.value));
         Json::Value j(Json::objectValue);
         bool tail = f.kind == api::Field::ArraysTail || f.kind == api::Field::ElementsTail;
         if (!tail) j["pointer"] = hexText(a.value);

@@ -278,7 +278,9 @@ int printInfo(const std::string &path, const InfoOptions &options, std::FILE *ou
                      listed < ranked.size() ? "top " : "", listed, ranked.size());
         for (size_t i = 0; i < listed; ++i) {
             const api::FuncDesc *d = api::describe(ranked[i].second);
-            const char *name = d && d->name && d->name[0] ? d->name : "(functions recorded by name only)";
+            const char *name = d && d->name && d->name[0] ? d->name
+                               : ranked[i].second == 6000 ? "(OpenCL platform)"
+                                                          : "(functions recorded by name only)";
             std::fprintf(out, "  %10llu  %s\n", ull(ranked[i].first), name);
         }
     }

@@ -27,9 +27,9 @@ namespace {
 const char kHelp[] =
     "usage: kalvoren record [OPTIONS] -- PROGRAM [ARGS...]\n"
     "\n"
-    "Runs PROGRAM with Kalvoren in place of its EGL and OpenGL ES drivers, records its calls,\n"
-    "then shows `kalvoren info` of the trace. The exit status is the program's; 127 when it could\n"
-    "not be started, 2 when the recording could not be set up (bad options, no front libraries).\n"
+    "Runs PROGRAM with Kalvoren in place of its EGL, OpenGL ES and OpenCL drivers, records its\n"
+    "calls, then shows `kalvoren info` of the trace. The exit status is the program's; 127 when it\n"
+    "could not be started, 2 when the recording could not be set up (bad options, no front libraries).\n"
     "\n"
     "Options:\n"
     "  -o FILE            the trace file (default: ./PROGRAM.kalvoren)\n"
@@ -48,9 +48,9 @@ const char kHelp[] =
     "directory. They are never installed on the system's library path: only programs started by\n"
     "`kalvoren record` load them.\n"
     "On Linux that directory is put first on LD_LIBRARY_PATH. On Windows a program loads the DLLs\n"
-    "in its own directory before any other: copy libEGL.dll, libGLESv2.dll, libGLES_CM.dll and\n"
-    "kalvoren.dll next to PROGRAM (putting the directory first on PATH only helps programs whose\n"
-    "own directory holds no such DLLs).\n";
+    "in its own directory before any other: copy libEGL.dll, libGLESv2.dll, libGLES_CM.dll,\n"
+    "OpenCL.dll and kalvoren.dll next to PROGRAM (putting the directory first on PATH only helps\n"
+    "programs whose own directory holds no such DLLs).\n";
 
 struct RecordOptions {
     std::string output;
@@ -259,7 +259,8 @@ int recordCommand(const std::vector<std::string> &args) {
 
     if (!platform::fileExists(output)) {
         complain(
-            "no trace was written to '%s': did the program load its EGL and OpenGL ES libraries from %s?",
+            "no trace was written to '%s': did the program load its EGL, OpenGL ES or OpenCL libraries from "
+            "%s?",
             output.c_str(), libDir.c_str());
         return status;
     }

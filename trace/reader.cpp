@@ -174,6 +174,8 @@ const char *Entry::name() const {
     if (id == format::kThreadMarkerId) return "thread marker";
     if (id == format::kSnapshotMarkerId) return "snapshot marker";
     if (desc && desc->name && desc->name[0]) return desc->name;
+    // The OpenCL family's start row names no function: it is the platform description.
+    if (id == 6000 && desc && desc->hasLayout) return "(OpenCL platform)";
     if (!calledName.empty()) return calledName.c_str();
     return "unknown function";
 }
@@ -476,6 +478,10 @@ public:
             where_ = f.name;
             e_.args.push_back(Arg{});
             e_.args.back().field = &f;
+            if (f.kind == api::Field::Repeat) {
+                if (!repeat(d, i)) return;
+                break;
+            }
             if (!field(static_cast<int32_t>(i))) return;
         }
         if (c_.left() > 0)
@@ -531,8 +537,30 @@ private:
             if (!data) return true;
             arg(i).firstPart = static_cast<uint32_t>(e_.parts.size());
             return elements(i);
+        case api::Field::Repeat:
+            return true;
         }
         return fail("the layout names an unknown field kind");
+    }
+
+    // The fields after a Repeat field, as often as the field it names says. Every repetition takes
+    // at least one byte, so the payload bounds the count.
+    bool repeat(const api::FuncDesc &d, uint16_t at) {
+        const api::FieldDesc &f = d.fields[at];
+        if (f.ref < 0 || f.ref >= at) return fail("the layout's repeated group names no count");
+        const uint64_t times = arg(f.ref).value;
+        arg(static_cast<int32_t>(at)).value = times;
+        if (at + 1 < d.fieldCount && times > c_.left())
+            return fail(textf("%llu repetitions of %s cannot fit in the record", ull(times), f.name));
+        for (uint64_t k = 0; k < times; ++k) {
+            for (uint16_t j = at + 1; j < d.fieldCount; ++j) {
+                where_ = d.fields[j].name;
+                e_.args.push_back(Arg{});
+                e_.args.back().field = &d.fields[j];
+                if (!field(static_cast<int32_t>(e_.args.size() - 1))) return false;
+            }
+        }
+        return true;
     }
 
     // Keeps a part when there is room; returns its index or -1.

@@ -489,6 +489,8 @@ std::string formatArg(Reader &reader, const Entry &e, const Arg &a, const Format
     switch (f.kind) {
     case api::Field::Value:
         return s + formatValue(f.type, a.value, f.enumGroup);
+    case api::Field::Repeat:
+        return s + number(a.value);
     case api::Field::Blob:
     case api::Field::Attribs:
     case api::Field::Attribs64:
