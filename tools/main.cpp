@@ -122,6 +122,9 @@ const char kUsage[] =
     "                   one the application drew\n"
     "  frames TRACE -o DIR\n"
     "                   the frame buffers saved in a trace, as PNG files\n"
+    "  ctl HOST[:PORT] COMMAND...\n"
+    "                   drive a program recorded with network control on: start, pause, resume,\n"
+    "                   stop, fetch -o FILE, watch\n"
     "  help [COMMAND]   how to use a command\n"
     "\n"
     "Exit status: 0 when the trace was read whole, 1 when problems were found in it, 2 when the\n"
@@ -135,6 +138,7 @@ int help(const std::string &command) {
     if (command == "repair") return repairCommand({"--help"});
     if (command == "replay") return replayCommand({"--help"});
     if (command == "frames") return framesCommand({"--help"});
+    if (command == "ctl") return ctlCommand({"--help"});
     std::fputs(kUsage, stdout);
     return command.empty() ? kExitOk : kExitUsage;
 }
@@ -155,6 +159,7 @@ int main(int argc, char **argv) {
     if (command == "repair") return repairCommand(args);
     if (command == "replay") return replayCommand(args);
     if (command == "frames") return framesCommand(args);
+    if (command == "ctl") return ctlCommand(args);
     if (command == "help" || command == "--help" || command == "-h") return help(args.empty() ? "" : args[0]);
     if (command == "--version" || command == "version") {
         std::printf("kalvoren %s\n", KV_VERSION_TEXT);
