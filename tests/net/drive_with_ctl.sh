@@ -30,4 +30,4 @@ status=$?
 app=""
 [ $status -eq 0 ] || fail "the program ended with status $status"
 grep -q "net_server_program: 300 frames" "$work/app.txt" || fail "the program did not run its frames"
-echo "ok: $(grep -o '[0-9]* recorded' "$work/app.txt") frames recorded, $(stat -c %s "$work/fetched.kalvoren") bytes fetched identical"
+echo "ok: $(grep -o '[0-9]* recorded' "$work/app.txt") of 300 frames, $(stat -c %s "$work/fetched.kalvoren") bytes fetched identical"
