@@ -302,6 +302,51 @@ TEST_F(ServerFixture, StartStopFetchPauseAndReconnect) {
     EXPECT_NE(texts(hello).find("Connected"), std::string::npos);
 }
 
+// The upload's progress lines: none for a file below 4096 bytes; for 8192 bytes one, 50, before the
+// second piece; the last one sent is below 100. The data is the file, whole, and a missing or empty
+// file is refused with its reason.
+TEST_F(ServerFixture, UploadProgressAndRefusals) {
+    Client c(server.port());
+    call();
+    c.receive(200);
+    const CZandString saved = s.outputFilename;
+    struct Case {
+        size_t size;
+        const char *progress;
+    };
+    for (const Case &k : {Case{100, ""}, Case{8192, "Transferring... 50%\n"},
+                          Case{4096 * 3, "Transferring... 33%\nTransferring... 66%\n"}}) {
+        const std::string path = test::scratchPath("upload-" + std::to_string(k.size));
+        std::string content(k.size, 0);
+        for (size_t i = 0; i < k.size; ++i)
+            content[i] = static_cast<char>(i * 13 + 1);
+        test::writeFile(path, content);
+        s.outputFilename = CZandString(path);
+        server.uploadTrace(s);
+        auto ms = c.receive(2000, [](const std::vector<ServerMessage> &m) {
+            return m.back().type == kMsgText && m.back().bytes.find("Finished") == 0;
+        });
+        std::string data, progress;
+        for (const auto &m : ms) {
+            if (m.type == kMsgData) data += m.bytes;
+            if (m.type == kMsgText && m.bytes.find("Transferring") == 0) progress += m.bytes;
+        }
+        EXPECT_EQ(data, content) << k.size;
+        EXPECT_EQ(progress, k.progress) << k.size;
+    }
+    s.outputFilename = CZandString(test::scratchPath("no-such-trace"));
+    server.uploadTrace(s);
+    EXPECT_NE(texts(c.receive(200))
+                  .find("Failed to open trace file '" + test::scratchPath("no-such-trace") +
+                        "'. Aborting Upload\n"),
+              std::string::npos);
+    test::writeFile(test::scratchPath("empty-trace"), "");
+    s.outputFilename = CZandString(test::scratchPath("empty-trace"));
+    server.uploadTrace(s);
+    EXPECT_NE(texts(c.receive(200)).find("is 0 bytes. Aborting Upload\n"), std::string::npos);
+    s.outputFilename = saved;
+}
+
 TEST(ServerWire, MessageReaderSkipsNoiseAndWaitsForWholeMessages) {
     MessageReader r;
     const std::string stream = std::string("zz\x08\x44\x21\x41", 6) + std::string("\x08\x44\x32R\x01", 5) +
