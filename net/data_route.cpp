@@ -25,6 +25,7 @@ CDataRouteSockets::~CDataRouteSockets() {
 void CDataRouteSockets::attach(platform::SocketHandle socket) {
     closeSocket();
     socket_ = socket;
+    broken_ = false;
     sendStart_ = sendFill_ = 0;
     receiveRead_ = receiveFill_ = 0;
 }
@@ -35,7 +36,7 @@ void CDataRouteSockets::setTarget(const char *hostName, uint16_t port) {
 }
 
 int CDataRouteSockets::aliveState(uint32_t waitMs) {
-    if (socket_ == platform::kInvalidSocket) return kDead;
+    if (socket_ == platform::kInvalidSocket || broken_) return kDead;
     return platform::socketAlive(socket_, waitMs);
 }
 
@@ -82,12 +83,18 @@ bool CDataRouteSockets::sendRaw(const void *bytes, uint32_t count) {
     uint32_t sent = 0;
     while (sent < count) {
         int ready = platform::socketWaitWritable(socket_, waitMs_);
-        if (ready < 0) return false;
+        if (ready < 0) {
+            broken_ = true;
+            return false;
+        }
         // One timeout already fails the send: a client that stops reading must not hold the
         // application's thread for longer than the wait time.
         if (ready == 0) return false;
         long n = platform::socketSend(socket_, p + sent, count - sent);
-        if (n < 0) return false;
+        if (n < 0) {
+            broken_ = true;
+            return false;
+        }
         sent += static_cast<uint32_t>(n);
     }
     bytesSent_ += count;
@@ -98,11 +105,13 @@ int CDataRouteSockets::receiveRaw(void *buffer, uint32_t capacity, uint32_t *rec
     if (received) *received = 0;
     if (socket_ == platform::kInvalidSocket) return kReadFailed;
     int ready = platform::socketWaitReadable(socket_, 10);
-    if (ready < 0) return kReadFailed;
     if (ready == 0) return kReadNothing;
-    long n = platform::socketReceive(socket_, buffer, capacity);
+    long n = ready < 0 ? -1 : platform::socketReceive(socket_, buffer, capacity);
     if (n == -2) return kReadNothing;
-    if (n < 0) return kReadFailed;
+    if (n < 0) {
+        broken_ = true;
+        return kReadFailed;
+    }
     if (n == 0) return kReadClosed;
     bytesReceived_ += static_cast<uint32_t>(n);
     if (received) *received = static_cast<uint32_t>(n);

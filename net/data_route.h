@@ -77,6 +77,9 @@ public:
 
 private:
     platform::SocketHandle socket_ = platform::kInvalidSocket;
+    // A send or receive failed with an error: the connection is gone, whatever the socket's
+    // writability says (a reset connection stays "writable" to Winsock's select).
+    bool broken_ = false;
     uint32_t bytesSent_ = 0;
     uint32_t bytesReceived_ = 0;
     uint8_t sendBuffer_[kBufferSize];

@@ -30,7 +30,7 @@ const char kCtlHelp[] =
     "  watch            stay connected and print status until the program goes away\n"
     "  wait SECONDS     stay connected for a while, printing what comes\n"
     "\n"
-    "Options (before HOST): --timeout SECONDS for each answer (default 30).\n"
+    "Options (before HOST): --timeout SECONDS to connect and for each answer (default 30).\n"
     "Exit status: 0 when every command was done, 1 when the program refused or the fetched trace\n"
     "does not read back, 2 when the command could not run (bad usage, no connection).\n";
 
@@ -53,13 +53,29 @@ public:
             complain("cannot find host '%s': %s", host.c_str(), why.c_str());
             return false;
         }
-        s_ = platform::tcpSocket();
-        int r = s_ == platform::kInvalidSocket ? -1 : platform::socketConnect(s_, ip, port);
-        if (r == 0) r = platform::socketAlive(s_, timeoutMs) == 2 ? 1 : -1;
-        if (r != 1) {
-            complain("cannot connect to %s:%u (%u.%u.%u.%u): is the program running with network control on?",
-                     host.c_str(), static_cast<unsigned>(port), ip[0], ip[1], ip[2], ip[3]);
-            return false;
+        // A program that is still starting refuses the connection: try again until the timeout, so
+        // that the client may be started first.
+        const uint64_t end = platform::tickCountMs() + timeoutMs;
+        bool said = false;
+        for (;;) {
+            s_ = platform::tcpSocket();
+            int r = s_ == platform::kInvalidSocket ? -1 : platform::socketConnect(s_, ip, port);
+            if (r == 0) r = platform::socketAlive(s_, timeoutMs) == 2 ? 1 : -1;
+            if (r == 1) break;
+            if (s_ != platform::kInvalidSocket) platform::socketClose(s_);
+            s_ = platform::kInvalidSocket;
+            if (platform::tickCountMs() >= end) {
+                complain(
+                    "cannot connect to %s:%u (%u.%u.%u.%u): is the program running with network control on?",
+                    host.c_str(), static_cast<unsigned>(port), ip[0], ip[1], ip[2], ip[3]);
+                return false;
+            }
+            if (!said) {
+                std::printf("Waiting for %s:%u...\n", host.c_str(), static_cast<unsigned>(port));
+                std::fflush(stdout);
+                said = true;
+            }
+            platform::sleepMs(200);
         }
         std::printf("Connected to %s:%u\n", host.c_str(), static_cast<unsigned>(port));
         std::fflush(stdout);
