@@ -107,6 +107,10 @@ struct Settings {
     bool overrides[kOverrideSwitchCount] = {};
     int32_t cullingMode = 0;
     int32_t networkBufferSize = 256;
+    // Where the control server listens: the port, and the one local address it is bound to (empty:
+    // every address, so that a client on another machine can reach it).
+    uint32_t networkPort = 54321;
+    CZandString networkAddress;
     CZandString reported[kReportedStringCount];
     void *networkServer = nullptr;
     // Set by the first frame-ending call.

@@ -2,6 +2,7 @@
 
 #include "base/messages.h"
 #include "host/host_paths.h"
+#include "net/server.h"
 #include "platform/platform.h"
 
 #pragma GCC diagnostic push
@@ -61,7 +62,7 @@ const std::vector<KnownKeys> &knownKeys() {
               "SaveFrameBuffer", "StartFrame", "EndFrame", "ExitOnLastFrame", "AppendTraceVersion",
               "DisableBinaries", "UniformBufferOffsetAlignment", "ShaderStorageBufferOffsetAlignment",
               "ClientBufferRecordFrequency"}},
-            {"Network", {"Enabled", "BufferSize", "Wait"}},
+            {"Network", {"Enabled", "BufferSize", "Wait", "Port", "Address"}},
             {"Profiling",
              {"Enabled", "SwapInterval", "FunctionTimelineLevel", "SoftwareCounters", "RenderstateOverride",
               "Overrides"}},
@@ -269,6 +270,13 @@ void readSection(Settings &s, const Json::Value &section, const std::string &nam
         r.readBool(n, "Enabled", "Network.Enabled", s.networkEnabled);
         r.readInt(n, "BufferSize", "Network.BufferSize", s.networkBufferSize);
         r.readBool(n, "Wait", "Network.Wait", s.networkWait);
+        r.readUInt(n, "Port", "Network.Port", s.networkPort);
+        if (s.networkPort > 65535) {
+            msg::warning("Network.Port %u is not a TCP port; the server listens on %u.", s.networkPort,
+                         static_cast<unsigned>(net::kDefaultPort));
+            s.networkPort = net::kDefaultPort;
+        }
+        r.readString(n, "Address", "Network.Address", s.networkAddress);
     }
 
     if (const Json::Value *p = r.object(section, "Profiling", "Profiling")) {
@@ -495,8 +503,7 @@ void makeStartupDecisions(Settings &s) {
         s.networkEnabled = false;
     } else if (s.networkEnabled) {
         msg::info("Network control is enabled");
-        if (s.recordingEnabled) {
-            // The control server is not part of this build: recording cannot be driven remotely.
+        if (s.recordingEnabled && !net::startServer(s)) {
             msg::info("InitServer has failed. Network option isn't available. Recording is disabled.");
             s.networkEnabled = false;
             s.recordingEnabled = false;

@@ -1,6 +1,7 @@
 #include "core/call.h"
 
 #include "base/messages.h"
+#include "net/server.h"
 #include "trace/frame_control.h"
 
 #include <atomic>
@@ -45,6 +46,8 @@ void fillDecision(Settings &s, uint16_t id, CallDecision &d, ParamDesc *params) 
             d.record = false;
         else if (!d.callHost)
             d.record = true;
+        else if (s.networkEnabled)
+            d.record = net::recordingDecision(s);
         else
             d.record = frames::shouldRecord(s);
         d.saveFrameBuffer = d.record && s.saveFrameBuffer;

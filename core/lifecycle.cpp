@@ -3,6 +3,7 @@
 
 #include "base/messages.h"
 #include "core/settings.h"
+#include "net/server.h"
 #include "trace/record.h"
 #include "trace/trace_writer.h"
 
@@ -53,7 +54,10 @@ void EntryRoutine::processDetach() {
         // The process ends while recording: the recording ends here, cleanly. A thread that ends
         // the process from inside a record (exit from a signal handler) leaves that record out:
         // the file is cut after the last whole one, with no end marker behind a half.
-        if (s.traceFile && !s.endMarkerWritten.load() && !s.networkEnabled && !threadRecord().inRecord) {
+        // Under network control the end marker is due only while a started recording is open.
+        net::CNetworkServer *server = s.networkEnabled ? net::activeServer() : nullptr;
+        const bool due = s.networkEnabled ? server && server->recordedTraceOpen() : true;
+        if (s.traceFile && !s.endMarkerWritten.load() && due && !threadRecord().inRecord) {
             trace::writeEndMarker(s);
             s.endMarkerWritten = true;
         }

@@ -82,6 +82,9 @@ uint64_t processId();
 uint64_t threadId();
 void sleepMs(uint32_t milliseconds);
 uint64_t tickCountMs();
+// Milliseconds from a clock that is cheap enough to read on every call (its resolution is a few
+// milliseconds).
+uint64_t coarseTickMs();
 uint64_t perfCounter();
 uint64_t perfFrequency();
 

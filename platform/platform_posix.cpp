@@ -255,6 +255,12 @@ uint64_t tickCountMs() {
     return static_cast<uint64_t>(ts.tv_sec) * 1000u + static_cast<uint64_t>(ts.tv_nsec) / 1000000u;
 }
 
+uint64_t coarseTickMs() {
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &ts);
+    return static_cast<uint64_t>(ts.tv_sec) * 1000u + static_cast<uint64_t>(ts.tv_nsec) / 1000000u;
+}
+
 uint64_t perfCounter() {
     struct timespec ts;
     clock_gettime(CLOCK_MONOTONIC, &ts);

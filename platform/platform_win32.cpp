@@ -171,6 +171,10 @@ uint64_t tickCountMs() {
     return GetTickCount64();
 }
 
+uint64_t coarseTickMs() {
+    return GetTickCount64();
+}
+
 uint64_t perfCounter() {
     LARGE_INTEGER v;
     QueryPerformanceCounter(&v);

@@ -124,6 +124,9 @@ const char kUsage[] =
     "                   one the application drew\n"
     "  frames TRACE -o DIR\n"
     "                   the frame buffers saved in a trace, as PNG files\n"
+    "  ctl HOST[:PORT] COMMAND...\n"
+    "                   drive a program recorded with network control on: start, pause, resume,\n"
+    "                   stop, fetch -o FILE, watch\n"
     "  help [COMMAND]   how to use a command (also: kalvoren COMMAND --help)\n"
     "  --version        the recorder's version and the trace format it writes and reads\n"
     "\n"
@@ -143,11 +146,12 @@ int help(const std::string &command) {
     if (command == "repair") return repairCommand({"--help"});
     if (command == "replay") return replayCommand({"--help"});
     if (command == "frames") return framesCommand({"--help"});
+    if (command == "ctl") return ctlCommand({"--help"});
     if (command.empty()) {
         std::fputs(kUsage, stdout);
         return kExitOk;
     }
-    complain("no command '%s'; the commands are info, dump, repair, record, replay and frames "
+    complain("no command '%s'; the commands are info, dump, repair, record, replay, frames and ctl "
              "('kalvoren help' tells more)",
              command.c_str());
     return kExitUsage;
@@ -175,6 +179,7 @@ int main(int argc, char **argv) {
     if (command == "repair") return repairCommand(args);
     if (command == "replay") return replayCommand(args);
     if (command == "frames") return framesCommand(args);
+    if (command == "ctl") return ctlCommand(args);
     if (command == "help" || command == "--help" || command == "-h") return help(args.empty() ? "" : args[0]);
     if (command == "--version" || command == "version") return version();
     complain("unknown command '%s': run 'kalvoren help' for the list of commands", command.c_str());

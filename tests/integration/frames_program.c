@@ -2,22 +2,29 @@
  * another, and keeps what glReadPixels returns for each frame (before its swap) in PREFIX.N.rgba.
  * Prints the EGL version string twice.
  *
- *   frames_program [--frames N] [--dump PREFIX] */
+ * With --sleep, waits that many milliseconds after each swap (a program that runs for a while, to be
+ * driven from outside).
+ *
+ *   frames_program [--frames N] [--dump PREFIX] [--sleep MS] */
+#define _POSIX_C_SOURCE 200809L /* nanosleep */
 #include "examples/headless_egl.h"
 #include <GLES2/gl2.h>
 
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <time.h>
 
 enum { kWidth = 48, kHeight = 32 };
 
 int main(int argc, char **argv) {
     int frames = 6;
     const char *dump = NULL;
+    int sleepMs = 0;
     for (int i = 1; i + 1 < argc; i += 2) {
         if (strcmp(argv[i], "--frames") == 0) frames = atoi(argv[i + 1]);
         if (strcmp(argv[i], "--dump") == 0) dump = argv[i + 1];
+        if (strcmp(argv[i], "--sleep") == 0) sleepMs = atoi(argv[i + 1]);
     }
     HeadlessEgl egl;
     if (!headlessEglOpen(&egl, 2, kWidth, kHeight, 0)) return 1;
@@ -45,6 +52,10 @@ int main(int argc, char **argv) {
             fclose(f);
         }
         eglSwapBuffers(display, surface);
+        if (sleepMs > 0) {
+            struct timespec ts = {sleepMs / 1000, (long)(sleepMs % 1000) * 1000000L};
+            nanosleep(&ts, NULL);
+        }
     }
     printf("frames_program: %d frames\n", frames);
     headlessEglClose(&egl);

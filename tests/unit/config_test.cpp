@@ -139,7 +139,7 @@ const char *const kEveryKey = R"({"*": {
                 "StartFrame": 3, "EndFrame": 8, "ExitOnLastFrame": true, "AppendTraceVersion": false,
                 "DisableBinaries": false, "UniformBufferOffsetAlignment": 64,
                 "ShaderStorageBufferOffsetAlignment": 128, "ClientBufferRecordFrequency": 3},
-    "Network": {"Enabled": true, "BufferSize": 512, "Wait": true},
+    "Network": {"Enabled": true, "BufferSize": 512, "Wait": true, "Port": 4000, "Address": "10.1.2.3"},
     "Profiling": {"Enabled": true, "SwapInterval": -2, "FunctionTimelineLevel": 3,
                   "SoftwareCounters": false, "RenderstateOverride": false,
                   "Overrides": {"ForceViewport": true, "DisableBlending": true, "Force2x2Textures": true,
@@ -178,6 +178,8 @@ void expectEveryKeyApplied(const Settings &s, uint32_t storageAlignment) {
     EXPECT_TRUE(s.networkEnabled);
     EXPECT_EQ(s.networkBufferSize, 512);
     EXPECT_TRUE(s.networkWait);
+    EXPECT_EQ(s.networkPort, 4000u);
+    EXPECT_EQ(s.networkAddress.str(), "10.1.2.3");
     EXPECT_TRUE(s.profilingEnabled);
     EXPECT_EQ(s.swapInterval, -2);
     EXPECT_EQ(s.functionTimelineLevel, 3u);
@@ -346,14 +348,19 @@ TEST(ConfigStartup, DecisionsFollowTheSections) {
          "mode 1 profiling",
          binaries,
          {"Profiling is enabled, disabling recording", "ERROR: Failed to allocate the profiler"}},
-        // Without the control server of a networked build, network control switches recording off;
-        // it comes before profiling, which then does not apply.
+        // A control server that cannot listen switches recording off; network control comes before
+        // profiling, which then does not apply.
         {"network before profiling",
-         R"({"*": {"Network": {"Enabled": true}, "Profiling": {"Enabled": true}}})",
+         R"({"*": {"Network": {"Enabled": true, "Address": "no.such.host.invalid"}, "Profiling": {"Enabled": true}}})",
          "mode 2 data profiling",
          binaries,
-         {"Network control is enabled",
+         {"Network control is enabled", "Error Initializing Server, Abort.",
           "InitServer has failed. Network option isn't available. Recording is disabled."}},
+        {"network",
+         R"({"*": {"Network": {"Enabled": true, "Port": 0, "Address": "127.0.0.1"}}})",
+         "mode 2 recording data network",
+         binaries,
+         {"Network control is enabled", "Initialize Server"}},
         {"own extension list",
          R"({"*": {"Internal": {"DisableExtensionList": "GL_OES_x"}}})",
          "mode 2 recording data",
