@@ -50,8 +50,9 @@ first=$(awk '/^Recording... frame/ {print $3; exit}' "$work/ctl.txt")
 [ -n "$started" ] && [ -n "$first" ] && [ "$first" -gt "$started" ] && [ "$first" -le $((started + 2)) ] ||
     fail "start at frame $started, recording from frame $first"
 "$kalvoren" dump "$work/fetched.kalvoren" >"$work/dump.txt" 2>&1 || fail "the fetched trace does not read back"
-awk '/snapshot begins/ {b=NR} /snapshot ends/ {e=NR} /glDisable|glScissor/ && !x {x=$0} /glScissor/ {print x; print; exit} END {if (!(b && e == b + 1)) exit 1}' \
-    "$work/dump.txt" >"$work/first.txt" || fail "no snapshot markers at the start of the trace"
+# The render-state snapshot comes first, between its two markers; the frame's own calls follow.
+awk '/snapshot begins/ && !b {b=NR} /snapshot ends/ && !e {e=NR; next} e && /glDisable|glScissor/ && !x {x=$0} e && /glScissor/ {print x; print; exit} END {if (!(b && e > b)) exit 1}' \
+    "$work/dump.txt" >"$work/first.txt" || fail "no render-state snapshot at the start of the trace"
 grep -q "glDisable(cap=GL_SCISSOR_TEST)" <(head -1 "$work/first.txt") || fail "the trace does not start at a frame's first call"
 grep -q "glScissor(x=$((first * 3 % 48))," "$work/first.txt" || fail "the trace does not start with frame $first"
 # No frame passes while paused.

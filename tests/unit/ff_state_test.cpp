@@ -30,7 +30,8 @@ TEST(FFState, SharesBuffersAndTexturesWithinItsShareGroupOnly) {
     const EGLint v1[] = {EGL_CONTEXT_CLIENT_VERSION, 1, EGL_NONE};
     EGLDisplay dpy = reinterpret_cast<EGLDisplay>(0x7e571000u);
     auto first = egl::addContext(dpy, nullptr, EGL_NO_CONTEXT, reinterpret_cast<EGLContext>(0x7c0f1), v1, {});
-    auto second = egl::addContext(dpy, nullptr, first->context, reinterpret_cast<EGLContext>(0x7c0f2), v1, {});
+    auto second =
+        egl::addContext(dpy, nullptr, first->context, reinterpret_cast<EGLContext>(0x7c0f2), v1, {});
     auto alone = egl::addContext(dpy, nullptr, EGL_NO_CONTEXT, reinterpret_cast<EGLContext>(0x7c0f3), v1, {});
     ASSERT_TRUE(first->es1 && second->es1 && alone->es1);
     EXPECT_FALSE(first->es2);
@@ -57,10 +58,10 @@ TEST(FFState, MatrixStacksFollowTheMatrixCalls) {
     call(s, 3112, {}); // an underflow leaves the stack alone, as the driver does
     EXPECT_EQ(1u, s.modelviewStack.size());
 
-    call(s, 3093, {0x1701});                                  // glMatrixMode(GL_PROJECTION)
-    call(s, 3047, {f(-1), f(1), f(-1), f(1), f(1), f(3)});    // glFrustumf
-    EXPECT_EQ(-2.0f, s.projectionStack.back()[10]);           // -(f + n) / (f - n)
-    EXPECT_EQ(-3.0f, s.projectionStack.back()[14]);           // -2fn / (f - n)
+    call(s, 3093, {0x1701});                               // glMatrixMode(GL_PROJECTION)
+    call(s, 3047, {f(-1), f(1), f(-1), f(1), f(1), f(3)}); // glFrustumf
+    EXPECT_EQ(-2.0f, s.projectionStack.back()[10]);        // -(f + n) / (f - n)
+    EXPECT_EQ(-3.0f, s.projectionStack.back()[14]);        // -2fn / (f - n)
     EXPECT_EQ(CFFContextState::identity(), s.modelviewStack.back());
 
     // Texture matrices belong to the active texture unit.
@@ -74,17 +75,17 @@ TEST(FFState, MatrixStacksFollowTheMatrixCalls) {
 
 TEST(FFState, FixedPointFormsScaleNumbersButNotEnums) {
     CFFContextState s;
-    call(s, 3131, {0x2300, 0x2200, 0x0BE2});        // glTexEnvx(GL_TEXTURE_ENV, GL_TEXTURE_ENV_MODE, GL_BLEND)
+    call(s, 3131, {0x2300, 0x2200, 0x0BE2}); // glTexEnvx(GL_TEXTURE_ENV, GL_TEXTURE_ENV_MODE, GL_BLEND)
     EXPECT_EQ(float(0x0BE2), (s.units[0].environment[{0x2300u, 0x2200u}][0]));
     const GLfixed color[4] = {0x8000, 0x4000, 0, 0x10000};
-    call(s, 3132, {0x2300, 0x2201}, color, 16);     // glTexEnvxv(GL_TEXTURE_ENV_COLOR)
+    call(s, 3132, {0x2300, 0x2201}, color, 16); // glTexEnvxv(GL_TEXTURE_ENV_COLOR)
     EXPECT_EQ(0.5f, (s.units[0].environment[{0x2300u, 0x2201u}][0]));
     EXPECT_EQ(0.25f, (s.units[0].environment[{0x2300u, 0x2201u}][1]));
-    call(s, 3044, {0x0B65, 0x2601});                // glFogx(GL_FOG_MODE, GL_LINEAR)
+    call(s, 3044, {0x0B65, 0x2601}); // glFogx(GL_FOG_MODE, GL_LINEAR)
     EXPECT_EQ(0x2601u, s.fogMode);
-    call(s, 3044, {0x0B64, 0x28000});               // glFogx(GL_FOG_END, 2.5)
+    call(s, 3044, {0x0B64, 0x28000}); // glFogx(GL_FOG_END, 2.5)
     EXPECT_EQ(2.5f, s.fogEnd);
-    call(s, 3019, {255, 0, 51, 255});               // glColor4ub
+    call(s, 3019, {255, 0, 51, 255}); // glColor4ub
     EXPECT_EQ(0.2f, s.currentColor[2]);
 }
 
@@ -112,11 +113,11 @@ TEST(FFState, BuffersKeepTheirContentsAndClientArraysTheirBuffer) {
     EXPECT_EQ((std::vector<uint8_t>{1, 2, 3, 4, 9, 9}), s.shared().buffers[7].contents);
 
     call(s, 3004, {GL_ARRAY_BUFFER, 8});
-    call(s, 3143, {3, GL_FLOAT, 0, 0x10});          // glVertexPointer into buffer 8
+    call(s, 3143, {3, GL_FLOAT, 0, 0x10}); // glVertexPointer into buffer 8
     call(s, 3004, {GL_ARRAY_BUFFER, 0});
-    call(s, 3015, {GL_TEXTURE1});                   // glClientActiveTexture
-    call(s, 3126, {2, GL_SHORT, 12, 0x5000});       // glTexCoordPointer from client memory
-    call(s, 3039, {0x8078});                        // glEnableClientState(GL_TEXTURE_COORD_ARRAY)
+    call(s, 3015, {GL_TEXTURE1});             // glClientActiveTexture
+    call(s, 3126, {2, GL_SHORT, 12, 0x5000}); // glTexCoordPointer from client memory
+    call(s, 3039, {0x8078});                  // glEnableClientState(GL_TEXTURE_COORD_ARRAY)
     EXPECT_EQ(8u, s.array(kFFVertexArray)->buffer);
     const CFFContextState::ClientArray *coords = s.array(kFFTexCoordArray + 1);
     EXPECT_TRUE(coords->enabled && coords->buffer == 0);
