@@ -173,7 +173,7 @@ def result_lines(f, cls):
 def hook_tag(f, host_table_of, tables):
     """The tag whose hooks a function runs: an extension function that behaves like a core one
     runs that one's (its mappings, its locations), as it does in the recorder."""
-    target = f.like if getattr(f, "like", None) and host_table_of(f.like, tables) in PLAYED_TABLES else f
+    target = f.like if f.like and host_table_of(f.like, tables) in PLAYED_TABLES else f
     return f"{PLAYED_TABLES[host_table_of(target, tables)][1]}::{target.name}"
 
 

@@ -19,8 +19,10 @@ void Hooks<fn::glGetAttribLocation>::after(Call &c, GLint &result, GLuint progra
     result = recorded;
 }
 
-void Hooks<fn::glMapBufferRange>::after(Call &c, void *&result, GLenum target, GLintptr offset,
-                                        GLsizeiptr length, GLbitfield) {
+namespace {
+
+// The local mapping the application's recorded writes are copied into at flush and unmap.
+void rememberMapping(Call &c, void *result, GLenum target, GLintptr offset, GLsizeiptr length) {
     Mapping &m = c.context().mappings[target];
     m.pointer = static_cast<uint8_t *>(result);
     m.offset = offset;
@@ -28,15 +30,18 @@ void Hooks<fn::glMapBufferRange>::after(Call &c, void *&result, GLenum target, G
     if (!result) c.fail("the local driver could not map the buffer");
 }
 
+} // namespace
+
+void Hooks<fn::glMapBufferRange>::after(Call &c, void *&result, GLenum target, GLintptr offset,
+                                        GLsizeiptr length, GLbitfield) {
+    rememberMapping(c, result, target, offset, length);
+}
+
 void Hooks<ext::glMapBufferOES>::after(Call &c, void *&result, GLenum target, GLenum) {
     // The whole buffer is mapped: its size is the local buffer's.
     GLint size = 0;
     c.gles().glGetBufferParameteriv(target, GL_BUFFER_SIZE, &size);
-    Mapping &m = c.context().mappings[target];
-    m.pointer = static_cast<uint8_t *>(result);
-    m.offset = 0;
-    m.length = size;
-    if (!result) c.fail("the local driver could not map the buffer");
+    rememberMapping(c, result, target, 0, size);
 }
 
 bool Hooks<fn::glFlushMappedBufferRange>::before(Call &c, GLenum &target, GLintptr &offset,
