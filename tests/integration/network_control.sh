@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # A real program on Mesa driven over TCP by `kalvoren ctl`: it waits for the client before its first
 # call, records from the frame after `start`, holds its frames while paused, hands over a trace
-# byte-identical to the one on its disk, and runs on unrecorded when the client goes away while
-# it records.
+# byte-identical to the one on its disk that the player replays to the frames it saved, and runs on
+# unrecorded when the client goes away while it records.
 #   network_control.sh FRAMES_PROGRAM BUILD_DIR
 set -u
 program=$1
@@ -19,7 +19,7 @@ fail() {
 
 port=$(python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
 cat >"$work/config.json" <<JSON
-{ "*": { "Tracing": { "OutputFilename": "$work/app.kalvoren" },
+{ "*": { "Tracing": { "OutputFilename": "$work/app.kalvoren", "SaveFrameBuffer": true },
          "Network": { "Enabled": true, "Wait": true, "Port": $port, "Address": "127.0.0.1" } } }
 JSON
 KALVOREN_CONFIG=$work/config.json LD_LIBRARY_PATH=$build/lib "$program" --frames 500 --sleep 20 \
@@ -59,6 +59,9 @@ grep -q "glScissor(x=$((first * 3 % 48))," "$work/first.txt" || fail "the trace 
 awk '/^Status: paused/ {p=1} /^Acknowledged: resume/ {p=0} p && /frame/ {bad=1} END {exit bad}' "$work/ctl.txt" ||
     fail "frames went on while paused"
 recorded_frames=$("$kalvoren" info "$work/fetched.kalvoren" | awk '/^Frames:/ {print $2; exit}')
+# A trace started mid-run replays from its snapshot alone, every saved frame identical.
+"$kalvoren" replay "$work/fetched.kalvoren" >"$work/replay.txt" 2>&1 || fail "the fetched trace does not replay to its saved frames"
+grep -Eq "; ([1-9][0-9]*) frames compared: \1 identical$" "$work/replay.txt" || fail "the player did not find every saved frame identical"
 
 # The client goes away while the program records: it runs on, unrecorded, and ends normally; what
 # was recorded is a whole trace.
