@@ -183,29 +183,6 @@ std::string socketErrorText() {
     return text;
 }
 
-std::string localHostName() {
-    char name[256] = {};
-    if (gethostname(name, sizeof(name) - 1) != 0) return std::string();
-    return name;
-}
-
-bool resolveIPv4(const std::string &host, uint8_t out[4], std::string *error) {
-    struct addrinfo hints;
-    std::memset(&hints, 0, sizeof(hints));
-    hints.ai_family = AF_INET;
-    hints.ai_socktype = SOCK_STREAM;
-    struct addrinfo *list = nullptr;
-    int r = getaddrinfo(host.c_str(), nullptr, &hints, &list);
-    if (r != 0 || !list) {
-        if (error) *error = r != 0 ? gai_strerrorA(r) : "no IPv4 address";
-        return false;
-    }
-    auto *a = reinterpret_cast<struct sockaddr_in *>(list->ai_addr);
-    std::memcpy(out, &a->sin_addr.s_addr, 4);
-    freeaddrinfo(list);
-    return true;
-}
-
 } // namespace kv::platform
 
 #endif
