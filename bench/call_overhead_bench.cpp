@@ -149,6 +149,63 @@ void drawClientStrided(benchmark::State &state) {
                timeCalls(state, [] { gles::drawArrays(GL_TRIANGLES, 0, kDrawVertices); }));
 }
 
+// Capture throughput: draws of 4096 vertices from client memory (64 KiB read per draw, packed and
+// strided), against a plain memcpy of the same bytes in the same process. Reported as bytes per
+// second and as a share of the memcpy rate (RESULT lines "capture-<kind> <MB/s> <share>").
+constexpr GLsizei kBulkVertices = 4096;
+constexpr size_t kBulkBytes = size_t(kBulkVertices) * 16;
+std::map<std::string, Runs> g_bulk;
+
+void reportBulk(benchmark::State &state, const std::string &kind, double ns) {
+    g_bulk[kind].add(state.iterations(), ns);
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * kBulkBytes));
+    const double plain = g_bulk["memcpy"].nsPerCall();
+    state.counters["x_memcpy"] = benchmark::Counter(ns > 0 ? plain / ns : 0.0);
+}
+
+void bulkMemcpy(benchmark::State &state) {
+    // Source and destination as large as the draws' (the destination moves on, as a trace does).
+    static std::vector<uint8_t> from(kBulkBytes, 1), to(kBulkBytes * 64);
+    size_t at = 0;
+    reportBulk(state, "memcpy", timeCalls(state, [&] {
+                   std::memcpy(to.data() + at, from.data(), kBulkBytes);
+                   benchmark::DoNotOptimize(to.data());
+                   at = (at + kBulkBytes) % to.size();
+               }));
+}
+
+// The same bytes written to a file of their own (what storing them costs whoever stores them: the
+// system's fresh file pages, which a trace is written into too).
+std::string g_fileForWrites;
+
+void bulkWrite(benchmark::State &state) {
+    static std::vector<uint8_t> from(kBulkBytes, 1);
+    std::FILE *file = std::fopen(g_fileForWrites.c_str(), "wb");
+    if (!file) {
+        state.SkipWithError("cannot open a file in the work directory");
+        return;
+    }
+    reportBulk(state, "fwrite", timeCalls(state, [&] { std::fwrite(from.data(), 1, kBulkBytes, file); }));
+    std::fclose(file);
+    std::remove(g_fileForWrites.c_str());
+}
+
+void bulkPacked(benchmark::State &state) {
+    static std::vector<float> data(size_t(kBulkVertices) * 4, 1.0f);
+    gles::bindBuffer(GL_ARRAY_BUFFER, 0);
+    gles::vertexAttribPointer(0, 4, GL_FLOAT, GL_FALSE, 0, data.data());
+    gles::enableVertexAttribArray(0);
+    reportBulk(state, "packed", timeCalls(state, [] { gles::drawArrays(GL_TRIANGLES, 0, kBulkVertices); }));
+}
+
+void bulkStrided(benchmark::State &state) {
+    static std::vector<float> data(size_t(kBulkVertices) * 8, 1.0f);
+    gles::bindBuffer(GL_ARRAY_BUFFER, 0);
+    gles::vertexAttribPointer(0, 4, GL_FLOAT, GL_FALSE, 32, data.data());
+    gles::enableVertexAttribArray(0);
+    reportBulk(state, "strided", timeCalls(state, [] { gles::drawArrays(GL_TRIANGLES, 0, kBulkVertices); }));
+}
+
 // The directory for the configuration and the trace; `owned` when this process made it up.
 std::string workDirectory(bool &owned) {
     owned = false;
@@ -233,6 +290,12 @@ int main(int argc, char **argv) {
         benchmark::RegisterBenchmark("recorded/draw-buffer", drawFromBuffer)->Iterations(20000);
         benchmark::RegisterBenchmark("recorded/draw-client-packed", drawClientPacked)->Iterations(20000);
         benchmark::RegisterBenchmark("recorded/draw-client-strided", drawClientStrided)->Iterations(20000);
+        // Each draw adds 64 KiB to the trace.
+        benchmark::RegisterBenchmark("recorded/capture-memcpy", bulkMemcpy)->Iterations(2000);
+        g_fileForWrites = dir + "/bulk-writes.bin";
+        benchmark::RegisterBenchmark("recorded/capture-fwrite", bulkWrite)->Iterations(2000);
+        benchmark::RegisterBenchmark("recorded/capture-packed", bulkPacked)->Iterations(2000);
+        benchmark::RegisterBenchmark("recorded/capture-strided", bulkStrided)->Iterations(2000);
     }
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
@@ -250,6 +313,12 @@ int main(int argc, char **argv) {
         const double buffer = g_draws["buffer"].nsPerCall();
         std::printf("RESULT %s draw-%s %.2f %.2f\n", name.c_str(), kind.c_str(), ns,
                     buffer > 0 ? ns / buffer : 0.0);
+    }
+    for (const auto &[kind, runs] : g_bulk) {
+        const double ns = runs.nsPerCall();
+        const double plain = g_bulk["memcpy"].nsPerCall();
+        std::printf("RESULT %s capture-%s %.0f %.2f\n", name.c_str(), kind.c_str(),
+                    ns > 0 ? 1e3 * static_cast<double>(kBulkBytes) / ns : 0.0, ns > 0 ? plain / ns : 0.0);
     }
     std::fflush(stdout);
     if (ownedDirectory) {

@@ -9,6 +9,9 @@
 # the median is reported: the overhead per call in ns, the time added per frame in microseconds
 # and the slowdown as a ratio.
 #
+# BASELINE_BUILD names another build directory (an earlier version of the library) to run in the
+# same rounds; its slowdowns are then printed beside this build's.
+#
 #   bench/compare_tracers.sh [BUILD_DIR] [RUNS]
 set -u
 build=$(cd "${1:-build}" && pwd)
@@ -44,12 +47,17 @@ run() {
     case $tool in
     plain) "${x[@]}" "$@" 2>/dev/null ;;
     kalvoren) KALVOREN_CONFIG=$config LD_LIBRARY_PATH=$lib "${x[@]}" "$@" 2>/dev/null ;;
+    baseline) KALVOREN_CONFIG=$config LD_LIBRARY_PATH=$BASELINE_BUILD/lib "${x[@]}" "$@" 2>/dev/null ;;
     apitrace) "${x[@]}" apitrace trace --api egl -o "$work/trace.trace" "$@" 2>/dev/null ;;
     esac
 }
 
 tools=(plain kalvoren)
 [ $have_apitrace = 1 ] && tools+=(apitrace)
+if [ -n "${BASELINE_BUILD:-}" ]; then
+    BASELINE_BUILD=$(cd "$BASELINE_BUILD" && pwd)
+    tools+=(baseline)
+fi
 
 # ---- call_heavy: ns per call from the program itself.
 declare -A heavy_ns
@@ -109,3 +117,17 @@ for scene in "${scenes[@]}"; do
     printf '%-26s %12s %11sx %11sx\n' "  slowdown" "1.00x" "$(awk -v p="$p" -v k="$k" 'BEGIN{printf "%.2f", k ? p/k : 0}')" \
         "$([ -n "$a" ] && awk -v p="$p" -v a="$a" 'BEGIN{printf "%.2f", a ? p/a : 0}' || echo -)"
 done
+
+if [ -n "${BASELINE_BUILD:-}" ]; then
+    echo
+    echo "this build against the baseline ($BASELINE_BUILD), same rounds:"
+    printf '%-26s %12s %12s   %s\n' "program" "baseline" "this build" "this build / baseline (time)"
+    p=${heavy_ns[plain]} k=${heavy_ns[kalvoren]} b=${heavy_ns[baseline]}
+    printf '%-26s %9s ns %9s ns   %s\n' "call_heavy, added per call" "$(awk -v p="$p" -v b="$b" 'BEGIN{printf "%.1f", b-p}')" \
+        "$(awk -v p="$p" -v k="$k" 'BEGIN{printf "%.1f", k-p}')" "$(awk -v p="$p" -v k="$k" -v b="$b" 'BEGIN{ if (b > p) printf "%.2f", (k-p)/(b-p); else printf "-" }')"
+    for scene in "${scenes[@]}"; do
+        p=${fps[$scene.plain]} k=${fps[$scene.kalvoren]} b=${fps[$scene.baseline]}
+        printf '%-26s %11sx %11sx   %s\n' "glmark2 $scene slowdown" "$(awk -v p="$p" -v b="$b" 'BEGIN{printf "%.2f", b ? p/b : 0}')" \
+            "$(awk -v p="$p" -v k="$k" 'BEGIN{printf "%.2f", k ? p/k : 0}')" "$(awk -v k="$k" -v b="$b" 'BEGIN{ if (k > 0) printf "%.2f", b/k; else printf "-" }')"
+    done
+fi

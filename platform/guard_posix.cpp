@@ -93,51 +93,138 @@ static bool refused(int error) {
     return true;
 }
 
+// ---- Spans known readable --------------------------------------------------------------------
+
+// A system call can cost microseconds (several on a virtual machine), far more than copying a
+// draw's vertices. So a span the kernel has just read whole is remembered, per thread, as
+// readable until the frame ends; reads inside it copy with the fault-guarded routine and no
+// system call. That routine's fault handler is the ending handler for SIGSEGV and SIGBUS, so the
+// shortcut is taken only while those are ours: memory unmapped since it was checked then faults
+// into our handler and is read again through the kernel. The handlers are put back at most every
+// 100 ms at a frame's end; an application that replaces ours and, before then, unmaps memory a
+// draw still names is the one case left to its own handler.
+constexpr unsigned kKnownSpans = 16;
+static std::atomic<uint64_t> g_readableEpoch{1};
+static std::atomic<bool> g_faultHandlerOurs{false};
+
+namespace {
+struct KnownSpans {
+    uint64_t epoch;
+    unsigned next;
+    unsigned used;
+    uintptr_t first[kKnownSpans];
+    uintptr_t end[kKnownSpans];
+};
+thread_local KnownSpans t_known;
+} // namespace
+
+static bool knownReadable(const void *p, size_t n) {
+    if (!g_faultHandlerOurs.load(std::memory_order_relaxed)) return false;
+    KnownSpans &k = t_known;
+    const uint64_t epoch = g_readableEpoch.load(std::memory_order_relaxed);
+    if (KV_UNLIKELY(k.epoch != epoch)) {
+        k.epoch = epoch;
+        k.used = 0;
+        return false;
+    }
+    const uintptr_t a = reinterpret_cast<uintptr_t>(p);
+    for (unsigned i = 0; i < k.used; ++i)
+        if (a >= k.first[i] && n <= k.end[i] - a && a < k.end[i]) return true;
+    return false;
+}
+
+// Memory is protected page by page: the whole pages of a span read without fault are readable.
+static void rememberReadable(const void *p, size_t n) {
+    if (n == 0 || !g_faultHandlerOurs.load(std::memory_order_relaxed)) return;
+    KnownSpans &k = t_known;
+    const uint64_t epoch = g_readableEpoch.load(std::memory_order_relaxed);
+    if (k.epoch != epoch) {
+        k.epoch = epoch;
+        k.used = 0;
+    }
+    const uintptr_t a = reinterpret_cast<uintptr_t>(p);
+    if (a + n < a) return;
+    const unsigned slot = k.used < kKnownSpans ? k.used++ : (k.next++ % kKnownSpans);
+    k.first[slot] = a & ~uintptr_t(4095);
+    k.end[slot] = (a + n + 4095) & ~uintptr_t(4095);
+    if (k.end[slot] == 0) k.end[slot] = ~uintptr_t(4095);
+}
+
+void forgetReadable() {
+    g_readableEpoch.fetch_add(1, std::memory_order_relaxed);
+}
+
 size_t guardedCopy(void *dst, const void *src, size_t n) {
     if (n == 0 || !src) return 0;
+    if (knownReadable(src, n)) {
+        const size_t got = kv_guarded_copy_impl(dst, src, n);
+        if (KV_LIKELY(got == n)) return n;
+        // The memory changed since it was checked: ask the kernel, and forget what we knew.
+        forgetReadable();
+    }
     if (KV_LIKELY(useKernel())) {
         iovec local{dst, n}, remote{const_cast<void *>(src), n};
         ssize_t got = kernelCopy(&local, 1, &remote, 1);
-        if (got >= 0) return static_cast<size_t>(got);
+        if (got >= 0) {
+            if (static_cast<size_t>(got) == n) rememberReadable(src, n);
+            return static_cast<size_t>(got);
+        }
         if (!refused(errno)) return 0;
     }
     return kv_guarded_copy_impl(dst, src, n);
 }
+
+namespace {
+
+// Pieces of a fixed size gathered from a span already copied: a loop the compiler unrolls, with
+// no call per piece.
+template <size_t Size>
+void gatherFixed(uint8_t *out, const uint8_t *in, uint64_t count, size_t stride) {
+    for (uint64_t i = 0; i < count; ++i)
+        std::memcpy(out + i * Size, in + i * stride, Size);
+}
+
+void gatherPieces(uint8_t *out, const uint8_t *in, uint64_t count, size_t size, size_t stride) {
+    switch (size) {
+    case 4:
+        return gatherFixed<4>(out, in, count, stride);
+    case 8:
+        return gatherFixed<8>(out, in, count, stride);
+    case 12:
+        return gatherFixed<12>(out, in, count, stride);
+    case 16:
+        return gatherFixed<16>(out, in, count, stride);
+    default:
+        for (uint64_t i = 0; i < count; ++i)
+            std::memcpy(out + i * size, in + i * stride, size);
+    }
+}
+
+} // namespace
 
 uint64_t guardedGather(void *dst, const void *src, uint64_t count, size_t size, size_t stride) {
     if (count == 0 || size == 0 || !src) return 0;
     auto *out = static_cast<uint8_t *>(dst);
     const auto *in = static_cast<const uint8_t *>(src);
     uint64_t done = 0;
-    if (useKernel() && stride <= 8 * size && size <= 4096) {
-        // Dense pieces: the span they lie in is read a chunk at a time and gathered from there
-        // (one system call per chunk; a piece per remote entry costs the kernel far more).
+    if (stride <= 8 * size && size <= 4096) {
+        // Dense pieces: the span they lie in is read a chunk at a time (one guarded read per
+        // chunk) and gathered from there; a read per piece would cost far more.
         alignas(16) uint8_t chunk[16384];
-        bool refusedNow = false;
         while (done < count) {
             uint64_t k = std::min<uint64_t>(count - done, (sizeof(chunk) - size) / stride + 1);
             size_t span = static_cast<size_t>((k - 1) * stride + size);
-            iovec local{chunk, span}, remote{const_cast<uint8_t *>(in + done * stride), span};
-            ssize_t got = kernelCopy(&local, 1, &remote, 1);
-            if (got < 0) {
-                if (refused(errno)) {
-                    refusedNow = true;
-                    break;
-                }
-                got = 0;
-            }
-            uint64_t whole = static_cast<size_t>(got) >= span ? k
-                             : static_cast<size_t>(got) < size
-                                 ? 0
-                                 : (static_cast<size_t>(got) - size) / stride + 1;
-            for (uint64_t i = 0; i < whole; ++i)
-                std::memcpy(out + (done + i) * size, chunk + i * stride, size);
+            size_t got = guardedCopy(chunk, in + done * stride, span);
+            uint64_t whole = got >= span ? k : got < size ? 0 : (got - size) / stride + 1;
+            gatherPieces(out + done * size, chunk, whole, size, stride);
             done += whole;
             if (whole < k) return done;
         }
-        if (!refusedNow) return done;
-    } else if (useKernel()) {
+        return done;
+    }
+    if (useKernel() && !knownReadable(in, static_cast<size_t>((count - 1) * stride + size))) {
         iovec remote[kBatch];
+        bool refusedNow = false;
         while (done < count) {
             size_t n = static_cast<size_t>(std::min<uint64_t>(kBatch, count - done));
             for (size_t i = 0; i < n; ++i)
@@ -145,13 +232,16 @@ uint64_t guardedGather(void *dst, const void *src, uint64_t count, size_t size, 
             iovec local{out + done * size, n * size};
             ssize_t got = kernelCopy(&local, 1, remote, n);
             if (got < 0) {
-                if (refused(errno)) break;
+                if (refused(errno)) {
+                    refusedNow = true;
+                    break;
+                }
                 return done;
             }
             done += static_cast<uint64_t>(got) / size;
             if (static_cast<size_t>(got) < n * size) return done;
         }
-        if (done == count) return done;
+        if (!refusedNow) return done;
     }
     for (; done < count; ++done)
         if (kv_guarded_copy_impl(out + done * size, in + done * stride, size) != size) break;
@@ -161,6 +251,7 @@ uint64_t guardedGather(void *dst, const void *src, uint64_t count, size_t size, 
 bool guardedReadable(const void *p, uint64_t n) {
     if (n == 0) return true;
     if (!p) return false;
+    if (knownReadable(p, static_cast<size_t>(n))) return true;
     const uintptr_t first = reinterpret_cast<uintptr_t>(p) & ~uintptr_t(4095);
     const uintptr_t last = (reinterpret_cast<uintptr_t>(p) + n - 1) & ~uintptr_t(4095);
     const uint64_t pages = (last - first) / 4096 + 1;
@@ -185,7 +276,10 @@ bool guardedReadable(const void *p, uint64_t n) {
             if (got != static_cast<ssize_t>(k)) return false;
             done += k;
         }
-        if (!fellBack) return true;
+        if (!fellBack) {
+            rememberReadable(p, static_cast<size_t>(n));
+            return true;
+        }
     }
     for (uint64_t i = 0; i < pages; ++i)
         if (kv_guarded_copy_impl(sink, pageByte(i), 1) != 1) return false;
@@ -340,11 +434,13 @@ Mutex &handlerLock() {
     return lock;
 }
 
-// Installs the handler for one signal unless it is ours already or ignored.
-void claim(int sig) {
+// Installs the handler for one signal unless it is ours already or ignored; whether ours is in
+// place now.
+bool claim(int sig) {
     struct sigaction current;
-    if (sigaction(sig, nullptr, &current) != 0 || isOurs(current)) return;
-    if (!(current.sa_flags & SA_SIGINFO) && current.sa_handler == SIG_IGN) return;
+    if (sigaction(sig, nullptr, &current) != 0) return false;
+    if (isOurs(current)) return true;
+    if (!(current.sa_flags & SA_SIGINFO) && current.sa_handler == SIG_IGN) return false;
     // Ours is not installed: no handler of ours reads g_previous[sig] while it changes.
     g_previous[sig] = current;
     struct sigaction sa;
@@ -354,15 +450,17 @@ void claim(int sig) {
     // A guarded copy or the trace window may fault inside an application handler.
     if (sig == SIGSEGV || sig == SIGBUS) sa.sa_flags |= SA_NODEFER;
     sigemptyset(&sa.sa_mask);
-    sigaction(sig, &sa, nullptr);
+    return sigaction(sig, &sa, nullptr) == 0;
 }
 
 } // namespace
 
 void installEndingHandlers() {
     LockGuard<Mutex> guard(handlerLock());
+    bool faultsOurs = true;
     for (int sig : kEndingSignals)
-        claim(sig);
+        if (!claim(sig) && (sig == SIGSEGV || sig == SIGBUS)) faultsOurs = false;
+    g_faultHandlerOurs.store(faultsOurs, std::memory_order_relaxed);
 }
 
 void refreshEndingHandlers() {

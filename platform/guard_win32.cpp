@@ -71,6 +71,11 @@ size_t guardedCopy(void *dst, const void *src, size_t n) {
     return kv_guarded_copy_impl(dst, src, n);
 }
 
+void forgetReadable() {
+    // Every guarded read here is the exception-guarded copy, which needs no system call: nothing
+    // is remembered.
+}
+
 uint64_t guardedGather(void *dst, const void *src, uint64_t count, size_t size, size_t stride) {
     if (!src || size == 0) return 0;
     auto *out = static_cast<uint8_t *>(dst);

@@ -236,6 +236,9 @@ size_t guardedCopy(void *dst, const void *src, size_t n);
 uint64_t guardedGather(void *dst, const void *src, uint64_t count, size_t size, size_t stride);
 // Whether every byte of [p, p + n) can be read now (one byte per page is tried).
 bool guardedReadable(const void *p, uint64_t n);
+// Forgets which application memory was found readable (the guarded reads may remember it, where
+// checking costs a system call, until this is called: once per frame).
+void forgetReadable();
 // Length of a 0-terminated string in application memory, reading at most `limit` bytes; returns
 // false (and the length read so far) when the memory faults before a terminator is found.
 bool guardedStrlen(const char *s, size_t limit, size_t *length);

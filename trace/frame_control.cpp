@@ -88,6 +88,8 @@ void frameEnded(Settings &s) {
     // An application may install its own signal handlers at any time; the ones that keep the trace
     // exact are put back in front of them (chained to them) while a trace is written.
     if (s.traceFile) platform::refreshEndingHandlers();
+    // Memory found readable in this frame is checked again in the next.
+    platform::forgetReadable();
     s.swapSeen = true;
 }
 

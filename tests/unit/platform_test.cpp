@@ -75,6 +75,41 @@ TEST(GuardedCopy, KeepsWorkingWhateverTheApplicationDoesWithItsHandlers) {
     }
 }
 
+// Memory read once is read again without a system call while the frame lasts; memory taken away
+// since then is still noticed (a fault into the library's handler, then the kernel's word) by
+// every guarded read, and after the frame ends nothing is assumed, whatever handler the
+// application has installed by then.
+TEST(GuardedCopy, NoticesMemoryTakenAwayAfterItWasRead) {
+    platform::installEndingHandlers();
+    for (bool frameEnded : {false, true}) {
+        GuardedPages pages;
+        uint8_t *page = pages.readable();
+        for (size_t i = 0; i < pages.pageSize(); ++i)
+            page[i] = static_cast<uint8_t>(i * 5);
+        std::vector<uint8_t> dst(pages.pageSize(), 0xEE);
+        ASSERT_EQ(platform::guardedCopy(dst.data(), page, dst.size()), dst.size());
+        ASSERT_EQ(platform::guardedCopy(dst.data(), page + 64, 256), 256u);
+        EXPECT_EQ(std::memcmp(dst.data(), page + 64, 256), 0);
+        EXPECT_TRUE(platform::guardedReadable(page + 1, 100));
+        EXPECT_EQ(platform::guardedGather(dst.data(), page, 64, 12, 32), 64u);
+        EXPECT_EQ(std::memcmp(dst.data() + 12 * 63, page + 32 * 63, 12), 0);
+
+        pages.revokeReadable();
+        if (frameEnded) {
+            platform::forgetReadable();
+            std::signal(SIGSEGV, applicationFaultHandler);
+        }
+        EXPECT_EQ(platform::guardedCopy(dst.data(), page + 64, 256), 0u) << frameEnded;
+        EXPECT_FALSE(platform::guardedReadable(page + 1, 100)) << frameEnded;
+        EXPECT_EQ(platform::guardedGather(dst.data(), page, 64, 12, 32), 0u) << frameEnded;
+        if (frameEnded) {
+            // Back to the default action, with the library's handler in front of it.
+            std::signal(SIGSEGV, SIG_DFL);
+            platform::installEndingHandlers();
+        }
+    }
+}
+
 // Strided pieces are gathered whole up to the first that cannot be read; readability is told page
 // by page.
 TEST(GuardedCopy, GathersStridedPiecesAndTellsReadablePages) {

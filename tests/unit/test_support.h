@@ -89,6 +89,8 @@ public:
     size_t pageSize() const { return pageSize_; }
     uint8_t *readable() const { return base_; }
     uint8_t *unreadable() const { return base_ + pageSize_; }
+    // Takes the readable page away too (as an application unmapping memory would).
+    void revokeReadable();
 
 private:
     uint8_t *base_ = nullptr;

@@ -51,6 +51,10 @@ GuardedPages::GuardedPages() {
     ::mprotect(base_ + pageSize_, pageSize_, PROT_NONE);
 }
 
+void GuardedPages::revokeReadable() {
+    ::mprotect(base_, pageSize_, PROT_NONE);
+}
+
 GuardedPages::~GuardedPages() {
     ::munmap(base_, 2 * pageSize_);
 }

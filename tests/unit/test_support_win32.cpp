@@ -54,6 +54,11 @@ GuardedPages::GuardedPages() {
     ::VirtualProtect(base_ + pageSize_, pageSize_, PAGE_NOACCESS, &old);
 }
 
+void GuardedPages::revokeReadable() {
+    DWORD old;
+    ::VirtualProtect(base_, pageSize_, PAGE_NOACCESS, &old);
+}
+
 GuardedPages::~GuardedPages() {
     ::VirtualFree(base_, 0, MEM_RELEASE);
 }
