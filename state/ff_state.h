@@ -189,7 +189,8 @@ public:
     std::vector<Matrix> modelviewStack{identity()};
     std::vector<Matrix> projectionStack{identity()};
     GLint packAlignment = 4, unpackAlignment = 4;
-    float pointSizeMin = 0, pointSizeMax = 1, pointFadeThreshold = 1;
+    // The largest point size starts as the driver's largest (unknown here: -1 until set).
+    float pointSizeMin = 0, pointSizeMax = -1, pointFadeThreshold = 1;
     std::array<float, 3> pointDistanceAttenuation{1, 0, 0};
     float pointSize = 1;
     float polygonOffsetFactor = 0, polygonOffsetUnits = 0;

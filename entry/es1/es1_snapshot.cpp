@@ -312,6 +312,15 @@ void Es1Writer::eyeValue(const CFFContextState::EyeValue &v) {
 }
 
 void Es1Writer::values() {
+    // The capabilities first and the current colour after the materials: with colour material on,
+    // a driver takes the material's tracked parts from the colour when the colour changes (and may
+    // ignore material calls for them), which leaves them as the application's calls left them.
+    for (auto &[cap, on] : s_.capabilities) {
+        if (on)
+            record<es1::glEnable>(cap);
+        else
+            record<es1::glDisable>(cap);
+    }
     record<es1::glAlphaFunc>(s_.alphaFunc, s_.alphaRef);
     record<es1::glBlendFunc>(s_.blendSrc, s_.blendDst);
     record<es1::glClearColor>(s_.clearColor[0], s_.clearColor[1], s_.clearColor[2], s_.clearColor[3]);
@@ -321,7 +330,6 @@ void Es1Writer::values() {
         eyeValue(s_.clipPlanes[p]);
         record<es1::glClipPlanef>(kClipPlane0 + p, s_.clipPlanes[p].value.data());
     }
-    record<es1::glColor4f>(s_.currentColor[0], s_.currentColor[1], s_.currentColor[2], s_.currentColor[3]);
     record<es1::glColorMask>(GLboolean(s_.colorMask[0]), GLboolean(s_.colorMask[1]),
                              GLboolean(s_.colorMask[2]), GLboolean(s_.colorMask[3]));
     record<es1::glCullFace>(s_.cullFace);
@@ -361,14 +369,7 @@ void Es1Writer::values() {
     record<es1::glMaterialfv>(kFrontAndBack, GLenum(0x1202), s_.materialSpecular.data());
     record<es1::glMaterialfv>(kFrontAndBack, GLenum(0x1600), s_.materialEmission.data());
     record<es1::glMaterialf>(kFrontAndBack, GLenum(0x1601), s_.materialShininess);
-    // The capabilities last: with colour material on, the material calls above would otherwise
-    // take the place of what the current colour gave the material.
-    for (auto &[cap, on] : s_.capabilities) {
-        if (on)
-            record<es1::glEnable>(cap);
-        else
-            record<es1::glDisable>(cap);
-    }
+    record<es1::glColor4f>(s_.currentColor[0], s_.currentColor[1], s_.currentColor[2], s_.currentColor[3]);
 }
 
 // A matrix stack, bottom first: each matrix loaded, pushed for the next.
@@ -425,7 +426,9 @@ void Es1Writer::rest() {
     record<es1::glPixelStorei>(GLenum(GL_PACK_ALIGNMENT), s_.packAlignment);
     record<es1::glPixelStorei>(GLenum(GL_UNPACK_ALIGNMENT), s_.unpackAlignment);
     record<es1::glPointParameterf>(GLenum(0x8126), s_.pointSizeMin);
-    record<es1::glPointParameterf>(GLenum(0x8127), s_.pointSizeMax);
+    float pointSizeMax = s_.pointSizeMax;
+    if (host_ && pointSizeMax < 0 && gl().glGetFloatv) gl().glGetFloatv(0x8127, &pointSizeMax);
+    if (pointSizeMax >= 0) record<es1::glPointParameterf>(GLenum(0x8127), pointSizeMax);
     record<es1::glPointParameterf>(GLenum(0x8128), s_.pointFadeThreshold);
     record<es1::glPointParameterfv>(GLenum(0x8129), s_.pointDistanceAttenuation.data());
     record<es1::glPointSize>(s_.pointSize);

@@ -129,6 +129,8 @@ PY
         traced lateoes ", $late" -- oes 6 "$work/lateoes.rgba"
         cat "$work/lateoes.out" "$work/lateoes.err" | grep -q 'Saving Render State... Done' || fail "lateoes: no render state saved"
         checked lateoes 3
+        traced latees1 ", $late" -- "$es1_program" 6 "$work/latees1.rgba"
+        checked latees1 3
         ;;
     *)
         fail "unknown part $part"
