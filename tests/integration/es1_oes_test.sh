@@ -7,8 +7,9 @@
 #        program drew
 # mixed  an ES1 context and an ES2 context drawing at the same time on two threads: both recorded,
 #        both replayed to the frames they drew
-# late   the ES1 programs (this one and es1_program) recorded from a later frame: the trace starts
-#        with the snapshot of what they made and set before, and replays to the frames they drew
+# late   the ES1 programs (this one, alone and mixed, and es1_program) recorded from a later frame:
+#        the trace starts with the snapshot of what they made and set before, and replays to the
+#        frames they drew
 #
 #   es1_oes_test.sh BUILD_DIR PROGRAM ES1_PROGRAM [oes|mixed|late]...     (default: all)
 set -u
@@ -131,6 +132,9 @@ PY
         checked lateoes 3
         traced latees1 ", $late" -- "$es1_program" 6 "$work/latees1.rgba"
         checked latees1 3
+        # Both contexts' state at once, written on whichever thread reaches the start first.
+        traced latemixed ", $late" -- mixed 6 "$work/latemixed"
+        checked latemixed 3
         ;;
     *)
         fail "unknown part $part"
