@@ -4,7 +4,7 @@
  *     renders a lit, fogged scene into, then shown on the window surface as a texture;
  *   - a vertex buffer filled through glMapBufferOES (rewritten each frame) and drawn from;
  *   - per-vertex point sizes from a client array (glPointSizePointerOES, exported by the ES1
- *     library), drawn as points;
+ *     library), drawn as points by glMultiDrawArraysEXT;
  *   - two triangles drawn by one glMultiDrawElementsEXT from client vertices, colours and indices.
  *
  *   es1_oes_program oes FRAMES PIXELS [EXPECTED]
@@ -104,7 +104,8 @@ static void *es1Thread(void *arg) {
     PROC(PFNGLMAPBUFFEROESPROC, glMapBufferOES);
     PROC(PFNGLUNMAPBUFFEROESPROC, glUnmapBufferOES);
     PROC(PFNGLMULTIDRAWELEMENTSEXTPROC, glMultiDrawElementsEXT);
-    if (!glGenFramebuffersOES || !glMapBufferOES || !glMultiDrawElementsEXT) {
+    PROC(PFNGLMULTIDRAWARRAYSEXTPROC, glMultiDrawArraysEXT);
+    if (!glGenFramebuffersOES || !glMapBufferOES || !glMultiDrawElementsEXT || !glMultiDrawArraysEXT) {
         *status = 11;
         return NULL;
     }
@@ -234,7 +235,10 @@ static void *es1Thread(void *arg) {
         glEnableClientState(GL_POINT_SIZE_ARRAY_OES);
         glPointSizePointerOES(GL_FLOAT, 0, pointSizes);
         glVertexPointer(2, GL_FLOAT, 0, points);
-        glDrawArrays(GL_POINTS, 0, 6);
+        /* In two draws of three points each. */
+        static const GLint pointFirsts[] = {0, 3};
+        static const GLsizei pointCounts[] = {3, 3};
+        glMultiDrawArraysEXT(GL_POINTS, pointFirsts, pointCounts, 2);
         glDisableClientState(GL_POINT_SIZE_ARRAY_OES);
 
         glEnableClientState(GL_COLOR_ARRAY);

@@ -68,7 +68,7 @@ for part in "${parts[@]}"; do
             fail "oes: pixels differ traced and untraced"
         grep -q 'Unable to record\|state (we may crash)' "$work/oes.err" &&
             { fail "oes: calls went unrecorded or without state"; grep 'Unable\|crash' "$work/oes.err" | head -5; }
-        "$kalvoren" dump --json --blocks --function glUnmapBufferOES,glDrawArrays,glBindFramebufferOES,glMultiDrawElementsEXT \
+        "$kalvoren" dump --json --blocks --function glUnmapBufferOES,glMultiDrawArraysEXT,glBindFramebufferOES,glMultiDrawElementsEXT \
             "$work/oes.kalvoren" >"$work/oes.dump"
         python3 - "$work/oes.dump" "$work/expected.bin" $frames <<'PY' &&
 import json, sys
@@ -84,7 +84,7 @@ for f, r in enumerate(unmaps):
 sizes = expected[frames * 96:frames * 96 + 24]
 triangles = expected[frames * 96 + 24:frames * 96 + 72]
 colours = expected[frames * 96 + 72:]
-points = [r for r in records if r["function"] == "glDrawArrays" and r["args"]["mode"] in (0, "GL_POINTS")]
+points = [r for r in records if r["function"] == "glMultiDrawArraysEXT"]
 assert len(points) == frames, len(points)
 for r in points:
     parts = r["args"]["arrays"]["parts"]
