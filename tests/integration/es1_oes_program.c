@@ -129,6 +129,16 @@ static void *es1Thread(void *arg) {
         return NULL;
     }
     glBindFramebufferOES(GL_FRAMEBUFFER_OES, 0);
+    /* An invalid target: the driver's error, seen exactly once, and the ES1 call after it is no
+     * failed call. */
+    glBindFramebufferOES(0x1234, framebuffer);
+    glHint(GL_FOG_HINT, GL_NICEST);
+    GLenum firstError = glGetError(), secondError = glGetError();
+    if (!mixed) printf("errors 0x%x 0x%x\n", firstError, secondError);
+    if (firstError != GL_INVALID_ENUM || secondError != GL_NO_ERROR) {
+        *status = 16;
+        return NULL;
+    }
 
     /* The vertex buffer, written through a mapping each frame: 4 vertices of position (3 floats)
      * and normal (3 floats). */

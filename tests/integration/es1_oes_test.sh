@@ -68,7 +68,10 @@ for part in "${parts[@]}"; do
             fail "oes: pixels differ traced and untraced"
         grep -q 'Unable to record\|state (we may crash)' "$work/oes.err" &&
             { fail "oes: calls went unrecorded or without state"; grep 'Unable\|crash' "$work/oes.err" | head -5; }
-        "$kalvoren" dump --json --blocks --function glUnmapBufferOES,glMultiDrawArraysEXT,glBindFramebufferOES,glMultiDrawElementsEXT \
+        cmp -s "$work/plain.out" "$work/oes.out" && grep -q '^errors 0x500 0x0$' "$work/oes.out" &&
+            pass "oes: the program saw the driver's error once, traced as untraced" ||
+            fail "oes: the program saw other errors traced"
+        "$kalvoren" dump --json --blocks --function glUnmapBufferOES,glMultiDrawArraysEXT,glBindFramebufferOES,glMultiDrawElementsEXT,glHint \
             "$work/oes.kalvoren" >"$work/oes.dump"
         python3 - "$work/oes.dump" "$work/expected.bin" $frames <<'PY' &&
 import json, sys
@@ -104,7 +107,11 @@ for r in multi:
     assert bytes.fromhex(blocks[keyed[0]]["data"]) == triangles, "multi-draw vertices"
     assert bytes.fromhex(blocks[keyed[2]]["data"]) == colours, "multi-draw colours"
 binds = [r for r in records if r["function"] == "glBindFramebufferOES"]
-assert len(binds) == 2 + 2 * frames, len(binds)
+assert len(binds) == 3 + 2 * frames, len(binds)
+bad = [r for r in binds if r["args"]["target"] not in ("GL_FRAMEBUFFER", "GL_FRAMEBUFFER_OES", 0x8D40)]
+assert len(bad) == 1 and bad[0]["error"] in ("GL_INVALID_ENUM", 0x500), bad
+hints = [r for r in records if r["function"] == "glHint"]
+assert len(hints) == 1 and hints[0]["error"] in ("GL_NO_ERROR", 0), hints
 PY
             pass "oes: every mapping's contents, every point size and multi-draw array byte in the trace" ||
             fail "oes: trace contents"
