@@ -218,7 +218,8 @@ private:
             if (!Api::template admit<F>(c)) return Ret();
         }
         // Whether the call has the shadow state and the error handling of an OpenGL ES 2/3 or EGL
-        // call (an extension function on an OpenGL ES 1 context has neither).
+        // call; an extension function on an OpenGL ES 1 context has those of the ES1 functions
+        // (Es1Api::extensionBefore / extensionAfter) instead.
         const bool tracked = !Api::kChecksContext || !c.es1;
         [[maybe_unused]] uint64_t es1Args[sizeof...(A) + 1];
         if constexpr (Api::kChecksContext) {
