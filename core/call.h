@@ -85,8 +85,8 @@ struct Es1Api {
     static constexpr bool kChecksContext = false;
     static constexpr bool kTwoWay = true;
     static const SEs1Host &host() { return SEs1Host::get(); }
-    // The extension functions an OpenGL ES 1 program calls leave their errors in the driver; the
-    // check after the next ES1 call takes them for the application as its own.
+    // A function the library does not wrap (a host address from eglGetProcAddress) leaves its error
+    // in the driver; the check after the next ES1 call takes it for the application as its own.
     static void takeStrayError() {}
     static void clearLastError() { g_lastErrorEs1 = 0; }
     static uint32_t queryError() {
@@ -97,6 +97,11 @@ struct Es1Api {
     static void noteError(uint32_t error);
     // The fixed-function state update of a successful call (state/ff_state.h).
     static void track(CallCtx &c, const uint64_t *args);
+    // An extension function called on an OpenGL ES 1 context (entry/es1): what its record needs
+    // from before the call (the contents of a mapping being given back), and, after it, the error
+    // check and the fixed-function state update, as for the ES1 functions themselves.
+    static void extensionBefore(CallCtx &c, const uint64_t *args);
+    static void extensionAfter(CallCtx &c, const uint64_t *args, uint64_t result);
     template <class F, class... A>
     static void track(CallCtx &c, A... args) {
         if (c.failed) return;
@@ -213,8 +218,16 @@ private:
             if (!Api::template admit<F>(c)) return Ret();
         }
         // Whether the call has the shadow state and the error handling of an OpenGL ES 2/3 or EGL
-        // call (an extension function on an OpenGL ES 1 context has neither).
+        // call; an extension function on an OpenGL ES 1 context has those of the ES1 functions
+        // (Es1Api::extensionBefore / extensionAfter) instead.
         const bool tracked = !Api::kChecksContext || !c.es1;
+        [[maybe_unused]] uint64_t es1Args[sizeof...(A) + 1];
+        if constexpr (Api::kChecksContext) {
+            if (!tracked) {
+                uint32_t i = 0;
+                ((es1Args[i++] = toSlot(args)), ...);
+            }
+        }
 
         Api::clearLastError();
         c.error = Api::kSuccess;
@@ -225,11 +238,21 @@ private:
             }
             Api::takeStrayError();
             if (tracked) H::before(c, args...);
+            if constexpr (Api::kChecksContext) {
+                if (!tracked) Es1Api::extensionBefore(c, es1Args);
+            }
             result = callHost(c, args...);
             if (c.d.checkErrors && tracked) {
                 c.error = Api::queryError();
                 c.failed = Api::failed(c.error);
                 Api::noteError(c.error);
+            }
+            if constexpr (Api::kChecksContext) {
+                if (!tracked) {
+                    uint64_t resultSlot = 0;
+                    if constexpr (!std::is_void_v<Ret>) resultSlot = toSlot(result);
+                    Es1Api::extensionAfter(c, es1Args, resultSlot);
+                }
             }
         } else if constexpr (F::result == api::Type::EglBoolean) {
             // A call recorded without reaching the driver (the render-state snapshot) answers as

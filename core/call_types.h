@@ -45,7 +45,7 @@ struct CallCtx {
     uint32_t error = 0;  // the API's error code after the call
     bool failed = false; // the driver rejected the call: it read and wrote nothing
     // An extension function called on an OpenGL ES 1 context: there is no ES2/3 shadow state to
-    // update, and the driver's error stays the application's to read.
+    // update; its error check and state update are those of the ES1 functions (entry/es1).
     bool es1 = false;
     // Values a function's hooks hand to each other (for example the frame buffer read before a
     // swap, for the record written after it).

@@ -8,6 +8,7 @@
 #include "base/messages.h"
 #include "core/call.h"
 #include "core/settings.h"
+#include "entry/es1/es1_snapshot.h"
 #include "entry/ext/ext_functions_autogen.h"
 #include "state/egl_state.h"
 #include "trace/frame_control.h"
@@ -980,6 +981,7 @@ void saveDisplay(egl::DisplayRecord &d, egl::ThreadState &t) {
             context->context, d.display, context->config, context->shareContext,
             context->contextAttributes.empty() ? nullptr : context->contextAttributes.data());
         writeContextInformation(*context);
+        saveEs1Context(d.display, t, context); // OpenGL ES 1 contexts (entry/es1/es1_snapshot.cpp)
         if (!context->es2 || !context->es2->everCurrent) continue;
         recordEgl<fn::eglMakeCurrent>(EGLBoolean(EGL_TRUE), d.display, EGL_NO_SURFACE, EGL_NO_SURFACE,
                                       context->context);
@@ -1017,6 +1019,7 @@ void saveThread(egl::ThreadState &t) {
         if (it != d->surfaces.end()) interval = it->second.swapInterval;
     }
     recordEgl<fn::eglSwapInterval>(EGLBoolean(EGL_TRUE), t.display, interval);
+    saveEs1ThreadBoxes(t);
     // A context made current with a surface for the first time takes the surface's size as its
     // viewport and scissor box on some drivers; the values the application set are written again.
     if (t.current && t.current->es2) {
@@ -1045,6 +1048,7 @@ void write(bool full) {
         for (egl::DisplayRecord *d : egl::displays())
             for (auto &[handle, context] : d->contexts)
                 if (context->es2) context->es2->shared().saved = false;
+        beginEs1();
         for (egl::DisplayRecord *d : egl::displays())
             if (d->initialised) saveDisplay(*d, t);
     }

@@ -44,6 +44,30 @@ void Hooks<ext::glMapBufferOES>::after(Call &c, void *&result, GLenum target, GL
     rememberMapping(c, result, target, 0, size);
 }
 
+bool Hooks<ext::glMultiDrawElementsEXT>::before(Call &c, GLenum &, const GLsizei *&, GLenum &,
+                                                const void *const *&indices, GLsizei &primcount) {
+    const int tail = c.field("arrays");
+    if (tail < 0 || primcount <= 0) return true;
+    // Kept per thread until the next multi-draw: the driver reads them during the call.
+    thread_local std::vector<const void *> pointers;
+    pointers.assign(static_cast<size_t>(primcount), nullptr);
+    const reader::Arg &a = c.e.args[static_cast<size_t>(tail)];
+    for (uint32_t k = 0; k < a.partCount; ++k) {
+        const reader::Part &p = c.e.parts[a.firstPart + k];
+        if (p.kind != reader::Part::Kind::Indices || p.index >= pointers.size()) continue;
+        if (p.count == 0) {
+            pointers[p.index] = reinterpret_cast<const void *>(static_cast<uintptr_t>(p.pointer));
+        } else if (p.missing || p.block < 0) {
+            c.fail("the indices of the draw were not recorded; the draw was skipped");
+            return false;
+        } else {
+            pointers[p.index] = c.e.bytes(c.e.blocks[static_cast<size_t>(p.block)]);
+        }
+    }
+    indices = pointers.data();
+    return true;
+}
+
 bool Hooks<fn::glFlushMappedBufferRange>::before(Call &c, GLenum &target, GLintptr &offset,
                                                  GLsizeiptr &length) {
     auto it = c.context().mappings.find(target);

@@ -141,6 +141,14 @@ struct Hooks<fn::glGetAttribLocation> : HookDefaults {
     static void after(Call &c, GLint &result, GLuint program, const GLchar *name);
 };
 
+// A multi-draw's indices are a pointer per draw: the recorded bytes of each draw's indices, or its
+// offset into the element buffer.
+template <>
+struct Hooks<ext::glMultiDrawElementsEXT> : HookDefaults {
+    static bool before(Call &c, GLenum &mode, const GLsizei *&count, GLenum &type,
+                       const void *const *&indices, GLsizei &primcount);
+};
+
 // Writes made through a mapping reach the local buffer from the record.
 template <>
 struct Hooks<fn::glMapBufferRange> : HookDefaults {

@@ -375,8 +375,9 @@ bool writeIndices(RecordHandle &h, const GLsizei *counts, GLenum type, const voi
 
 bool captureArrays(RecordHandle &h, CallCtx &c, const GLint *firsts, const GLsizei *counts, uint32_t draws,
                    uint32_t instances) {
-    // An extension draw on an OpenGL ES 1 context: its client arrays are not tracked.
-    if (!firsts || !counts || c.failed || c.es1) return false;
+    if (!firsts || !counts || c.failed) return false;
+    // An extension draw on an OpenGL ES 1 context draws the fixed-function client arrays.
+    if (c.es1) return captureFixedDraws(h, c, firsts, counts, draws, 0, nullptr, false);
     // Only draws that draw something read memory.
     uint32_t range = 0, lowest = UINT32_MAX;
     for (uint32_t i = 0; i < draws; ++i) {
@@ -394,7 +395,8 @@ bool captureArrays(RecordHandle &h, CallCtx &c, const GLint *firsts, const GLsiz
 bool captureElements(RecordHandle &h, CallCtx &c, const GLsizei *counts, GLenum type,
                      const void *const *indices, uint32_t draws, uint32_t instances, uint32_t knownMaximum,
                      const GLint *baseVertices) {
-    if ((!counts && !indices) || c.failed || c.es1) return false;
+    if ((!counts && !indices) || c.failed) return false;
+    if (c.es1) return captureFixedDraws(h, c, nullptr, counts, draws, type, indices, true);
     CEs2ContextState *state = egl::currentEs2State();
     if (!state) return false;
     // Where the indices come from is the driver's word: a vertex array object bound or changed by
@@ -437,15 +439,23 @@ bool captureElements(RecordHandle &h, CallCtx &c, const GLsizei *counts, GLenum 
     return !clientArrays || !drawsSomething || captureAttributes(h, *state, maximum + 1, instances, 0);
 }
 
-bool captureFixedDraw(RecordHandle &h, CallCtx &c, GLint first, GLsizei count, GLenum type,
-                      const void *indices, bool indexed) {
-    if (c.failed || count <= 0) return false;
+bool captureFixedDraws(RecordHandle &h, CallCtx &c, const GLint *firsts, const GLsizei *counts,
+                       uint32_t draws, GLenum type, const void *const *indices, bool indexed) {
+    // A single draw of nothing reads nothing and records no arrays.
+    if (c.failed || !counts || draws == 0 || (draws == 1 && counts[0] <= 0)) return false;
     CFFContextState *state = egl::currentEs1State();
     if (!state) return false;
     if (!indexed) {
+        // Only draws that draw something read memory.
+        uint32_t range = 0, lowest = UINT32_MAX;
+        for (uint32_t i = 0; i < draws; ++i) {
+            if (counts[i] <= 0) continue;
+            range = std::max(range, static_cast<uint32_t>(firsts[i]) + static_cast<uint32_t>(counts[i]));
+            lowest = std::min(lowest, static_cast<uint32_t>(firsts[i]));
+        }
+        if (range == 0) return false;
         platform::LockGuard<StateLock> guard(stateLock());
-        return captureFixedArrays(h, *state, static_cast<uint32_t>(first) + static_cast<uint32_t>(count),
-                                  static_cast<uint32_t>(first));
+        return captureFixedArrays(h, *state, range, lowest);
     }
     GLint boundElements = 0;
     SEs1Host::get().fn.glGetIntegerv(GL_ELEMENT_ARRAY_BUFFER_BINDING, &boundElements);
@@ -459,7 +469,7 @@ bool captureFixedDraw(RecordHandle &h, CallCtx &c, GLint first, GLsizei count, G
     }
     uint32_t maximum = 0;
     bool drawsSomething = false;
-    if (!writeIndices(h, &count, type, &indices, 1, contents, clientArrays, 0, nullptr, true, &maximum,
+    if (!writeIndices(h, counts, type, indices, draws, contents, clientArrays, 0, nullptr, true, &maximum,
                       &drawsSomething))
         return false;
     return !clientArrays || !drawsSomething || captureFixedArrays(h, *state, maximum + 1, 0);
@@ -524,12 +534,12 @@ void glDrawElementsInstancedBaseVertex_tail(RecordHandle &h, CallCtx &c, GLenum,
 namespace kv::capture::es1 {
 
 void glDrawArrays_tail(RecordHandle &h, CallCtx &c, GLenum, GLint first, GLsizei count) {
-    if (c.d.recordData) arrays::captureFixedDraw(h, c, first, count, 0, nullptr, false);
+    if (c.d.recordData) arrays::captureFixedDraws(h, c, &first, &count, 1, 0, nullptr, false);
 }
 
 void glDrawElements_tail(RecordHandle &h, CallCtx &c, GLenum, GLsizei count, GLenum type,
                          const void *indices) {
-    if (c.d.recordData) arrays::captureFixedDraw(h, c, 0, count, type, indices, true);
+    if (c.d.recordData) arrays::captureFixedDraws(h, c, nullptr, &count, 1, type, &indices, true);
 }
 
 } // namespace kv::capture::es1

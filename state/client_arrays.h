@@ -45,8 +45,9 @@ bool captureAttributes(RecordHandle &h, CEs2ContextState &state, uint32_t vertex
 // The fixed-function draws of OpenGL ES 1: the enabled client arrays of `state` (keys in
 // state/ff_state.h) for a vertex range; `state` is locked by the caller.
 bool captureFixedArrays(RecordHandle &h, CFFContextState &state, uint32_t vertexRange, uint32_t neededFrom);
-// glDrawArrays (first, count) or glDrawElements (count, type, indices) of OpenGL ES 1.
-bool captureFixedDraw(RecordHandle &h, CallCtx &c, GLint first, GLsizei count, GLenum type,
-                      const void *indices, bool indexed);
+// The array draws (`firsts`, `counts`) or indexed draws (`counts`, `type`, `indices`) of an OpenGL
+// ES 1 context, one entry per draw: glDrawArrays, glDrawElements and the multi-draw extension.
+bool captureFixedDraws(RecordHandle &h, CallCtx &c, const GLint *firsts, const GLsizei *counts,
+                       uint32_t draws, GLenum type, const void *const *indices, bool indexed);
 
 } // namespace kv::arrays

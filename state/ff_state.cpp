@@ -1,10 +1,12 @@
 #include "state/ff_state.h"
 
+#include "api/api.h"
 #include "state/context_state.h"
 
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <string>
 
 namespace kv {
 
@@ -25,6 +27,14 @@ constexpr GLenum kLightModelTwoSide = 0x0B52, kLightModelAmbient = 0x0B53;
 constexpr GLenum kPointSizeMin = 0x8126, kPointSizeMax = 0x8127, kPointFadeThreshold = 0x8128,
                  kPointDistanceAttenuation = 0x8129;
 constexpr GLenum kTextureEnvColor = 0x2201, kRgbScale = 0x8573, kAlphaScale = 0x0D1C;
+constexpr GLenum kMatrixPalette = 0x8840, kRenderbuffer = 0x8D41, kTextureObject = 0x1702;
+
+// The extension functions whose state apply() keeps.
+constexpr uint16_t kCurrentPaletteMatrixOES = 4011, kLoadPaletteFromModelViewMatrixOES = 4012,
+                   kMatrixIndexPointerOES = 4013, kWeightPointerOES = 4014, kBindRenderbufferOES = 4016,
+                   kDeleteRenderbuffersOES = 4017, kRenderbufferStorageOES = 4019, kBindFramebufferOES = 4022,
+                   kDeleteFramebuffersOES = 4023, kFramebufferTexture2DOES = 4026,
+                   kFramebufferRenderbufferOES = 4027;
 
 // How a call passes its values: as floats, as 16.16 fixed-point numbers, or as integers.
 enum class Kind { Float, Fixed, Int };
@@ -112,6 +122,11 @@ CFFContextState::CFFContextState() : resources_(new SEs1Resources()) {
 
 std::vector<CFFContextState::Matrix> &CFFContextState::currentStack() {
     if (matrixMode == kProjection) return projectionStack;
+    if (matrixMode == kMatrixPalette) {
+        std::vector<Matrix> &stack = palette[currentPaletteMatrix];
+        if (stack.empty()) stack.push_back(identity());
+        return stack;
+    }
     if (matrixMode == kTexture) return activeUnit().matrixStack;
     return modelviewStack;
 }
@@ -277,7 +292,50 @@ void CFFContextState::lightModel(GLenum pname, const float *v, uint32_t n) {
     if (pname == kLightModelAmbient) std::copy(v, v + std::min<uint32_t>(n, 4), lightModelAmbient.begin());
 }
 
+uint16_t CFFContextState::coreEquivalent(uint16_t id) {
+    // Made once from the catalogue's names: the OES fixed-point functions are the ES1 functions'
+    // names with the suffix.
+    static const std::map<uint16_t, uint16_t> equivalents = [] {
+        std::map<uint16_t, uint16_t> byId;
+        std::map<std::string, uint16_t> es1;
+        for (uint16_t es1Id = 3000; es1Id <= 3145; ++es1Id)
+            if (const char *name = api::functionName(es1Id)) es1[name] = es1Id;
+        for (uint16_t extId = 4042; extId <= 4080; ++extId) {
+            const char *name = api::functionName(extId);
+            if (!name) continue;
+            std::string core(name);
+            if (core.size() < 4 || core.compare(core.size() - 3, 3, "OES") != 0) continue;
+            core.resize(core.size() - 3);
+            auto found = es1.find(core);
+            if (found != es1.end()) byId[extId] = found->second;
+        }
+        return byId;
+    }();
+    if (id < 4000) return id;
+    auto found = equivalents.find(id);
+    return found == equivalents.end() ? id : found->second;
+}
+
 bool CFFContextState::changesState(uint16_t id) {
+    id = coreEquivalent(id);
+    if (id >= 4000) {
+        switch (id) {
+        case kCurrentPaletteMatrixOES:
+        case kLoadPaletteFromModelViewMatrixOES:
+        case kMatrixIndexPointerOES:
+        case kWeightPointerOES:
+        case kBindRenderbufferOES:
+        case kDeleteRenderbuffersOES:
+        case kRenderbufferStorageOES:
+        case kBindFramebufferOES:
+        case kDeleteFramebuffersOES:
+        case kFramebufferTexture2DOES:
+        case kFramebufferRenderbufferOES:
+            return true;
+        default:
+            return false;
+        }
+    }
     switch (id) {
     case 3009: // glClear
     case 3024: // glCompressedTexSubImage2D
@@ -298,6 +356,7 @@ bool CFFContextState::changesState(uint16_t id) {
 }
 
 uint64_t CFFContextState::pointedBytes(uint16_t id, const uint64_t *args, uint32_t *argument) {
+    id = coreEquivalent(id);
     const GLenum pname = static_cast<GLenum>(args[1]);
     auto values = [](GLenum p) -> uint64_t {
         switch (p) {
@@ -332,6 +391,8 @@ uint64_t CFFContextState::pointedBytes(uint16_t id, const uint64_t *args, uint32
         return 16;
     case 3028: // glDeleteBuffers
     case 3029: // glDeleteTextures
+    case kDeleteRenderbuffersOES:
+    case kDeleteFramebuffersOES:
         *argument = 1;
         return static_cast<int32_t>(args[0]) > 0 ? static_cast<uint64_t>(static_cast<int32_t>(args[0])) * 4
                                                  : 0;
@@ -366,7 +427,50 @@ uint64_t CFFContextState::pointedBytes(uint16_t id, const uint64_t *args, uint32
     }
 }
 
+void CFFContextState::deleteNames(uint16_t id, const uint32_t *names, uint32_t count) {
+    SEs1Resources &objects = shared();
+    // What a deleted texture or renderbuffer was attached to loses it, as in the driver (where the
+    // attachment leaves only the bound framebuffer; the others keep a name the driver no longer
+    // draws to, which a later attachment replaces).
+    auto detach = [&](GLenum type, GLuint name) {
+        for (auto &framebuffer : objects.framebuffers)
+            for (auto &attachment : framebuffer.second.attachments)
+                if (attachment.second.type == type && attachment.second.name == name &&
+                    framebuffer.first == framebufferBinding)
+                    attachment.second = SEs1Resources::Attachment{};
+    };
+    for (uint32_t k = 0; k < count; ++k) {
+        const GLuint name = names[k];
+        if (!name) continue;
+        switch (id) {
+        case 3028: // glDeleteBuffers
+            objects.buffers.erase(name);
+            if (arrayBuffer == name) arrayBuffer = 0;
+            if (elementArrayBuffer == name) elementArrayBuffer = 0;
+            break;
+        case 3029: // glDeleteTextures
+            objects.textures.erase(name);
+            for (TextureUnit &u : units)
+                if (u.binding2D == name) u.binding2D = 0;
+            detach(kTextureObject, name);
+            break;
+        case kDeleteRenderbuffersOES:
+            objects.renderbuffers.erase(name);
+            if (renderbufferBinding == name) renderbufferBinding = 0;
+            detach(kRenderbuffer, name);
+            break;
+        case kDeleteFramebuffersOES:
+            objects.framebuffers.erase(name);
+            if (framebufferBinding == name) framebufferBinding = 0;
+            break;
+        default:
+            break;
+        }
+    }
+}
+
 void CFFContextState::apply(uint16_t id, const uint64_t *a, const void *data, uint64_t bytes) {
+    id = coreEquivalent(id);
     auto f = [&](int i) { return slotFloat(a[i]); };
     auto x = [&](int i) { return fixedToFloat(static_cast<int32_t>(a[i])); };
     auto e = [&](int i) { return static_cast<GLenum>(a[i]); };
@@ -582,19 +686,9 @@ void CFFContextState::apply(uint16_t id, const uint64_t *a, const void *data, ui
         break;
     case 3028:
     case 3029:
-        for (uint32_t k = 0; k < wordCount; ++k) {
-            const GLuint name = words[k];
-            if (!name) continue;
-            if (id == 3028) {
-                shared().buffers.erase(name);
-                if (arrayBuffer == name) arrayBuffer = 0;
-                if (elementArrayBuffer == name) elementArrayBuffer = 0;
-            } else {
-                shared().textures.erase(name);
-                for (TextureUnit &u : units)
-                    if (u.binding2D == name) u.binding2D = 0;
-            }
-        }
+    case kDeleteRenderbuffersOES:
+    case kDeleteFramebuffersOES:
+        deleteNames(id, words, std::min<uint32_t>(wordCount, static_cast<uint32_t>(std::max(i32(0), 0))));
         break;
     case 3030:
         depthFunc = e(0);
@@ -851,6 +945,49 @@ void CFFContextState::apply(uint16_t id, const uint64_t *a, const void *data, ui
         break;
     case 3145:
         setArray(pointSizeArray, 1, e(0), i32(1), a[2]);
+        break;
+    case kCurrentPaletteMatrixOES:
+        currentPaletteMatrix = static_cast<GLuint>(a[0]);
+        break;
+    case kLoadPaletteFromModelViewMatrixOES: {
+        std::vector<Matrix> &stack = palette[currentPaletteMatrix];
+        if (stack.empty()) stack.push_back(identity());
+        stack.back() = modelviewStack.back();
+        break;
+    }
+    case kMatrixIndexPointerOES:
+        setArray(matrixIndexArray, i32(0), e(1), i32(2), a[3]);
+        break;
+    case kWeightPointerOES:
+        setArray(weightArray, i32(0), e(1), i32(2), a[3]);
+        break;
+    case kBindRenderbufferOES:
+        renderbufferBinding = static_cast<GLuint>(a[1]);
+        if (renderbufferBinding) shared().renderbuffers[renderbufferBinding];
+        break;
+    case kRenderbufferStorageOES:
+        if (renderbufferBinding) {
+            SEs1Resources::Renderbuffer &r = shared().renderbuffers[renderbufferBinding];
+            r.internalFormat = e(1), r.width = i32(2), r.height = i32(3);
+        }
+        break;
+    case kBindFramebufferOES:
+        framebufferBinding = static_cast<GLuint>(a[1]);
+        if (framebufferBinding) shared().framebuffers[framebufferBinding];
+        break;
+    case kFramebufferTexture2DOES: // (target, attachment, textarget, texture, level)
+        if (framebufferBinding) {
+            SEs1Resources::Attachment &at = shared().framebuffers[framebufferBinding].attachments[e(1)];
+            at = SEs1Resources::Attachment{};
+            if (a[3]) at = {kTextureObject, static_cast<GLuint>(a[3]), e(2), i32(4)};
+        }
+        break;
+    case kFramebufferRenderbufferOES: // (target, attachment, renderbuffertarget, renderbuffer)
+        if (framebufferBinding) {
+            SEs1Resources::Attachment &at = shared().framebuffers[framebufferBinding].attachments[e(1)];
+            at = SEs1Resources::Attachment{};
+            if (a[3]) at = {kRenderbuffer, static_cast<GLuint>(a[3]), 0, 0};
+        }
         break;
     default:
         break;

@@ -39,6 +39,9 @@ public:
         struct Buffer {
             std::vector<uint8_t> contents; // what glBufferData and glBufferSubData put there
             GLenum usage = GL_STATIC_DRAW;
+            // While the application holds the buffer mapped (glMapBufferOES): where. What it
+            // wrote there is taken into `contents` when it unmaps.
+            void *mapPointer = nullptr;
         };
         struct Level {
             GLenum internalFormat = 0, format = 0, type = 0;
@@ -50,8 +53,27 @@ public:
             std::map<GLenum, std::array<float, 4>> parameters;
             std::map<GLint, Level> levels;
         };
+        // Objects of the OpenGL ES 1 framebuffer object extension; they come into being when first
+        // bound, as the driver's do.
+        struct Renderbuffer {
+            GLenum internalFormat = 0;
+            GLsizei width = 0, height = 0;
+        };
+        struct Attachment {
+            GLenum type = 0; // GL_TEXTURE or GL_RENDERBUFFER; 0 for none
+            GLuint name = 0;
+            GLenum textureTarget = 0;
+            GLint level = 0;
+        };
+        struct Framebuffer {
+            std::map<GLenum, Attachment> attachments; // by attachment point
+        };
         std::map<GLuint, Buffer> buffers;
         std::map<GLuint, Texture> textures;
+        std::map<GLuint, Renderbuffer> renderbuffers;
+        std::map<GLuint, Framebuffer> framebuffers;
+        // Set while a snapshot is written once the first context of the group wrote these objects.
+        bool saved = false;
     };
 
     struct ClientArray {
@@ -95,7 +117,12 @@ public:
     SharedPtr<SEs1Resources> &resources() { return resources_; }
     SEs1Resources &shared() { return *resources_; }
 
-    // Updates the state for a successful ES1 call `id` (catalogue ids 3001-3145) with its
+    // The OpenGL ES 1 call an extension function `id` stands for: the fixed-point functions of the
+    // OES extension (glAlphaFuncxOES is glAlphaFuncx); `id` itself for any other.
+    static uint16_t coreEquivalent(uint16_t id);
+
+    // Updates the state for a successful ES1 call `id` (catalogue ids 3001-3145, and the extension
+    // functions an ES1 context offers: framebuffer objects, matrix palette, mapped buffers) with its
     // arguments as 64-bit slots (base/slots.h) and the bytes it points at, already read (null
     // when they could not be read).
     void apply(uint16_t id, const uint64_t *args, const void *data, uint64_t bytes);
@@ -122,6 +149,8 @@ public:
 
     // The error the error check consumed and the application has not asked for yet.
     uint32_t pendingError = 0;
+    // Whether the context has ever been current (a snapshot makes it current only then).
+    bool everCurrent = false;
 
     // ---- Shadowed state, in the order a snapshot restores it -------------------------------------
     TextureUnit units[kTextureUnits];
@@ -160,7 +189,8 @@ public:
     std::vector<Matrix> modelviewStack{identity()};
     std::vector<Matrix> projectionStack{identity()};
     GLint packAlignment = 4, unpackAlignment = 4;
-    float pointSizeMin = 0, pointSizeMax = 1, pointFadeThreshold = 1;
+    // The largest point size starts as the driver's largest (unknown here: -1 until set).
+    float pointSizeMin = 0, pointSizeMax = -1, pointFadeThreshold = 1;
     std::array<float, 3> pointDistanceAttenuation{1, 0, 0};
     float pointSize = 1;
     float polygonOffsetFactor = 0, polygonOffsetUnits = 0;
@@ -173,6 +203,11 @@ public:
     GLuint stencilValueMask = 0xFFFFFFFFu, stencilWriteMask = 0xFFFFFFFFu;
     GLenum stencilFail = GL_KEEP, stencilDepthFail = GL_KEEP, stencilDepthPass = GL_KEEP;
     GLint viewport[4] = {0, 0, 0, 0};
+    // The matrix palette: a stack per palette matrix (made when first used), and the one that
+    // glCurrentPaletteMatrixOES selects, which the matrix calls change in GL_MATRIX_PALETTE_OES mode.
+    GLuint currentPaletteMatrix = 0;
+    std::map<GLuint, std::vector<Matrix>> palette;
+    GLuint framebufferBinding = 0, renderbufferBinding = 0;
     ClientArray vertexArray, normalArray, colorArray, pointSizeArray, matrixIndexArray, weightArray;
 
 private:
@@ -184,6 +219,7 @@ private:
     void lightModel(GLenum pname, const float *v, uint32_t n);
     void multiply(const Matrix &m);
     std::vector<Matrix> &currentStack();
+    void deleteNames(uint16_t id, const uint32_t *names, uint32_t count);
 
     SharedPtr<SEs1Resources> resources_;
 };

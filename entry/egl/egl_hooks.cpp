@@ -217,6 +217,7 @@ void Hooks<fn::eglMakeCurrent>::after(CallCtx &c, EGLBoolean &result, EGLDisplay
     t.current = ctx == EGL_NO_CONTEXT ? nullptr : egl::findContext(dpy, ctx);
     t.drawSize = draw == EGL_NO_SURFACE ? nullptr : egl::surfaceSize(dpy, draw);
     if (t.current && t.current->es2) t.current->es2->everCurrent = true;
+    if (t.current && t.current->es1) t.current->es1->everCurrent = true;
 }
 
 void Hooks<fn::eglReleaseThread>::after(CallCtx &c, EGLBoolean &result) {

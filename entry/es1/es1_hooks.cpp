@@ -1,8 +1,10 @@
 #include "entry/es1/es1_hooks.h"
 
+#include "entry/ext/ext_call.h"
 #include "entry/reported_strings.h"
 #include "state/egl_state.h"
 
+#include <cstring>
 #include <vector>
 
 namespace kv {
@@ -31,6 +33,55 @@ void Es1Api::track(CallCtx &c, const uint64_t *args) {
     }
     platform::LockGuard<StateLock> guard(stateLock());
     state->apply(c.id, args, data, data ? bytes : 0);
+}
+
+namespace {
+
+constexpr uint16_t kMapBufferOES = fn::glMapBufferOES::id, kUnmapBufferOES = fn::glUnmapBufferOES::id;
+
+CFFContextState::SEs1Resources::Buffer *boundBuffer(CFFContextState &state, GLenum target) {
+    const GLuint name = state.bufferBinding(target);
+    return name ? &state.shared().buffers[name] : nullptr;
+}
+
+} // namespace
+
+void Es1Api::extensionBefore(CallCtx &c, const uint64_t *args) {
+    if (c.id != kUnmapBufferOES) return;
+    // What the application wrote through the mapping is taken into the recorder's copy while the
+    // mapping is still valid; the record carries it from there (capture::glUnmapBuffer_data).
+    CFFContextState *state = egl::currentEs1StateQuiet();
+    if (!state) return;
+    platform::LockGuard<StateLock> guard(stateLock());
+    CFFContextState::SEs1Resources::Buffer *buffer = boundBuffer(*state, static_cast<GLenum>(args[0]));
+    if (!buffer || !buffer->mapPointer || buffer->contents.empty()) return;
+    const size_t n = buffer->contents.size();
+    const size_t got = platform::guardedCopy(buffer->contents.data(), buffer->mapPointer, n);
+    if (got < n) std::memset(buffer->contents.data() + got, 0, n - got);
+    c.extra = buffer->contents.data();
+    c.scratch[5] = n;
+}
+
+void Es1Api::extensionAfter(CallCtx &c, const uint64_t *args, uint64_t result) {
+    // The same error handling as the ES1 functions': the check takes the driver's error and keeps
+    // it for the application's glGetError, so that the next ES1 call is not taken to have failed.
+    if (c.d.checkErrors) {
+        c.error = queryError();
+        c.failed = failed(c.error);
+        noteError(c.error);
+    }
+    if (c.failed) return;
+    if (c.id == kMapBufferOES || c.id == kUnmapBufferOES) {
+        CFFContextState *state = egl::currentEs1State();
+        if (!state) return;
+        platform::LockGuard<StateLock> guard(stateLock());
+        // glMapBufferOES maps the whole buffer, for writing only.
+        if (auto *buffer = boundBuffer(*state, static_cast<GLenum>(args[0])))
+            buffer->mapPointer =
+                c.id == kMapBufferOES ? reinterpret_cast<void *>(static_cast<uintptr_t>(result)) : nullptr;
+        return;
+    }
+    track(c, args);
 }
 
 GLenum Hooks<fn::es1::glGetError>::host(CallCtx &) {

@@ -15,7 +15,7 @@
 namespace kv {
 
 // The admission of an extension call (see above). Sets c.es1 for a context of OpenGL ES 1, whose
-// calls have no ES2/3 shadow state and whose errors the library leaves to the application.
+// calls update the fixed-function state and keep their errors as the ES1 functions do.
 bool admitExtensionCall(CallCtx &c, const char *name, const uint16_t *extensions, const char *extensionText,
                         uint32_t coreSince);
 

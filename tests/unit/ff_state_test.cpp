@@ -130,5 +130,54 @@ TEST(FFState, BuffersKeepTheirContentsAndClientArraysTheirBuffer) {
     EXPECT_EQ(0u, s.shared().buffers.count(8));
 }
 
+TEST(FFState, ExtensionCallsOfAnEs1ContextKeepTheirObjectsAndMatrices) {
+    CFFContextState s;
+    // The matrix palette: each palette matrix is its own matrix, changed in its matrix mode.
+    call(s, 3093, {0x8840});           // glMatrixMode(GL_MATRIX_PALETTE_OES)
+    call(s, 4011, {2});                // glCurrentPaletteMatrixOES(2)
+    call(s, 3119, {f(3), f(3), f(3)}); // glScalef
+    EXPECT_EQ(3.0f, s.palette[2].back()[0]);
+    EXPECT_EQ(CFFContextState::identity(), s.modelviewStack.back());
+    call(s, 3093, {0x1700});
+    call(s, 3141, {f(5), 0, 0}); // glTranslatef on the modelview
+    call(s, 4011, {1});
+    call(s, 4012, {}); // glLoadPaletteFromModelViewMatrixOES
+    EXPECT_EQ(5.0f, s.palette[1].back()[12]);
+    EXPECT_EQ(3.0f, s.palette[2].back()[0]);
+    call(s, 4013, {3, GL_UNSIGNED_BYTE, 4, 0x5000}); // glMatrixIndexPointerOES
+    call(s, 4014, {3, GL_FLOAT, 12, 0x6000});        // glWeightPointerOES
+    EXPECT_EQ(3, s.array(kFFMatrixIndexArray)->size);
+    EXPECT_EQ(reinterpret_cast<const void *>(0x6000), s.array(kFFWeightArray)->pointer);
+    EXPECT_EQ(12u, s.array(kFFWeightArray)->step());
+
+    // Framebuffer objects: storage, attachments, and what deleting the attached objects leaves.
+    call(s, 4016, {0x8D41, 7});                    // glBindRenderbufferOES
+    call(s, 4019, {0x8D41, 0x81A5, 32, 16});       // glRenderbufferStorageOES(DEPTH_COMPONENT16)
+    call(s, 4022, {0x8D40, 3});                    // glBindFramebufferOES
+    call(s, 4026, {0x8D40, 0x8CE0, 0x0DE1, 9, 0}); // glFramebufferTexture2DOES(COLOR_ATTACHMENT0)
+    call(s, 4027, {0x8D40, 0x8D00, 0x8D41, 7});    // glFramebufferRenderbufferOES(DEPTH_ATTACHMENT)
+    auto &objects = s.shared();
+    EXPECT_EQ(32, objects.renderbuffers[7].width);
+    EXPECT_EQ(0x81A5u, objects.renderbuffers[7].internalFormat);
+    EXPECT_EQ(9u, objects.framebuffers[3].attachments[0x8CE0].name);
+    EXPECT_EQ(0x8D41u, objects.framebuffers[3].attachments[0x8D00].type);
+    const GLuint seven = 7, three = 3;
+    call(s, 4017, {1, 0}, &seven, 4); // glDeleteRenderbuffersOES
+    EXPECT_EQ(0u, s.renderbufferBinding);
+    EXPECT_EQ(0u, objects.framebuffers[3].attachments[0x8D00].type);
+    EXPECT_EQ(9u, objects.framebuffers[3].attachments[0x8CE0].name);
+    call(s, 4023, {1, 0}, &three, 4); // glDeleteFramebuffersOES
+    EXPECT_EQ(0u, s.framebufferBinding);
+    EXPECT_EQ(0u, objects.framebuffers.count(3));
+
+    // The OES fixed-point functions are the ES1 ones.
+    EXPECT_EQ(3003u, CFFContextState::coreEquivalent(4042)); // glAlphaFuncxOES
+    EXPECT_EQ(3142u, CFFContextState::coreEquivalent(4080)); // glTranslatexOES
+    EXPECT_EQ(4026u, CFFContextState::coreEquivalent(4026));
+    call(s, 4042, {GL_GREATER, 0x8000}); // glAlphaFuncxOES
+    EXPECT_EQ(0.5f, s.alphaRef);
+    EXPECT_FALSE(CFFContextState::changesState(4052)); // glGetFixedvOES
+}
+
 } // namespace
 } // namespace kv
