@@ -4,6 +4,7 @@
 // reads them like any others; nothing of it reaches the driver except the read-backs of contents
 // the recorder does not keep (buffer and texture data) and the queries of state it does not shadow.
 #include "entry/snapshot.h"
+#include "entry/snapshot_readback.h"
 
 #include "base/messages.h"
 #include "core/call.h"
@@ -252,6 +253,9 @@ private:
                            GLuint sampler);
     bool readLevel(GLuint name, GLenum imageTarget, GLint level, GLsizei w, GLsizei h, GLsizei layers,
                    const TexelLayout &l, std::vector<uint8_t> &out);
+    bool readThroughShader(GLuint name, const Resources::Texture &t, GLenum imageTarget, GLint level,
+                           GLsizei w, GLsizei h, GLsizei layers, const ShaderLayout &l,
+                           std::vector<uint8_t> &out);
     void buffers();
     void samplers();
 
@@ -259,6 +263,7 @@ private:
     CEs2ContextState &s_;
     bool host_;
     GLuint readFramebuffer_ = 0;
+    ShaderReader *reader_ = nullptr; // while textures are read
 };
 
 void Writer::shaders() {
@@ -480,8 +485,13 @@ void Writer::texture(GLuint name, const Resources::Texture &t) {
         return;
     }
     if (t.width <= 0 || t.height <= 0) return;
+    // Formats a framebuffer can read are read with glReadPixels; the others (luminance, alpha,
+    // depth, stencil, packed, float, integer) are fetched by the helper program.
     TexelLayout l;
-    const bool readable = texelLayout(t.internalFormat, t.format, t.type, l);
+    ShaderLayout sl;
+    const bool direct = texelLayout(t.internalFormat, t.format, t.type, l);
+    const bool viaShader = !direct && shaderLayout(t.internalFormat, t.format, t.type, sl);
+    const bool readable = direct || viaShader;
     if (!readable)
         msg::warning("Texture %u: the contents of format 0x%x cannot be read back; its images are made empty",
                      name, t.internalFormat);
@@ -489,25 +499,40 @@ void Writer::texture(GLuint name, const Resources::Texture &t) {
         msg::warning("Texture %u: no context of its share group is current on this thread; its images are "
                      "made empty",
                      name);
+    const GLenum format = direct ? l.format : viaShader ? sl.format : t.format;
+    const GLenum type = direct ? l.type : viaShader ? sl.type : t.type;
+    bool warned = false;
     for (GLsizei level = 0; level < levels; ++level) {
         const GLsizei w = std::max(1, t.width >> level), h = std::max(1, t.height >> level);
         const GLsizei d = t.target == GL_TEXTURE_3D ? std::max(1, t.depth >> level) : std::max(1, t.depth);
+        const GLsizei layers = layered ? d : 1;
         for (GLenum image : imageTargets(t.target)) {
-            std::vector<uint8_t> read;
-            const bool got =
-                readable && host_ && readLevel(name, image, level, w, h, layered ? d : 1, l, read);
             std::vector<uint8_t> texels;
-            if (got) texels = convertTexels(read, l, static_cast<size_t>(w) * h * (layered ? d : 1));
+            bool got = false;
+            if (readable && host_) {
+                if (direct) {
+                    std::vector<uint8_t> read;
+                    got = readLevel(name, image, level, w, h, layers, l, read);
+                    if (got) texels = convertTexels(read, l, static_cast<size_t>(w) * h * layers);
+                } else {
+                    got = readThroughShader(name, t, image, level, w, h, layers, sl, texels);
+                }
+                if (!got && !warned) {
+                    warned = true;
+                    msg::warning(
+                        "Texture %u: the driver did not give the contents of format 0x%x; its images "
+                        "are made empty",
+                        name, t.internalFormat);
+                }
+            }
             const void *data = got ? texels.data() : nullptr;
             if (t.immutable) {
                 if (!got) continue;
                 if (layered)
-                    record<fn::glTexSubImage3D>(image, level, 0, 0, 0, w, h, d, l.format, l.type, data);
+                    record<fn::glTexSubImage3D>(image, level, 0, 0, 0, w, h, d, format, type, data);
                 else
-                    record<fn::glTexSubImage2D>(image, level, 0, 0, w, h, l.format, l.type, data);
+                    record<fn::glTexSubImage2D>(image, level, 0, 0, w, h, format, type, data);
             } else {
-                const GLenum format = readable ? l.format : t.format;
-                const GLenum type = readable ? l.type : t.type;
                 if (layered)
                     record<fn::glTexImage3D>(image, level, t.internalFormat, w, h, d, 0, format, type, data);
                 else
@@ -516,6 +541,30 @@ void Writer::texture(GLuint name, const Resources::Texture &t) {
             }
         }
     }
+}
+
+bool Writer::readThroughShader(GLuint name, const Resources::Texture &t, GLenum imageTarget, GLint level,
+                               GLsizei w, GLsizei h, GLsizei layers, const ShaderLayout &l,
+                               std::vector<uint8_t> &out) {
+    if (!reader_) return false;
+    std::vector<uint32_t> texels, stencil;
+    if (!reader_->read(name, t.target, imageTarget, level, w, h, layers, l.sample, texels)) return false;
+    if (l.withStencil) {
+        std::vector<uint32_t> words;
+        // Without the stencil (older drivers) the depth is still worth having.
+        if (reader_->read(name, t.target, imageTarget, level, w, h, layers, ShaderLayout::Sample::Stencil,
+                          words)) {
+            stencil.resize(words.size() / 4);
+            for (size_t i = 0; i < stencil.size(); ++i)
+                stencil[i] = words[i * 4];
+        } else {
+            msg::warning("Texture %u: the driver does not give the stencil of a depth-stencil texture; it is "
+                         "made zero",
+                         name);
+        }
+    }
+    out = packTexels(l, texels, stencil, static_cast<size_t>(w) * h * layers);
+    return true;
 }
 
 void Writer::textures() {
@@ -539,9 +588,11 @@ void Writer::textures() {
     record<fn::glPixelStorei>(GL_UNPACK_ALIGNMENT, 1);
     if (es3() && savedUnpack) record<fn::glBindBuffer>(GL_PIXEL_UNPACK_BUFFER, 0u);
     HostBindings hostBindings;
+    ShaderReader reader;
     if (host_) {
         hostBindings.save(es3());
         gl().glGenFramebuffers(1, &readFramebuffer_);
+        reader_ = &reader;
     }
     std::vector<GLuint> names;
     for (auto &entry : all)
@@ -558,6 +609,8 @@ void Writer::textures() {
         texture(name, t);
     }
     if (host_) {
+        reader.finish();
+        reader_ = nullptr;
         gl().glDeleteFramebuffers(1, &readFramebuffer_);
         hostBindings.restore();
     }
