@@ -79,6 +79,11 @@ uint32_t depthBits(float depth, int bits) {
     return static_cast<uint32_t>(std::llround(d * scale));
 }
 
+// A fetched normalised channel as an integer of `bits` bits.
+uint32_t unorm(uint32_t word, int bits) {
+    return depthBits(wordFloat(word), bits);
+}
+
 template <class T>
 void put(std::vector<uint8_t> &out, size_t &at, T value) {
     std::memcpy(&out[at], &value, sizeof(T));
@@ -98,7 +103,13 @@ bool shaderLayout(GLenum internalFormat, GLenum format, GLenum type, ShaderLayou
         uint8_t count = 0, from[4];
         channelsOf(internalFormat, count, from);
         // An unsized format's storage follows the upload's type: the type stays.
-        if (type == GL_UNSIGNED_BYTE)
+        if (internalFormat == GL_RGB && type == GL_UNSIGNED_SHORT_5_6_5)
+            out = make(Sample::Float, Pack::Short565, GL_RGB, type, 3);
+        else if (internalFormat == GL_RGBA && type == GL_UNSIGNED_SHORT_4_4_4_4)
+            out = make(Sample::Float, Pack::Short4444, GL_RGBA, type, 4);
+        else if (internalFormat == GL_RGBA && type == GL_UNSIGNED_SHORT_5_5_5_1)
+            out = make(Sample::Float, Pack::Short5551, GL_RGBA, type, 4);
+        else if (type == GL_UNSIGNED_BYTE)
             out = make(Sample::Float, Pack::Unorm8, internalFormat, GL_UNSIGNED_BYTE, count,
                        {from[0], from[1], from[2], from[3]});
         else if (type == GL_FLOAT)
@@ -109,9 +120,12 @@ bool shaderLayout(GLenum internalFormat, GLenum format, GLenum type, ShaderLayou
         return true;
     }
     case GL_DEPTH_COMPONENT:
-        if (type == GL_UNSIGNED_SHORT) out = make(Sample::Float, Pack::Depth16, format, type, 1);
-        else if (type == GL_UNSIGNED_INT) out = make(Sample::Float, Pack::Depth24, format, type, 1);
-        else return false;
+        if (type == GL_UNSIGNED_SHORT)
+            out = make(Sample::Float, Pack::Depth16, format, type, 1);
+        else if (type == GL_UNSIGNED_INT)
+            out = make(Sample::Float, Pack::Depth24, format, type, 1);
+        else
+            return false;
         return true;
     case GL_DEPTH_STENCIL:
         out = make(Sample::Float, Pack::Depth24Stencil8, GL_DEPTH_STENCIL, GL_UNSIGNED_INT_24_8, 1);
@@ -121,8 +135,8 @@ bool shaderLayout(GLenum internalFormat, GLenum format, GLenum type, ShaderLayou
     case GL_RGB565:
     case GL_RGB5_A1:
     case GL_RGBA4:
-        out = make(Sample::Float, Pack::Unorm8, internalFormat == GL_RGB565 ? GL_RGB : GL_RGBA, GL_UNSIGNED_BYTE,
-                   internalFormat == GL_RGB565 ? 3 : 4);
+        out = make(Sample::Float, Pack::Unorm8, internalFormat == GL_RGB565 ? GL_RGB : GL_RGBA,
+                   GL_UNSIGNED_BYTE, internalFormat == GL_RGB565 ? 3 : 4);
         return true;
     case GL_R16F:
     case GL_R32F:
@@ -183,7 +197,8 @@ bool shaderLayout(GLenum internalFormat, GLenum format, GLenum type, ShaderLayou
         out.withStencil = true;
         return true;
     case GL_DEPTH32F_STENCIL8:
-        out = make(Sample::Float, Pack::Depth32FStencil8, GL_DEPTH_STENCIL, GL_FLOAT_32_UNSIGNED_INT_24_8_REV, 1);
+        out = make(Sample::Float, Pack::Depth32FStencil8, GL_DEPTH_STENCIL, GL_FLOAT_32_UNSIGNED_INT_24_8_REV,
+                   1);
         out.withStencil = true;
         return true;
     case GL_STENCIL_INDEX8:
@@ -204,6 +219,11 @@ std::vector<uint8_t> packTexels(const ShaderLayout &l, const std::vector<uint32_
         break;
     case Pack::Int16:
         bytes = 2u * l.channelCount;
+        break;
+    case Pack::Short565:
+    case Pack::Short4444:
+    case Pack::Short5551:
+        bytes = 2;
         break;
     case Pack::Float32:
     case Pack::Int32:
@@ -272,6 +292,21 @@ std::vector<uint8_t> packTexels(const ShaderLayout &l, const std::vector<uint32_
         case Pack::Stencil8:
             put<uint8_t>(out, at, static_cast<uint8_t>(w[0]));
             break;
+        case Pack::Short565:
+            put<uint16_t>(
+                out, at,
+                static_cast<uint16_t>((unorm(w[0], 5) << 11) | (unorm(w[1], 6) << 5) | unorm(w[2], 5)));
+            break;
+        case Pack::Short4444:
+            put<uint16_t>(out, at,
+                          static_cast<uint16_t>((unorm(w[0], 4) << 12) | (unorm(w[1], 4) << 8) |
+                                                (unorm(w[2], 4) << 4) | unorm(w[3], 4)));
+            break;
+        case Pack::Short5551:
+            put<uint16_t>(out, at,
+                          static_cast<uint16_t>((unorm(w[0], 5) << 11) | (unorm(w[1], 5) << 6) |
+                                                (unorm(w[2], 5) << 1) | unorm(w[3], 1)));
+            break;
         }
     }
     return out;
@@ -285,28 +320,32 @@ const GLenum kUnitTargets[4] = {GL_TEXTURE_2D, GL_TEXTURE_CUBE_MAP, GL_TEXTURE_3
 const GLenum kUnitBindings[4] = {GL_TEXTURE_BINDING_2D, GL_TEXTURE_BINDING_CUBE_MAP, GL_TEXTURE_BINDING_3D,
                                  GL_TEXTURE_BINDING_2D_ARRAY};
 // The settings that would change or drop the helper's fragments.
-const GLenum kCapabilities[] = {GL_SCISSOR_TEST,  GL_STENCIL_TEST,      GL_DEPTH_TEST,
-                                GL_BLEND,         GL_CULL_FACE,         GL_RASTERIZER_DISCARD,
-                                GL_DITHER,        GL_POLYGON_OFFSET_FILL, GL_SAMPLE_ALPHA_TO_COVERAGE,
+const GLenum kCapabilities[] = {GL_SCISSOR_TEST,   GL_STENCIL_TEST,        GL_DEPTH_TEST,
+                                GL_BLEND,          GL_CULL_FACE,           GL_RASTERIZER_DISCARD,
+                                GL_DITHER,         GL_POLYGON_OFFSET_FILL, GL_SAMPLE_ALPHA_TO_COVERAGE,
                                 GL_SAMPLE_COVERAGE};
 
-const char *kVertexShader = "#version 300 es\n"
-                            "void main() {\n"
-                            "  vec2 p = vec2(float((gl_VertexID & 1) * 4 - 1), float((gl_VertexID & 2) * 2 - 1));\n"
-                            "  gl_Position = vec4(p, 0.0, 1.0);\n"
-                            "}\n";
+const char *kVertexShader =
+    "#version 300 es\n"
+    "void main() {\n"
+    "  vec2 p = vec2(float((gl_VertexID & 1) * 4 - 1), float((gl_VertexID & 2) * 2 - 1));\n"
+    "  gl_Position = vec4(p, 0.0, 1.0);\n"
+    "}\n";
 
 std::string fragmentShader(GLenum target, Sample sample) {
     const char *prefix = sample == Sample::Int ? "i" : (sample == Sample::Float ? "" : "u");
-    const char *kind = target == GL_TEXTURE_CUBE_MAP  ? "samplerCube"
-                       : target == GL_TEXTURE_3D      ? "sampler3D"
+    const char *kind = target == GL_TEXTURE_CUBE_MAP   ? "samplerCube"
+                       : target == GL_TEXTURE_3D       ? "sampler3D"
                        : target == GL_TEXTURE_2D_ARRAY ? "sampler2DArray"
                                                        : "sampler2D";
     std::string s = "#version 300 es\nprecision highp float;\nprecision highp int;\n";
     s += std::string("uniform highp ") + prefix + kind + " tex;\n";
     s += "uniform int layer;\nuniform int face;\nlayout(location = 0) out highp uvec4 colour;\n";
     s += "void main() {\n  ivec2 p = ivec2(gl_FragCoord.xy);\n";
-    s += std::string("  highp ") + (sample == Sample::Int ? "ivec4" : sample == Sample::Float ? "vec4" : "uvec4") +
+    s += std::string("  highp ") +
+         (sample == Sample::Int     ? "ivec4"
+          : sample == Sample::Float ? "vec4"
+                                    : "uvec4") +
          " v;\n";
     if (target == GL_TEXTURE_CUBE_MAP) {
         // The direction through the texel's centre on the face.
@@ -448,9 +487,9 @@ bool ShaderReader::read(GLuint texture, GLenum target, GLenum imageTarget, GLint
     gl().glBindTexture(target, texture);
     // The texture's own settings that change what a fetch gives: its level range, its swizzle
     // and, for depth and stencil, which of the two it gives. Set for the read, then given back.
-    std::vector<std::pair<GLenum, GLint>> saved = {{GL_TEXTURE_BASE_LEVEL, 0},   {GL_TEXTURE_MAX_LEVEL, 1000},
-                                                   {GL_TEXTURE_SWIZZLE_R, GL_RED}, {GL_TEXTURE_SWIZZLE_G, GL_GREEN},
-                                                   {GL_TEXTURE_SWIZZLE_B, GL_BLUE}, {GL_TEXTURE_SWIZZLE_A, GL_ALPHA}};
+    std::vector<std::pair<GLenum, GLint>> saved = {
+        {GL_TEXTURE_BASE_LEVEL, 0},       {GL_TEXTURE_MAX_LEVEL, 1000},    {GL_TEXTURE_SWIZZLE_R, GL_RED},
+        {GL_TEXTURE_SWIZZLE_G, GL_GREEN}, {GL_TEXTURE_SWIZZLE_B, GL_BLUE}, {GL_TEXTURE_SWIZZLE_A, GL_ALPHA}};
     if (minor_ >= 1) saved.emplace_back(GL_DEPTH_STENCIL_TEXTURE_MODE, GL_DEPTH_COMPONENT);
     for (auto &[pname, value] : saved)
         gl().glGetTexParameteriv(target, pname, &value);
@@ -461,7 +500,8 @@ bool ShaderReader::read(GLuint texture, GLenum target, GLenum imageTarget, GLint
     gl().glTexParameteri(target, GL_TEXTURE_SWIZZLE_B, GL_BLUE);
     gl().glTexParameteri(target, GL_TEXTURE_SWIZZLE_A, GL_ALPHA);
     if (minor_ >= 1)
-        gl().glTexParameteri(target, GL_DEPTH_STENCIL_TEXTURE_MODE, stencil ? GL_STENCIL_INDEX : GL_DEPTH_COMPONENT);
+        gl().glTexParameteri(target, GL_DEPTH_STENCIL_TEXTURE_MODE,
+                             stencil ? GL_STENCIL_INDEX : GL_DEPTH_COMPONENT);
     const size_t layerWords = static_cast<size_t>(width) * static_cast<size_t>(height) * 4;
     out.assign(layerWords * static_cast<size_t>(layers), 0);
     const GLint layerLocation = gl().glGetUniformLocation(name, "layer");
@@ -472,7 +512,8 @@ bool ShaderReader::read(GLuint texture, GLenum target, GLenum imageTarget, GLint
     for (GLsizei layer = 0; layer < layers && ok; ++layer) {
         if (layerLocation >= 0) gl().glUniform1i(layerLocation, layer);
         gl().glDrawArrays(GL_TRIANGLES, 0, 3);
-        gl().glReadPixels(0, 0, width, height, GL_RGBA_INTEGER, GL_UNSIGNED_INT, out.data() + layerWords * layer);
+        gl().glReadPixels(0, 0, width, height, GL_RGBA_INTEGER, GL_UNSIGNED_INT,
+                          out.data() + layerWords * layer);
         ok = gl().glGetError() == GL_NO_ERROR;
     }
     for (auto &[pname, value] : saved)

@@ -15,17 +15,20 @@ namespace kv::snapshot {
 struct ShaderLayout {
     enum class Sample : uint8_t { Float, Int, Uint, Stencil };
     enum class Pack : uint8_t {
-        Unorm8,       // channels as bytes (0..1 scaled to 0..255)
-        Float32,      // channels as floats
-        Int8,         // channels as 8-, 16- or 32-bit integers
+        Unorm8,  // channels as bytes (0..1 scaled to 0..255)
+        Float32, // channels as floats
+        Int8,    // channels as 8-, 16- or 32-bit integers
         Int16,
         Int32,
-        Depth16,      // GL_UNSIGNED_SHORT
-        Depth24,      // GL_UNSIGNED_INT, 24 bits of depth in the top bits
-        Depth32F,     // GL_FLOAT
+        Depth16,  // GL_UNSIGNED_SHORT
+        Depth24,  // GL_UNSIGNED_INT, 24 bits of depth in the top bits
+        Depth32F, // GL_FLOAT
         Depth24Stencil8,
         Depth32FStencil8,
         Stencil8,
+        Short565, // GL_UNSIGNED_SHORT_5_6_5 and the other packed types of unsized formats
+        Short4444,
+        Short5551,
     };
     Sample sample = Sample::Float;
     Pack pack = Pack::Unorm8;

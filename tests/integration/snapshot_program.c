@@ -3,13 +3,15 @@
  * framebuffer cannot read (luminance, alpha, luminance-alpha in 2D, cube and array textures, a
  * depth texture and a depth-stencil texture whose contents the GPU drew, half floats, integers), a
  * colour renderbuffer drawn once, a program pipeline of separable programs and a transform
- * feedback object with its own buffer binding. A trace that starts after the first frame replays
- * to the same pixels only when all of them were saved. Headless.
+ * feedback object with its own buffer binding; an EGL image of a texture and an EGL fence sync
+ * are made with them, and a pbuffer of a config no context uses. A trace that starts after the first frame
+ * replays to the same pixels only when all of them were saved. Headless.
  *
  *   snapshot_program [--frames N] */
 #include "examples/headless_egl.h"
 #include <GLES3/gl31.h>
 
+#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -56,9 +58,10 @@ static const char *kQuadVs = "#version 310 es\n"
 
 static GLuint quadProgram(const char *body) {
     char fs[2048];
-    snprintf(fs, sizeof(fs),
-             "#version 310 es\nprecision highp float;\nprecision highp int;\nin vec2 uv;\nout vec4 colour;\n%s",
-             body);
+    snprintf(
+        fs, sizeof(fs),
+        "#version 310 es\nprecision highp float;\nprecision highp int;\nin vec2 uv;\nout vec4 colour;\n%s",
+        body);
     GLuint p = glCreateProgram();
     glAttachShader(p, shader(GL_VERTEX_SHADER, kQuadVs));
     glAttachShader(p, shader(GL_FRAGMENT_SHADER, fs));
@@ -131,12 +134,14 @@ int main(int argc, char **argv) {
     glTexStorage2D(GL_TEXTURE_2D, 1, GL_DEPTH24_STENCIL8, kSize * 2, kSize * 2);
     glTexParameteri(GL_TEXTURE_2D, GL_DEPTH_STENCIL_TEXTURE_MODE, GL_STENCIL_INDEX);
     GLuint slant = glCreateProgram();
-    glAttachShader(slant, shader(GL_VERTEX_SHADER, "#version 310 es\n"
-                                                   "uniform float turn;\n"
-                                                   "void main() {\n"
-                                                   "  vec2 p = vec2(float(gl_VertexID & 1), float(gl_VertexID >> 1)) * 2.4 - 1.2;\n"
-                                                   "  gl_Position = vec4(p.x + turn, p.y, p.x * 0.7 - p.y * 0.2, 1.0);\n"
-                                                   "}\n"));
+    glAttachShader(slant,
+                   shader(GL_VERTEX_SHADER,
+                          "#version 310 es\n"
+                          "uniform float turn;\n"
+                          "void main() {\n"
+                          "  vec2 p = vec2(float(gl_VertexID & 1), float(gl_VertexID >> 1)) * 2.4 - 1.2;\n"
+                          "  gl_Position = vec4(p.x + turn, p.y, p.x * 0.7 - p.y * 0.2, 1.0);\n"
+                          "}\n"));
     glAttachShader(slant, shader(GL_FRAGMENT_SHADER, "#version 310 es\nprecision mediump float;\n"
                                                      "out vec4 c;\nvoid main() { c = vec4(1.0); }\n"));
     link(slant);
@@ -151,9 +156,8 @@ int main(int argc, char **argv) {
     glStencilFunc(GL_ALWAYS, 0, 0xFF);
     GLuint targets[2] = {depth, depthStencil};
     for (int i = 0; i < 2; ++i) {
-        glFramebufferTexture2D(GL_FRAMEBUFFER, i ? GL_DEPTH_STENCIL_ATTACHMENT : GL_DEPTH_ATTACHMENT, GL_TEXTURE_2D,
-                               targets[i], 0);
-        if (i) glFramebufferTexture2D(GL_FRAMEBUFFER, GL_DEPTH_ATTACHMENT, GL_TEXTURE_2D, 0, 0);
+        glFramebufferTexture2D(GL_FRAMEBUFFER, i ? GL_DEPTH_STENCIL_ATTACHMENT : GL_DEPTH_ATTACHMENT,
+                               GL_TEXTURE_2D, targets[i], 0);
         glClearDepthf(0.75f);
         glClearStencil(3);
         glClear(GL_DEPTH_BUFFER_BIT | GL_STENCIL_BUFFER_BIT);
@@ -204,8 +208,9 @@ int main(int argc, char **argv) {
     GLuint showDepth = quadProgram("uniform highp sampler2D tex;\n"
                                    "void main() { float d = texture(tex, uv).r;\n"
                                    "  colour = vec4(d, fract(d * 256.0), fract(d * 65536.0), 1.0); }\n");
-    GLuint showStencil = quadProgram("uniform highp usampler2D tex;\n"
-                                     "void main() { colour = vec4(float(texture(tex, uv).r) / 8.0, 0.2, 0.7, 1.0); }\n");
+    GLuint showStencil =
+        quadProgram("uniform highp usampler2D tex;\n"
+                    "void main() { colour = vec4(float(texture(tex, uv).r) / 8.0, 0.2, 0.7, 1.0); }\n");
 
     /* A program pipeline of two separable programs: the quad and a colour from a uniform. */
     const char *pipelineVs[] = {"#version 310 es\n"
@@ -228,11 +233,12 @@ int main(int argc, char **argv) {
     /* A transform feedback object with its own buffer: each frame captures a moving triangle and
      * draws what it captured. */
     GLuint capture = glCreateProgram();
-    glAttachShader(capture, shader(GL_VERTEX_SHADER, "#version 310 es\n"
-                                                     "uniform float t;\nout vec4 p;\n"
-                                                     "void main() { p = vec4(0.2 + 0.1 * float(gl_VertexID) + t, "
-                                                     "-0.9 + 0.3 * float(gl_VertexID & 1), 0.0, 1.0); "
-                                                     "gl_Position = p; }\n"));
+    glAttachShader(capture,
+                   shader(GL_VERTEX_SHADER, "#version 310 es\n"
+                                            "uniform float t;\nout vec4 p;\n"
+                                            "void main() { p = vec4(0.2 + 0.1 * float(gl_VertexID) + t, "
+                                            "-0.9 + 0.3 * float(gl_VertexID & 1), 0.0, 1.0); "
+                                            "gl_Position = p; }\n"));
     glAttachShader(capture, shader(GL_FRAGMENT_SHADER, "#version 310 es\nprecision mediump float;\n"
                                                        "out vec4 c;\nvoid main() { c = vec4(1.0); }\n"));
     const char *varyings[] = {"p"};
@@ -251,8 +257,9 @@ int main(int argc, char **argv) {
     GLuint drawCaptured = glCreateProgram();
     glAttachShader(drawCaptured, shader(GL_VERTEX_SHADER, "#version 310 es\nlayout(location = 0) in vec4 p;\n"
                                                           "void main() { gl_Position = p; }\n"));
-    glAttachShader(drawCaptured, shader(GL_FRAGMENT_SHADER, "#version 310 es\nprecision mediump float;\n"
-                                                            "out vec4 c;\nvoid main() { c = vec4(0.1, 0.9, 0.3, 1.0); }\n"));
+    glAttachShader(drawCaptured, shader(GL_FRAGMENT_SHADER,
+                                        "#version 310 es\nprecision mediump float;\n"
+                                        "out vec4 c;\nvoid main() { c = vec4(0.1, 0.9, 0.3, 1.0); }\n"));
     link(drawCaptured);
     GLuint vao;
     glGenVertexArrays(1, &vao);
@@ -263,9 +270,44 @@ int main(int argc, char **argv) {
     glBindBuffer(GL_ARRAY_BUFFER, 0);
     glBindVertexArray(0);
 
+    /* An EGL image of an RGBA texture and a fence: made again by their creation calls. */
+    GLuint source = texture(GL_TEXTURE_2D);
+    pattern(bytes, kSize * kSize * 4, 9);
+    glTexImage2D(GL_TEXTURE_2D, 0, GL_RGBA, kSize, kSize, 0, GL_RGBA, GL_UNSIGNED_BYTE, bytes);
+    EGLImage image =
+        eglCreateImage(egl.display, egl.context, EGL_GL_TEXTURE_2D, (EGLClientBuffer)(uintptr_t)source, NULL);
+    EGLSync fence = eglCreateSync(egl.display, EGL_SYNC_FENCE, NULL);
+    if (image == EGL_NO_IMAGE || fence == EGL_NO_SYNC) {
+        fprintf(stderr, "no EGL image or sync: 0x%x\n", eglGetError());
+        return 1;
+    }
+
+    /* A pbuffer of another config than the context's, which no context uses. */
+    const EGLint want[] = {EGL_SURFACE_TYPE,
+                           EGL_PBUFFER_BIT,
+                           EGL_RENDERABLE_TYPE,
+                           EGL_OPENGL_ES2_BIT,
+                           EGL_DEPTH_SIZE,
+                           24,
+                           EGL_STENCIL_SIZE,
+                           8,
+                           EGL_NONE};
+    EGLConfig configs[16];
+    EGLint count = 0;
+    eglChooseConfig(egl.display, want, configs, 16, &count);
+    EGLConfig other = NULL;
+    for (int i = 0; i < count && !other; ++i)
+        if (configs[i] != egl.config) other = configs[i];
+    const EGLint spareSize[] = {EGL_WIDTH, 16, EGL_HEIGHT, 16, EGL_NONE};
+    EGLSurface spare = other ? eglCreatePbufferSurface(egl.display, other, spareSize) : EGL_NO_SURFACE;
+    if (spare == EGL_NO_SURFACE) {
+        fprintf(stderr, "no pbuffer of a second config: 0x%x\n", eglGetError());
+        return 1;
+    }
+
     const GLuint programs[7] = {show, showAlpha, showCube, showHalf, showInteger, showDepth, showStencil};
     const GLenum kinds[7] = {GL_TEXTURE_2D, GL_TEXTURE_2D_ARRAY, GL_TEXTURE_CUBE_MAP, GL_TEXTURE_2D,
-                             GL_TEXTURE_2D, GL_TEXTURE_2D, GL_TEXTURE_2D};
+                             GL_TEXTURE_2D, GL_TEXTURE_2D,       GL_TEXTURE_2D};
     const GLuint textures[7] = {luminance, alpha, cube, half, integer, depth, depthStencil};
     for (int frame = 0; frame < frames; ++frame) {
         glClearColor(0.1f, 0.1f * (float)(frame % 4), 0.2f, 1.0f);
@@ -299,12 +341,15 @@ int main(int argc, char **argv) {
         glBindVertexArray(0);
 
         glBindFramebuffer(GL_READ_FRAMEBUFFER, drawn);
-        glBlitFramebuffer(0, 0, kSize * 3, kSize * 2, kWidth - kSize * 3, kHeight - kSize * 2, kWidth, kHeight,
-                          GL_COLOR_BUFFER_BIT, GL_NEAREST);
+        glBlitFramebuffer(0, 0, kSize * 3, kSize * 2, kWidth - kSize * 3, kHeight - kSize * 2, kWidth,
+                          kHeight, GL_COLOR_BUFFER_BIT, GL_NEAREST);
         glBindFramebuffer(GL_READ_FRAMEBUFFER, 0);
         eglSwapBuffers(egl.display, egl.surface);
     }
     GLenum error = glGetError();
+    eglDestroySync(egl.display, fence);
+    eglDestroySurface(egl.display, spare);
+    eglDestroyImage(egl.display, image);
     headlessEglClose(&egl);
     if (error != GL_NO_ERROR) {
         fprintf(stderr, "GL error 0x%x\n", error);
