@@ -55,12 +55,14 @@ int main(int argc, char **argv) {
     }
     printf("state bytes %llu\n", (unsigned long long)(texels * 9 * (size_t)objects));
     GLuint program = glCreateProgram();
-    glAttachShader(program, shader(GL_VERTEX_SHADER, "#version 300 es\n"
-                                                     "layout(location = 0) in vec2 p;\nout vec2 uv;\n"
-                                                     "void main() { uv = p * 0.5 + 0.5; gl_Position = vec4(p, 0.0, 1.0); }\n"));
-    glAttachShader(program, shader(GL_FRAGMENT_SHADER, "#version 300 es\nprecision mediump float;\n"
-                                                       "uniform sampler2D a;\nuniform sampler2D b;\nin vec2 uv;\n"
-                                                       "out vec4 c;\nvoid main() { c = texture(a, uv) * texture(b, uv).r; }\n"));
+    glAttachShader(program, shader(GL_VERTEX_SHADER,
+                                   "#version 300 es\n"
+                                   "layout(location = 0) in vec2 p;\nout vec2 uv;\n"
+                                   "void main() { uv = p * 0.5 + 0.5; gl_Position = vec4(p, 0.0, 1.0); }\n"));
+    glAttachShader(program, shader(GL_FRAGMENT_SHADER,
+                                   "#version 300 es\nprecision mediump float;\n"
+                                   "uniform sampler2D a;\nuniform sampler2D b;\nin vec2 uv;\n"
+                                   "out vec4 c;\nvoid main() { c = texture(a, uv) * texture(b, uv).r; }\n"));
     glLinkProgram(program);
     glUseProgram(program);
     glUniform1i(glGetUniformLocation(program, "a"), 0);

@@ -610,7 +610,10 @@ bool Writer::readThroughShader(GLuint name, const Resources::Texture &t, GLenum 
                          name);
         }
     }
-    out = packTexels(l, texels, stencil, static_cast<size_t>(w) * h * layers);
+    const bool depth24 =
+        l.pack == ShaderLayout::Pack::Depth24 || l.pack == ShaderLayout::Pack::Depth24Stencil8;
+    out = packTexels(l, texels, stencil, static_cast<size_t>(w) * h * layers,
+                     depth24 ? reader_->depth24() : Depth24::Divided);
     return true;
 }
 
@@ -733,7 +736,8 @@ void Writer::transformFeedbacks() {
 }
 
 void Writer::programPipelines() {
-    if (s_.apiVersion() < 4) return;
+    // Pipelines exist only where the driver had them, whatever version the context asked for.
+    if (!es3()) return;
     for (auto &[name, p] : s_.programPipelines) {
         genOne<fn::glGenProgramPipelines>(name);
         for (auto &[stage, program] : p.stages)
@@ -946,7 +950,7 @@ void Writer::vertexArrays() {
                                                           static_cast<GLboolean>(a.normalized),
                                                           static_cast<GLsizei>(b.stride), pointer);
                     if (b.divisor && es3()) record<fn::glVertexAttribDivisor>(index, b.divisor);
-                } else if (s_.apiVersion() >= 4) {
+                } else if (es3()) {
                     if (a.integer)
                         record<fn::glVertexAttribIFormat>(index, a.size, a.type, a.relativeOffset);
                     else
@@ -1117,7 +1121,7 @@ void Writer::bindings() {
     if (es3())
         for (auto &[unit, sampler] : s_.samplerBindings)
             record<fn::glBindSampler>(unit, sampler);
-    if (s_.apiVersion() >= 4)
+    if (es3())
         for (auto &[unit, u] : s_.imageUnits)
             record<fn::glBindImageTexture>(unit, u.texture, u.level, u.layered, u.layer, u.access, u.format);
     if (es3() && s_.transformFeedbackBinding)

@@ -2,6 +2,7 @@
 
 #include "host/hosts.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <string>
@@ -92,6 +93,20 @@ void put(std::vector<uint8_t> &out, size_t &at, T value) {
 
 } // namespace
 
+float depth24Float(uint32_t k, Depth24 conversion) {
+    switch (conversion) {
+    case Depth24::Divided:
+        return static_cast<float>(static_cast<double>(k) / 16777215.0);
+    case Depth24::Multiplied: {
+        volatile float scale = 1.0f / 16777215.0f; // in float arithmetic, as a shader would
+        return static_cast<float>(k) * scale;
+    }
+    case Depth24::PowerOfTwo:
+        break;
+    }
+    return static_cast<float>(k) * (1.0f / 16777216.0f);
+}
+
 bool shaderLayout(GLenum internalFormat, GLenum format, GLenum type, ShaderLayout &out) {
     switch (internalFormat) {
     // Unsized formats: the upload is the application's own format and type.
@@ -152,37 +167,6 @@ bool shaderLayout(GLenum internalFormat, GLenum format, GLenum type, ShaderLayou
     case GL_RGB9_E5:
         out = make(Sample::Float, Pack::Float32, GL_RGB, GL_FLOAT, 3);
         return true;
-    case GL_R8UI:
-    case GL_RG8UI:
-    case GL_RGB8UI:
-    case GL_R16UI:
-    case GL_RG16UI:
-    case GL_RGB16UI:
-    case GL_RGBA16UI:
-    case GL_R32UI:
-    case GL_RG32UI:
-    case GL_RGB32UI:
-    case GL_R8I:
-    case GL_RG8I:
-    case GL_RGB8I:
-    case GL_RGBA8I:
-    case GL_R16I:
-    case GL_RG16I:
-    case GL_RGB16I:
-    case GL_RGBA16I:
-    case GL_R32I:
-    case GL_RG32I:
-    case GL_RGB32I: {
-        // The application's own upload format names the channels; the type follows the size.
-        uint8_t count = 0, from[4];
-        if (!channelsOf(format, count, from)) return false;
-        Pack pack = Pack::Int32;
-        if (type == GL_UNSIGNED_BYTE || type == GL_BYTE) pack = Pack::Int8;
-        if (type == GL_UNSIGNED_SHORT || type == GL_SHORT) pack = Pack::Int16;
-        const bool isSigned = type == GL_BYTE || type == GL_SHORT || type == GL_INT;
-        out = make(isSigned ? Sample::Int : Sample::Uint, pack, format, type, count);
-        return true;
-    }
     case GL_DEPTH_COMPONENT16:
         out = make(Sample::Float, Pack::Depth16, GL_DEPTH_COMPONENT, GL_UNSIGNED_SHORT, 1);
         return true;
@@ -205,12 +189,57 @@ bool shaderLayout(GLenum internalFormat, GLenum format, GLenum type, ShaderLayou
         out = make(Sample::Stencil, Pack::Stencil8, GL_STENCIL_INDEX, GL_UNSIGNED_BYTE, 1);
         return true;
     default:
-        return false;
+        break;
     }
+    // Integer formats: the upload's format and type follow from the internal format.
+    struct Integer {
+        GLenum internalFormat, format, type;
+        uint8_t channels;
+        Pack pack;
+        bool isSigned;
+    };
+    static const Integer kIntegers[] = {
+        {GL_R8UI, GL_RED_INTEGER, GL_UNSIGNED_BYTE, 1, Pack::Int8, false},
+        {GL_RG8UI, GL_RG_INTEGER, GL_UNSIGNED_BYTE, 2, Pack::Int8, false},
+        {GL_RGB8UI, GL_RGB_INTEGER, GL_UNSIGNED_BYTE, 3, Pack::Int8, false},
+        {GL_R16UI, GL_RED_INTEGER, GL_UNSIGNED_SHORT, 1, Pack::Int16, false},
+        {GL_RG16UI, GL_RG_INTEGER, GL_UNSIGNED_SHORT, 2, Pack::Int16, false},
+        {GL_RGB16UI, GL_RGB_INTEGER, GL_UNSIGNED_SHORT, 3, Pack::Int16, false},
+        {GL_RGBA16UI, GL_RGBA_INTEGER, GL_UNSIGNED_SHORT, 4, Pack::Int16, false},
+        {GL_R32UI, GL_RED_INTEGER, GL_UNSIGNED_INT, 1, Pack::Int32, false},
+        {GL_RG32UI, GL_RG_INTEGER, GL_UNSIGNED_INT, 2, Pack::Int32, false},
+        {GL_RGB32UI, GL_RGB_INTEGER, GL_UNSIGNED_INT, 3, Pack::Int32, false},
+        {GL_R8I, GL_RED_INTEGER, GL_BYTE, 1, Pack::Int8, true},
+        {GL_RG8I, GL_RG_INTEGER, GL_BYTE, 2, Pack::Int8, true},
+        {GL_RGB8I, GL_RGB_INTEGER, GL_BYTE, 3, Pack::Int8, true},
+        {GL_RGBA8I, GL_RGBA_INTEGER, GL_BYTE, 4, Pack::Int8, true},
+        {GL_R16I, GL_RED_INTEGER, GL_SHORT, 1, Pack::Int16, true},
+        {GL_RG16I, GL_RG_INTEGER, GL_SHORT, 2, Pack::Int16, true},
+        {GL_RGB16I, GL_RGB_INTEGER, GL_SHORT, 3, Pack::Int16, true},
+        {GL_RGBA16I, GL_RGBA_INTEGER, GL_SHORT, 4, Pack::Int16, true},
+        {GL_R32I, GL_RED_INTEGER, GL_INT, 1, Pack::Int32, true},
+        {GL_RG32I, GL_RG_INTEGER, GL_INT, 2, Pack::Int32, true},
+        {GL_RGB32I, GL_RGB_INTEGER, GL_INT, 3, Pack::Int32, true},
+    };
+    for (const Integer &i : kIntegers)
+        if (i.internalFormat == internalFormat) {
+            out = make(i.isSigned ? Sample::Int : Sample::Uint, i.pack, i.format, i.type, i.channels);
+            return true;
+        }
+    return false;
 }
 
 std::vector<uint8_t> packTexels(const ShaderLayout &l, const std::vector<uint32_t> &texels,
-                                const std::vector<uint32_t> &stencil, size_t count) {
+                                const std::vector<uint32_t> &stencil, size_t count, Depth24 depth24) {
+    // The stored 24 bits of a fetched depth: the k near it that the driver's conversion takes
+    // to exactly that float.
+    auto depth24Bits = [depth24](uint32_t word) -> uint32_t {
+        const float d = wordFloat(word);
+        const uint32_t k0 = depthBits(d, 24);
+        for (uint32_t k = k0 > 2 ? k0 - 2 : 0; k <= std::min(k0 + 2, 0xFFFFFFu); ++k)
+            if (depth24Float(k, depth24) == d) return k;
+        return k0;
+    };
     size_t bytes = 0;
     switch (l.pack) {
     case Pack::Unorm8:
@@ -273,17 +302,18 @@ std::vector<uint8_t> packTexels(const ShaderLayout &l, const std::vector<uint32_
             put<uint16_t>(out, at, static_cast<uint16_t>(depthBits(wordFloat(w[0]), 16)));
             break;
         case Pack::Depth24: {
-            // A 32-bit upload of a 24-bit depth: the value repeated into the low bits converts
-            // back to the same 24 bits whether the driver truncates or rounds.
-            const uint32_t k = depthBits(wordFloat(w[0]), 24);
-            put<uint32_t>(out, at, (k << 8) | (k >> 16));
+            // A 32-bit upload of a 24-bit depth: the 24 bits and half a step of the 8 below. A
+            // driver that truncates the scaled value and one that rounds it both store k again
+            // (the scale from 32 to 24 bits is a little under 2^-8).
+            const uint32_t k = depth24Bits(w[0]);
+            put<uint32_t>(out, at, (k << 8) | 0x80u);
             break;
         }
         case Pack::Depth32F:
             put<uint32_t>(out, at, w[0]);
             break;
         case Pack::Depth24Stencil8:
-            put<uint32_t>(out, at, (depthBits(wordFloat(w[0]), 24) << 8) | s);
+            put<uint32_t>(out, at, (depth24Bits(w[0]) << 8) | s);
             break;
         case Pack::Depth32FStencil8:
             put<uint32_t>(out, at, w[0]);
@@ -521,6 +551,51 @@ bool ShaderReader::read(GLuint texture, GLenum target, GLenum imageTarget, GLint
     return ok;
 }
 
+Depth24 ShaderReader::depth24() {
+    if (depthKnown_ || !usable()) return depth24_;
+    depthKnown_ = true;
+    // Texels of known depth, uploaded with the host's unpack state set aside, fetched, and
+    // compared with what each conversion gives for them.
+    const GLenum unpackNames[] = {GL_UNPACK_ALIGNMENT,   GL_UNPACK_ROW_LENGTH,   GL_UNPACK_SKIP_ROWS,
+                                  GL_UNPACK_SKIP_PIXELS, GL_UNPACK_IMAGE_HEIGHT, GL_UNPACK_SKIP_IMAGES};
+    GLint unpack[6], unpackBuffer = 0;
+    for (int i = 0; i < 6; ++i) {
+        gl().glGetIntegerv(unpackNames[i], &unpack[i]);
+        gl().glPixelStorei(unpackNames[i], i == 0 ? 4 : 0);
+    }
+    gl().glGetIntegerv(GL_PIXEL_UNPACK_BUFFER_BINDING, &unpackBuffer);
+    gl().glBindBuffer(GL_PIXEL_UNPACK_BUFFER, 0);
+    const uint32_t probes[8] = {0xFFFFFFu, 0xFFFFFEu, 0xFFFFFDu, 0x800001u,
+                                0x9ABCDEu, 0xC00001u, 0x3039u,   0xEFFFFFu};
+    uint32_t known[8];
+    for (int i = 0; i < 8; ++i)
+        known[i] = (probes[i] << 8) | 0x80u;
+    GLuint texture = 0;
+    gl().glGenTextures(1, &texture);
+    gl().glActiveTexture(GL_TEXTURE0);
+    gl().glBindTexture(GL_TEXTURE_2D, texture);
+    gl().glTexImage2D(GL_TEXTURE_2D, 0, GL_DEPTH_COMPONENT24, 8, 1, 0, GL_DEPTH_COMPONENT, GL_UNSIGNED_INT,
+                      known);
+    for (int i = 0; i < 6; ++i)
+        gl().glPixelStorei(unpackNames[i], unpack[i]);
+    gl().glBindBuffer(GL_PIXEL_UNPACK_BUFFER, static_cast<GLuint>(unpackBuffer));
+    std::vector<uint32_t> out;
+    if (read(texture, GL_TEXTURE_2D, GL_TEXTURE_2D, 0, 8, 1, 1, Sample::Float, out) && out.size() >= 32) {
+        for (Depth24 conversion : {Depth24::Divided, Depth24::Multiplied, Depth24::PowerOfTwo}) {
+            bool all = true;
+            for (int i = 0; i < 8 && all; ++i)
+                all = depth24Float(probes[i], conversion) == wordFloat(out[i * 4]);
+            if (all) {
+                depth24_ = conversion;
+                break;
+            }
+        }
+    }
+    gl().glBindTexture(GL_TEXTURE_2D, static_cast<GLuint>(textures_[0]));
+    gl().glDeleteTextures(1, &texture);
+    return depth24_;
+}
+
 void ShaderReader::finish() {
     if (!checked_) return;
     checked_ = false;
@@ -550,6 +625,7 @@ void ShaderReader::finish() {
     vao_ = sampler_ = framebuffer_ = renderbuffer_ = 0;
     targetWidth_ = targetHeight_ = 0;
     usable_ = false;
+    depthKnown_ = false;
     while (gl().glGetError() != GL_NO_ERROR) {
     }
 }

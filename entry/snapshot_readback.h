@@ -43,10 +43,17 @@ struct ShaderLayout {
 // formats); false when the texels cannot be read this way.
 bool shaderLayout(GLenum internalFormat, GLenum format, GLenum type, ShaderLayout &out);
 
+// How the driver turns a stored 24-bit depth k into the float a shader sees: k / (2^24 - 1)
+// rounded once; k times the float nearest 1 / (2^24 - 1) in float arithmetic; or k times 2^-24.
+// Near 1.0 they give one float for different k, so the way back depends on which the driver does.
+enum class Depth24 : uint8_t { Divided, Multiplied, PowerOfTwo };
+float depth24Float(uint32_t k, Depth24 conversion);
+
 // Packs fetched texels (four words per texel; `stencil` one word per texel or empty) into the
 // bytes of the upload.
 std::vector<uint8_t> packTexels(const ShaderLayout &l, const std::vector<uint32_t> &texels,
-                                const std::vector<uint32_t> &stencil, size_t count);
+                                const std::vector<uint32_t> &stencil, size_t count,
+                                Depth24 depth24 = Depth24::Divided);
 
 // The helper program and the host state it changes. Made on the thread whose context is current
 // when the snapshot reads; everything it changes is given back by finish().
@@ -66,6 +73,8 @@ public:
     // combined depth-stencil texture instead of its depth (OpenGL ES 3.1 drivers).
     bool read(GLuint texture, GLenum target, GLenum imageTarget, GLint level, GLsizei width, GLsizei height,
               GLsizei layers, ShaderLayout::Sample sample, std::vector<uint32_t> &out);
+    // Which way the driver gives 24-bit depths (learnt once from a texture of known depths).
+    Depth24 depth24();
     // Gives back every host setting it changed and deletes its objects.
     void finish();
 
@@ -74,6 +83,8 @@ private:
     bool prepareTarget(GLsizei width, GLsizei height);
 
     bool checked_ = false, usable_ = false;
+    bool depthKnown_ = false;
+    Depth24 depth24_ = Depth24::Divided;
     int minor_ = 0;
     struct Program {
         GLenum target;
