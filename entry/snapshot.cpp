@@ -864,6 +864,8 @@ void Writer::renderbufferContents() {
         record<fn::glFramebufferRenderbuffer>(GL_DRAW_FRAMEBUFFER, attachment, GL_RENDERBUFFER, name);
         record<fn::glBlitFramebuffer>(0, 0, rb.width, rb.height, 0, 0, rb.width, rb.height, mask,
                                       GLenum(GL_NEAREST));
+        // Both framebuffers serve the next renderbuffer: nothing of this one may stay attached.
+        record<fn::glFramebufferRenderbuffer>(GL_DRAW_FRAMEBUFFER, attachment, GL_RENDERBUFFER, 0u);
         record<fn::glDeleteTextures>(1, &texture);
     }
     if (written) {

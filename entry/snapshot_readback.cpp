@@ -493,6 +493,7 @@ GLuint ShaderReader::program(GLenum target, Sample sample) {
 }
 
 bool ShaderReader::prepareTarget(GLsizei width, GLsizei height) {
+    gl().glBindFramebuffer(GL_FRAMEBUFFER, framebuffer_);
     if (width == targetWidth_ && height == targetHeight_) return true;
     gl().glBindRenderbuffer(GL_RENDERBUFFER, renderbuffer_);
     gl().glRenderbufferStorage(GL_RENDERBUFFER, GL_RGBA32UI, width, height);
@@ -512,7 +513,6 @@ bool ShaderReader::read(GLuint texture, GLenum target, GLenum imageTarget, GLint
     if (!name || !prepareTarget(width, height)) return false;
     gl().glUseProgram(name);
     gl().glUniform1i(gl().glGetUniformLocation(name, "tex"), 0);
-    gl().glBindFramebuffer(GL_FRAMEBUFFER, framebuffer_);
     gl().glViewport(0, 0, width, height);
     gl().glBindTexture(target, texture);
     // The texture's own settings that change what a fetch gives: its level range, its swizzle

@@ -2,7 +2,7 @@
  * for the tests of recording that starts late: every frame draws from textures of formats a
  * framebuffer cannot read (luminance, alpha, luminance-alpha in 2D, cube and array textures, a
  * depth texture and a depth-stencil texture whose contents the GPU drew, half floats, integers), a
- * colour renderbuffer drawn once, a program pipeline of separable programs and a transform
+ * colour and a depth renderbuffer drawn once, a program pipeline of separable programs and a transform
  * feedback object with its own buffer binding; an EGL image of a texture and an EGL fence sync
  * are made with them, and a pbuffer of a config no context uses. A trace that starts after the first frame
  * replays to the same pixels only when all of them were saved. Headless.
@@ -166,6 +166,22 @@ int main(int argc, char **argv) {
             glDrawArrays(GL_TRIANGLE_STRIP, 0, 3);
         }
     }
+    /* A depth renderbuffer drawn the same way, copied each frame into a depth texture to be shown. */
+    GLuint depthRb, depthRbFbo, depthCopy = texture(GL_TEXTURE_2D), copyFbo;
+    glTexStorage2D(GL_TEXTURE_2D, 1, GL_DEPTH_COMPONENT16, kSize * 2, kSize * 2);
+    glGenRenderbuffers(1, &depthRb);
+    glBindRenderbuffer(GL_RENDERBUFFER, depthRb);
+    glRenderbufferStorage(GL_RENDERBUFFER, GL_DEPTH_COMPONENT16, kSize * 2, kSize * 2);
+    glGenFramebuffers(1, &depthRbFbo);
+    glBindFramebuffer(GL_FRAMEBUFFER, depthRbFbo);
+    glFramebufferRenderbuffer(GL_FRAMEBUFFER, GL_DEPTH_ATTACHMENT, GL_RENDERBUFFER, depthRb);
+    glClearDepthf(0.6f);
+    glClear(GL_DEPTH_BUFFER_BIT);
+    glUniform1f(glGetUniformLocation(slant, "turn"), 0.1f);
+    glDrawArrays(GL_TRIANGLE_STRIP, 0, 3);
+    glGenFramebuffers(1, &copyFbo);
+    glBindFramebuffer(GL_FRAMEBUFFER, copyFbo);
+    glFramebufferTexture2D(GL_FRAMEBUFFER, GL_DEPTH_ATTACHMENT, GL_TEXTURE_2D, depthCopy, 0);
     glDisable(GL_DEPTH_TEST);
     glDisable(GL_STENCIL_TEST);
     glClearDepthf(1.0f);
@@ -305,14 +321,20 @@ int main(int argc, char **argv) {
         return 1;
     }
 
-    const GLuint programs[7] = {show, showAlpha, showCube, showHalf, showInteger, showDepth, showStencil};
-    const GLenum kinds[7] = {GL_TEXTURE_2D, GL_TEXTURE_2D_ARRAY, GL_TEXTURE_CUBE_MAP, GL_TEXTURE_2D,
-                             GL_TEXTURE_2D, GL_TEXTURE_2D,       GL_TEXTURE_2D};
-    const GLuint textures[7] = {luminance, alpha, cube, half, integer, depth, depthStencil};
+    const GLuint programs[8] = {show,        showAlpha, showCube,    showHalf,
+                                showInteger, showDepth, showStencil, showDepth};
+    const GLenum kinds[8] = {GL_TEXTURE_2D, GL_TEXTURE_2D_ARRAY, GL_TEXTURE_CUBE_MAP, GL_TEXTURE_2D,
+                             GL_TEXTURE_2D, GL_TEXTURE_2D,       GL_TEXTURE_2D,       GL_TEXTURE_2D};
+    const GLuint textures[8] = {luminance, alpha, cube, half, integer, depth, depthStencil, depthCopy};
     for (int frame = 0; frame < frames; ++frame) {
+        glBindFramebuffer(GL_READ_FRAMEBUFFER, depthRbFbo);
+        glBindFramebuffer(GL_DRAW_FRAMEBUFFER, copyFbo);
+        glBlitFramebuffer(0, 0, kSize * 2, kSize * 2, 0, 0, kSize * 2, kSize * 2, GL_DEPTH_BUFFER_BIT,
+                          GL_NEAREST);
+        glBindFramebuffer(GL_FRAMEBUFFER, 0);
         glClearColor(0.1f, 0.1f * (float)(frame % 4), 0.2f, 1.0f);
         glClear(GL_COLOR_BUFFER_BIT);
-        for (int i = 0; i < 7; ++i) {
+        for (int i = 0; i < 8; ++i) {
             glActiveTexture(GL_TEXTURE0 + (GLenum)i);
             glBindTexture(kinds[i], textures[i]);
             glUseProgram(programs[i]);

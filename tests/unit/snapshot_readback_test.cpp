@@ -100,7 +100,8 @@ TEST(SnapshotReadback, DepthStencilAndPackedFormatsTakeEveryChannelInItsPlace) {
     const std::vector<uint32_t> texel = {bits(1.0f), bits(0.0f), bits(31.0f / 255.0f), bits(128.0f / 255.0f)};
     EXPECT_EQ(packTexels(layoutOf(GL_LUMINANCE, GL_LUMINANCE, GL_UNSIGNED_BYTE), texel, {}, 1),
               std::vector<uint8_t>({255}));
-    EXPECT_EQ(packTexels(layoutOf(GL_ALPHA, GL_ALPHA, GL_UNSIGNED_BYTE), texel, {}, 1), std::vector<uint8_t>({128}));
+    EXPECT_EQ(packTexels(layoutOf(GL_ALPHA, GL_ALPHA, GL_UNSIGNED_BYTE), texel, {}, 1),
+              std::vector<uint8_t>({128}));
     EXPECT_EQ(packTexels(layoutOf(GL_LUMINANCE_ALPHA, GL_LUMINANCE_ALPHA, GL_UNSIGNED_BYTE), texel, {}, 1),
               std::vector<uint8_t>({255, 128}));
     const std::vector<uint32_t> rgb = {bits(1.0f), bits(32.0f / 63.0f), bits(1.0f / 31.0f), bits(1.0f)};
