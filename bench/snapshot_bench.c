@@ -41,9 +41,15 @@ int main(int argc, char **argv) {
     GLuint *buffers = calloc((size_t)objects, sizeof(GLuint));
     glGenTextures(objects * 2, textures);
     glGenBuffers(objects, buffers);
+    unsigned seed = 2463534242u;
     for (int i = 0; i < objects; ++i) {
-        for (size_t k = 0; k < texels * 4; ++k)
-            bytes[k] = (unsigned char)((k * 31 + (size_t)i * 17 + k / 97) & 0xFF);
+        /* Noise, which does not compress: the trace bytes are then those of the state itself. */
+        for (size_t k = 0; k < texels * 4; ++k) {
+            seed ^= seed << 13;
+            seed ^= seed >> 17;
+            seed ^= seed << 5;
+            bytes[k] = (unsigned char)(seed >> 24);
+        }
         glBindTexture(GL_TEXTURE_2D, textures[2 * i]);
         glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_NEAREST);
         glTexImage2D(GL_TEXTURE_2D, 0, GL_RGBA, size, size, 0, GL_RGBA, GL_UNSIGNED_BYTE, bytes);

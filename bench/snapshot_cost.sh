@@ -7,6 +7,8 @@
 #   - the snapshot's trace bytes as a ratio of the state's bytes (uncompressed and compressed);
 #   - the traced frame that carries the snapshot as a ratio of the other traced frames.
 #
+# Each figure is the median of RUNS runs (default 3; RUNS=5 bench/snapshot_cost.sh ...).
+#
 #   bench/snapshot_cost.sh [BUILD_DIR] [OBJECT COUNTS...]     (default counts: 2 8 32)
 set -u
 build=$(cd "${1:-build}" && pwd)
@@ -24,6 +26,7 @@ if [ ! -x "$program" ]; then
 fi
 start=6
 frames=10
+runs=${RUNS:-3}
 
 median() { sort -n | awk '{a[NR]=$1} END {print (NR % 2) ? a[(NR+1)/2] : (a[NR/2] + a[NR/2+1]) / 2}'; }
 
@@ -42,20 +45,32 @@ JSON
 printf '%8s %10s %12s %10s %14s %12s %12s %14s\n' objects "state MiB" "snapshot ms" "MiB/s" "x plain frame" \
     "bytes raw" "compressed" "x traced frame"
 for n in "${counts[@]}"; do
-    "$program" --objects "$n" --frames $frames >"$work/plain.txt" 2>&1
-    state=$(sed -nE 's/^state bytes ([0-9]+)/\1/p' "$work/plain.txt")
-    plain=$(awk -v s=$start '$1 == "frame" && $2 > 0 && $2 != s - 1 {print $3}' "$work/plain.txt" | median)
+    : >"$work/plain.all"
+    : >"$work/ms.all"
+    : >"$work/carrying.all"
+    : >"$work/others.all"
+    : >"$work/packed.all"
+    for _ in $(seq "$runs"); do
+        "$program" --objects "$n" --frames $frames >"$work/plain.txt" 2>&1
+        state=$(sed -nE 's/^state bytes ([0-9]+)/\1/p' "$work/plain.txt")
+        awk -v s=$start '$1 == "frame" && $2 > 0 && $2 != s - 1 {print $3}' "$work/plain.txt" >>"$work/plain.all"
 
-    traced "$n" false
-    line=$(grep -m1 'Render state saved in' "$work/debug.txt")
-    ms=$(echo "$line" | sed -nE 's/.* in ([0-9.]+) ms.*/\1/p')
-    raw=$(echo "$line" | sed -nE 's/.* ms, ([0-9]+) bytes.*/\1/p')
-    # The snapshot runs in the swap that ends frame START-1.
-    carrying=$(awk -v s=$start '$1 == "frame" && $2 == s - 1 {print $3}' "$work/out.txt")
-    others=$(awk -v s=$start '$1 == "frame" && $2 >= s {print $3}' "$work/out.txt" | median)
+        traced "$n" false
+        line=$(grep -m1 'Render state saved in' "$work/debug.txt")
+        echo "$line" | sed -nE 's/.* in ([0-9.]+) ms.*/\1/p' >>"$work/ms.all"
+        raw=$(echo "$line" | sed -nE 's/.* ms, ([0-9]+) bytes.*/\1/p')
+        # The snapshot runs in the swap that ends frame START-1.
+        awk -v s=$start '$1 == "frame" && $2 == s - 1 {print $3}' "$work/out.txt" >>"$work/carrying.all"
+        awk -v s=$start '$1 == "frame" && $2 >= s {print $3}' "$work/out.txt" >>"$work/others.all"
 
-    traced "$n" true
-    packed=$(grep -m1 'Render state saved in' "$work/debug.txt" | sed -nE 's/.* ms, ([0-9]+) bytes.*/\1/p')
+        traced "$n" true
+        grep -m1 'Render state saved in' "$work/debug.txt" | sed -nE 's/.* ms, ([0-9]+) bytes.*/\1/p' >>"$work/packed.all"
+    done
+    plain=$(median <"$work/plain.all")
+    ms=$(median <"$work/ms.all")
+    carrying=$(median <"$work/carrying.all")
+    others=$(median <"$work/others.all")
+    packed=$(median <"$work/packed.all")
 
     awk -v n="$n" -v st="$state" -v ms="$ms" -v pl="$plain" -v raw="$raw" -v pk="$packed" -v c="$carrying" \
         -v o="$others" 'BEGIN {
