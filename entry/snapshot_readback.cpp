@@ -80,6 +80,11 @@ uint32_t depthBits(float depth, int bits) {
     return static_cast<uint32_t>(std::llround(d * scale));
 }
 
+uint32_t depth24Upload(uint32_t k) {
+    const uint64_t low = (255ull * k + 0xFFFFFEull) / 0xFFFFFFull; // rounded up, at most 255
+    return (k << 8) + static_cast<uint32_t>(low);
+}
+
 // A fetched normalised channel as an integer of `bits` bits.
 uint32_t unorm(uint32_t word, int bits) {
     return depthBits(wordFloat(word), bits);
@@ -235,10 +240,14 @@ std::vector<uint8_t> packTexels(const ShaderLayout &l, const std::vector<uint32_
     // to exactly that float.
     auto depth24Bits = [depth24](uint32_t word) -> uint32_t {
         const float d = wordFloat(word);
-        const uint32_t k0 = depthBits(d, 24);
-        for (uint32_t k = k0 > 2 ? k0 - 2 : 0; k <= std::min(k0 + 2, 0xFFFFFFu); ++k)
-            if (depth24Float(k, depth24) == d) return k;
-        return k0;
+        const int64_t k0 = depthBits(d, 24);
+        // Nearest first: where two depths give one float, either is as good as the other.
+        for (int64_t step : {0, -1, 1, -2, 2}) {
+            const int64_t k = k0 + step;
+            if (k >= 0 && k <= 0xFFFFFF && depth24Float(static_cast<uint32_t>(k), depth24) == d)
+                return static_cast<uint32_t>(k);
+        }
+        return static_cast<uint32_t>(k0);
     };
     size_t bytes = 0;
     switch (l.pack) {
@@ -302,11 +311,10 @@ std::vector<uint8_t> packTexels(const ShaderLayout &l, const std::vector<uint32_
             put<uint16_t>(out, at, static_cast<uint16_t>(depthBits(wordFloat(w[0]), 16)));
             break;
         case Pack::Depth24: {
-            // A 32-bit upload of a 24-bit depth: the 24 bits and half a step of the 8 below. A
-            // driver that truncates the scaled value and one that rounds it both store k again
-            // (the scale from 32 to 24 bits is a little under 2^-8).
-            const uint32_t k = depth24Bits(w[0]);
-            put<uint32_t>(out, at, (k << 8) | 0x80u);
+            // A 32-bit upload of a 24-bit depth: k in the top 24 bits and, below them, the least
+            // value whose scaling back, v * (2^24 - 1) / (2^32 - 1), is not below k. A driver that
+            // shifts, one that rounds and one that truncates the scaled value all store k.
+            put<uint32_t>(out, at, depth24Upload(depth24Bits(w[0])));
             break;
         }
         case Pack::Depth32F:
@@ -569,7 +577,7 @@ Depth24 ShaderReader::depth24() {
                                 0x9ABCDEu, 0xC00001u, 0x3039u,   0xEFFFFFu};
     uint32_t known[8];
     for (int i = 0; i < 8; ++i)
-        known[i] = (probes[i] << 8) | 0x80u;
+        known[i] = depth24Upload(probes[i]);
     GLuint texture = 0;
     gl().glGenTextures(1, &texture);
     gl().glActiveTexture(GL_TEXTURE0);
