@@ -173,6 +173,33 @@ struct Hooks<fn::eglDestroyImage> : HookDefaults {
 };
 // At a frame end: the client buffers of the display whose contents are due.
 void clientBufferPass(CallCtx &c, EGLDisplay dpy);
+// Writes the creation record of a client buffer's image with its contents now (the render-state
+// snapshot, after the image's own creation call). The display's lock is held by the caller.
+namespace egl {
+struct ClientBufferRecord;
+}
+void writeClientBufferCreation(EGLDisplay dpy, egl::ClientBufferRecord &buffer);
+
+// EGL syncs (entry/egl/client_buffers.cpp, with the images): kept with their creation calls for
+// the render-state snapshot.
+template <>
+struct Hooks<fn::eglCreateSync> : HookDefaults {
+    static void after(CallCtx &c, EGLSync &result, EGLDisplay dpy, EGLenum type,
+                      const EGLAttrib *attrib_list);
+};
+template <>
+struct Hooks<fn::eglCreateSyncKHR> : HookDefaults {
+    static void after(CallCtx &c, EGLSyncKHR &result, EGLDisplay dpy, EGLenum type,
+                      const EGLint *attrib_list);
+};
+template <>
+struct Hooks<fn::eglDestroySync> : HookDefaults {
+    static void after(CallCtx &c, EGLBoolean &result, EGLDisplay dpy, EGLSync sync);
+};
+template <>
+struct Hooks<fn::eglDestroySyncKHR> : HookDefaults {
+    static void after(CallCtx &c, EGLBoolean &result, EGLDisplay dpy, EGLSyncKHR sync);
+};
 
 // The swaps end a frame: the frame buffer may be read back first, the client buffers' contents may
 // be recorded, the surface's recorded size is corrected after, and the frame counter advances.

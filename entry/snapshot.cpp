@@ -4,12 +4,15 @@
 // reads them like any others; nothing of it reaches the driver except the read-backs of contents
 // the recorder does not keep (buffer and texture data) and the queries of state it does not shadow.
 #include "entry/snapshot.h"
+#include "entry/snapshot_readback.h"
 
 #include "base/messages.h"
 #include "core/call.h"
 #include "core/settings.h"
 #include "entry/es1/es1_snapshot.h"
 #include "entry/ext/ext_functions_autogen.h"
+#include "entry/hooks.h"
+#include "state/egl_config.h"
 #include "state/egl_state.h"
 #include "trace/frame_control.h"
 #include "trace/trace_writer.h"
@@ -17,6 +20,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstring>
+#include <memory>
 #include <set>
 #include <string>
 #include <vector>
@@ -231,6 +235,45 @@ bool usesMipmaps(const Resources::Texture &t) {
     return filter != GL_NEAREST && filter != GL_LINEAR;
 }
 
+// Uploads written with tightly packed rows from no unpack buffer: the records say so, and so
+// does the shadow while they are made, since the record writers size the data from it. With
+// `writeBack`, the context's own unpack state is written again afterwards (once the pipeline
+// state was written).
+class TightUnpack {
+public:
+    TightUnpack(CEs2ContextState &s, bool es3, bool writeBack) : s_(s), es3_(es3), writeBack_(writeBack) {
+        std::copy(std::begin(s_.pixelStores), std::end(s_.pixelStores), saved_);
+        GLuint &unpack = s_.bufferBinding(GL_PIXEL_UNPACK_BUFFER);
+        savedUnpack_ = unpack;
+        unpack = 0;
+        for (uint32_t i = 0; i < s_.pixelStoreCount; ++i)
+            if (s_.pixelStores[i].name != GL_PACK_ALIGNMENT &&
+                s_.pixelStores[i].name != GL_UNPACK_ALIGNMENT && s_.pixelStores[i].value != 0) {
+                s_.pixelStores[i].value = 0;
+                record<fn::glPixelStorei>(s_.pixelStores[i].name, 0);
+            }
+        s_.setPixelStore(GL_UNPACK_ALIGNMENT, 1);
+        record<fn::glPixelStorei>(GL_UNPACK_ALIGNMENT, 1);
+        if (es3_ && savedUnpack_) record<fn::glBindBuffer>(GL_PIXEL_UNPACK_BUFFER, 0u);
+    }
+    ~TightUnpack() {
+        std::copy(std::begin(saved_), std::end(saved_), s_.pixelStores);
+        s_.bufferBinding(GL_PIXEL_UNPACK_BUFFER) = savedUnpack_;
+        if (!writeBack_) return;
+        for (uint32_t i = 0; i < s_.pixelStoreCount; ++i)
+            record<fn::glPixelStorei>(s_.pixelStores[i].name, s_.pixelStores[i].value);
+        if (es3_ && savedUnpack_) record<fn::glBindBuffer>(GL_PIXEL_UNPACK_BUFFER, savedUnpack_);
+    }
+    TightUnpack(const TightUnpack &) = delete;
+    TightUnpack &operator=(const TightUnpack &) = delete;
+
+private:
+    CEs2ContextState &s_;
+    bool es3_, writeBack_;
+    CEs2ContextState::Pair saved_[10];
+    GLuint savedUnpack_ = 0;
+};
+
 // The snapshot of one share group's and one context's state.
 class Writer {
 public:
@@ -253,13 +296,22 @@ private:
                            GLuint sampler);
     bool readLevel(GLuint name, GLenum imageTarget, GLint level, GLsizei w, GLsizei h, GLsizei layers,
                    const TexelLayout &l, std::vector<uint8_t> &out);
+    bool readThroughShader(GLuint name, const Resources::Texture &t, GLenum imageTarget, GLint level,
+                           GLsizei w, GLsizei h, GLsizei layers, const ShaderLayout &l,
+                           std::vector<uint8_t> &out);
     void buffers();
     void samplers();
+    void transformFeedbacks();
+    void renderbufferContents();
+    bool readRenderbuffer(GLuint name, const RenderbufferRecord &rb, GLbitfield mask, ShaderReader &reader,
+                          GLenum &format, GLenum &type, std::vector<uint8_t> &out);
+    void programPipelines();
 
     egl::ContextRecord &ctx_;
     CEs2ContextState &s_;
     bool host_;
     GLuint readFramebuffer_ = 0;
+    ShaderReader *reader_ = nullptr; // while textures are read
 };
 
 void Writer::shaders() {
@@ -481,8 +533,13 @@ void Writer::texture(GLuint name, const Resources::Texture &t) {
         return;
     }
     if (t.width <= 0 || t.height <= 0) return;
+    // Formats a framebuffer can read are read with glReadPixels; the others (luminance, alpha,
+    // depth, stencil, packed, float, integer) are fetched by the helper program.
     TexelLayout l;
-    const bool readable = texelLayout(t.internalFormat, t.format, t.type, l);
+    ShaderLayout sl;
+    const bool direct = texelLayout(t.internalFormat, t.format, t.type, l);
+    const bool viaShader = !direct && shaderLayout(t.internalFormat, t.format, t.type, sl);
+    const bool readable = direct || viaShader;
     if (!readable)
         msg::warning("Texture %u: the contents of format 0x%x cannot be read back; its images are made empty",
                      name, t.internalFormat);
@@ -490,25 +547,40 @@ void Writer::texture(GLuint name, const Resources::Texture &t) {
         msg::warning("Texture %u: no context of its share group is current on this thread; its images are "
                      "made empty",
                      name);
+    const GLenum format = direct ? l.format : viaShader ? sl.format : t.format;
+    const GLenum type = direct ? l.type : viaShader ? sl.type : t.type;
+    bool warned = false;
     for (GLsizei level = 0; level < levels; ++level) {
         const GLsizei w = std::max(1, t.width >> level), h = std::max(1, t.height >> level);
         const GLsizei d = t.target == GL_TEXTURE_3D ? std::max(1, t.depth >> level) : std::max(1, t.depth);
+        const GLsizei layers = layered ? d : 1;
         for (GLenum image : imageTargets(t.target)) {
-            std::vector<uint8_t> read;
-            const bool got =
-                readable && host_ && readLevel(name, image, level, w, h, layered ? d : 1, l, read);
             std::vector<uint8_t> texels;
-            if (got) texels = convertTexels(read, l, static_cast<size_t>(w) * h * (layered ? d : 1));
+            bool got = false;
+            if (readable && host_) {
+                if (direct) {
+                    std::vector<uint8_t> read;
+                    got = readLevel(name, image, level, w, h, layers, l, read);
+                    if (got) texels = convertTexels(read, l, static_cast<size_t>(w) * h * layers);
+                } else {
+                    got = readThroughShader(name, t, image, level, w, h, layers, sl, texels);
+                }
+                if (!got && !warned) {
+                    warned = true;
+                    msg::warning(
+                        "Texture %u: the driver did not give the contents of format 0x%x; its images "
+                        "are made empty",
+                        name, t.internalFormat);
+                }
+            }
             const void *data = got ? texels.data() : nullptr;
             if (t.immutable) {
                 if (!got) continue;
                 if (layered)
-                    record<fn::glTexSubImage3D>(image, level, 0, 0, 0, w, h, d, l.format, l.type, data);
+                    record<fn::glTexSubImage3D>(image, level, 0, 0, 0, w, h, d, format, type, data);
                 else
-                    record<fn::glTexSubImage2D>(image, level, 0, 0, w, h, l.format, l.type, data);
+                    record<fn::glTexSubImage2D>(image, level, 0, 0, w, h, format, type, data);
             } else {
-                const GLenum format = readable ? l.format : t.format;
-                const GLenum type = readable ? l.type : t.type;
                 if (layered)
                     record<fn::glTexImage3D>(image, level, t.internalFormat, w, h, d, 0, format, type, data);
                 else
@@ -519,30 +591,45 @@ void Writer::texture(GLuint name, const Resources::Texture &t) {
     }
 }
 
+bool Writer::readThroughShader(GLuint name, const Resources::Texture &t, GLenum imageTarget, GLint level,
+                               GLsizei w, GLsizei h, GLsizei layers, const ShaderLayout &l,
+                               std::vector<uint8_t> &out) {
+    if (!reader_) return false;
+    std::vector<uint32_t> texels, stencil;
+    if (!reader_->read(name, t.target, imageTarget, level, w, h, layers, l.sample, texels)) return false;
+    if (l.withStencil) {
+        std::vector<uint32_t> words;
+        // Without the stencil (older drivers) the depth is still worth having.
+        if (reader_->read(name, t.target, imageTarget, level, w, h, layers, ShaderLayout::Sample::Stencil,
+                          words)) {
+            stencil.resize(words.size() / 4);
+            for (size_t i = 0; i < stencil.size(); ++i)
+                stencil[i] = words[i * 4];
+        } else {
+            msg::warning("Texture %u: the driver does not give the stencil of a depth-stencil texture; it is "
+                         "made zero",
+                         name);
+        }
+    }
+    const bool depth24 =
+        l.pack == ShaderLayout::Pack::Depth24 || l.pack == ShaderLayout::Pack::Depth24Stencil8;
+    out = packTexels(l, texels, stencil, static_cast<size_t>(w) * h * layers,
+                     depth24 ? reader_->depth24() : Depth24::Divided);
+    return true;
+}
+
 void Writer::textures() {
     auto &all = s_.shared().textures;
     if (all.empty()) return;
     // The uploads below are written with tightly packed rows from no unpack buffer; the
-    // context's own unpack state is written with the pipeline state afterwards. The shadow says
-    // the same while the records are made, since their sizes are computed from it.
-    CEs2ContextState::Pair saved[10];
-    std::copy(std::begin(s_.pixelStores), std::end(s_.pixelStores), saved);
-    GLuint &unpackBuffer = s_.bufferBinding(GL_PIXEL_UNPACK_BUFFER);
-    const GLuint savedUnpack = unpackBuffer;
-    unpackBuffer = 0;
-    for (uint32_t i = 0; i < s_.pixelStoreCount; ++i)
-        if (s_.pixelStores[i].name != GL_PACK_ALIGNMENT && s_.pixelStores[i].name != GL_UNPACK_ALIGNMENT &&
-            s_.pixelStores[i].value != 0) {
-            s_.pixelStores[i].value = 0;
-            record<fn::glPixelStorei>(s_.pixelStores[i].name, 0);
-        }
-    s_.setPixelStore(GL_UNPACK_ALIGNMENT, 1);
-    record<fn::glPixelStorei>(GL_UNPACK_ALIGNMENT, 1);
-    if (es3() && savedUnpack) record<fn::glBindBuffer>(GL_PIXEL_UNPACK_BUFFER, 0u);
+    // context's own unpack state is written with the pipeline state afterwards.
+    TightUnpack tight(s_, es3(), false);
     HostBindings hostBindings;
+    ShaderReader reader;
     if (host_) {
         hostBindings.save(es3());
         gl().glGenFramebuffers(1, &readFramebuffer_);
+        reader_ = &reader;
     }
     std::vector<GLuint> names;
     for (auto &entry : all)
@@ -559,11 +646,11 @@ void Writer::textures() {
         texture(name, t);
     }
     if (host_) {
+        reader.finish();
+        reader_ = nullptr;
         gl().glDeleteFramebuffers(1, &readFramebuffer_);
         hostBindings.restore();
     }
-    std::copy(std::begin(saved), std::end(saved), s_.pixelStores);
-    unpackBuffer = savedUnpack;
 }
 
 void Writer::buffers() {
@@ -625,12 +712,180 @@ void Writer::samplers() {
         textureParameters(0, sampler.parameters, name);
 }
 
+// Transform feedback objects with the buffers each one binds; the default object's buffers too.
+// The context's own binding is written with the other bindings.
+void Writer::transformFeedbacks() {
+    if (!es3()) return;
+    auto writeBuffers = [](const std::map<GLuint, IndexedBinding> &buffers) {
+        for (auto &[index, b] : buffers) {
+            if (b.size > 0)
+                record<fn::glBindBufferRange>(GL_TRANSFORM_FEEDBACK_BUFFER, index, b.buffer,
+                                              static_cast<GLintptr>(b.offset),
+                                              static_cast<GLsizeiptr>(b.size));
+            else
+                record<fn::glBindBufferBase>(GL_TRANSFORM_FEEDBACK_BUFFER, index, b.buffer);
+        }
+    };
+    for (auto &[name, tf] : s_.shared().transformFeedbacks) {
+        genOne<fn::glGenTransformFeedbacks>(name);
+        record<fn::glBindTransformFeedback>(GL_TRANSFORM_FEEDBACK, name);
+        writeBuffers(tf.buffers);
+    }
+    if (!s_.shared().transformFeedbacks.empty())
+        record<fn::glBindTransformFeedback>(GL_TRANSFORM_FEEDBACK, 0u);
+    writeBuffers(s_.defaultTransformFeedback.buffers);
+}
+
+void Writer::programPipelines() {
+    // Pipelines exist only where the driver had them, whatever version the context asked for.
+    if (!es3()) return;
+    for (auto &[name, p] : s_.programPipelines) {
+        genOne<fn::glGenProgramPipelines>(name);
+        for (auto &[stage, program] : p.stages)
+            record<fn::glUseProgramStages>(name, stage, program);
+        if (p.activeProgram) record<fn::glActiveShaderProgram>(name, p.activeProgram);
+    }
+    if (s_.programPipelineBinding) record<fn::glBindProgramPipeline>(s_.programPipelineBinding);
+}
+
+// Reads a renderbuffer's contents on the host: copied by a blit into a texture of its format,
+// which is then read like any texture. False when the driver does not allow it.
+bool Writer::readRenderbuffer(GLuint name, const RenderbufferRecord &rb, GLbitfield mask,
+                              ShaderReader &reader, GLenum &format, GLenum &type, std::vector<uint8_t> &out) {
+    const GLenum attachment = mask == GL_COLOR_BUFFER_BIT   ? GL_COLOR_ATTACHMENT0
+                              : mask == GL_DEPTH_BUFFER_BIT ? GL_DEPTH_ATTACHMENT
+                                                            : GL_DEPTH_STENCIL_ATTACHMENT;
+    GLuint texture = 0, framebuffers[2] = {0, 0};
+    gl().glGenTextures(1, &texture);
+    gl().glGenFramebuffers(2, framebuffers);
+    gl().glActiveTexture(GL_TEXTURE0);
+    gl().glBindTexture(GL_TEXTURE_2D, texture);
+    gl().glTexStorage2D(GL_TEXTURE_2D, 1, rb.internalFormat, rb.width, rb.height);
+    gl().glBindFramebuffer(GL_READ_FRAMEBUFFER, framebuffers[0]);
+    gl().glFramebufferRenderbuffer(GL_READ_FRAMEBUFFER, attachment, GL_RENDERBUFFER, name);
+    gl().glBindFramebuffer(GL_DRAW_FRAMEBUFFER, framebuffers[1]);
+    gl().glFramebufferTexture2D(GL_DRAW_FRAMEBUFFER, attachment, GL_TEXTURE_2D, texture, 0);
+    bool ok = gl().glCheckFramebufferStatus(GL_READ_FRAMEBUFFER) == GL_FRAMEBUFFER_COMPLETE &&
+              gl().glCheckFramebufferStatus(GL_DRAW_FRAMEBUFFER) == GL_FRAMEBUFFER_COMPLETE;
+    if (ok) {
+        gl().glBlitFramebuffer(0, 0, rb.width, rb.height, 0, 0, rb.width, rb.height, mask, GL_NEAREST);
+        ok = gl().glGetError() == GL_NO_ERROR;
+    }
+    TexelLayout l;
+    ShaderLayout sl;
+    if (ok && mask == GL_COLOR_BUFFER_BIT && texelLayout(rb.internalFormat, 0, 0, l)) {
+        std::vector<uint8_t> read;
+        readFramebuffer_ = framebuffers[1];
+        ok = readLevel(texture, GL_TEXTURE_2D, 0, rb.width, rb.height, 1, l, read);
+        readFramebuffer_ = 0;
+        if (ok) out = convertTexels(read, l, static_cast<size_t>(rb.width) * rb.height);
+        format = l.format;
+        type = l.type;
+    } else if (ok && shaderLayout(rb.internalFormat, 0, 0, sl)) {
+        Resources::Texture t;
+        t.target = GL_TEXTURE_2D;
+        ShaderReader *saved = reader_;
+        reader_ = &reader;
+        ok = readThroughShader(texture, t, GL_TEXTURE_2D, 0, rb.width, rb.height, 1, sl, out);
+        reader_ = saved;
+        format = sl.format;
+        type = sl.type;
+    } else {
+        ok = false;
+    }
+    gl().glDeleteFramebuffers(2, framebuffers);
+    gl().glDeleteTextures(1, &texture);
+    return ok;
+}
+
+// Renderbuffer contents: the driver's pixels, put back in the trace by a blit from a texture
+// that holds them. The names of the texture and the two framebuffers are ones the application
+// does not use, and they are deleted again at once.
+void Writer::renderbufferContents() {
+    if (s_.renderbuffers.empty()) return;
+    if (!host_ || !es3()) {
+        for (auto &[name, rb] : s_.renderbuffers)
+            if (rb.internalFormat)
+                msg::warning(
+                    "Renderbuffer %u: its contents cannot be read in this context; they are not saved", name);
+        return;
+    }
+    HostBindings hostBindings;
+    hostBindings.save(true);
+    ShaderReader reader;
+    const bool usable = reader.usable();
+    GLuint texture = s_.shared().textures.empty() ? 1 : s_.shared().textures.rbegin()->first + 1;
+    GLuint framebuffers[2];
+    framebuffers[0] = s_.framebuffers.empty() ? 1 : s_.framebuffers.rbegin()->first + 1;
+    framebuffers[1] = framebuffers[0] + 1;
+    bool written = false;
+    std::unique_ptr<TightUnpack> tight;
+    auto enabled = [this](GLenum cap) {
+        auto it = s_.capabilities.find(cap);
+        return it != s_.capabilities.end() && it->second;
+    };
+    for (auto &[name, rb] : s_.renderbuffers) {
+        if (rb.internalFormat == 0 || rb.width <= 0 || rb.height <= 0) continue;
+        const GLenum f = rb.internalFormat;
+        const GLbitfield mask =
+            f == GL_DEPTH_COMPONENT16 || f == GL_DEPTH_COMPONENT24 || f == GL_DEPTH_COMPONENT32F
+                ? GL_DEPTH_BUFFER_BIT
+            : f == GL_DEPTH24_STENCIL8 || f == GL_DEPTH32F_STENCIL8
+                ? GLbitfield(GL_DEPTH_BUFFER_BIT | GL_STENCIL_BUFFER_BIT)
+            : f == GL_STENCIL_INDEX8 ? GL_STENCIL_BUFFER_BIT
+                                     : GL_COLOR_BUFFER_BIT;
+        std::vector<uint8_t> texels;
+        GLenum format = 0, type = 0;
+        if (rb.samples > 0 || mask == GL_STENCIL_BUFFER_BIT || !usable ||
+            !readRenderbuffer(name, rb, mask, reader, format, type, texels)) {
+            msg::warning(
+                "Renderbuffer %u: the driver does not give the contents of format 0x%x%s; they are not "
+                "saved",
+                name, f, rb.samples > 0 ? " with several samples" : "");
+            continue;
+        }
+        if (!written) {
+            written = true;
+            tight = std::make_unique<TightUnpack>(s_, true, true);
+            // The blits below must reach every pixel.
+            if (enabled(GL_SCISSOR_TEST)) record<fn::glDisable>(GL_SCISSOR_TEST);
+            if (enabled(GL_RASTERIZER_DISCARD)) record<fn::glDisable>(GL_RASTERIZER_DISCARD);
+            record<fn::glGenFramebuffers>(2, framebuffers);
+        }
+        const GLenum attachment = mask == GL_COLOR_BUFFER_BIT   ? GL_COLOR_ATTACHMENT0
+                                  : mask == GL_DEPTH_BUFFER_BIT ? GL_DEPTH_ATTACHMENT
+                                                                : GL_DEPTH_STENCIL_ATTACHMENT;
+        genOne<fn::glGenTextures>(texture);
+        record<fn::glBindTexture>(GL_TEXTURE_2D, texture);
+        record<fn::glTexImage2D>(GL_TEXTURE_2D, 0, static_cast<GLint>(f), rb.width, rb.height, 0, format,
+                                 type, static_cast<const void *>(texels.data()));
+        record<fn::glBindFramebuffer>(GL_READ_FRAMEBUFFER, framebuffers[0]);
+        record<fn::glFramebufferTexture2D>(GL_READ_FRAMEBUFFER, attachment, GL_TEXTURE_2D, texture, 0);
+        record<fn::glBindFramebuffer>(GL_DRAW_FRAMEBUFFER, framebuffers[1]);
+        record<fn::glFramebufferRenderbuffer>(GL_DRAW_FRAMEBUFFER, attachment, GL_RENDERBUFFER, name);
+        record<fn::glBlitFramebuffer>(0, 0, rb.width, rb.height, 0, 0, rb.width, rb.height, mask,
+                                      GLenum(GL_NEAREST));
+        // Both framebuffers serve the next renderbuffer: nothing of this one may stay attached.
+        record<fn::glFramebufferRenderbuffer>(GL_DRAW_FRAMEBUFFER, attachment, GL_RENDERBUFFER, 0u);
+        record<fn::glDeleteTextures>(1, &texture);
+    }
+    if (written) {
+        record<fn::glDeleteFramebuffers>(2, framebuffers);
+        if (enabled(GL_SCISSOR_TEST)) record<fn::glEnable>(GL_SCISSOR_TEST);
+        if (enabled(GL_RASTERIZER_DISCARD)) record<fn::glEnable>(GL_RASTERIZER_DISCARD);
+    }
+    tight.reset();
+    reader.finish();
+    hostBindings.restore();
+}
+
 void Writer::shared() {
     shaders();
     programs();
     textures();
     buffers();
     samplers();
+    transformFeedbacks();
     if (es3())
         for (auto &[name, q] : s_.shared().queries)
             if (q.activeTarget) {
@@ -698,7 +953,7 @@ void Writer::vertexArrays() {
                                                           static_cast<GLboolean>(a.normalized),
                                                           static_cast<GLsizei>(b.stride), pointer);
                     if (b.divisor && es3()) record<fn::glVertexAttribDivisor>(index, b.divisor);
-                } else if (s_.apiVersion() >= 4) {
+                } else if (es3()) {
                     if (a.integer)
                         record<fn::glVertexAttribIFormat>(index, a.size, a.type, a.relativeOffset);
                     else
@@ -827,6 +1082,7 @@ void Writer::framebuffers() {
             record<fn::glDrawBuffers>(static_cast<GLsizei>(fb.drawBuffers.size()), fb.drawBuffers.data());
         if (fb.readBuffer && es3()) record<fn::glReadBuffer>(fb.readBuffer);
     }
+    renderbufferContents();
     if (es3()) {
         if (!s_.defaultDrawBuffers.empty() || s_.defaultReadBuffer)
             record<fn::glBindFramebuffer>(GL_FRAMEBUFFER, 0u);
@@ -838,6 +1094,7 @@ void Writer::framebuffers() {
 }
 
 void Writer::bindings() {
+    programPipelines();
     if (es3()) {
         record<fn::glBindFramebuffer>(GL_DRAW_FRAMEBUFFER, s_.drawFramebuffer);
         record<fn::glBindFramebuffer>(GL_READ_FRAMEBUFFER, s_.readFramebuffer);
@@ -849,6 +1106,8 @@ void Writer::bindings() {
         record<fn::glBindBuffer>(target, name);
     if (es3())
         for (auto &[key, b] : s_.indexedBindings) {
+            // Transform feedback buffers belong to the transform feedback objects, made before.
+            if (key.first == GL_TRANSFORM_FEEDBACK_BUFFER) continue;
             if (b.size > 0)
                 record<fn::glBindBufferRange>(key.first, key.second, b.buffer,
                                               static_cast<GLintptr>(b.offset),
@@ -865,9 +1124,11 @@ void Writer::bindings() {
     if (es3())
         for (auto &[unit, sampler] : s_.samplerBindings)
             record<fn::glBindSampler>(unit, sampler);
-    if (s_.apiVersion() >= 4)
+    if (es3())
         for (auto &[unit, u] : s_.imageUnits)
             record<fn::glBindImageTexture>(unit, u.texture, u.level, u.layered, u.layer, u.access, u.format);
+    if (es3() && s_.transformFeedbackBinding)
+        record<fn::glBindTransformFeedback>(GL_TRANSFORM_FEEDBACK, s_.transformFeedbackBinding);
     record<fn::glUseProgram>(s_.currentProgram);
 }
 
@@ -896,6 +1157,28 @@ void writeContextInformation(const egl::ContextRecord &context) {
         rec::blob(h, c, context.contextAttributes.data(), context.contextAttributes.size() * sizeof(EGLint),
                   0);
         rec::blob(h, c, context.configAttributes.data(), context.configAttributes.size() * sizeof(EGLint), 0);
+    }
+    trace::finish(h);
+}
+
+// The description of a config that only surfaces use, so that a player matches it from the
+// trace alone: a context information record with no context, no share context and API code 0.
+// A trace from frame 0 has the application's own configuration queries for this; a late one
+// does not.
+void writeConfigInformation(EGLDisplay display, EGLConfig config) {
+    const std::vector<EGLint> attributes = egl::captureConfigAttributes(display, config);
+    const EGLint none = EGL_NONE;
+    RecordHandle h = trace::begin(1502);
+    if (h) {
+        CallCtx c;
+        c.d.record = c.d.recordData = true;
+        h.ptr(display);
+        h.ptr(EGL_NO_CONTEXT);
+        h.ptr(config);
+        h.ptr(EGL_NO_CONTEXT);
+        h.u32(0);
+        rec::blob(h, c, &none, sizeof(EGLint), 0);
+        rec::blob(h, c, attributes.data(), attributes.size() * sizeof(EGLint), 0);
     }
     trace::finish(h);
 }
@@ -961,6 +1244,33 @@ std::vector<std::shared_ptr<egl::ContextRecord>> creationOrder(egl::DisplayRecor
     return out;
 }
 
+// The display's other objects, after its contexts and surfaces, which images are made from: its
+// images (an image of a client buffer followed by its contents) and its syncs.
+void saveImagesAndSyncs(egl::DisplayRecord &d) {
+    platform::LockGuard<platform::Mutex> guard(d.lock);
+    for (auto &[image, r] : d.images) {
+        if (r.core) {
+            recordEgl<fn::eglCreateImage>(image, d.display, r.context, r.target, r.buffer,
+                                          r.attributes.data());
+        } else {
+            std::vector<EGLint> narrow(r.attributes.begin(), r.attributes.end());
+            recordEgl<fn::eglCreateImageKHR>(static_cast<EGLImageKHR>(image), d.display, r.context, r.target,
+                                             r.buffer, static_cast<const EGLint *>(narrow.data()));
+        }
+        auto buffer = d.clientBuffers.find(image);
+        if (buffer != d.clientBuffers.end()) writeClientBufferCreation(d.display, buffer->second);
+    }
+    for (auto &[sync, r] : d.syncs) {
+        if (r.core) {
+            recordEgl<fn::eglCreateSync>(sync, d.display, r.type, r.attributes.data());
+        } else {
+            std::vector<EGLint> narrow(r.attributes.begin(), r.attributes.end());
+            recordEgl<fn::eglCreateSyncKHR>(static_cast<EGLSyncKHR>(sync), d.display, r.type,
+                                            static_cast<const EGLint *>(narrow.data()));
+        }
+    }
+}
+
 void saveDisplay(egl::DisplayRecord &d, egl::ThreadState &t) {
     recordEgl<fn::eglGetDisplay>(d.display, static_cast<EGLNativeDisplayType>(EGL_DEFAULT_DISPLAY));
     recordEgl<fn::eglInitialize>(EGLBoolean(EGL_TRUE), d.display, static_cast<EGLint *>(nullptr),
@@ -1000,10 +1310,16 @@ void saveDisplay(egl::DisplayRecord &d, egl::ThreadState &t) {
         w.framebuffers();
         w.bindings();
     }
+    std::set<EGLConfig> described;
+    for (auto &context : contexts)
+        described.insert(context->config);
+    for (auto &[handle, s] : surfaces)
+        if (described.insert(s->config).second) writeConfigInformation(d.display, s->config);
     for (auto &[handle, s] : surfaces)
         if (s->kind == egl::SurfaceKind::Window) writeSurface(d.display, *s);
     for (auto &[handle, s] : surfaces)
         if (s->kind == egl::SurfaceKind::Pbuffer) writeSurface(d.display, *s);
+    saveImagesAndSyncs(d);
 }
 
 void saveThread(egl::ThreadState &t) {

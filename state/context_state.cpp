@@ -476,6 +476,13 @@ void CEs2ContextState::deleteBuffer(GLuint name) {
     }
     for (auto it = indexedBindings.begin(); it != indexedBindings.end();)
         it = it->second.buffer == name ? indexedBindings.erase(it) : std::next(it);
+    auto forget = [name](std::map<GLuint, IndexedBinding> &buffers) {
+        for (auto it = buffers.begin(); it != buffers.end();)
+            it = it->second.buffer == name ? buffers.erase(it) : std::next(it);
+    };
+    forget(defaultTransformFeedback.buffers);
+    for (auto &entry : shared().transformFeedbacks)
+        forget(entry.second.buffers);
 }
 
 void CEs2ContextState::deleteTexture(GLuint name) {

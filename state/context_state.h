@@ -226,6 +226,8 @@ public:
             bool active = false;
             bool paused = false;
             GLenum primitiveMode = 0;
+            // Its transform feedback buffer bindings by index: each object keeps its own.
+            std::map<GLuint, IndexedBinding> buffers;
         };
         struct Sync {
             GLenum condition = 0;

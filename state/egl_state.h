@@ -108,6 +108,22 @@ struct ClientBufferRecord {
     bool recorded = false;    // whether contents were recorded yet
 };
 
+// An EGL image or sync as the call that made it: a trace that starts later makes it again by the
+// same call. `core`: made by eglCreateImage / eglCreateSync (EGLAttrib lists), else by the KHR
+// forms (EGLint lists).
+struct ImageRecord {
+    EGLContext context = EGL_NO_CONTEXT;
+    EGLenum target = 0;
+    EGLClientBuffer buffer = nullptr;
+    std::vector<EGLAttrib> attributes; // up to and including EGL_NONE
+    bool core = false;
+};
+struct SyncRecord {
+    EGLenum type = 0;
+    std::vector<EGLAttrib> attributes; // up to and including EGL_NONE
+    bool core = false;
+};
+
 struct DisplayRecord {
     EGLDisplay display = EGL_NO_DISPLAY;
     EGLint major = 0;
@@ -117,6 +133,8 @@ struct DisplayRecord {
     std::map<EGLContext, std::shared_ptr<ContextRecord>> contexts;
     std::map<EGLSurface, SurfaceRecord> surfaces;
     std::map<EGLImage, ClientBufferRecord> clientBuffers; // guarded by `lock` too
+    std::map<EGLImage, ImageRecord> images;               // every image; guarded by `lock`
+    std::map<EGLSync, SyncRecord> syncs;                  // guarded by `lock`
 };
 
 struct ThreadState {

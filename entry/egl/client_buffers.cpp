@@ -159,6 +159,7 @@ void forgetImage(CallCtx &c, EGLBoolean result, EGLDisplay dpy, EGLImage image) 
     if (egl::DisplayRecord *d = egl::display(dpy, false)) {
         platform::LockGuard<platform::Mutex> guard(d->lock);
         d->clientBuffers.erase(image);
+        d->images.erase(image);
     }
 }
 
@@ -173,7 +174,71 @@ void beforeImageTaken(CallCtx &c, GLeglImageOES image) {
     if (it != d->clientBuffers.end()) recordContents(t->display, it->second, kClientBufferUpdate);
 }
 
+// An attribute list kept whole, whatever its element type.
+template <class T>
+std::vector<EGLAttrib> keepAttributes(const T *list) {
+    std::vector<T> copy(rec::attribCount(list));
+    if (!copy.empty()) platform::guardedCopy(copy.data(), list, copy.size() * sizeof(T));
+    std::vector<EGLAttrib> out(copy.begin(), copy.end());
+    if (out.empty() || out.back() != EGL_NONE) out.push_back(EGL_NONE);
+    return out;
+}
+
+template <class T>
+void keepImage(CallCtx &c, EGLImage image, EGLDisplay dpy, EGLContext ctx, EGLenum target,
+               EGLClientBuffer buffer, const T *attributes, bool core) {
+    if (c.failed || image == EGL_NO_IMAGE) return;
+    egl::ImageRecord record;
+    record.context = ctx;
+    record.target = target;
+    record.buffer = buffer;
+    record.attributes = keepAttributes(attributes);
+    record.core = core;
+    egl::DisplayRecord *d = egl::display(dpy, true);
+    platform::LockGuard<platform::Mutex> guard(d->lock);
+    d->images[image] = std::move(record);
+}
+
+template <class T>
+void keepSync(CallCtx &c, EGLSync sync, EGLDisplay dpy, EGLenum type, const T *attributes, bool core) {
+    if (c.failed || sync == EGL_NO_SYNC) return;
+    egl::SyncRecord record;
+    record.type = type;
+    record.attributes = keepAttributes(attributes);
+    record.core = core;
+    egl::DisplayRecord *d = egl::display(dpy, true);
+    platform::LockGuard<platform::Mutex> guard(d->lock);
+    d->syncs[sync] = std::move(record);
+}
+
+void forgetSync(CallCtx &c, EGLBoolean result, EGLDisplay dpy, EGLSync sync) {
+    if (c.failed || result != EGL_TRUE) return;
+    if (egl::DisplayRecord *d = egl::display(dpy, false)) {
+        platform::LockGuard<platform::Mutex> guard(d->lock);
+        d->syncs.erase(sync);
+    }
+}
+
 } // namespace
+
+void writeClientBufferCreation(EGLDisplay dpy, egl::ClientBufferRecord &buffer) {
+    recordContents(dpy, buffer, kClientBufferCreation);
+}
+
+void Hooks<fn::eglCreateSync>::after(CallCtx &c, EGLSync &result, EGLDisplay dpy, EGLenum type,
+                                     const EGLAttrib *attrib_list) {
+    keepSync(c, result, dpy, type, attrib_list, true);
+}
+void Hooks<fn::eglCreateSyncKHR>::after(CallCtx &c, EGLSyncKHR &result, EGLDisplay dpy, EGLenum type,
+                                        const EGLint *attrib_list) {
+    keepSync(c, static_cast<EGLSync>(result), dpy, type, attrib_list, false);
+}
+void Hooks<fn::eglDestroySync>::after(CallCtx &c, EGLBoolean &result, EGLDisplay dpy, EGLSync sync) {
+    forgetSync(c, result, dpy, sync);
+}
+void Hooks<fn::eglDestroySyncKHR>::after(CallCtx &c, EGLBoolean &result, EGLDisplay dpy, EGLSyncKHR sync) {
+    forgetSync(c, result, dpy, static_cast<EGLSync>(sync));
+}
 
 void clientBufferPass(CallCtx &c, EGLDisplay dpy) {
     if (!c.d.record || c.d.clientBufferRecordFrequency == 0) return;
@@ -185,17 +250,19 @@ void clientBufferPass(CallCtx &c, EGLDisplay dpy) {
             recordContents(dpy, entry.second, kClientBufferUpdate);
 }
 
-void Hooks<fn::eglCreateImageKHR>::after(CallCtx &c, EGLImageKHR &result, EGLDisplay dpy, EGLContext,
+void Hooks<fn::eglCreateImageKHR>::after(CallCtx &c, EGLImageKHR &result, EGLDisplay dpy, EGLContext ctx,
                                          EGLenum target, EGLClientBuffer buffer, const EGLint *attrib_list) {
     noteImage(c, result, dpy, target, buffer, attrib_list);
+    keepImage(c, static_cast<EGLImage>(result), dpy, ctx, target, buffer, attrib_list, false);
 }
 void Hooks<fn::eglCreateImageKHR>::done(CallCtx &c, EGLImageKHR &result, EGLDisplay dpy, EGLContext, EGLenum,
                                         EGLClientBuffer, const EGLint *) {
     recordCreation(c, result, dpy);
 }
-void Hooks<fn::eglCreateImage>::after(CallCtx &c, EGLImage &result, EGLDisplay dpy, EGLContext,
+void Hooks<fn::eglCreateImage>::after(CallCtx &c, EGLImage &result, EGLDisplay dpy, EGLContext ctx,
                                       EGLenum target, EGLClientBuffer buffer, const EGLAttrib *attrib_list) {
     noteImage(c, result, dpy, target, buffer, attrib_list);
+    keepImage(c, result, dpy, ctx, target, buffer, attrib_list, true);
 }
 void Hooks<fn::eglCreateImage>::done(CallCtx &c, EGLImage &result, EGLDisplay dpy, EGLContext, EGLenum,
                                      EGLClientBuffer, const EGLAttrib *) {

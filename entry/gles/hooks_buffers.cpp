@@ -34,6 +34,8 @@ void Hooks<fn::glBindBuffer>::after(CallCtx &c, Void &, GLenum target, GLuint bu
 void Hooks<fn::glBindBufferBase>::after(CallCtx &c, Void &, GLenum target, GLuint index, GLuint buffer) {
     updateState(c, [&](CEs2ContextState &s) {
         s.indexedBindings[{target, index}] = IndexedBinding{buffer, 0, 0};
+        if (target == GL_TRANSFORM_FEEDBACK_BUFFER)
+            s.currentTransformFeedback().buffers[index] = IndexedBinding{buffer, 0, 0};
         s.bufferBinding(target) = buffer;
         if (buffer) s.shared().buffers[buffer];
     });
@@ -43,6 +45,8 @@ void Hooks<fn::glBindBufferRange>::after(CallCtx &c, Void &, GLenum target, GLui
                                          GLintptr offset, GLsizeiptr size) {
     updateState(c, [&](CEs2ContextState &s) {
         s.indexedBindings[{target, index}] = IndexedBinding{buffer, offset, size};
+        if (target == GL_TRANSFORM_FEEDBACK_BUFFER)
+            s.currentTransformFeedback().buffers[index] = IndexedBinding{buffer, offset, size};
         s.bufferBinding(target) = buffer;
         if (buffer) s.shared().buffers[buffer];
     });

@@ -564,8 +564,13 @@ void Hooks<fn::glBeginTransformFeedback>::after(CallCtx &c, Void &, GLenum primi
 }
 
 void Hooks<fn::glEndTransformFeedback>::after(CallCtx &c, Void &) {
-    updateState(c,
-                [&](CEs2ContextState &s) { s.currentTransformFeedback() = Resources::TransformFeedback{}; });
+    // The object's buffer bindings outlive the capture.
+    updateState(c, [&](CEs2ContextState &s) {
+        auto &feedback = s.currentTransformFeedback();
+        feedback.active = false;
+        feedback.paused = false;
+        feedback.primitiveMode = 0;
+    });
 }
 
 void Hooks<fn::glPauseTransformFeedback>::after(CallCtx &c, Void &) {
