@@ -51,7 +51,8 @@ bool startsWith(const char *s, const char *prefix) {
 std::string stem(const char *name) {
     std::string s(name);
     size_t end = s.size();
-    while (end > 0 && std::isupper(static_cast<unsigned char>(s[end - 1]))) --end;
+    while (end > 0 && std::isupper(static_cast<unsigned char>(s[end - 1])))
+        --end;
     // "glDrawArraysInstanced" ends in a lower-case letter; a name that is all capitals at the end
     // after a digit or lower-case letter lost only its suffix.
     return end > 2 ? s.substr(0, end) : s;
@@ -110,8 +111,8 @@ CallKind kindOf(const char *name) {
     for (const auto &row : table)
         if (s == row.name) return row.kind;
     // glUniform1f through glUniformMatrix4x3fv; not glUniformBlockBinding.
-    if (startsWith(name, "glUniform") && (std::isdigit(static_cast<unsigned char>(name[9])) ||
-                                          startsWith(name + 9, "Matrix")))
+    if (startsWith(name, "glUniform") &&
+        (std::isdigit(static_cast<unsigned char>(name[9])) || startsWith(name + 9, "Matrix")))
         return CallKind::Uniform;
     return CallKind::Other;
 }
@@ -121,12 +122,14 @@ struct Counters::Block {
     uint32_t unpackAlignment = 4;
     uint32_t packAlignment = 4;
     Block() {
-        for (auto &x : v) x.store(0, std::memory_order_relaxed);
+        for (auto &x : v)
+            x.store(0, std::memory_order_relaxed);
     }
 };
 
 Counters::Counters() {
-    for (uint32_t id = 0; id < 65536; ++id) kinds_[id] = kindOf(api::functionName(id));
+    for (uint32_t id = 0; id < 65536; ++id)
+        kinds_[id] = kindOf(api::functionName(id));
 }
 
 Counters::Block &Counters::mine() {
@@ -295,8 +298,9 @@ void Counters::count(uint16_t id, const uint64_t *s, uint32_t n, bool failed) {
         // The call and its bytes both go to the accesses; the byte counter stays 0 (the published
         // meaning of these two counters, which the performance tools rely on).
         add(b.v[kFrameBufferAccesses],
-            1 + rectangleBytes(static_cast<uint32_t>(slotCount(arg(2))), static_cast<uint32_t>(slotCount(arg(3))),
-                               static_cast<uint32_t>(arg(4)), static_cast<uint32_t>(arg(5)), b.packAlignment));
+            1 + rectangleBytes(static_cast<uint32_t>(slotCount(arg(2))),
+                               static_cast<uint32_t>(slotCount(arg(3))), static_cast<uint32_t>(arg(4)),
+                               static_cast<uint32_t>(arg(5)), b.packAlignment));
         break;
     case CallKind::CompileShader: {
         const uint32_t type = shaderType ? shaderType(static_cast<uint32_t>(arg(0))) : 0;
@@ -340,14 +344,16 @@ void Counters::sum(uint32_t out[kCounterCount]) const {
     std::lock_guard<std::mutex> guard(blockList().lock);
     for (void *p : blockList().blocks) {
         const Block *b = static_cast<const Block *>(p);
-        for (uint32_t i = 0; i < kCounterCount; ++i) out[i] += b->v[i].load(std::memory_order_relaxed);
+        for (uint32_t i = 0; i < kCounterCount; ++i)
+            out[i] += b->v[i].load(std::memory_order_relaxed);
     }
 }
 
 void Counters::zero() {
     std::lock_guard<std::mutex> guard(blockList().lock);
     for (void *p : blockList().blocks)
-        for (auto &x : static_cast<Block *>(p)->v) x.store(0, std::memory_order_relaxed);
+        for (auto &x : static_cast<Block *>(p)->v)
+            x.store(0, std::memory_order_relaxed);
 }
 
 } // namespace kv::analysis

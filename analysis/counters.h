@@ -47,18 +47,18 @@ enum Counter : uint32_t {
 // stems): one entry per function id.
 enum class CallKind : uint8_t {
     Other,
-    DrawArrays,             // (mode, first, count)
-    DrawArraysInstanced,    // (mode, first, count, instances)
-    DrawElements,           // (mode, count, ...)
-    DrawElementsInstanced,  // (mode, count, type, indices, instances, ...)
-    DrawRangeElements,      // (mode, start, end, count, ...)
-    DrawIndirectArrays,     // counts live in a buffer object
+    DrawArrays,            // (mode, first, count)
+    DrawArraysInstanced,   // (mode, first, count, instances)
+    DrawElements,          // (mode, count, ...)
+    DrawElementsInstanced, // (mode, count, type, indices, instances, ...)
+    DrawRangeElements,     // (mode, start, end, count, ...)
+    DrawIndirectArrays,    // counts live in a buffer object
     DrawIndirectElements,
-    MultiDrawArrays,        // (mode, first[], count[], drawcount)
-    MultiDrawElements,      // (mode, count[], type, indices[], drawcount)
+    MultiDrawArrays,   // (mode, first[], count[], drawcount)
+    MultiDrawElements, // (mode, count[], type, indices[], drawcount)
     TexImage2D,
     CompressedTexImage2D,
-    TexImageOther,          // 3D and other uploads: counted, no bytes
+    TexImageOther, // 3D and other uploads: counted, no bytes
     TexSubImage2D,
     CompressedTexSubImage2D,
     CompressedTexSubImage3D,

@@ -27,8 +27,8 @@ struct Install {
 } // namespace
 
 Profiler::Profiler(Settings &settings, net::CCounterLink::PathFactory path)
-    : settings_(settings), pathFactory_(std::move(path)), counters_(new Counters()),
-      swapIds_{fn::eglSwapBuffers::id, fn::eglSwapBuffersWithDamageEXT::id} {
+    : settings_(settings), pathFactory_(std::move(path)),
+      counters_(new Counters()), swapIds_{fn::eglSwapBuffers::id, fn::eglSwapBuffersWithDamageEXT::id} {
     counters_->shaderType = &hostShaderType;
     // The link is made at once, so that every call from the first one on is counted against it.
     ensureLink();
@@ -36,13 +36,27 @@ Profiler::Profiler(Settings &settings, net::CCounterLink::PathFactory path)
 
 Profiler::~Profiler() = default;
 
+void Profiler::processEnd() {
+    platform::LockGuard<platform::Mutex> guard(linkLock_);
+    // The last counts, then the close message (sent when the link goes).
+    if (link_ && settings_.softwareCounters) {
+        uint32_t values[kCounterCount];
+        counters_->sum(values);
+        link_->sendCounterValues(values);
+    }
+    link_.reset();
+    ended_ = true;
+}
+
 bool Profiler::ensureLink() {
     if (link_) return true;
+    if (ended_) return false;
     link_.reset(new net::CCounterLink(kLinkName, sizeof kLinkName - 1, pathFactory_));
     net::CCounterLink *links[] = {link_.get()};
     net::CCounterLink::waitForConnection(links, 1, 200);
     std::string names[kCounterCount];
-    for (uint32_t i = 0; i < kCounterCount; ++i) names[i] = kCounterNames[i];
+    for (uint32_t i = 0; i < kCounterCount; ++i)
+        names[i] = kCounterNames[i];
     if (!link_->defineCounters(names, kCounterCount)) {
         msg::emit(msg::kDebugger | msg::kOut, "", "Kalvoren: qorCountersCreate() failed\n");
         link_.reset();

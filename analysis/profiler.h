@@ -20,6 +20,7 @@ class Profiler final : public CProfiler {
 public:
     explicit Profiler(Settings &settings, net::CCounterLink::PathFactory path = nullptr);
     ~Profiler() override;
+    void processEnd() override;
     bool preCall(uint16_t id, const ParamDesc &params) override;
     void postCall(uint16_t id, const ParamDesc &params, uint64_t result, bool failed, bool called) override;
 
@@ -35,6 +36,7 @@ private:
     std::unique_ptr<Counters> counters_;
     std::unique_ptr<net::CCounterLink> link_;
     platform::Mutex linkLock_;
+    bool ended_ = false;
     uint16_t swapIds_[2];
 };
 

@@ -18,7 +18,10 @@ public:
     // Before the host call: false skips the host call (the application's call then has no effect).
     virtual bool preCall(uint16_t id, const ParamDesc &params) = 0;
     // After the host call (also when it was skipped): `failed` is whether the driver rejected it.
-    virtual void postCall(uint16_t id, const ParamDesc &params, uint64_t result, bool failed, bool called) = 0;
+    virtual void postCall(uint16_t id, const ParamDesc &params, uint64_t result, bool failed,
+                          bool called) = 0;
+    // The process ends: the performance server is told. Calls may still arrive from other threads.
+    virtual void processEnd() {}
 };
 
 // How a profiler is made for the settings of a profiling run; null until registered.

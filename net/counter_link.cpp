@@ -9,8 +9,8 @@ namespace kv::net {
 
 namespace {
 uint32_t getU32(const uint8_t *p) {
-    return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 | static_cast<uint32_t>(p[2]) << 16 |
-           static_cast<uint32_t>(p[3]) << 24;
+    return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 |
+           static_cast<uint32_t>(p[2]) << 16 | static_cast<uint32_t>(p[3]) << 24;
 }
 
 // Reads and drops `length` bytes in pieces of at most 4096.
@@ -39,8 +39,8 @@ uint32_t linkTime() {
 }
 
 void putU32(std::vector<uint8_t> &out, uint32_t v) {
-    const uint8_t b[4] = {static_cast<uint8_t>(v), static_cast<uint8_t>(v >> 8), static_cast<uint8_t>(v >> 16),
-                          static_cast<uint8_t>(v >> 24)};
+    const uint8_t b[4] = {static_cast<uint8_t>(v), static_cast<uint8_t>(v >> 8),
+                          static_cast<uint8_t>(v >> 16), static_cast<uint8_t>(v >> 24)};
     out.insert(out.end(), b, b + 4);
 }
 
@@ -195,9 +195,12 @@ void CCounterLink::waitForConnection(CCounterLink *const *links, uint32_t count,
     uint32_t low = 0, high = count;
     for (;;) {
         for (uint32_t i = low; i < high; ++i)
-            if (!done[i] && links[i]->sendMark(mark.data(), static_cast<uint32_t>(mark.size()))) done[i] = true;
-        while (low < high && done[low]) ++low;
-        while (high > low && done[high - 1]) --high;
+            if (!done[i] && links[i]->sendMark(mark.data(), static_cast<uint32_t>(mark.size())))
+                done[i] = true;
+        while (low < high && done[low])
+            ++low;
+        while (high > low && done[high - 1])
+            --high;
         const uint64_t elapsed = platform::tickCountMs() - start;
         if (low == high || elapsed > timeoutMs) return;
         platform::sleepMs(1);
@@ -261,7 +264,8 @@ bool CCounterLink::sendCounterValues(const uint32_t *values) {
     std::vector<uint8_t> p;
     p.reserve(8 + 4 * counters_.size());
     putU32(p, linkTime());
-    for (size_t i = 0; i < counters_.size(); ++i) putU32(p, values[i]);
+    for (size_t i = 0; i < counters_.size(); ++i)
+        putU32(p, values[i]);
     return send(kLinkCounterValues, p);
 }
 
@@ -310,7 +314,8 @@ bool CCounterServer::handle(uint8_t type, const uint8_t *p, uint32_t length) {
         std::vector<LinkItem> got(count);
         for (LinkItem &item : got) {
             std::string data;
-            if (!u32(n) || !bytes(item.name, n) || !u32(item.type) || !u32(n) || !bytes(data, n)) return false;
+            if (!u32(n) || !bytes(item.name, n) || !u32(item.type) || !u32(n) || !bytes(data, n))
+                return false;
             item.data.assign(data.begin(), data.end());
         }
         items = std::move(got);
@@ -331,8 +336,10 @@ bool CCounterServer::handle(uint8_t type, const uint8_t *p, uint32_t length) {
         if (!u32(time)) return false;
         // Values sent before the names came are taken by position.
         std::vector<uint32_t> got((end - p) / 4);
-        for (uint32_t &v : got) u32(v);
+        for (uint32_t &v : got)
+            u32(v);
         values = std::move(got);
+        valueQueue.push_back(values);
         valuesTime = time;
         ++valueMessages;
         return true;

@@ -122,7 +122,8 @@ public:
     std::vector<uint32_t> values;
     uint32_t valuesTime = 0;
     uint64_t valueMessages = 0;
-    std::vector<Event> events; // marks and timeline, taken by the caller
+    std::vector<std::vector<uint32_t>> valueQueue; // every values message, taken by the caller
+    std::vector<Event> events;                     // marks and timeline, taken by the caller
     bool closedByLibrary = false;
 
     // Decodes one message payload into the fields above; false when it is malformed.

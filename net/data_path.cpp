@@ -22,7 +22,8 @@ std::atomic<uint32_t> &position(platform::SharedMemory &m, int which) {
 }
 } // namespace
 
-std::string sharedObjectName(const std::string &base, uint32_t channel, char role, uint32_t index, char kind) {
+std::string sharedObjectName(const std::string &base, uint32_t channel, char role, uint32_t index,
+                             char kind) {
     std::string name = base + std::to_string(channel);
     name += role;
     name += static_cast<char>('0' + index % 10);
@@ -81,11 +82,13 @@ bool CDataPathSharedMem::listen(uint32_t channel) {
     unlinkAll();
     if (channel == 0 || !openRings(channel, true)) return false;
     for (Ring *r : {&upload_, &download_})
-        for (auto &m : r->memory) std::memset(m.data(), 0, kRingBufferBytes);
+        for (auto &m : r->memory)
+            std::memset(m.data(), 0, kRingBufferBytes);
     // The server writes "D" (holding buffer 0) and reads "U" (holding the buffer before 0).
     if (download_.lock[0].take(0) != 1 || upload_.lock[2].take(0) != 1) return false;
     if (!negotiation_.open(sharedObjectName(base_, 0, 'N', 0, 'd'), kNegotiationBytes, true) ||
-        !negotiationLock_.open(sharedObjectName(base_, 0, 'N', 0, 'm'), true) || negotiationLock_.take(1000) != 1)
+        !negotiationLock_.open(sharedObjectName(base_, 0, 'N', 0, 'm'), true) ||
+        negotiationLock_.take(1000) != 1)
         return false;
     std::memcpy(negotiation_.data(), &channel, 4);
     negotiationLock_.release();
@@ -95,7 +98,8 @@ bool CDataPathSharedMem::listen(uint32_t channel) {
 int CDataPathSharedMem::connect() {
     if (state_ == 0) {
         if (!negotiation_.open(sharedObjectName(base_, 0, 'N', 0, 'd'), kNegotiationBytes, false) ||
-            !negotiationLock_.open(sharedObjectName(base_, 0, 'N', 0, 'm'), false) || negotiationLock_.take(0) != 1) {
+            !negotiationLock_.open(sharedObjectName(base_, 0, 'N', 0, 'm'), false) ||
+            negotiationLock_.take(0) != 1) {
             closeAll();
             return kReadFailed;
         }
@@ -161,7 +165,8 @@ bool CDataPathSharedMem::write(const void *bytes, uint32_t count) {
             }
             if (taken != 1) return false;
             m = &r.memory[r.index];
-            if (position(*m, 0).load(std::memory_order_acquire) != 0 || position(*m, 1).load() != 0) return false;
+            if (position(*m, 0).load(std::memory_order_acquire) != 0 || position(*m, 1).load() != 0)
+                return false;
             at = 0;
         }
         const uint32_t n = std::min(count, kRingDataBytes - at);
