@@ -47,15 +47,14 @@ namespace {
 bool startsWith(const char *s, const char *prefix) {
     return std::strncmp(s, prefix, std::strlen(prefix)) == 0;
 }
-// The name without an extension suffix (OES, EXT, ANGLE, KHR, ...): the trailing capitals.
+// The name without its extension suffix, if it has one.
 std::string stem(const char *name) {
     std::string s(name);
-    size_t end = s.size();
-    while (end > 0 && std::isupper(static_cast<unsigned char>(s[end - 1])))
-        --end;
-    // "glDrawArraysInstanced" ends in a lower-case letter; a name that is all capitals at the end
-    // after a digit or lower-case letter lost only its suffix.
-    return end > 2 ? s.substr(0, end) : s;
+    for (const char *suffix : {"OES", "EXT", "ANGLE", "KHR", "NV", "APPLE", "IMG", "ARB", "QCOM", "INTEL"}) {
+        const size_t n = std::strlen(suffix);
+        if (s.size() > n && s.compare(s.size() - n, n, suffix) == 0) return s.substr(0, s.size() - n);
+    }
+    return s;
 }
 
 struct BlockList {

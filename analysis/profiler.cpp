@@ -30,6 +30,7 @@ Profiler::Profiler(Settings &settings, net::CCounterLink::PathFactory path)
     : settings_(settings), pathFactory_(std::move(path)),
       counters_(new Counters()), swapIds_{fn::eglSwapBuffers::id, fn::eglSwapBuffersWithDamageEXT::id} {
     counters_->shaderType = &hostShaderType;
+    overrides_.reset(new Overrides(settings, *counters_));
     // The link is made at once, so that every call from the first one on is counted against it.
     ensureLink();
 }
@@ -54,6 +55,12 @@ bool Profiler::ensureLink() {
     link_.reset(new net::CCounterLink(kLinkName, sizeof kLinkName - 1, pathFactory_));
     net::CCounterLink *links[] = {link_.get()};
     net::CCounterLink::waitForConnection(links, 1, 200);
+    const std::vector<net::LinkItem> items = overrides_->items();
+    if (!link_->defineItems(items.data(), static_cast<uint32_t>(items.size()))) {
+        msg::emit(msg::kDebugger | msg::kOut, "", "Kalvoren: qorLibraryCreate() failed\n");
+        link_.reset();
+        return false;
+    }
     std::string names[kCounterCount];
     for (uint32_t i = 0; i < kCounterCount; ++i)
         names[i] = kCounterNames[i];
@@ -78,10 +85,24 @@ bool Profiler::preCall(uint16_t id, const ParamDesc &params) {
                              settings_.swapInterval);
         }
     }
+    if (overrides_->active()) {
+        if (overrides_->framePoint(id)) {
+            // Edits the server made since the last frame point take effect here. Each receive step
+            // takes one message: a few, for edits that came together.
+            platform::LockGuard<platform::Mutex> guard(linkLock_);
+            if (link_) {
+                for (int i = 0; i < 16 && link_->poll(); ++i) {
+                }
+                overrides_->applyEdits(*link_);
+            }
+        }
+        return overrides_->preCall(id, params.slots, params.count);
+    }
     return true;
 }
 
 void Profiler::postCall(uint16_t id, const ParamDesc &params, uint64_t result, bool failed, bool called) {
+    if (called) overrides_->postCall(id);
     if (settings_.softwareCounters) counters_->count(id, params.slots, params.count, failed || !called);
     if (id == swapIds_[0] || id == swapIds_[1]) frameEnd();
 }

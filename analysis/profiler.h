@@ -4,6 +4,7 @@
 #pragma once
 
 #include "analysis/counters.h"
+#include "analysis/overrides.h"
 #include "core/profiler.h"
 #include "net/counter_link.h"
 #include "platform/platform.h"
@@ -27,6 +28,7 @@ public:
     // Sends the counters and takes the server's edits (from the frame-ending calls).
     bool frameEnd();
     Counters &counters() { return *counters_; }
+    Overrides &overrides() { return *overrides_; }
     net::CCounterLink *link() { return link_.get(); }
 
 private:
@@ -34,6 +36,7 @@ private:
     Settings &settings_;
     net::CCounterLink::PathFactory pathFactory_;
     std::unique_ptr<Counters> counters_;
+    std::unique_ptr<Overrides> overrides_;
     std::unique_ptr<net::CCounterLink> link_;
     platform::Mutex linkLock_;
     bool ended_ = false;

@@ -27,7 +27,8 @@ const char kPerfUsage[] =
     "  --csv FILE         one row per frame: the frame, then one column per counter (per-frame values)\n"
     "  --set NAME=VALUE   switch an override item once the program is connected, e.g.\n"
     "                     --set \"Disable draw calls\"=1 or --set \"Culling mode\"=2 (the \"Kalvoren.\"\n"
-    "                     prefix of the item names may be left out); may be given many times\n"
+    "                     prefix of the item names may be left out); VALUE@N sends it once N frames\n"
+    "                     have come; may be given many times\n"
     "  --frames N         stop after N frames\n"
     "  --wait SECONDS     give up when no program has connected by then (default: wait for ever)\n"
     "  --timeline FILE    the marks and processing spans the program sends, as trace-event JSON\n"
@@ -42,6 +43,7 @@ void onInterrupt(int) {
 struct Edit {
     std::string name;
     std::string value;
+    uint64_t atFrame = 0; // sent once this many frames have come
     bool sent = false;
 };
 
@@ -95,7 +97,16 @@ int perfCommand(const std::vector<std::string> &args) {
                 complain("--set needs NAME=VALUE, not '%s'", v->c_str());
                 return kExitUsage;
             }
-            edits.push_back({v->substr(0, eq), v->substr(eq + 1)});
+            Edit edit{v->substr(0, eq), v->substr(eq + 1)};
+            const size_t at = edit.value.find('@');
+            if (at != std::string::npos) {
+                if (!parseNumber(edit.value.substr(at + 1), edit.atFrame)) {
+                    complain("--set: '%s' is no frame number", edit.value.substr(at + 1).c_str());
+                    return kExitUsage;
+                }
+                edit.value.resize(at);
+            }
+            edits.push_back(edit);
         } else if (a == "--frames" || a == "--wait") {
             const std::string *v = optionValue(args, i, "a number");
             uint64_t n = 0;
@@ -151,10 +162,11 @@ int perfCommand(const std::vector<std::string> &args) {
         server.events.clear();
         if (server.connected() && !server.items.empty()) {
             for (Edit &edit : edits) {
-                if (edit.sent) continue;
+                if (edit.sent || frame < edit.atFrame) continue;
                 edit.sent = true;
                 uint32_t index = 0;
-                while (index < server.items.size() && !matchItem(server.items[index].name, edit.name)) ++index;
+                while (index < server.items.size() && !matchItem(server.items[index].name, edit.name))
+                    ++index;
                 if (index == server.items.size()) {
                     complain("the program has no item '%s'", edit.name.c_str());
                     continue;
@@ -190,7 +202,8 @@ int perfCommand(const std::vector<std::string> &args) {
                 continue;
             }
             std::vector<uint32_t> delta(now.size());
-            for (size_t i = 0; i < now.size(); ++i) delta[i] = now[i] - (i < previous.size() ? previous[i] : 0);
+            for (size_t i = 0; i < now.size(); ++i)
+                delta[i] = now[i] - (i < previous.size() ? previous[i] : 0);
             previous = now;
             if (csv) {
                 if (!headerWritten) {
@@ -202,18 +215,19 @@ int perfCommand(const std::vector<std::string> &args) {
                     std::fputc('\n', csv);
                 }
                 std::fprintf(csv, "%llu", static_cast<unsigned long long>(frame));
-                for (uint32_t d : delta) std::fprintf(csv, ",%u", d);
+                for (uint32_t d : delta)
+                    std::fprintf(csv, ",%u", d);
                 std::fputc('\n', csv);
                 std::fflush(csv);
             }
             if (terminal) {
-                std::printf("\x1b[H\x1b[J%s (process %u), frame %llu\n\n%-38s %12s %14s\n", server.linkName.c_str(),
-                            server.processId, static_cast<unsigned long long>(frame), "counter", "this frame",
-                            "total");
+                std::printf("\x1b[H\x1b[J%s (process %u), frame %llu\n\n%-38s %12s %14s\n",
+                            server.linkName.c_str(), server.processId, static_cast<unsigned long long>(frame),
+                            "counter", "this frame", "total");
                 for (size_t i = 0; i < delta.size(); ++i)
                     std::printf("%-38s %12u %14u\n",
-                                i < server.counterNames.size() ? server.counterNames[i].c_str() : "?", delta[i],
-                                now[i]);
+                                i < server.counterNames.size() ? server.counterNames[i].c_str() : "?",
+                                delta[i], now[i]);
                 for (const auto &item : server.items)
                     std::printf("  [%s] %s\n", itemValueText(item).c_str(), item.name.c_str());
                 std::fflush(stdout);
@@ -244,8 +258,9 @@ int perfCommand(const std::vector<std::string> &args) {
         platform::sleepMs(1);
     }
     if (server.connected()) {
-        std::fprintf(stderr, "kalvoren perf: %llu frames from process %u%s\n", static_cast<unsigned long long>(frame),
-                     server.processId, server.closedByLibrary ? ", which ended" : "");
+        std::fprintf(stderr, "kalvoren perf: %llu frames from process %u%s\n",
+                     static_cast<unsigned long long>(frame), server.processId,
+                     server.closedByLibrary ? ", which ended" : "");
         if (!server.closedByLibrary) server.sendClose();
     }
     if (timeline) {

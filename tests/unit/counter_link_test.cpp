@@ -49,13 +49,15 @@ TEST(CounterLink, ConnectsIdentifiesAndCarriesEveryMessage) {
     std::atomic<bool> stop{false};
     // The server answers the handshake while the library waits for it.
     std::thread serverThread([&] {
-        while (!stop && !p.server.connected()) p.server.poll();
+        while (!stop && !p.server.connected())
+            p.server.poll();
     });
     CCounterLink::waitForConnection(links, 1, 2000);
     stop = true;
     serverThread.join();
     ASSERT_TRUE(p.link->connected());
-    LinkItem items[2] = {{"Kalvoren.Disable draw calls", 4, {0, 0, 0, 0}}, {"Kalvoren.Culling mode", 3, {'0'}}};
+    LinkItem items[2] = {{"Kalvoren.Disable draw calls", 4, {0, 0, 0, 0}},
+                         {"Kalvoren.Culling mode", 3, {'0'}}};
     p.link->defineItems(items, 2);
     const std::string names[3] = {"A", "Bb", "Total API calls"};
     p.link->defineCounters(names, 3);
@@ -87,7 +89,8 @@ TEST(CounterLink, ConnectsIdentifiesAndCarriesEveryMessage) {
     ASSERT_TRUE(p.server.sendEdit(0, &on, 4));
     ASSERT_TRUE(p.server.sendEdit(1, "2", 1));
     ASSERT_TRUE(p.server.sendEdit(0, &on, 4));
-    for (int i = 0; i < 3; ++i) p.link->poll();
+    for (int i = 0; i < 3; ++i)
+        p.link->poll();
     uint32_t index, length;
     const uint8_t *data;
     ASSERT_TRUE(p.link->takeNextEditedItem(&index, &length, &data));
@@ -132,7 +135,8 @@ TEST(CounterLink, EditForAnUnknownItemBreaksTheLinkAndServerCloseReconnects) {
     ASSERT_TRUE(again.listen());
     std::atomic<bool> stop{false};
     std::thread t([&] {
-        while (!stop) again.poll();
+        while (!stop)
+            again.poll();
     });
     q.link->poll(); // reads the close, reconnects
     for (int i = 0; i < 2000 && !q.link->connected(); ++i) {
@@ -174,7 +178,8 @@ TEST(DataPath, BufferHandOverAndAStreamAcrossManyBuffers) {
 
     // Filling buffer 0 to exactly its 32760 bytes (the handshake took 5) leaves buffer 1 alone.
     std::vector<uint8_t> block(kRingDataBytes - 5);
-    for (size_t i = 0; i < block.size(); ++i) block[i] = static_cast<uint8_t>(i * 7);
+    for (size_t i = 0; i < block.size(); ++i)
+        block[i] = static_cast<uint8_t>(i * 7);
     const uint32_t before = library.bytesWritten();
     ASSERT_TRUE(library.write(block.data(), kRingDataBytes - 5));
     EXPECT_EQ(library.bytesWritten() - before, kRingDataBytes - 5);
@@ -206,7 +211,8 @@ TEST(DataPath, BufferHandOverAndAStreamAcrossManyBuffers) {
     ASSERT_EQ(s2.acceptHandshake(), kReadDelivered);
     ASSERT_EQ(l2.connect(), kReadDelivered);
     std::vector<uint8_t> sent(300000), received(sent.size());
-    for (size_t i = 0; i < sent.size(); ++i) sent[i] = static_cast<uint8_t>(i * 31 + (i >> 9));
+    for (size_t i = 0; i < sent.size(); ++i)
+        sent[i] = static_cast<uint8_t>(i * 31 + (i >> 9));
     std::thread reader([&] {
         uint32_t at = 0;
         while (at < received.size()) {
@@ -217,7 +223,8 @@ TEST(DataPath, BufferHandOverAndAStreamAcrossManyBuffers) {
         }
     });
     for (size_t at = 0; at < sent.size(); at += 7001)
-        ASSERT_TRUE(l2.write(sent.data() + at, static_cast<uint32_t>(std::min<size_t>(7001, sent.size() - at))));
+        ASSERT_TRUE(
+            l2.write(sent.data() + at, static_cast<uint32_t>(std::min<size_t>(7001, sent.size() - at))));
     reader.join();
     EXPECT_EQ(sent, received);
     s2.unlinkAll();
