@@ -40,11 +40,14 @@ int main(int argc, char **argv) {
     HeadlessEgl egl;
     if (!headlessEglOpen(&egl, 2, kSize, kSize, 24)) return 1;
     GLuint program = glCreateProgram();
-    glAttachShader(program, compile(GL_VERTEX_SHADER, "attribute vec3 p; varying vec2 uv;\n"
-                                                      "void main() { uv = p.xy * 0.5 + 0.5; gl_Position = vec4(p, 1.0); }\n"));
-    glAttachShader(program, compile(GL_FRAGMENT_SHADER, "precision mediump float; uniform vec4 colour;\n"
-                                                        "uniform float textured; uniform sampler2D t; varying vec2 uv;\n"
-                                                        "void main() { gl_FragColor = mix(colour, texture2D(t, uv * 4.0), textured); }\n"));
+    glAttachShader(program, compile(GL_VERTEX_SHADER,
+                                    "attribute vec3 p; varying vec2 uv;\n"
+                                    "void main() { uv = p.xy * 0.5 + 0.5; gl_Position = vec4(p, 1.0); }\n"));
+    glAttachShader(
+        program, compile(GL_FRAGMENT_SHADER,
+                         "precision mediump float; uniform vec4 colour;\n"
+                         "uniform float textured; uniform sampler2D t; varying vec2 uv;\n"
+                         "void main() { gl_FragColor = mix(colour, texture2D(t, uv * 4.0), textured); }\n"));
     glLinkProgram(program);
     glUseProgram(program);
     GLint position = glGetAttribLocation(program, "p");
@@ -55,7 +58,8 @@ int main(int argc, char **argv) {
     static unsigned char checker[16 * 16 * 4];
     for (int i = 0; i < 16 * 16; ++i) {
         unsigned char v = ((i % 16) / 2 + (i / 16) / 2) % 2 ? 255 : 0;
-        checker[4 * i] = v, checker[4 * i + 1] = (unsigned char)(255 - v), checker[4 * i + 2] = 64, checker[4 * i + 3] = 255;
+        checker[4 * i] = v, checker[4 * i + 1] = (unsigned char)(255 - v), checker[4 * i + 2] = 64,
+                    checker[4 * i + 3] = 255;
     }
     GLuint texture;
     glGenTextures(1, &texture);
