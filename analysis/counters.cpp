@@ -131,16 +131,20 @@ Counters::Counters() {
         kinds_[id] = kindOf(api::functionName(id));
 }
 
+namespace {
+// One block per thread for the life of the process: a thread's counts stay in the sums after it
+// ends.
+KV_FAST_THREAD_LOCAL void *t_block = nullptr;
+} // namespace
+
 Counters::Block &Counters::mine() {
-    // One block per thread for the life of the process: a thread's counts stay in the sums after
-    // it ends.
-    static thread_local Block *block = nullptr;
-    if (KV_UNLIKELY(!block)) {
-        block = new Block();
+    if (KV_UNLIKELY(!t_block)) {
+        Block *block = new Block();
         std::lock_guard<std::mutex> guard(blockList().lock);
         blockList().blocks.push_back(block);
+        t_block = block;
     }
-    return *block;
+    return *static_cast<Block *>(t_block);
 }
 
 namespace {

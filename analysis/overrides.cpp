@@ -43,16 +43,17 @@ struct Gl {
     void(KV_APIENTRY *bindTexture)(GLenum, GLuint);
     void(KV_APIENTRY *genTextures)(GLsizei, GLuint *);
     void(KV_APIENTRY *deleteTextures)(GLsizei, const GLuint *);
-    void(KV_APIENTRY *texImage2D)(GLenum, GLint, GLint, GLsizei, GLsizei, GLint, GLenum, GLenum, const void *);
+    void(KV_APIENTRY *texImage2D)(GLenum, GLint, GLint, GLsizei, GLsizei, GLint, GLenum, GLenum,
+                                  const void *);
     void(KV_APIENTRY *texParameteri)(GLenum, GLenum, GLint);
     void(KV_APIENTRY *getTexParameteriv)(GLenum, GLenum, GLint *);
 };
 
 template <class Fns>
 Gl glFrom(const Fns &f) {
-    return Gl{f.glEnable,      f.glDisable,     f.glIsEnabled,    f.glGetIntegerv,  f.glViewport,
-              f.glCullFace,    f.glActiveTexture, f.glBindTexture, f.glGenTextures, f.glDeleteTextures,
-              f.glTexImage2D,  f.glTexParameteri, f.glGetTexParameteriv};
+    return Gl{f.glEnable,     f.glDisable,       f.glIsEnabled,        f.glGetIntegerv, f.glViewport,
+              f.glCullFace,   f.glActiveTexture, f.glBindTexture,      f.glGenTextures, f.glDeleteTextures,
+              f.glTexImage2D, f.glTexParameteri, f.glGetTexParameteriv};
 }
 
 const Gl &gl(bool es1) {
@@ -79,7 +80,11 @@ struct DrawState {
     Unit units[kTextureUnitsTouched];
     bool texturesTouched = false;
 };
-thread_local DrawState t_draw;
+KV_FAST_THREAD_LOCAL DrawState *t_drawState = nullptr;
+DrawState &drawState() {
+    if (KV_UNLIKELY(!t_drawState)) t_drawState = new DrawState(); // one per thread, kept to its end
+    return *t_drawState;
+}
 
 struct Cap {
     OverrideItem item;
@@ -87,8 +92,10 @@ struct Cap {
     bool es1Only;
 };
 const Cap kCaps[] = {
-    {kItemDisableBlending, GL_BLEND, false},         {kItemDisableStencil, GL_STENCIL_TEST, false},
-    {kItemDisableDepth, GL_DEPTH_TEST, false},       {kItemDisableScissor, GL_SCISSOR_TEST, false},
+    {kItemDisableBlending, GL_BLEND, false},
+    {kItemDisableStencil, GL_STENCIL_TEST, false},
+    {kItemDisableDepth, GL_DEPTH_TEST, false},
+    {kItemDisableScissor, GL_SCISSOR_TEST, false},
     {kItemDisableAlphaTest, 0x0BC0 /* GL_ALPHA_TEST */, true},
 };
 
@@ -123,20 +130,25 @@ int parseCullingEdit(const uint8_t *data, uint32_t length) {
     uint32_t i = 0;
     // Leading new lines and zero bytes are skipped; data that starts with one means "no choice".
     if (length == 0 || data[0] == '\n' || data[0] == 0) return -1;
-    while (i < length && (data[i] == '\n' || data[i] == 0)) ++i;
+    while (i < length && (data[i] == '\n' || data[i] == 0))
+        ++i;
     uint64_t v = 0;
     uint32_t digits = 0;
-    while (i < length && data[i] >= '0' && data[i] <= '9' && digits < 10) v = v * 10 + (data[i++] - '0'), ++digits;
+    while (i < length && data[i] >= '0' && data[i] <= '9' && digits < 10)
+        v = v * 10 + (data[i++] - '0'), ++digits;
     if (digits == 0 || v >= 4) return -1;
     return static_cast<int>(v);
 }
 
 Overrides::Overrides(Settings &s, const Counters &kinds)
-    : kinds_(kinds), active_(s.profilingEnabled && s.renderstateOverride),
-      swapIds_{fn::eglSwapBuffers::id, fn::eglSwapBuffersWithDamageEXT::id} {
-    for (uint32_t i = 0; i < kOverrideSwitchCount; ++i) values_[i] = s.overrideActive(static_cast<OverrideSwitch>(i));
+    : kinds_(kinds),
+      active_(s.profilingEnabled && s.renderstateOverride), swapIds_{fn::eglSwapBuffers::id,
+                                                                     fn::eglSwapBuffersWithDamageEXT::id} {
+    for (uint32_t i = 0; i < kOverrideSwitchCount; ++i)
+        values_[i] = s.overrideActive(static_cast<OverrideSwitch>(i));
     // Read where the key is read: a value above 3 was already taken as 0 there.
-    values_[kItemCullingMode] = static_cast<uint32_t>(s.cullingMode) <= 3 ? static_cast<uint32_t>(s.cullingMode) : 0;
+    values_[kItemCullingMode] =
+        static_cast<uint32_t>(s.cullingMode) <= 3 ? static_cast<uint32_t>(s.cullingMode) : 0;
     const api::FamilyRange &es1 = api::kFamilies[static_cast<int>(api::Family::Gles1)];
     es1First_ = es1.first;
     es1Last_ = es1.last;
@@ -204,14 +216,14 @@ bool Overrides::preCall(uint16_t id, const uint64_t *slots, uint32_t count) {
 }
 
 void Overrides::postCall(uint16_t id) {
-    if (!active_ || !t_draw.applied) return;
+    if (!active_ || !t_drawState || !t_drawState->applied) return;
     const bool es1 = id >= es1First_ && id <= es1Last_;
     if (isDraw(kinds_.kind(id))) restore(es1);
 }
 
 void Overrides::apply(bool es1) {
     const Gl &g = gl(es1);
-    DrawState &d = t_draw;
+    DrawState &d = drawState();
     d = DrawState();
     d.applied = true;
     if (values_[kItemZeroViewport] && g.getIntegerv && g.viewport) {
@@ -242,13 +254,14 @@ void Overrides::apply(bool es1) {
         }
     }
     const bool tiny = values_[kItem2x2Textures] != 0, nearest = values_[kItemDisableTextureFiltering] != 0;
-    if ((tiny || nearest) && g.activeTexture && g.bindTexture && g.getIntegerv && g.genTextures && g.texImage2D &&
-        g.texParameteri && g.getTexParameteriv) {
+    if ((tiny || nearest) && g.activeTexture && g.bindTexture && g.getIntegerv && g.genTextures &&
+        g.texImage2D && g.texParameteri && g.getTexParameteriv) {
         d.texturesTouched = true;
         g.getIntegerv(GL_ACTIVE_TEXTURE, &d.activeUnit);
         GLint units = 0;
         g.getIntegerv(es1 ? 0x84E2 /* GL_MAX_TEXTURE_UNITS */ : GL_MAX_COMBINED_TEXTURE_IMAGE_UNITS, &units);
-        const uint32_t n = units > 0 && static_cast<uint32_t>(units) < kTextureUnitsTouched ? units : kTextureUnitsTouched;
+        const uint32_t n =
+            units > 0 && static_cast<uint32_t>(units) < kTextureUnitsTouched ? units : kTextureUnitsTouched;
         for (uint32_t u = 0; u < n; ++u) {
             Unit &unit = d.units[u];
             g.activeTexture(GL_TEXTURE0 + u);
@@ -269,7 +282,8 @@ void Overrides::apply(bool es1) {
                 g.getTexParameteriv(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, &unit.minFilter);
                 g.getTexParameteriv(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, &unit.magFilter);
                 const bool mip = unit.minFilter != GL_NEAREST && unit.minFilter != GL_LINEAR;
-                g.texParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, mip ? GL_NEAREST_MIPMAP_NEAREST : GL_NEAREST);
+                g.texParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER,
+                                mip ? GL_NEAREST_MIPMAP_NEAREST : GL_NEAREST);
                 g.texParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_NEAREST);
                 unit.filtered = true;
             }
@@ -280,7 +294,7 @@ void Overrides::apply(bool es1) {
 
 void Overrides::restore(bool es1) {
     const Gl &g = gl(es1);
-    DrawState &d = t_draw;
+    DrawState &d = drawState();
     d.applied = false;
     if (d.viewportSet) g.viewport(d.viewport[0], d.viewport[1], d.viewport[2], d.viewport[3]);
     for (uint32_t i = 0; i < sizeof kCaps / sizeof kCaps[0]; ++i)
