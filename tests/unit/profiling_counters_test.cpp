@@ -68,7 +68,7 @@ TEST(ProfilingCounters, DrawsPrimitivesAndTheKeptQuirks) {
     EXPECT_EQ(t.added(kTextureModifications), 1u);
     t.call(fn::glCompressedTexSubImage2D::id, GL_TEXTURE_2D, 0, 0, 0, 4, 4, 0x8D64, 8, 0);
     EXPECT_EQ(t.added(kTextureModificationBytes), 8u);
-    t.call(fn::glBufferData::id, GL_ARRAY_BUFFER, 100, 0, GL_STATIC_DRAW);     // no data: not counted
+    t.call(fn::glBufferData::id, GL_ARRAY_BUFFER, 100, 0, GL_STATIC_DRAW);      // no data: not counted
     t.call(fn::glBufferData::id, GL_ARRAY_BUFFER, 100, 0x1000, GL_STATIC_DRAW); // counted
     EXPECT_EQ(t.added(kBufferUploadBytes), 100u);
     t.call(fn::glCompileShader::id, GL_VERTEX_SHADER);
@@ -91,7 +91,9 @@ TEST(ProfilingCounters, DrawsPrimitivesAndTheKeptQuirks) {
 TEST(ProfilingOverrides, CullingEditsAndItemText) {
     EXPECT_EQ(cullingItemText(0), "0\nApp defined\nNone\nBack\nFront");
     EXPECT_EQ(cullingItemText(0).size(), 29u);
-    auto parse = [](const char *s) { return parseCullingEdit(reinterpret_cast<const uint8_t *>(s), std::strlen(s)); };
+    auto parse = [](const char *s) {
+        return parseCullingEdit(reinterpret_cast<const uint8_t *>(s), std::strlen(s));
+    };
     EXPECT_EQ(parse("5"), -1);
     EXPECT_EQ(parse("2"), 2);
     EXPECT_EQ(parse("3\nApp defined"), 3);
