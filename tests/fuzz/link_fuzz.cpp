@@ -61,8 +61,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         bool made = false;
         kv::net::CCounterLink link("Kalvoren", 8, [&]() -> std::unique_ptr<kv::net::CDataPath> {
             // The first path serves the input; one a close asks for is connected and empty.
-            auto p = std::unique_ptr<InputPath>(made ? new InputPath(data, 0, step) : new InputPath(data, size, step));
-            if (!made) path = p.get();
+            auto p = std::unique_ptr<InputPath>(made ? new InputPath(data, 0, step)
+                                                     : new InputPath(data, size, step));
+            // The input's path is gone once a replacement is made.
+            path = made ? nullptr : p.get();
             made = true;
             return p;
         });
@@ -74,7 +76,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
             const uint8_t *edited;
             while (link.takeNextEditedItem(&index, &length, &edited))
                 if (index >= 2) std::abort();
-            if (!made) break;
         }
     }
 
