@@ -5,6 +5,9 @@
 //   direct       calls into the test host only
 //   passthrough  the library disabled ("Enabled": false): every entry point forwards its call
 //   recorded     the library recording: error check, hooks and a record without client data
+//   profiled     the library in profiling mode, every call counted, `kalvoren perf`'s end of the
+//                counter link served by a thread of this process (frame ends send the counters)
+//   uncounted    the same without the software counters: the difference is what counting costs
 //
 // Each process also measures the direct calls, and reports for every function the processor
 // nanoseconds per call (counter ns_per_call) and the ratio to the direct call (counter x_direct),
@@ -13,6 +16,7 @@
 // trace go to KV_BENCH_DIR (a temporary directory when unset). bench/run_call_overhead.sh runs the
 // three modes and prints a table.
 #include "entry/entries_autogen.h"
+#include "net/counter_link.h"
 #include "platform/process.h"
 #include "tests/common/json_text.h"
 #include "tests/host/test_host.h"
@@ -20,6 +24,7 @@
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
+#include <atomic>
 #include <ctime>
 #include <cstdio>
 #include <cstdlib>
@@ -31,11 +36,12 @@
 #include <random>
 #include <string>
 #include <utility>
+#include <thread>
 #include <vector>
 
 namespace {
 
-enum class Mode { Direct, PassThrough, Recorded };
+enum class Mode { Direct, PassThrough, Recorded, Profiled, Uncounted };
 
 // The runs of one benchmark: iterations and processor nanoseconds per call of each.
 struct Runs {
@@ -216,7 +222,7 @@ std::string workDirectory(bool &owned) {
 }
 
 // Points the library at the test host, with its trace in `dir`.
-void configureLibrary(const std::string &dir, bool enabled) {
+void configureLibrary(const std::string &dir, bool enabled, bool profiled, bool counted) {
     std::filesystem::create_directories(dir);
     const std::string host = KV_BENCH_TEST_HOST;
     const std::string config = dir + "/kalvorenconfig.json";
@@ -224,10 +230,23 @@ void configureLibrary(const std::string &dir, bool enabled) {
         << "{\"*\": {\"Enabled\": " << (enabled ? "true" : "false")
         << ", \"Host\": {\"EglLibraryPath\": " << kv::test::jsonQuoted(host)
         << ", \"Es2LibraryPath\": " << kv::test::jsonQuoted(host)
-        << "}, \"Tracing\": {\"OutputFilename\": " << kv::test::jsonQuoted(dir + "/bench.kalvoren")
-        << "}}}\n";
+        << "}, \"Tracing\": {\"OutputFilename\": " << kv::test::jsonQuoted(dir + "/bench.kalvoren") << "}"
+        << (profiled ? ", \"Profiling\": {\"Enabled\": true, \"SoftwareCounters\": " : "")
+        << (profiled ? (counted ? "true}" : "false}") : "") << "}}\n";
     kv::platform::setEnv("KALVOREN_CONFIG", config);
     kv::platform::setEnv("KALVOREN_NO_MESSAGE_BOX", "1");
+}
+
+void librarySwap(benchmark::State &state) {
+    EGLDisplay display = egl::getCurrentDisplay();
+    EGLSurface surface = egl::getCurrentSurface(EGL_DRAW);
+    reportLibrary(state, "eglSwapBuffers", timeCalls(state, [&] { egl::swapBuffers(display, surface); }));
+}
+
+void directSwap(benchmark::State &state) {
+    using SwapFn = EGLBoolean(KV_APIENTRY *)(EGLDisplay, EGLSurface);
+    auto swap = reinterpret_cast<SwapFn>(kvth_function_address("eglSwapBuffers"));
+    reportDirect(state, "eglSwapBuffers", timeCalls(state, [&] { swap(nullptr, nullptr); }));
 }
 
 // An OpenGL ES 3 context current on a pbuffer, made through the library.
@@ -261,16 +280,41 @@ int main(int argc, char **argv) {
         mode = Mode::PassThrough;
     } else if (name == "recorded") {
         mode = Mode::Recorded;
+    } else if (name == "profiled") {
+        mode = Mode::Profiled;
+    } else if (name == "uncounted") {
+        mode = Mode::Uncounted;
     } else {
-        std::fprintf(stderr, "KV_BENCH_MODE must be direct, passthrough or recorded, not '%s'\n",
+        std::fprintf(stderr,
+                     "KV_BENCH_MODE must be direct, passthrough, recorded, profiled or uncounted, not '%s'\n",
                      name.c_str());
         return 2;
     }
 
     bool ownedDirectory = false;
     const std::string dir = workDirectory(ownedDirectory);
+    // The performance server's end, for the profiled run: it reads every frame's counters.
+    std::unique_ptr<kv::net::CCounterServer> server;
+    std::atomic<bool> serving{true};
+    std::thread serverThread;
+    if (mode == Mode::Profiled || mode == Mode::Uncounted) {
+        server.reset(new kv::net::CCounterServer());
+        if (!server->listen()) {
+            std::fprintf(stderr, "could not make the counter link\n");
+            return 1;
+        }
+        serverThread = std::thread([&] {
+            while (serving) {
+                server->poll();
+                server->valueQueue.clear();
+                server->events.clear();
+                kv::platform::sleepMs(1);
+            }
+        });
+    }
     if (mode != Mode::Direct) {
-        configureLibrary(dir, mode == Mode::Recorded);
+        configureLibrary(dir, mode != Mode::PassThrough, mode == Mode::Profiled || mode == Mode::Uncounted,
+                         mode == Mode::Profiled);
         if (!makeContextCurrent()) {
             std::fprintf(stderr, "could not make a context current through the library\n");
             return 1;
@@ -281,10 +325,13 @@ int main(int argc, char **argv) {
 
     benchmark::RegisterBenchmark("direct/glEnable", directEnable);
     benchmark::RegisterBenchmark("direct/glUniform4f", directUniform4f);
+    benchmark::RegisterBenchmark("direct/eglSwapBuffers", directSwap);
     if (mode != Mode::Direct) {
         benchmark::RegisterBenchmark((name + "/glEnable").c_str(), libraryEnable);
         benchmark::RegisterBenchmark((name + "/glUniform4f").c_str(), libraryUniform4f);
     }
+    if (mode == Mode::Profiled || mode == Mode::PassThrough)
+        benchmark::RegisterBenchmark((name + "/eglSwapBuffers").c_str(), librarySwap);
     if (mode == Mode::Recorded) {
         // A fixed number of draws: each client-array draw adds a kilobyte to the trace.
         benchmark::RegisterBenchmark("recorded/draw-buffer", drawFromBuffer)->Iterations(20000);
@@ -302,6 +349,12 @@ int main(int argc, char **argv) {
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
 
+    if (serverThread.joinable()) {
+        serving = false;
+        serverThread.join();
+        std::printf("server: %llu counter messages from process %u\n",
+                    static_cast<unsigned long long>(server->valueMessages), server->processId);
+    }
     for (const auto &[function, runs] : mode == Mode::Direct ? g_direct : g_library) {
         const double ns = runs.nsPerCall();
         const double direct = g_direct[function].nsPerCall();

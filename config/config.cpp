@@ -516,9 +516,7 @@ void makeStartupDecisions(Settings &s) {
         }
         s.recordData = false;
         s.saveFrameBuffer = false;
-        // The profiler is not part of this build.
-        msg::emit(msg::kDebugger, "", "Failed to allocate the profiler");
-        msg::emit(msg::kErr, "ERROR: ", "Failed to allocate the profiler");
+        // The profiler itself is made once the settings are complete (core/settings.cpp).
     }
     if (s.mode == kModeRecording && s.recordingEnabled && !s.networkEnabled) {
         if (s.startFrame > s.endFrame) {

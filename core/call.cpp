@@ -37,7 +37,6 @@ void fillDecision(Settings &s, uint16_t id, CallDecision &d, ParamDesc *params) 
     d.callHost = s.forwardToHost.load(std::memory_order_relaxed);
     if (s.profilingEnabled) {
         d.profiler = s.profiler.get();
-        // The profiler's per-call answer would read the argument slots; this build has none.
         (void)params;
     } else {
         const uint32_t frame = s.currentFrame.load(std::memory_order_relaxed);
@@ -78,6 +77,16 @@ void reportUnrecorded(uint16_t id) {
     msg::error("%s could not be recorded (out of memory while its record was made); the call was made and "
                "recording goes on.",
                name ? name : "A call");
+}
+
+namespace {
+std::atomic<ProfilerFactory> g_profilerFactory{nullptr};
+}
+void setProfilerFactory(ProfilerFactory make) {
+    g_profilerFactory.store(make);
+}
+ProfilerFactory profilerFactory() {
+    return g_profilerFactory.load();
 }
 
 void setOpenClInitialisation(void (*initialise)()) {

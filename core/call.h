@@ -12,6 +12,7 @@
 #include "core/functions_autogen.h"
 #include "core/call_types.h"
 #include "core/manager.h"
+#include "core/profiler.h"
 #include "core/settings.h"
 #include "base/slots.h"
 #include "host/hosts.h"
@@ -232,6 +233,9 @@ private:
         Api::clearLastError();
         c.error = Api::kSuccess;
         Value result{};
+        // Under the profiler: an override may keep the call from the driver.
+        const bool profiled = KV_UNLIKELY(c.d.profiler != nullptr);
+        if (profiled && c.d.callHost) c.d.callHost = c.d.profiler->preCall(F::id, params);
         if (c.d.callHost) {
             if constexpr (!H::kReplacesHost) {
                 if (KV_UNLIKELY(!(Api::host().fn.*F::slot))) return missing();
@@ -260,6 +264,11 @@ private:
             result = EGL_TRUE;
         }
         if (tracked) H::after(c, result, args...);
+        if (profiled) {
+            uint64_t resultSlot = 0;
+            if constexpr (!std::is_void_v<Ret>) resultSlot = toSlot(result);
+            c.d.profiler->postCall(F::id, params, resultSlot, c.failed, c.d.callHost);
+        }
         if constexpr (TwoWay<Api>::value) {
             if (c.d.callHost) Api::template track<F>(c, args...);
         }

@@ -3,6 +3,7 @@
 
 #include "base/messages.h"
 #include "core/settings.h"
+#include "core/profiler.h"
 #include "net/server.h"
 #include "trace/record.h"
 #include "trace/trace_writer.h"
@@ -66,6 +67,9 @@ void EntryRoutine::processDetach() {
         // rebuilt settings record would open the finished trace again and truncate it.
         s.mode = kModeDisabled;
     }
+    if (detail::g_settings && detail::g_settingsPid.load() == processId() &&
+        detail::g_settings->mode.load() == kModeProfiling && detail::g_settings->profiler)
+        detail::g_settings->profiler->processEnd();
     records::detachThread();
     debugOutput("Kalvoren: Trace finished.\r\n");
 }

@@ -3,6 +3,7 @@
 
 #include "config/config.h"
 #include "core/lifecycle.h"
+#include "core/profiler.h"
 #include "base/messages.h"
 #include "trace/trace_writer.h"
 
@@ -50,6 +51,16 @@ Settings &buildSettings() {
                      parentTrace.c_str());
         s.recordingEnabled = false;
         s.mode = kModeDisabled;
+    }
+    if (s.mode == kModeProfiling) {
+        ProfilerFactory make = profilerFactory();
+        CProfiler *profiler = make ? make(s) : nullptr;
+        if (profiler) {
+            s.profiler = SharedPtr<CProfiler>(profiler);
+        } else {
+            msg::emit(msg::kDebugger, "", "Failed to allocate the profiler");
+            msg::emit(msg::kErr, "ERROR: ", "Failed to allocate the profiler");
+        }
     }
     if (s.recordingEnabled && !trace::openForRecording(s))
         msg::emit(msg::kDebugger | msg::kOut, "", "ERROR: Failed to open record trace file.");

@@ -33,6 +33,9 @@ std::string joinPath(const std::string &directory, const std::string &name);
 // it cannot be done.
 bool truncateFile(const std::string &path, uint64_t size, std::string *error);
 
+// Whether a process with this id is still running.
+bool processAlive(uint64_t pid);
+
 // Whether the stream is connected to a terminal.
 bool isTerminal(std::FILE *stream);
 

@@ -123,6 +123,10 @@ std::string joinPath(const std::string &directory, const std::string &name) {
     return directory.back() == '/' ? directory + name : directory + "/" + name;
 }
 
+bool processAlive(uint64_t pid) {
+    return pid && (::kill(static_cast<pid_t>(pid), 0) == 0 || errno == EPERM);
+}
+
 bool isTerminal(std::FILE *stream) {
     return stream && isatty(fileno(stream)) == 1;
 }

@@ -159,6 +159,15 @@ std::string joinPath(const std::string &directory, const std::string &name) {
     return last == '\\' || last == '/' ? directory + name : directory + "\\" + name;
 }
 
+bool processAlive(uint64_t pid) {
+    HANDLE process = OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, static_cast<DWORD>(pid));
+    if (!process) return false;
+    DWORD code = 0;
+    const bool running = GetExitCodeProcess(process, &code) && code == STILL_ACTIVE;
+    CloseHandle(process);
+    return running;
+}
+
 bool isTerminal(std::FILE *stream) {
     return stream && _isatty(_fileno(stream)) != 0;
 }

@@ -26,6 +26,7 @@ int repairCommand(const std::vector<std::string> &args);
 int replayCommand(const std::vector<std::string> &args);
 int framesCommand(const std::vector<std::string> &args);
 int ctlCommand(const std::vector<std::string> &args);
+int perfCommand(const std::vector<std::string> &args);
 
 struct InfoOptions {
     size_t top = 20; // functions listed by call count

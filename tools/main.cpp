@@ -127,6 +127,8 @@ const char kUsage[] =
     "  ctl HOST[:PORT] COMMAND...\n"
     "                   drive a program recorded with network control on: start, pause, resume,\n"
     "                   stop, fetch -o FILE, watch\n"
+    "  perf             show the counters of a program profiled with Kalvoren, frame by frame, and\n"
+    "                   switch its render-state overrides\n"
     "  help [COMMAND]   how to use a command (also: kalvoren COMMAND --help)\n"
     "  --version        the recorder's version and the trace format it writes and reads\n"
     "\n"
@@ -147,11 +149,12 @@ int help(const std::string &command) {
     if (command == "replay") return replayCommand({"--help"});
     if (command == "frames") return framesCommand({"--help"});
     if (command == "ctl") return ctlCommand({"--help"});
+    if (command == "perf") return perfCommand({"--help"});
     if (command.empty()) {
         std::fputs(kUsage, stdout);
         return kExitOk;
     }
-    complain("no command '%s'; the commands are info, dump, repair, record, replay, frames and ctl "
+    complain("no command '%s'; the commands are info, dump, repair, record, replay, frames, ctl and perf "
              "('kalvoren help' tells more)",
              command.c_str());
     return kExitUsage;
@@ -180,6 +183,7 @@ int main(int argc, char **argv) {
     if (command == "replay") return replayCommand(args);
     if (command == "frames") return framesCommand(args);
     if (command == "ctl") return ctlCommand(args);
+    if (command == "perf") return perfCommand(args);
     if (command == "help" || command == "--help" || command == "-h") return help(args.empty() ? "" : args[0]);
     if (command == "--version" || command == "version") return version();
     complain("unknown command '%s': run 'kalvoren help' for the list of commands", command.c_str());

@@ -15,7 +15,7 @@ jobs=${KV_FUZZ_JOBS:-2}
 
 cmake -S "$root" -B "$build" -G Ninja -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
     -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKV_FUZZ=ON >/dev/null
-ninja -C "$build" -j "$jobs" kv_reader_fuzz kv_command_fuzz
+ninja -C "$build" -j "$jobs" kv_reader_fuzz kv_command_fuzz kv_link_fuzz
 
 # The committed seeds stay as they are; what the fuzzer learns grows in a corpus of its own.
 work="$here/corpus-work"
@@ -28,3 +28,8 @@ command_seconds=$(( seconds / 4 > 5 ? seconds / 4 : 5 ))
 mkdir -p "$here/corpus-commands-work"
 "$build/bin/kv_command_fuzz" -max_total_time="$command_seconds" -timeout=10 -rss_limit_mb=2048 -max_len=4096 \
     -artifact_prefix="$build/fuzz-artifacts/" -print_final_stats=1 "$here/corpus-commands-work"
+
+# The counter link's receivers, as small: the same fraction.
+mkdir -p "$here/corpus-link-work"
+"$build/bin/kv_link_fuzz" -max_total_time="$command_seconds" -timeout=10 -rss_limit_mb=2048 -max_len=4096 \
+    -artifact_prefix="$build/fuzz-artifacts/" -print_final_stats=1 "$here/corpus-link-work"
