@@ -198,5 +198,51 @@ for mode in "${modes[@]}"; do
     done
 done
 
+# ---- Traces across systems -----------------------------------------------------------------------
+# With a Linux build (KV_LINUX_KALVOREN names its kalvoren): the traces recorded here replay on
+# Linux's Mesa to the frames the Windows program drew, and a trace recorded on Linux replays with
+# kalvoren.exe on this driver to the frames the Linux program drew.
+linux_kalvoren=${KV_LINUX_KALVOREN:-}
+if [ -z "$linux_kalvoren" ] || [ ! -x "$linux_kalvoren" ]; then
+    echo "note: no Linux build (KV_LINUX_KALVOREN): traces not replayed across systems"
+else
+    for mode in "${modes[@]}"; do
+        trace=$work/$mode-default/$mode.kalvoren
+        [ -s "$trace" ] || continue
+        frames=$(ls "$work/$mode-plain"/*-frame-*.rgba | wc -l)
+        timeout 300 "$linux_kalvoren" replay "$trace" >"$work/$mode-linux-replay.txt" 2>&1
+        status=$?
+        identical=$(grep -c ': identical$' "$work/$mode-linux-replay.txt")
+        if [ $status -eq 0 ] && [ "$identical" = "$frames" ]; then
+            pass "$mode: the Windows trace replays on Linux, $frames frames identical"
+        else
+            fail "$mode: the Windows trace on Linux: exit $status, $identical of $frames frames identical"
+            grep -v 'ost library' "$work/$mode-linux-replay.txt" | tail -5
+        fi
+    done
+    linux_lib=$(cd "$(dirname "$linux_kalvoren")/../lib" && pwd)
+    if command -v glmark2-es2 >/dev/null; then
+        install_driver
+        cat >"$work/linux.json" <<EOF
+{ "*": { "Tracing": { "OutputFilename": "$work/linux.kalvoren", "SaveFrameBuffer": true,
+  "EndFrame": 3, "ExitOnLastFrame": true } } }
+EOF
+        KALVOREN_CONFIG=$work/linux.json LD_LIBRARY_PATH=$linux_lib${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH} \
+            timeout 120 glmark2-es2 --size 96x64 -b texture >"$work/linux-record.txt" 2>&1
+        (cd "$work" && timeout 300 "$wine" "$kalvoren_exe" replay --window linux.kalvoren </dev/null \
+            >linux-on-windows.txt 2>&1)
+        status=$?
+        identical=$(grep -c ': identical$' "$work/linux-on-windows.txt")
+        if [ $status -eq 0 ] && [ "$identical" = 4 ]; then
+            pass "a Linux trace (glmark2-es2 texture) replays with kalvoren.exe, 4 frames identical"
+        else
+            fail "a Linux trace with kalvoren.exe: exit $status, $identical of 4 frames identical"
+            grep -v 'ost library' "$work/linux-on-windows.txt" | tail -5
+        fi
+    else
+        echo "note: glmark2-es2 missing (package glmark2-es2-x11): no Linux trace replayed on Windows"
+    fi
+fi
+
 [ $failures -eq 0 ] && echo "all passed" || echo "$failures failed"
 [ $failures -eq 0 ]
