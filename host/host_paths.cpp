@@ -57,9 +57,12 @@ void searchDefaultHostLibraries() {
         platform::directoryName(platform::moduleFileName(platform::ownModule()))};
     for (int api = 0; api < 4; ++api) {
         if (!configuredHostLibraryPath(api).empty()) continue;
-        const char *name = platform::driverLibraryName(api);
-        std::string found = platform::locateLibrary(name, excluded, ownDirectory);
-        defaultHostLibraryPath(api) = CZandString(found.empty() ? std::string(name) : found);
+        // The first name that finds a driver; when none does, the usual name, for the messages.
+        std::string found;
+        for (const char *const *name = platform::driverLibraryNames(api); *name && found.empty(); ++name)
+            found = platform::locateLibrary(*name, excluded, ownDirectory);
+        defaultHostLibraryPath(api) =
+            CZandString(found.empty() ? std::string(platform::driverLibraryName(api)) : found);
     }
 }
 

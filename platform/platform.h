@@ -66,6 +66,8 @@ std::string currentDirectory();
 // The driver library file names of this platform, by API: 0 EGL, 1 OpenGL ES 1, 2 OpenGL ES 2/3,
 // 3 OpenCL.
 const char *driverLibraryName(int api);
+// Every file name a driver for `api` is known to ship under, the usual one first; null-terminated.
+const char *const *driverLibraryNames(int api);
 // Finds the file that a bare library name stands for, passing over the files in `excludedFiles`
 // and every file in `excludedDirectories` (our own front libraries, which shadow the real drivers on
 // the search path and sit next to the library). Returns the full path, or an empty string when

@@ -166,10 +166,19 @@ std::string currentDirectory() {
     return getcwd(buffer, sizeof(buffer)) ? std::string(buffer) : std::string();
 }
 
+const char *const *driverLibraryNames(int api) {
+    static const char *const egl[] = {"libEGL.so.1", nullptr};
+    static const char *const es1[] = {"libGLESv1_CM.so.1", nullptr};
+    static const char *const es2[] = {"libGLESv2.so.2", nullptr};
+    static const char *const cl[] = {"libOpenCL.so.1", nullptr};
+    static const char *const none[] = {nullptr};
+    static const char *const *const names[] = {egl, es1, es2, cl};
+    return api >= 0 && api < 4 ? names[api] : none;
+}
+
 const char *driverLibraryName(int api) {
-    static const char *const names[] = {"libEGL.so.1", "libGLESv1_CM.so.1", "libGLESv2.so.2",
-                                        "libOpenCL.so.1"};
-    return api >= 0 && api < 4 ? names[api] : "";
+    const char *name = driverLibraryNames(api)[0];
+    return name ? name : "";
 }
 
 std::string locateLibrary(const char *name, const std::vector<std::string> &excluded,

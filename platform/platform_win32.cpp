@@ -16,6 +16,12 @@ namespace kv::platform {
 // ---- Modules ---------------------------------------------------------------------------------
 
 ModuleHandle loadLibrary(const char *path) {
+    // A driver named by its path (a configured Host path, or one the search found) usually needs
+    // DLLs of its own installed beside it; the plain search would look for them next to the
+    // program instead, and the driver would fail to load.
+    if (path && std::strpbrk(path, "\\/"))
+        if (HMODULE h = LoadLibraryExA(path, nullptr, LOAD_WITH_ALTERED_SEARCH_PATH))
+            return reinterpret_cast<ModuleHandle>(h);
     return reinterpret_cast<ModuleHandle>(LoadLibraryA(path));
 }
 
@@ -105,9 +111,21 @@ std::string currentDirectory() {
     return n > 0 && n < sizeof(buffer) ? std::string(buffer, n) : std::string();
 }
 
+const char *const *driverLibraryNames(int api) {
+    // OpenGL ES 1 drivers ship as libGLES_CM.dll, or as libGLESv1_CM.dll as Mesa's Windows build
+    // names its own.
+    static const char *const egl[] = {"libEGL.dll", nullptr};
+    static const char *const es1[] = {"libGLES_CM.dll", "libGLESv1_CM.dll", nullptr};
+    static const char *const es2[] = {"libGLESv2.dll", nullptr};
+    static const char *const cl[] = {"OpenCL.dll", nullptr};
+    static const char *const none[] = {nullptr};
+    static const char *const *const names[] = {egl, es1, es2, cl};
+    return api >= 0 && api < 4 ? names[api] : none;
+}
+
 const char *driverLibraryName(int api) {
-    static const char *const names[] = {"libEGL.dll", "libGLES_CM.dll", "libGLESv2.dll", "OpenCL.dll"};
-    return api >= 0 && api < 4 ? names[api] : "";
+    const char *name = driverLibraryNames(api)[0];
+    return name ? name : "";
 }
 
 static bool excludedPath(const std::string &path, const std::vector<std::string> &excluded) {

@@ -49,8 +49,8 @@ const char kHelp[] =
     "`kalvoren record` load them.\n"
     "On Linux that directory is put first on LD_LIBRARY_PATH. On Windows a program loads the DLLs\n"
     "in its own directory before any other: copy libEGL.dll, libGLESv2.dll, libGLES_CM.dll,\n"
-    "OpenCL.dll and kalvoren.dll next to PROGRAM (putting the directory first on PATH only helps\n"
-    "programs whose own directory holds no such DLLs).\n";
+    "libGLESv1_CM.dll, OpenCL.dll and kalvoren.dll next to PROGRAM (putting the directory first\n"
+    "on PATH only helps programs whose own directory holds no such DLLs).\n";
 
 struct RecordOptions {
     std::string output;

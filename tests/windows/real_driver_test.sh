@@ -1,0 +1,248 @@
+#!/usr/bin/env bash
+# The Windows build on a real Windows driver: Mesa's own Windows EGL/GLES build (softpipe, built
+# by scripts/mesa-windows) under Wine, in a Wine prefix of this test's own, on the X display the
+# test runs under (xvfb-run).
+#
+# For each mode of win_gles_program (es2, es3, threads) and win_es1_program (es1, linked against
+# libGLESv1_CM.dll, Mesa's name for its ES1 driver), run as a user would:
+#   plain     the driver in C:\windows\system32, the program alone in its folder
+#   default   the same, with the front DLLs and kalvoren.dll copied next to the program and no
+#             Host paths: the library must find the driver in system32 by itself
+#   vendor    the driver only in a vendor folder (C:\vendor\mesa), named by Host paths
+# and check: exit status 0 all three ways, every frame's pixels identical to the plain run, a trace
+# that reads back with no problems and a Windows header, and every saved frame buffer equal to the
+# pixels the program read back itself.
+#
+#   real_driver_test.sh SOURCE_DIR BUILD_DIR GLES_PROGRAM ES1_PROGRAM [MODE...]
+#
+# Exit status 77 (skipped) when Mesa's Windows driver has not been built on this machine.
+set -u
+usage="usage: real_driver_test.sh SOURCE_DIR BUILD_DIR GLES_PROGRAM ES1_PROGRAM [MODE...]"
+source_dir=$(cd "${1:?$usage}" && pwd)
+build=$(cd "${2:?$usage}" && pwd)
+gles_program=${3:?$usage}
+es1_program=${4:?$usage}
+shift 4
+modes=("$@")
+[ ${#modes[@]} -eq 0 ] && modes=(es2 es3 threads es1)
+
+mesa=${KV_MESA_WINDOWS_DIR:-}
+if [ -z "$mesa" ]; then
+    mesa=$("$source_dir/scripts/mesa-windows" --cached 2>/dev/null) || {
+        echo "skipped: Mesa's Windows driver is not built on this machine (scripts/mesa-windows)"
+        exit 77
+    }
+fi
+if [ -z "${DISPLAY:-}" ]; then
+    echo "skipped: no X display for Wine's windows (run under xvfb-run)"
+    exit 77
+fi
+
+work=$(mktemp -d)
+export WINEPREFIX=$work/prefix WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml=" KALVOREN_NO_MESSAGE_BOX=1
+wine=/usr/lib/wine/wine64
+cleanup() {
+    /usr/lib/wine/wineserver -k >/dev/null 2>&1
+    rm -rf "$work"
+}
+trap cleanup EXIT
+failures=0
+fail() { echo "FAIL $*"; failures=$((failures + 1)); }
+pass() { echo "ok   $*"; }
+
+# A prefix of our own with one wineserver for the whole test; the first wine64 call creates it.
+/usr/lib/wine/wineserver -p </dev/null >/dev/null 2>&1
+"$wine" cmd /c exit </dev/null >/dev/null 2>&1
+system32=$WINEPREFIX/drive_c/windows/system32
+vendor=$WINEPREFIX/drive_c/vendor/mesa
+[ -d "$system32" ] || { fail "Wine did not create $system32"; exit 1; }
+mkdir -p "$vendor"
+# The driver's DLLs; Mesa's opengl32.dll stays out of system32, where it would take the place of
+# Wine's own.
+driver_dlls=()
+for dll in "$mesa"/*.dll; do
+    [ "$(basename "$dll")" = opengl32.dll ] || driver_dlls+=("$dll")
+done
+install_driver() { cp "${driver_dlls[@]}" "$system32/"; }
+remove_driver() { for dll in "${driver_dlls[@]}"; do rm -f "$system32/$(basename "$dll")"; done; }
+cp "${driver_dlls[@]}" "$vendor/"
+
+fronts=(kalvoren.dll libEGL.dll libGLESv2.dll libGLES_CM.dll libGLESv1_CM.dll OpenCL.dll)
+kalvoren_exe=$build/bin/kalvoren.exe
+
+# run_program MODE HOW: runs the program in $work/MODE-HOW with its frames written there.
+run_program() {
+    local mode=$1 how=$2 dir=$work/$1-$2 program=$gles_program
+    [ "$mode" = es1 ] && program=$es1_program
+    mkdir -p "$dir/app"
+    cp "$program" "$dir/app/"
+    if [ "$how" != plain ]; then
+        for f in "${fronts[@]}"; do cp "$build/bin/$f" "$dir/app/"; done
+        local host=""
+        if [ "$how" = vendor ]; then
+            host='"Host": { "EglLibraryPath": "C:\\vendor\\mesa\\libEGL.dll",
+                            "Es1LibraryPath": "C:\\vendor\\mesa\\libGLESv1_CM.dll",
+                            "Es2LibraryPath": "C:\\vendor\\mesa\\libGLESv2.dll" },'
+        fi
+        cat >"$dir/kalvorenconfig.json" <<EOF
+{ "*": { $host "Tracing": { "OutputFilename": "$mode.kalvoren", "SaveFrameBuffer": true } } }
+EOF
+    fi
+    (cd "$dir" && timeout 300 "$wine" "app/$(basename "$program")" "$mode" . </dev/null >out.txt 2>err.txt)
+}
+
+# saved_frames_match TRACE DIR: every frame buffer saved in TRACE equals one the program read back
+# (DIR/*-frame-N.rgba, bottom row first), and there are as many as the program drew.
+saved_frames_match() {
+    local trace=$1 dir=$2
+    rm -rf "$dir/saved"
+    "$wine" "$kalvoren_exe" frames "$trace" -o saved </dev/null >"$dir/frames.txt" 2>&1 || return 1
+    python3 - "$dir" <<'PY'
+import glob, os, struct, sys, zlib
+def decode(path):
+    data = open(path, "rb").read()
+    assert data[:8] == b"\x89PNG\r\n\x1a\n"
+    at, idat = 8, b""
+    while at < len(data):
+        length, kind = struct.unpack(">I4s", data[at:at + 8])
+        body = data[at + 8:at + 8 + length]
+        if kind == b"IHDR":
+            width, height, depth, color = struct.unpack(">IIBB", body[:10])
+            assert depth == 8 and color == 6, (depth, color)
+        elif kind == b"IDAT":
+            idat += body
+        at += 12 + length
+    raw, stride, rows, prior = zlib.decompress(idat), width * 4, [], bytearray(width * 4)
+    for y in range(height):
+        line = raw[y * (stride + 1):(y + 1) * (stride + 1)]
+        kind, row = line[0], bytearray(line[1:])
+        for x in range(stride):
+            a = row[x - 4] if x >= 4 else 0
+            b = prior[x]
+            c = prior[x - 4] if x >= 4 else 0
+            if kind == 1: row[x] = (row[x] + a) & 255
+            elif kind == 2: row[x] = (row[x] + b) & 255
+            elif kind == 3: row[x] = (row[x] + (a + b) // 2) & 255
+            elif kind == 4:
+                p = a + b - c
+                pa, pb, pc = abs(p - a), abs(p - b), abs(p - c)
+                row[x] = (row[x] + (a if pa <= pb and pa <= pc else b if pb <= pc else c)) & 255
+        rows.append(bytes(row))
+        prior = row
+    return b"".join(reversed(rows))  # bottom row first, as glReadPixels gives them
+directory = sys.argv[1]
+drawn = sorted(open(p, "rb").read() for p in glob.glob(os.path.join(directory, "*-frame-*.rgba")))
+saved = sorted(decode(p) for p in glob.glob(os.path.join(directory, "saved", "frame-*.png")))
+if saved != drawn:
+    print(f"{len(saved)} saved frames, {len(drawn)} drawn; "
+          f"{sum(1 for s in saved if s in drawn)} of the saved equal a drawn one")
+    sys.exit(1)
+PY
+}
+
+for mode in "${modes[@]}"; do
+    install_driver
+    run_program "$mode" plain
+    plain=$?
+    frames=$(ls "$work/$mode-plain"/*-frame-*.rgba 2>/dev/null | wc -l)
+    if [ $plain -ne 0 ] || [ "$frames" -eq 0 ]; then
+        fail "$mode: the program alone on the driver: exit $plain, $frames frames"
+        cat "$work/$mode-plain/err.txt"
+        continue
+    fi
+    grep -q softpipe "$work/$mode-plain/err.txt" || [ "$mode" = threads ] ||
+        fail "$mode: not on Mesa's softpipe: $(head -1 "$work/$mode-plain/err.txt")"
+    for how in default vendor; do
+        [ "$how" = vendor ] && remove_driver
+        run_program "$mode" "$how"
+        status=$?
+        dir=$work/$mode-$how
+        same=1
+        for f in "$work/$mode-plain"/*-frame-*.rgba; do
+            cmp -s "$f" "$dir/$(basename "$f")" || same=0
+        done
+        if [ $status -eq 0 ] && [ $same -eq 1 ]; then
+            pass "$mode, $how: $frames frames, pixels identical traced and untraced"
+        else
+            fail "$mode, $how: exit $status, pixels $([ $same -eq 1 ] && echo identical || echo differ)"
+            tail -5 "$dir/err.txt" "$dir/out.txt"
+            continue
+        fi
+        trace=$dir/$mode.kalvoren
+        if [ ! -s "$trace" ]; then
+            fail "$mode, $how: no trace"
+            continue
+        fi
+        (cd "$dir" && "$wine" "$kalvoren_exe" info "$mode.kalvoren" </dev/null >info.txt 2>&1)
+        # What only this mode's calls put into the trace: proof that its API went through the fronts.
+        case $mode in
+        es1) marker=' glTexCoordPointer$' ;;
+        es2) marker=' glVertexAttribPointer$' ;;
+        es3) marker=' glDrawArraysInstanced$' ;;
+        threads) marker='^Threads: *[3-9] ' ;;
+        esac
+        if grep -q '^Problems: *none' "$dir/info.txt" && grep -q '^Platform: *Windows' "$dir/info.txt" &&
+            grep -Eq "$marker" "$dir/info.txt"; then
+            pass "$mode, $how: the trace reads back with no problems and a Windows header"
+        else
+            fail "$mode, $how: the trace"
+            grep -E '^(Platform|Problems|Threads)' -A3 "$dir/info.txt"
+            grep -Eq "$marker" "$dir/info.txt" || echo "no '$marker' in the trace's summary"
+        fi
+        if (cd "$dir" && saved_frames_match "$mode.kalvoren" "$dir"); then
+            pass "$mode, $how: every saved frame buffer equals the pixels the program read back"
+        else
+            fail "$mode, $how: saved frame buffers"
+            cat "$dir/frames.txt"
+        fi
+    done
+done
+
+# ---- Traces across systems -----------------------------------------------------------------------
+# With a Linux build (KV_LINUX_KALVOREN names its kalvoren): the traces recorded here replay on
+# Linux's Mesa to the frames the Windows program drew, and a trace recorded on Linux replays with
+# kalvoren.exe on this driver to the frames the Linux program drew.
+linux_kalvoren=${KV_LINUX_KALVOREN:-}
+if [ -z "$linux_kalvoren" ] || [ ! -x "$linux_kalvoren" ]; then
+    echo "note: no Linux build (KV_LINUX_KALVOREN): traces not replayed across systems"
+else
+    for mode in "${modes[@]}"; do
+        trace=$work/$mode-default/$mode.kalvoren
+        [ -s "$trace" ] || continue
+        frames=$(ls "$work/$mode-plain"/*-frame-*.rgba | wc -l)
+        timeout 300 "$linux_kalvoren" replay "$trace" >"$work/$mode-linux-replay.txt" 2>&1
+        status=$?
+        identical=$(grep -c ': identical$' "$work/$mode-linux-replay.txt")
+        if [ $status -eq 0 ] && [ "$identical" = "$frames" ]; then
+            pass "$mode: the Windows trace replays on Linux, $frames frames identical"
+        else
+            fail "$mode: the Windows trace on Linux: exit $status, $identical of $frames frames identical"
+            grep -v 'ost library' "$work/$mode-linux-replay.txt" | tail -5
+        fi
+    done
+    linux_lib=$(cd "$(dirname "$linux_kalvoren")/../lib" && pwd)
+    if command -v glmark2-es2 >/dev/null; then
+        install_driver
+        cat >"$work/linux.json" <<EOF
+{ "*": { "Tracing": { "OutputFilename": "$work/linux.kalvoren", "SaveFrameBuffer": true,
+  "EndFrame": 3, "ExitOnLastFrame": true } } }
+EOF
+        KALVOREN_CONFIG=$work/linux.json LD_LIBRARY_PATH=$linux_lib${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH} \
+            timeout 120 glmark2-es2 --size 96x64 -b texture >"$work/linux-record.txt" 2>&1
+        (cd "$work" && timeout 300 "$wine" "$kalvoren_exe" replay --window linux.kalvoren </dev/null \
+            >linux-on-windows.txt 2>&1)
+        status=$?
+        identical=$(grep -c ': identical$' "$work/linux-on-windows.txt")
+        if [ $status -eq 0 ] && [ "$identical" = 4 ]; then
+            pass "a Linux trace (glmark2-es2 texture) replays with kalvoren.exe, 4 frames identical"
+        else
+            fail "a Linux trace with kalvoren.exe: exit $status, $identical of 4 frames identical"
+            grep -v 'ost library' "$work/linux-on-windows.txt" | tail -5
+        fi
+    else
+        echo "note: glmark2-es2 missing (package glmark2-es2-x11): no Linux trace replayed on Windows"
+    fi
+fi
+
+[ $failures -eq 0 ] && echo "all passed" || echo "$failures failed"
+[ $failures -eq 0 ]
