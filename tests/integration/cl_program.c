@@ -62,6 +62,12 @@ int main(int argc, char **argv) {
     g_manifest = fopen(argv[1], "wb");
     if (!g_manifest) return 2;
 
+    /* An info query without a size location: the record holds the name with its terminator, not
+     * the whole buffer. */
+    char name[1024];
+    CHECK(clGetPlatformInfo(platform, CL_PLATFORM_NAME, sizeof(name), name, NULL));
+    note(6002, name, (uint32_t)strlen(name) + 1);
+
     cl_int status;
     cl_context context = clCreateContext(NULL, 1, &device, NULL, NULL, &status);
     CHECK(status);
