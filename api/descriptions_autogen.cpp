@@ -5660,7 +5660,7 @@ const FieldDesc kFields_clGetKernelWorkGroupInfo_6043[] = {
 // clWaitForEvents (6044): status i32 | result ClStatus | num_events U32 | event_list Blob<Handle>
 const FieldDesc kFields_clWaitForEvents_6044[] = {
     {"num_events", Field::Value, Type::U32, 0, -1, 0},
-    {"event_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event_list", Field::Blob, Type::Handle, kHostRead, -1, 0},
 };
 // clGetEventInfo (6045): status i32 | result ClStatus | event Handle | param_name U32 | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
 const FieldDesc kFields_clGetEventInfo_6045[] = {
@@ -5720,7 +5720,7 @@ const FieldDesc kFields_clEnqueueReadBuffer_6054[] = {
     {"size", Field::Value, Type::U64, 0, -1, 0},
     {"ptr", Field::Blob, Type::U8, kCompressible | kOutput, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, kHostRead, -1, 0},
     {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
 // clEnqueueReadBufferRect (6055): status i32 | result ClStatus | command_queue Handle | buffer Handle | blocking_read U32 | buffer_origin Blob<U64> | host_origin Blob<U64> | region Blob<U64> | buffer_row_pitch U64 | buffer_slice_pitch U64 | host_row_pitch U64 | host_slice_pitch U64 | ptr Blob<U8>(z)(out) | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
@@ -5728,16 +5728,16 @@ const FieldDesc kFields_clEnqueueReadBufferRect_6055[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"buffer", Field::Value, Type::Handle, 0, -1, 0},
     {"blocking_read", Field::Value, Type::U32, 0, -1, 0},
-    {"buffer_origin", Field::Blob, Type::U64, 0, -1, 0},
-    {"host_origin", Field::Blob, Type::U64, 0, -1, 0},
-    {"region", Field::Blob, Type::U64, 0, -1, 0},
+    {"buffer_origin", Field::Blob, Type::U64, kHostRead, -1, 0},
+    {"host_origin", Field::Blob, Type::U64, kHostRead, -1, 0},
+    {"region", Field::Blob, Type::U64, kHostRead, -1, 0},
     {"buffer_row_pitch", Field::Value, Type::U64, 0, -1, 0},
     {"buffer_slice_pitch", Field::Value, Type::U64, 0, -1, 0},
     {"host_row_pitch", Field::Value, Type::U64, 0, -1, 0},
     {"host_slice_pitch", Field::Value, Type::U64, 0, -1, 0},
     {"ptr", Field::Blob, Type::U8, kCompressible | kOutput, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, kHostRead, -1, 0},
     {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
 // clEnqueueWriteBuffer (6056): status i32 | result ClStatus | command_queue Handle | buffer Handle | blocking_write U32 | offset U64 | size U64 | ptr Blob<U8>(z) | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
@@ -5749,7 +5749,7 @@ const FieldDesc kFields_clEnqueueWriteBuffer_6056[] = {
     {"size", Field::Value, Type::U64, 0, -1, 0},
     {"ptr", Field::Blob, Type::U8, kCompressible, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, kHostRead, -1, 0},
     {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
 // clEnqueueWriteBufferRect (6057): status i32 | result ClStatus | command_queue Handle | buffer Handle | blocking_write U32 | buffer_origin Blob<U64> | host_origin Blob<U64> | region Blob<U64> | buffer_row_pitch U64 | buffer_slice_pitch U64 | host_row_pitch U64 | host_slice_pitch U64 | ptr Blob<U8>(z) | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
@@ -5757,16 +5757,16 @@ const FieldDesc kFields_clEnqueueWriteBufferRect_6057[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"buffer", Field::Value, Type::Handle, 0, -1, 0},
     {"blocking_write", Field::Value, Type::U32, 0, -1, 0},
-    {"buffer_origin", Field::Blob, Type::U64, 0, -1, 0},
-    {"host_origin", Field::Blob, Type::U64, 0, -1, 0},
-    {"region", Field::Blob, Type::U64, 0, -1, 0},
+    {"buffer_origin", Field::Blob, Type::U64, kHostRead, -1, 0},
+    {"host_origin", Field::Blob, Type::U64, kHostRead, -1, 0},
+    {"region", Field::Blob, Type::U64, kHostRead, -1, 0},
     {"buffer_row_pitch", Field::Value, Type::U64, 0, -1, 0},
     {"buffer_slice_pitch", Field::Value, Type::U64, 0, -1, 0},
     {"host_row_pitch", Field::Value, Type::U64, 0, -1, 0},
     {"host_slice_pitch", Field::Value, Type::U64, 0, -1, 0},
     {"ptr", Field::Blob, Type::U8, kCompressible, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, kHostRead, -1, 0},
     {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
 // clEnqueueCopyBuffer (6058): status i32 | result ClStatus | command_queue Handle | src_buffer Handle | dst_buffer Handle | src_offset U64 | dst_offset U64 | size U64 | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
@@ -5778,7 +5778,7 @@ const FieldDesc kFields_clEnqueueCopyBuffer_6058[] = {
     {"dst_offset", Field::Value, Type::U64, 0, -1, 0},
     {"size", Field::Value, Type::U64, 0, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, kHostRead, -1, 0},
     {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
 // clEnqueueCopyBufferRect (6059): status i32 | result ClStatus | command_queue Handle | src_buffer Handle | dst_buffer Handle | src_origin Blob<U64> | dst_origin Blob<U64> | region Blob<U64> | src_row_pitch U64 | src_slice_pitch U64 | dst_row_pitch U64 | dst_slice_pitch U64 | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
@@ -5786,15 +5786,15 @@ const FieldDesc kFields_clEnqueueCopyBufferRect_6059[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"src_buffer", Field::Value, Type::Handle, 0, -1, 0},
     {"dst_buffer", Field::Value, Type::Handle, 0, -1, 0},
-    {"src_origin", Field::Blob, Type::U64, 0, -1, 0},
-    {"dst_origin", Field::Blob, Type::U64, 0, -1, 0},
-    {"region", Field::Blob, Type::U64, 0, -1, 0},
+    {"src_origin", Field::Blob, Type::U64, kHostRead, -1, 0},
+    {"dst_origin", Field::Blob, Type::U64, kHostRead, -1, 0},
+    {"region", Field::Blob, Type::U64, kHostRead, -1, 0},
     {"src_row_pitch", Field::Value, Type::U64, 0, -1, 0},
     {"src_slice_pitch", Field::Value, Type::U64, 0, -1, 0},
     {"dst_row_pitch", Field::Value, Type::U64, 0, -1, 0},
     {"dst_slice_pitch", Field::Value, Type::U64, 0, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, kHostRead, -1, 0},
     {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
 // clEnqueueReadImage (6060): status i32 | result ClStatus | command_queue Handle | image Handle | blocking_read U32 | origin Blob<U64> | region Blob<U64> | row_pitch U64 | slice_pitch U64 | ptr Blob<U8>(z)(out) | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
@@ -5802,13 +5802,13 @@ const FieldDesc kFields_clEnqueueReadImage_6060[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"image", Field::Value, Type::Handle, 0, -1, 0},
     {"blocking_read", Field::Value, Type::U32, 0, -1, 0},
-    {"origin", Field::Blob, Type::U64, 0, -1, 0},
-    {"region", Field::Blob, Type::U64, 0, -1, 0},
+    {"origin", Field::Blob, Type::U64, kHostRead, -1, 0},
+    {"region", Field::Blob, Type::U64, kHostRead, -1, 0},
     {"row_pitch", Field::Value, Type::U64, 0, -1, 0},
     {"slice_pitch", Field::Value, Type::U64, 0, -1, 0},
     {"ptr", Field::Blob, Type::U8, kCompressible | kOutput, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, kHostRead, -1, 0},
     {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
 // clEnqueueWriteImage (6061): status i32 | result ClStatus | command_queue Handle | image Handle | blocking_write U32 | origin Blob<U64> | region Blob<U64> | input_row_pitch U64 | input_slice_pitch U64 | ptr Blob<U8>(z) | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
@@ -5816,13 +5816,13 @@ const FieldDesc kFields_clEnqueueWriteImage_6061[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"image", Field::Value, Type::Handle, 0, -1, 0},
     {"blocking_write", Field::Value, Type::U32, 0, -1, 0},
-    {"origin", Field::Blob, Type::U64, 0, -1, 0},
-    {"region", Field::Blob, Type::U64, 0, -1, 0},
+    {"origin", Field::Blob, Type::U64, kHostRead, -1, 0},
+    {"region", Field::Blob, Type::U64, kHostRead, -1, 0},
     {"input_row_pitch", Field::Value, Type::U64, 0, -1, 0},
     {"input_slice_pitch", Field::Value, Type::U64, 0, -1, 0},
     {"ptr", Field::Blob, Type::U8, kCompressible, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, kHostRead, -1, 0},
     {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
 // clEnqueueCopyImage (6062): status i32 | result ClStatus | command_queue Handle | src_image Handle | dst_image Handle | src_origin Blob<U64> | dst_origin Blob<U64> | region Blob<U64> | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
@@ -5830,11 +5830,11 @@ const FieldDesc kFields_clEnqueueCopyImage_6062[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"src_image", Field::Value, Type::Handle, 0, -1, 0},
     {"dst_image", Field::Value, Type::Handle, 0, -1, 0},
-    {"src_origin", Field::Blob, Type::U64, 0, -1, 0},
-    {"dst_origin", Field::Blob, Type::U64, 0, -1, 0},
-    {"region", Field::Blob, Type::U64, 0, -1, 0},
+    {"src_origin", Field::Blob, Type::U64, kHostRead, -1, 0},
+    {"dst_origin", Field::Blob, Type::U64, kHostRead, -1, 0},
+    {"region", Field::Blob, Type::U64, kHostRead, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, kHostRead, -1, 0},
     {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
 // clEnqueueCopyImageToBuffer (6063): status i32 | result ClStatus | command_queue Handle | src_image Handle | dst_buffer Handle | src_origin Blob<U64> | region Blob<U64> | dst_offset U64 | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
@@ -5842,11 +5842,11 @@ const FieldDesc kFields_clEnqueueCopyImageToBuffer_6063[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"src_image", Field::Value, Type::Handle, 0, -1, 0},
     {"dst_buffer", Field::Value, Type::Handle, 0, -1, 0},
-    {"src_origin", Field::Blob, Type::U64, 0, -1, 0},
-    {"region", Field::Blob, Type::U64, 0, -1, 0},
+    {"src_origin", Field::Blob, Type::U64, kHostRead, -1, 0},
+    {"region", Field::Blob, Type::U64, kHostRead, -1, 0},
     {"dst_offset", Field::Value, Type::U64, 0, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, kHostRead, -1, 0},
     {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
 // clEnqueueCopyBufferToImage (6064): status i32 | result ClStatus | command_queue Handle | src_buffer Handle | dst_image Handle | src_offset U64 | dst_origin Blob<U64> | region Blob<U64> | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
@@ -5855,10 +5855,10 @@ const FieldDesc kFields_clEnqueueCopyBufferToImage_6064[] = {
     {"src_buffer", Field::Value, Type::Handle, 0, -1, 0},
     {"dst_image", Field::Value, Type::Handle, 0, -1, 0},
     {"src_offset", Field::Value, Type::U64, 0, -1, 0},
-    {"dst_origin", Field::Blob, Type::U64, 0, -1, 0},
-    {"region", Field::Blob, Type::U64, 0, -1, 0},
+    {"dst_origin", Field::Blob, Type::U64, kHostRead, -1, 0},
+    {"region", Field::Blob, Type::U64, kHostRead, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, kHostRead, -1, 0},
     {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
 // clEnqueueMapBuffer (6065): status i32 | result Ptr | command_queue Handle | buffer Handle | blocking_map U32 | map_flags U64 | offset U64 | size U64 | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out) | errcode_ret Blob<ClStatus>(out)
@@ -5870,7 +5870,7 @@ const FieldDesc kFields_clEnqueueMapBuffer_6065[] = {
     {"offset", Field::Value, Type::U64, 0, -1, 0},
     {"size", Field::Value, Type::U64, 0, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, kHostRead, -1, 0},
     {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
     {"errcode_ret", Field::Blob, Type::ClStatus, kOutput, -1, 0},
 };
@@ -5880,12 +5880,12 @@ const FieldDesc kFields_clEnqueueMapImage_6066[] = {
     {"image", Field::Value, Type::Handle, 0, -1, 0},
     {"blocking_map", Field::Value, Type::U32, 0, -1, 0},
     {"map_flags", Field::Value, Type::U64, 0, -1, 0},
-    {"origin", Field::Blob, Type::U64, 0, -1, 0},
-    {"region", Field::Blob, Type::U64, 0, -1, 0},
+    {"origin", Field::Blob, Type::U64, kHostRead, -1, 0},
+    {"region", Field::Blob, Type::U64, kHostRead, -1, 0},
     {"image_row_pitch", Field::Blob, Type::U64, kOutput, -1, 0},
     {"image_slice_pitch", Field::Blob, Type::U64, kOutput, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, kHostRead, -1, 0},
     {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
     {"errcode_ret", Field::Blob, Type::ClStatus, kOutput, -1, 0},
 };
@@ -5895,7 +5895,7 @@ const FieldDesc kFields_clEnqueueUnmapMemObject_6067[] = {
     {"memobj", Field::Value, Type::Handle, 0, -1, 0},
     {"mapped_ptr", Field::Value, Type::Ptr, 0, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, kHostRead, -1, 0},
     {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
     {"written", Field::Blob, Type::U8, kCompressible, -1, 0},
 };
@@ -5904,11 +5904,11 @@ const FieldDesc kFields_clEnqueueNDRangeKernel_6068[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"kernel", Field::Value, Type::Handle, 0, -1, 0},
     {"work_dim", Field::Value, Type::U32, 0, -1, 0},
-    {"global_work_offset", Field::Blob, Type::U64, 0, -1, 0},
-    {"global_work_size", Field::Blob, Type::U64, 0, -1, 0},
-    {"local_work_size", Field::Blob, Type::U64, 0, -1, 0},
+    {"global_work_offset", Field::Blob, Type::U64, kHostRead, -1, 0},
+    {"global_work_size", Field::Blob, Type::U64, kHostRead, -1, 0},
+    {"local_work_size", Field::Blob, Type::U64, kHostRead, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, kHostRead, -1, 0},
     {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
 // clEnqueueTask (6069): status i32 | result ClStatus | command_queue Handle | kernel Handle | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
@@ -5916,7 +5916,7 @@ const FieldDesc kFields_clEnqueueTask_6069[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"kernel", Field::Value, Type::Handle, 0, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, kHostRead, -1, 0},
     {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
 // clEnqueueNativeKernel (6070): status i32 | result ClStatus | command_queue Handle | user_func Ptr | args Blob<U8> | cb_args U64 | num_mem_objects U32 | mem_list Blob<Handle> | args_mem_loc Blob<Ptr> | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
@@ -5929,7 +5929,7 @@ const FieldDesc kFields_clEnqueueNativeKernel_6070[] = {
     {"mem_list", Field::Blob, Type::Handle, 0, -1, 0},
     {"args_mem_loc", Field::Blob, Type::Ptr, 0, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, kHostRead, -1, 0},
     {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
 // clEnqueueMarker (6071): status i32 | result ClStatus | command_queue Handle | event Blob<Handle>(out)
@@ -5941,7 +5941,7 @@ const FieldDesc kFields_clEnqueueMarker_6071[] = {
 const FieldDesc kFields_clEnqueueWaitForEvents_6072[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"num_events", Field::Value, Type::U32, 0, -1, 0},
-    {"event_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event_list", Field::Blob, Type::Handle, kHostRead, -1, 0},
 };
 // clEnqueueBarrier (6073): status i32 | result ClStatus | command_queue Handle
 const FieldDesc kFields_clEnqueueBarrier_6073[] = {
@@ -6030,7 +6030,7 @@ const FieldDesc kFields_clEnqueueFillBuffer_6084[] = {
     {"offset", Field::Value, Type::U64, 0, -1, 0},
     {"size", Field::Value, Type::U64, 0, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, kHostRead, -1, 0},
     {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
 // clEnqueueFillImage (6085): status i32 | result ClStatus | command_queue Handle | image Handle | fill_color Blob<U8> | origin Blob<U64> | region Blob<U64> | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
@@ -6038,10 +6038,10 @@ const FieldDesc kFields_clEnqueueFillImage_6085[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"image", Field::Value, Type::Handle, 0, -1, 0},
     {"fill_color", Field::Blob, Type::U8, 0, -1, 0},
-    {"origin", Field::Blob, Type::U64, 0, -1, 0},
-    {"region", Field::Blob, Type::U64, 0, -1, 0},
+    {"origin", Field::Blob, Type::U64, kHostRead, -1, 0},
+    {"region", Field::Blob, Type::U64, kHostRead, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, kHostRead, -1, 0},
     {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
 // clEnqueueMigrateMemObjects (6086): status i32 | result ClStatus | command_queue Handle | num_mem_objects U32 | mem_objects Blob<Handle> | flags U64 | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
@@ -6051,21 +6051,21 @@ const FieldDesc kFields_clEnqueueMigrateMemObjects_6086[] = {
     {"mem_objects", Field::Blob, Type::Handle, 0, -1, 0},
     {"flags", Field::Value, Type::U64, 0, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, kHostRead, -1, 0},
     {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
 // clEnqueueMarkerWithWaitList (6087): status i32 | result ClStatus | command_queue Handle | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
 const FieldDesc kFields_clEnqueueMarkerWithWaitList_6087[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, kHostRead, -1, 0},
     {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
 // clEnqueueBarrierWithWaitList (6088): status i32 | result ClStatus | command_queue Handle | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
 const FieldDesc kFields_clEnqueueBarrierWithWaitList_6088[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, kHostRead, -1, 0},
     {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
 // clGetExtensionFunctionAddressForPlatform (6089): status i32 | result Ptr | platform Handle | func_name String
@@ -6131,7 +6131,7 @@ const FieldDesc kFields_clEnqueueAcquireGLObjects_6507[] = {
     {"num_objects", Field::Value, Type::U32, 0, -1, 0},
     {"mem_objects", Field::Blob, Type::Handle, 0, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, kHostRead, -1, 0},
     {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
 // clEnqueueReleaseGLObjects (6508): status i32 | result ClStatus | command_queue Handle | num_objects U32 | mem_objects Blob<Handle> | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
@@ -6140,7 +6140,7 @@ const FieldDesc kFields_clEnqueueReleaseGLObjects_6508[] = {
     {"num_objects", Field::Value, Type::U32, 0, -1, 0},
     {"mem_objects", Field::Blob, Type::Handle, 0, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, kHostRead, -1, 0},
     {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
 // clCreateFromGLTexture (6509): status i32 | result Handle | context Handle | flags U64 | target U32 | miplevel I32 | texture U32 | errcode_ret Blob<ClStatus>(out)
@@ -6181,7 +6181,7 @@ const FieldDesc kFields_clEnqueueAcquireEGLObjectsKHR_6513[] = {
     {"num_objects", Field::Value, Type::U32, 0, -1, 0},
     {"mem_objects", Field::Blob, Type::Handle, 0, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, kHostRead, -1, 0},
     {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
 // clEnqueueReleaseEGLObjectsKHR (6514): status i32 | result ClStatus | command_queue Handle | num_objects U32 | mem_objects Blob<Handle> | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
@@ -6190,7 +6190,7 @@ const FieldDesc kFields_clEnqueueReleaseEGLObjectsKHR_6514[] = {
     {"num_objects", Field::Value, Type::U32, 0, -1, 0},
     {"mem_objects", Field::Blob, Type::Handle, 0, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, kHostRead, -1, 0},
     {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
 // clCreateEventFromEGLSyncKHR (6515): status i32 | result Handle | context Handle | sync Handle | display Handle | errcode_ret Blob<ClStatus>(out)

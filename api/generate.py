@@ -511,6 +511,8 @@ def build_layout(func, rec, cl_typedefs, hooks):
             fl.append("kCompressible")
         if "always" in flags:
             fl.append("kAlways")
+        if "read" in flags:
+            fl.append("kHostRead")
         fl += [{"unpack": "kUnpackBuffer", "pack": "kPackBuffer"}[x] for x in flags if x in ("unpack", "pack")]
         if rule == "value":
             fields.append(Field(p.name, "Value", vtype_override or "Ptr", param=p))
@@ -914,7 +916,7 @@ def writer_line(f, fd):
         if fd.expr and fd.expr[0] == "shared":
             return f"    kv::rec::put<api::Type::{fd.type}>(h, kv::capture::{fd.expr[1]}(c));"
         return f"    kv::rec::put<api::Type::{fd.type}>(h, {fd.name});"
-    flags = flag_expr({x for x in fd.flags if x in ("kCompressible", "kAlways")}).replace("kCompressible", "api::kCompressible").replace("kAlways", "api::kAlways")
+    flags = flag_expr({f"api::{x}" for x in fd.flags if x in ("kCompressible", "kAlways", "kHostRead")})
     if fd.kind == "Blob":
         if fd.expr[0] == "count":
             _, arg, width = fd.expr

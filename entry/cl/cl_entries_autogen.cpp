@@ -395,7 +395,7 @@ void clGetKernelWorkGroupInfo::write(RecordHandle &h, CallCtx &c, cl_kernel kern
 // 6044 clWaitForEvents: status i32 | result ClStatus | num_events U32 | event_list Blob<Handle>
 void clWaitForEvents::write(RecordHandle &h, CallCtx &c, cl_uint num_events, const cl_event *event_list) {
     kv::rec::put<api::Type::U32>(h, num_events);
-    kv::rec::blob(h, c, event_list, (kv::rec::count(event_list)?kv::rec::count(num_events):0) * 8u, 0);
+    kv::rec::blob(h, c, event_list, (kv::rec::count(event_list)?kv::rec::count(num_events):0) * 8u, api::kHostRead);
     (void)c;
 }
 
@@ -475,7 +475,7 @@ void clEnqueueReadBuffer::write(RecordHandle &h, CallCtx &c, cl_command_queue co
     kv::rec::put<api::Type::U64>(h, size);
     kv::rec::blob(h, c, kv::capture::clEnqueueReadBuffer_ptr(c, command_queue, buffer, blocking_read, offset, size, ptr, num_events_in_wait_list, event_wait_list, event), api::kCompressible);
     kv::rec::put<api::Type::U32>(h, num_events_in_wait_list);
-    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, 0);
+    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, api::kHostRead);
     kv::rec::blob(h, c, event, (kv::capture::present(c, event)) * 8u, 0);
     (void)c;
 }
@@ -485,16 +485,16 @@ void clEnqueueReadBufferRect::write(RecordHandle &h, CallCtx &c, cl_command_queu
     kv::rec::put<api::Type::Handle>(h, command_queue);
     kv::rec::put<api::Type::Handle>(h, buffer);
     kv::rec::put<api::Type::U32>(h, blocking_read);
-    kv::rec::blob(h, c, buffer_origin, (kv::capture::present3(c, buffer_origin)) * 8u, 0);
-    kv::rec::blob(h, c, host_origin, (kv::capture::present3(c, host_origin)) * 8u, 0);
-    kv::rec::blob(h, c, region, (kv::capture::present3(c, region)) * 8u, 0);
+    kv::rec::blob(h, c, buffer_origin, (kv::capture::present3(c, buffer_origin)) * 8u, api::kHostRead);
+    kv::rec::blob(h, c, host_origin, (kv::capture::present3(c, host_origin)) * 8u, api::kHostRead);
+    kv::rec::blob(h, c, region, (kv::capture::present3(c, region)) * 8u, api::kHostRead);
     kv::rec::put<api::Type::U64>(h, buffer_row_pitch);
     kv::rec::put<api::Type::U64>(h, buffer_slice_pitch);
     kv::rec::put<api::Type::U64>(h, host_row_pitch);
     kv::rec::put<api::Type::U64>(h, host_slice_pitch);
     kv::rec::blob(h, c, kv::capture::clEnqueueReadBufferRect_ptr(c, command_queue, buffer, blocking_read, buffer_origin, host_origin, region, buffer_row_pitch, buffer_slice_pitch, host_row_pitch, host_slice_pitch, ptr, num_events_in_wait_list, event_wait_list, event), api::kCompressible);
     kv::rec::put<api::Type::U32>(h, num_events_in_wait_list);
-    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, 0);
+    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, api::kHostRead);
     kv::rec::blob(h, c, event, (kv::capture::present(c, event)) * 8u, 0);
     (void)c;
 }
@@ -508,7 +508,7 @@ void clEnqueueWriteBuffer::write(RecordHandle &h, CallCtx &c, cl_command_queue c
     kv::rec::put<api::Type::U64>(h, size);
     kv::rec::blob(h, c, ptr, (kv::capture::hostBytes(c, ptr, size)), api::kCompressible);
     kv::rec::put<api::Type::U32>(h, num_events_in_wait_list);
-    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, 0);
+    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, api::kHostRead);
     kv::rec::blob(h, c, event, (kv::capture::present(c, event)) * 8u, 0);
     (void)c;
 }
@@ -518,16 +518,16 @@ void clEnqueueWriteBufferRect::write(RecordHandle &h, CallCtx &c, cl_command_que
     kv::rec::put<api::Type::Handle>(h, command_queue);
     kv::rec::put<api::Type::Handle>(h, buffer);
     kv::rec::put<api::Type::U32>(h, blocking_write);
-    kv::rec::blob(h, c, buffer_origin, (kv::capture::present3(c, buffer_origin)) * 8u, 0);
-    kv::rec::blob(h, c, host_origin, (kv::capture::present3(c, host_origin)) * 8u, 0);
-    kv::rec::blob(h, c, region, (kv::capture::present3(c, region)) * 8u, 0);
+    kv::rec::blob(h, c, buffer_origin, (kv::capture::present3(c, buffer_origin)) * 8u, api::kHostRead);
+    kv::rec::blob(h, c, host_origin, (kv::capture::present3(c, host_origin)) * 8u, api::kHostRead);
+    kv::rec::blob(h, c, region, (kv::capture::present3(c, region)) * 8u, api::kHostRead);
     kv::rec::put<api::Type::U64>(h, buffer_row_pitch);
     kv::rec::put<api::Type::U64>(h, buffer_slice_pitch);
     kv::rec::put<api::Type::U64>(h, host_row_pitch);
     kv::rec::put<api::Type::U64>(h, host_slice_pitch);
     kv::rec::blob(h, c, ptr, (kv::capture::rectBytes(c, ptr, host_origin, region, host_row_pitch, host_slice_pitch)), api::kCompressible);
     kv::rec::put<api::Type::U32>(h, num_events_in_wait_list);
-    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, 0);
+    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, api::kHostRead);
     kv::rec::blob(h, c, event, (kv::capture::present(c, event)) * 8u, 0);
     (void)c;
 }
@@ -541,7 +541,7 @@ void clEnqueueCopyBuffer::write(RecordHandle &h, CallCtx &c, cl_command_queue co
     kv::rec::put<api::Type::U64>(h, dst_offset);
     kv::rec::put<api::Type::U64>(h, size);
     kv::rec::put<api::Type::U32>(h, num_events_in_wait_list);
-    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, 0);
+    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, api::kHostRead);
     kv::rec::blob(h, c, event, (kv::capture::present(c, event)) * 8u, 0);
     (void)c;
 }
@@ -551,15 +551,15 @@ void clEnqueueCopyBufferRect::write(RecordHandle &h, CallCtx &c, cl_command_queu
     kv::rec::put<api::Type::Handle>(h, command_queue);
     kv::rec::put<api::Type::Handle>(h, src_buffer);
     kv::rec::put<api::Type::Handle>(h, dst_buffer);
-    kv::rec::blob(h, c, src_origin, (kv::capture::present3(c, src_origin)) * 8u, 0);
-    kv::rec::blob(h, c, dst_origin, (kv::capture::present3(c, dst_origin)) * 8u, 0);
-    kv::rec::blob(h, c, region, (kv::capture::present3(c, region)) * 8u, 0);
+    kv::rec::blob(h, c, src_origin, (kv::capture::present3(c, src_origin)) * 8u, api::kHostRead);
+    kv::rec::blob(h, c, dst_origin, (kv::capture::present3(c, dst_origin)) * 8u, api::kHostRead);
+    kv::rec::blob(h, c, region, (kv::capture::present3(c, region)) * 8u, api::kHostRead);
     kv::rec::put<api::Type::U64>(h, src_row_pitch);
     kv::rec::put<api::Type::U64>(h, src_slice_pitch);
     kv::rec::put<api::Type::U64>(h, dst_row_pitch);
     kv::rec::put<api::Type::U64>(h, dst_slice_pitch);
     kv::rec::put<api::Type::U32>(h, num_events_in_wait_list);
-    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, 0);
+    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, api::kHostRead);
     kv::rec::blob(h, c, event, (kv::capture::present(c, event)) * 8u, 0);
     (void)c;
 }
@@ -569,13 +569,13 @@ void clEnqueueReadImage::write(RecordHandle &h, CallCtx &c, cl_command_queue com
     kv::rec::put<api::Type::Handle>(h, command_queue);
     kv::rec::put<api::Type::Handle>(h, image);
     kv::rec::put<api::Type::U32>(h, blocking_read);
-    kv::rec::blob(h, c, origin, (kv::capture::present3(c, origin)) * 8u, 0);
-    kv::rec::blob(h, c, region, (kv::capture::present3(c, region)) * 8u, 0);
+    kv::rec::blob(h, c, origin, (kv::capture::present3(c, origin)) * 8u, api::kHostRead);
+    kv::rec::blob(h, c, region, (kv::capture::present3(c, region)) * 8u, api::kHostRead);
     kv::rec::put<api::Type::U64>(h, row_pitch);
     kv::rec::put<api::Type::U64>(h, slice_pitch);
     kv::rec::blob(h, c, kv::capture::clEnqueueReadImage_ptr(c, command_queue, image, blocking_read, origin, region, row_pitch, slice_pitch, ptr, num_events_in_wait_list, event_wait_list, event), api::kCompressible);
     kv::rec::put<api::Type::U32>(h, num_events_in_wait_list);
-    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, 0);
+    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, api::kHostRead);
     kv::rec::blob(h, c, event, (kv::capture::present(c, event)) * 8u, 0);
     (void)c;
 }
@@ -585,13 +585,13 @@ void clEnqueueWriteImage::write(RecordHandle &h, CallCtx &c, cl_command_queue co
     kv::rec::put<api::Type::Handle>(h, command_queue);
     kv::rec::put<api::Type::Handle>(h, image);
     kv::rec::put<api::Type::U32>(h, blocking_write);
-    kv::rec::blob(h, c, origin, (kv::capture::present3(c, origin)) * 8u, 0);
-    kv::rec::blob(h, c, region, (kv::capture::present3(c, region)) * 8u, 0);
+    kv::rec::blob(h, c, origin, (kv::capture::present3(c, origin)) * 8u, api::kHostRead);
+    kv::rec::blob(h, c, region, (kv::capture::present3(c, region)) * 8u, api::kHostRead);
     kv::rec::put<api::Type::U64>(h, input_row_pitch);
     kv::rec::put<api::Type::U64>(h, input_slice_pitch);
     kv::rec::blob(h, c, ptr, (kv::capture::clImageBytes(c, ptr, image, region, input_row_pitch, input_slice_pitch)), api::kCompressible);
     kv::rec::put<api::Type::U32>(h, num_events_in_wait_list);
-    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, 0);
+    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, api::kHostRead);
     kv::rec::blob(h, c, event, (kv::capture::present(c, event)) * 8u, 0);
     (void)c;
 }
@@ -601,11 +601,11 @@ void clEnqueueCopyImage::write(RecordHandle &h, CallCtx &c, cl_command_queue com
     kv::rec::put<api::Type::Handle>(h, command_queue);
     kv::rec::put<api::Type::Handle>(h, src_image);
     kv::rec::put<api::Type::Handle>(h, dst_image);
-    kv::rec::blob(h, c, src_origin, (kv::capture::present3(c, src_origin)) * 8u, 0);
-    kv::rec::blob(h, c, dst_origin, (kv::capture::present3(c, dst_origin)) * 8u, 0);
-    kv::rec::blob(h, c, region, (kv::capture::present3(c, region)) * 8u, 0);
+    kv::rec::blob(h, c, src_origin, (kv::capture::present3(c, src_origin)) * 8u, api::kHostRead);
+    kv::rec::blob(h, c, dst_origin, (kv::capture::present3(c, dst_origin)) * 8u, api::kHostRead);
+    kv::rec::blob(h, c, region, (kv::capture::present3(c, region)) * 8u, api::kHostRead);
     kv::rec::put<api::Type::U32>(h, num_events_in_wait_list);
-    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, 0);
+    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, api::kHostRead);
     kv::rec::blob(h, c, event, (kv::capture::present(c, event)) * 8u, 0);
     (void)c;
 }
@@ -615,11 +615,11 @@ void clEnqueueCopyImageToBuffer::write(RecordHandle &h, CallCtx &c, cl_command_q
     kv::rec::put<api::Type::Handle>(h, command_queue);
     kv::rec::put<api::Type::Handle>(h, src_image);
     kv::rec::put<api::Type::Handle>(h, dst_buffer);
-    kv::rec::blob(h, c, src_origin, (kv::capture::present3(c, src_origin)) * 8u, 0);
-    kv::rec::blob(h, c, region, (kv::capture::present3(c, region)) * 8u, 0);
+    kv::rec::blob(h, c, src_origin, (kv::capture::present3(c, src_origin)) * 8u, api::kHostRead);
+    kv::rec::blob(h, c, region, (kv::capture::present3(c, region)) * 8u, api::kHostRead);
     kv::rec::put<api::Type::U64>(h, dst_offset);
     kv::rec::put<api::Type::U32>(h, num_events_in_wait_list);
-    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, 0);
+    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, api::kHostRead);
     kv::rec::blob(h, c, event, (kv::capture::present(c, event)) * 8u, 0);
     (void)c;
 }
@@ -630,10 +630,10 @@ void clEnqueueCopyBufferToImage::write(RecordHandle &h, CallCtx &c, cl_command_q
     kv::rec::put<api::Type::Handle>(h, src_buffer);
     kv::rec::put<api::Type::Handle>(h, dst_image);
     kv::rec::put<api::Type::U64>(h, src_offset);
-    kv::rec::blob(h, c, dst_origin, (kv::capture::present3(c, dst_origin)) * 8u, 0);
-    kv::rec::blob(h, c, region, (kv::capture::present3(c, region)) * 8u, 0);
+    kv::rec::blob(h, c, dst_origin, (kv::capture::present3(c, dst_origin)) * 8u, api::kHostRead);
+    kv::rec::blob(h, c, region, (kv::capture::present3(c, region)) * 8u, api::kHostRead);
     kv::rec::put<api::Type::U32>(h, num_events_in_wait_list);
-    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, 0);
+    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, api::kHostRead);
     kv::rec::blob(h, c, event, (kv::capture::present(c, event)) * 8u, 0);
     (void)c;
 }
@@ -647,7 +647,7 @@ void clEnqueueMapBuffer::write(RecordHandle &h, CallCtx &c, cl_command_queue com
     kv::rec::put<api::Type::U64>(h, offset);
     kv::rec::put<api::Type::U64>(h, size);
     kv::rec::put<api::Type::U32>(h, num_events_in_wait_list);
-    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, 0);
+    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, api::kHostRead);
     kv::rec::blob(h, c, event, (kv::capture::present(c, event)) * 8u, 0);
     kv::rec::statusOut(h, c, errcode_ret);
     (void)c;
@@ -659,12 +659,12 @@ void clEnqueueMapImage::write(RecordHandle &h, CallCtx &c, cl_command_queue comm
     kv::rec::put<api::Type::Handle>(h, image);
     kv::rec::put<api::Type::U32>(h, blocking_map);
     kv::rec::put<api::Type::U64>(h, map_flags);
-    kv::rec::blob(h, c, origin, (kv::capture::present3(c, origin)) * 8u, 0);
-    kv::rec::blob(h, c, region, (kv::capture::present3(c, region)) * 8u, 0);
+    kv::rec::blob(h, c, origin, (kv::capture::present3(c, origin)) * 8u, api::kHostRead);
+    kv::rec::blob(h, c, region, (kv::capture::present3(c, region)) * 8u, api::kHostRead);
     kv::rec::blob(h, c, image_row_pitch, (kv::capture::present(c, image_row_pitch)) * 8u, 0);
     kv::rec::blob(h, c, image_slice_pitch, (kv::capture::present(c, image_slice_pitch)) * 8u, 0);
     kv::rec::put<api::Type::U32>(h, num_events_in_wait_list);
-    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, 0);
+    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, api::kHostRead);
     kv::rec::blob(h, c, event, (kv::capture::present(c, event)) * 8u, 0);
     kv::rec::statusOut(h, c, errcode_ret);
     (void)c;
@@ -676,7 +676,7 @@ void clEnqueueUnmapMemObject::write(RecordHandle &h, CallCtx &c, cl_command_queu
     kv::rec::put<api::Type::Handle>(h, memobj);
     kv::rec::put<api::Type::Ptr>(h, mapped_ptr);
     kv::rec::put<api::Type::U32>(h, num_events_in_wait_list);
-    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, 0);
+    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, api::kHostRead);
     kv::rec::blob(h, c, event, (kv::capture::present(c, event)) * 8u, 0);
     kv::rec::blob(h, c, kv::capture::clEnqueueUnmapMemObject_written(c, command_queue, memobj, mapped_ptr, num_events_in_wait_list, event_wait_list, event), api::kCompressible);
     (void)c;
@@ -687,11 +687,11 @@ void clEnqueueNDRangeKernel::write(RecordHandle &h, CallCtx &c, cl_command_queue
     kv::rec::put<api::Type::Handle>(h, command_queue);
     kv::rec::put<api::Type::Handle>(h, kernel);
     kv::rec::put<api::Type::U32>(h, work_dim);
-    kv::rec::blob(h, c, global_work_offset, (kv::rec::count(global_work_offset)?kv::rec::count(work_dim):0) * 8u, 0);
-    kv::rec::blob(h, c, global_work_size, (kv::rec::count(global_work_size)?kv::rec::count(work_dim):0) * 8u, 0);
-    kv::rec::blob(h, c, local_work_size, (kv::rec::count(local_work_size)?kv::rec::count(work_dim):0) * 8u, 0);
+    kv::rec::blob(h, c, global_work_offset, (kv::rec::count(global_work_offset)?kv::rec::count(work_dim):0) * 8u, api::kHostRead);
+    kv::rec::blob(h, c, global_work_size, (kv::rec::count(global_work_size)?kv::rec::count(work_dim):0) * 8u, api::kHostRead);
+    kv::rec::blob(h, c, local_work_size, (kv::rec::count(local_work_size)?kv::rec::count(work_dim):0) * 8u, api::kHostRead);
     kv::rec::put<api::Type::U32>(h, num_events_in_wait_list);
-    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, 0);
+    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, api::kHostRead);
     kv::rec::blob(h, c, event, (kv::capture::present(c, event)) * 8u, 0);
     (void)c;
 }
@@ -701,7 +701,7 @@ void clEnqueueTask::write(RecordHandle &h, CallCtx &c, cl_command_queue command_
     kv::rec::put<api::Type::Handle>(h, command_queue);
     kv::rec::put<api::Type::Handle>(h, kernel);
     kv::rec::put<api::Type::U32>(h, num_events_in_wait_list);
-    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, 0);
+    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, api::kHostRead);
     kv::rec::blob(h, c, event, (kv::capture::present(c, event)) * 8u, 0);
     (void)c;
 }
@@ -716,7 +716,7 @@ void clEnqueueNativeKernel::write(RecordHandle &h, CallCtx &c, cl_command_queue 
     kv::rec::blob(h, c, mem_list, (kv::rec::count(mem_list)?kv::rec::count(num_mem_objects):0) * 8u, 0);
     kv::rec::blob(h, c, args_mem_loc, (kv::rec::count(args_mem_loc)?kv::rec::count(num_mem_objects):0) * 8u, 0);
     kv::rec::put<api::Type::U32>(h, num_events_in_wait_list);
-    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, 0);
+    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, api::kHostRead);
     kv::rec::blob(h, c, event, (kv::capture::present(c, event)) * 8u, 0);
     (void)c;
 }
@@ -732,7 +732,7 @@ void clEnqueueMarker::write(RecordHandle &h, CallCtx &c, cl_command_queue comman
 void clEnqueueWaitForEvents::write(RecordHandle &h, CallCtx &c, cl_command_queue command_queue, cl_uint num_events, const cl_event *event_list) {
     kv::rec::put<api::Type::Handle>(h, command_queue);
     kv::rec::put<api::Type::U32>(h, num_events);
-    kv::rec::blob(h, c, event_list, (kv::rec::count(event_list)?kv::rec::count(num_events):0) * 8u, 0);
+    kv::rec::blob(h, c, event_list, (kv::rec::count(event_list)?kv::rec::count(num_events):0) * 8u, api::kHostRead);
     (void)c;
 }
 
@@ -845,7 +845,7 @@ void clEnqueueFillBuffer::write(RecordHandle &h, CallCtx &c, cl_command_queue co
     kv::rec::put<api::Type::U64>(h, offset);
     kv::rec::put<api::Type::U64>(h, size);
     kv::rec::put<api::Type::U32>(h, num_events_in_wait_list);
-    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, 0);
+    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, api::kHostRead);
     kv::rec::blob(h, c, event, (kv::capture::present(c, event)) * 8u, 0);
     (void)c;
 }
@@ -855,10 +855,10 @@ void clEnqueueFillImage::write(RecordHandle &h, CallCtx &c, cl_command_queue com
     kv::rec::put<api::Type::Handle>(h, command_queue);
     kv::rec::put<api::Type::Handle>(h, image);
     kv::rec::blob(h, c, fill_color, (kv::capture::hostBytes(c, fill_color, 16)), 0);
-    kv::rec::blob(h, c, origin, (kv::capture::present3(c, origin)) * 8u, 0);
-    kv::rec::blob(h, c, region, (kv::capture::present3(c, region)) * 8u, 0);
+    kv::rec::blob(h, c, origin, (kv::capture::present3(c, origin)) * 8u, api::kHostRead);
+    kv::rec::blob(h, c, region, (kv::capture::present3(c, region)) * 8u, api::kHostRead);
     kv::rec::put<api::Type::U32>(h, num_events_in_wait_list);
-    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, 0);
+    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, api::kHostRead);
     kv::rec::blob(h, c, event, (kv::capture::present(c, event)) * 8u, 0);
     (void)c;
 }
@@ -870,7 +870,7 @@ void clEnqueueMigrateMemObjects::write(RecordHandle &h, CallCtx &c, cl_command_q
     kv::rec::blob(h, c, mem_objects, (kv::rec::count(mem_objects)?kv::rec::count(num_mem_objects):0) * 8u, 0);
     kv::rec::put<api::Type::U64>(h, flags);
     kv::rec::put<api::Type::U32>(h, num_events_in_wait_list);
-    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, 0);
+    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, api::kHostRead);
     kv::rec::blob(h, c, event, (kv::capture::present(c, event)) * 8u, 0);
     (void)c;
 }
@@ -879,7 +879,7 @@ void clEnqueueMigrateMemObjects::write(RecordHandle &h, CallCtx &c, cl_command_q
 void clEnqueueMarkerWithWaitList::write(RecordHandle &h, CallCtx &c, cl_command_queue command_queue, cl_uint num_events_in_wait_list, const cl_event *event_wait_list, cl_event *event) {
     kv::rec::put<api::Type::Handle>(h, command_queue);
     kv::rec::put<api::Type::U32>(h, num_events_in_wait_list);
-    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, 0);
+    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, api::kHostRead);
     kv::rec::blob(h, c, event, (kv::capture::present(c, event)) * 8u, 0);
     (void)c;
 }
@@ -888,7 +888,7 @@ void clEnqueueMarkerWithWaitList::write(RecordHandle &h, CallCtx &c, cl_command_
 void clEnqueueBarrierWithWaitList::write(RecordHandle &h, CallCtx &c, cl_command_queue command_queue, cl_uint num_events_in_wait_list, const cl_event *event_wait_list, cl_event *event) {
     kv::rec::put<api::Type::Handle>(h, command_queue);
     kv::rec::put<api::Type::U32>(h, num_events_in_wait_list);
-    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, 0);
+    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, api::kHostRead);
     kv::rec::blob(h, c, event, (kv::capture::present(c, event)) * 8u, 0);
     (void)c;
 }
@@ -964,7 +964,7 @@ void clEnqueueAcquireGLObjects::write(RecordHandle &h, CallCtx &c, cl_command_qu
     kv::rec::put<api::Type::U32>(h, num_objects);
     kv::rec::blob(h, c, mem_objects, (kv::rec::count(mem_objects)?kv::rec::count(num_objects):0) * 8u, 0);
     kv::rec::put<api::Type::U32>(h, num_events_in_wait_list);
-    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, 0);
+    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, api::kHostRead);
     kv::rec::blob(h, c, event, (kv::capture::present(c, event)) * 8u, 0);
     (void)c;
 }
@@ -975,7 +975,7 @@ void clEnqueueReleaseGLObjects::write(RecordHandle &h, CallCtx &c, cl_command_qu
     kv::rec::put<api::Type::U32>(h, num_objects);
     kv::rec::blob(h, c, mem_objects, (kv::rec::count(mem_objects)?kv::rec::count(num_objects):0) * 8u, 0);
     kv::rec::put<api::Type::U32>(h, num_events_in_wait_list);
-    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, 0);
+    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, api::kHostRead);
     kv::rec::blob(h, c, event, (kv::capture::present(c, event)) * 8u, 0);
     (void)c;
 }
@@ -1026,7 +1026,7 @@ void clEnqueueAcquireEGLObjectsKHR::write(RecordHandle &h, CallCtx &c, cl_comman
     kv::rec::put<api::Type::U32>(h, num_objects);
     kv::rec::blob(h, c, mem_objects, (kv::rec::count(mem_objects)?kv::rec::count(num_objects):0) * 8u, 0);
     kv::rec::put<api::Type::U32>(h, num_events_in_wait_list);
-    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, 0);
+    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, api::kHostRead);
     kv::rec::blob(h, c, event, (kv::capture::present(c, event)) * 8u, 0);
     (void)c;
 }
@@ -1037,7 +1037,7 @@ void clEnqueueReleaseEGLObjectsKHR::write(RecordHandle &h, CallCtx &c, cl_comman
     kv::rec::put<api::Type::U32>(h, num_objects);
     kv::rec::blob(h, c, mem_objects, (kv::rec::count(mem_objects)?kv::rec::count(num_objects):0) * 8u, 0);
     kv::rec::put<api::Type::U32>(h, num_events_in_wait_list);
-    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, 0);
+    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, api::kHostRead);
     kv::rec::blob(h, c, event, (kv::capture::present(c, event)) * 8u, 0);
     (void)c;
 }
