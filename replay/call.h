@@ -118,6 +118,13 @@ struct ThreadState {
     std::vector<const char *> stringPointers;
     std::vector<GLint> stringLengths;
     std::vector<uint32_t> names;
+    // OpenCL: handle arrays remapped for the call (cleared before each call), source lengths, and
+    // the values a hook puts in place of recorded ones.
+    std::deque<std::vector<void *>> handleLists;
+    std::vector<size_t> sizeLengths;
+    std::vector<intptr_t> properties;
+    uint64_t argHandle = 0;
+    std::vector<uint8_t> readBack;
 };
 
 class Player;
@@ -136,6 +143,7 @@ public:
     const GLESPPHostFns &gles() const;
     const SEs1HostFns &es1() const;
     const SGlesExtHostFns &glext() const;
+    const SClHostFns &cl() const;
 
     // ---- Arguments
     uint64_t value(int i) const { return e.args[static_cast<size_t>(i)].value; }
@@ -169,6 +177,8 @@ public:
     const char *string(int i);
     const char *const *strings(int i);
     const GLint *stringLengths(int i);
+    // The byte counts of a string array's recorded strings, as OpenCL takes them.
+    const size_t *sizeLengths(int i);
 
     // ---- Names and handles
     uint32_t name(Obj kind, int i) { return mapName(kind, static_cast<uint32_t>(value(i))); }
@@ -187,6 +197,10 @@ public:
             return static_cast<T>(mapHandle(kind, value(i)));
     }
     uint64_t mapHandle(Handle kind, uint64_t recorded);
+    // An array of handles (device lists, wait lists, memory object lists) in local handles.
+    void *const *handles(Handle kind, int i);
+    // The local handle for a recorded one when the map holds it (no problem said otherwise).
+    bool knownHandle(Handle kind, uint64_t recorded, uint64_t &local) const;
     int64_t programValue(ProgramValue kind, uint32_t program, int i);
     uint32_t currentProgram() const;
 

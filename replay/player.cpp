@@ -18,6 +18,9 @@ namespace {
 
 constexpr uint16_t kContextInformation = 1502;
 constexpr uint16_t kFirstPseudo = 1500, kLastPseudo = 1503;
+// OpenCL records that are no calls: the description of a recorded platform (the local platforms
+// are asked for as the program asked), and the bytes a read made without blocking brought back.
+constexpr uint16_t kClPlatform = 6000, kClReadContents = 6090;
 
 bool succeeded(const reader::Entry &e) {
     switch (e.desc->error) {
@@ -407,6 +410,11 @@ void Player::play(Worker &w) {
         }
         return;
     }
+    if (e.id == kClPlatform) return;
+    if (e.id == kClReadContents) {
+        readCompleted(e);
+        return;
+    }
     // A call the recorded driver refused changed nothing there; it is not made here either.
     if (!succeeded(e)) {
         ++failedSkipped_;
@@ -418,6 +426,7 @@ void Player::play(Worker &w) {
         return;
     }
     w.state.strings.clear();
+    w.state.handleLists.clear();
     Call c(*this, w.state, e);
     fn(c);
     ++calls_;
@@ -525,6 +534,15 @@ int Player::finish() {
             std::printf("; the trace holds no saved frame buffers to compare with");
         }
         std::printf("\n");
+    }
+    if (clReadsCompared_ && !options.quiet) {
+        if (clReadsDiffering_)
+            std::printf("%llu of %llu OpenCL reads brought back other bytes than when recorded\n",
+                        static_cast<unsigned long long>(clReadsDiffering_),
+                        static_cast<unsigned long long>(clReadsCompared_));
+        else
+            std::printf("%llu OpenCL reads brought back the recorded bytes\n",
+                        static_cast<unsigned long long>(clReadsCompared_));
     }
     if (failedSkipped_ && !options.quiet)
         std::printf("%llu calls that failed when recorded were not made\n",

@@ -53,6 +53,20 @@ public:
     void frameShown(Call &c);
     void frameEnded(Call &c);
 
+    // ---- OpenCL
+    // Byte ranges of a read's destination that the device writes: (offset, length).
+    using Runs = std::vector<std::pair<size_t, size_t>>;
+    // Compares the bytes a read brought back here with those it brought back when recorded.
+    void compareRead(const reader::Entry &e, const uint8_t *local, const uint8_t *recorded,
+                     size_t recordedBytes, const Runs &runs);
+    // A read the recording made without blocking: its bytes reach the trace in a later record.
+    struct PendingRead {
+        std::vector<uint8_t> bytes;
+        Runs runs;
+    };
+    std::map<uint64_t, PendingRead> clPendingReads; // by the recorded destination
+    std::map<uint64_t, void *> clMappings;          // recorded mapped pointer -> local one
+
 private:
     struct Worker {
         uint64_t recorded = 0;
@@ -99,6 +113,9 @@ private:
     uint64_t benchCalls_ = 0, benchFrames_ = 0;
     uint64_t benchStart_ = 0;
     bool stopping_ = false;
+
+    void readCompleted(const reader::Entry &e);
+    uint64_t clReadsCompared_ = 0, clReadsDiffering_ = 0;
 
     // Problems
     std::set<std::string> said_;

@@ -7,7 +7,8 @@
 #    trace reads back whole.
 #  - cl_program (ours): vector addition, rectangles, fills, images with pitches, map/unmap, events;
 #    it checks its own results, and writes every byte it gave to the device and got back into a
-#    manifest; cl_trace_check finds each of them, byte for byte, in the trace.
+#    manifest; cl_trace_check finds each of them, byte for byte, in the trace. The trace is then
+#    played on the same platform (`kalvoren replay`): every read brings back the recorded bytes.
 #
 #   opencl_test.sh BUILD_DIR CL_PROGRAM CL_TRACE_CHECK
 #
@@ -82,6 +83,11 @@ if [ -n "$program" ]; then
     # The dump names OpenCL enumerants by their types.
     grep -q 'clGetPlatformInfo(.*param_name=CL_PLATFORM_NAME, .*<[0-9]* bytes' "$work/cl_program.dump" ||
         fail "cl_program: the dump does not name CL_PLATFORM_NAME"
+    # Five reads: blocking, completed through an event, a rectangle, after a mapping, an image.
+    "$kalvoren" replay "$work/program.kalvoren" >"$work/replay.out" 2>&1 || fail "cl_program: the replay failed:"
+    grep -q '^[45] OpenCL reads brought back the recorded bytes' "$work/replay.out" ||
+        fail "cl_program: the replay's reads differ from the recorded ones: $(cat "$work/replay.out")"
+    echo "cl_program replayed: $(grep 'OpenCL reads' "$work/replay.out")"
 fi
 
 [ "$failures" = 0 ] || { echo "$failures failure(s)"; exit 1; }
