@@ -248,6 +248,12 @@ uint64_t Call::mapHandle(Handle kind, uint64_t recorded) {
     if (player.handles[static_cast<int>(kind)].find(recorded, local)) return local;
     if (kind == Handle::Config) return reinterpret_cast<uintptr_t>(player.configFor(recorded));
     if (kind == Handle::Display) return reinterpret_cast<uintptr_t>(player.localDisplay());
+    if (player.failedHandles.count(recorded)) {
+        // Made by a call that failed when recorded, and not made here: the call is skipped quietly.
+        if (ok_) ++player.onFailedHandles;
+        ok_ = false;
+        return 0;
+    }
     char text[96];
     std::snprintf(text, sizeof(text), "it names a handle the trace never created (0x%llx)",
                   static_cast<unsigned long long>(recorded));

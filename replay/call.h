@@ -56,6 +56,12 @@ public:
         local = it->second;
         return true;
     }
+    void erase(uint64_t recorded) {
+        if (recorded < dense_.size())
+            dense_[recorded] = kNone;
+        else
+            sparse_.erase(recorded);
+    }
     void set(uint64_t recorded, uint64_t local) {
         if (recorded < kDenseLimit) {
             if (recorded >= dense_.size()) dense_.resize(static_cast<size_t>(recorded) * 2 + 16, kNone);

@@ -70,13 +70,15 @@ size_t spanOf(const Player::Runs &runs) {
     return span;
 }
 
-Player::Runs boxRuns(const size_t *origin, const size_t *region, size_t elementBytes, size_t row, size_t slice) {
+Player::Runs boxRuns(const size_t *origin, const size_t *region, size_t elementBytes, size_t row,
+                     size_t slice) {
     Player::Runs runs;
     if (!region) return runs;
     const size_t rowBytes = region[0] * elementBytes;
     if (row == 0) row = rowBytes;
     if (slice == 0) slice = row * region[1];
-    const size_t x = origin ? origin[0] * elementBytes : 0, y = origin ? origin[1] : 0, z = origin ? origin[2] : 0;
+    const size_t x = origin ? origin[0] * elementBytes : 0, y = origin ? origin[1] : 0,
+                 z = origin ? origin[2] : 0;
     for (size_t k = 0; k < region[2]; ++k)
         for (size_t j = 0; j < region[1]; ++j)
             runs.emplace_back((z + k) * slice + (y + j) * row + x, rowBytes);
@@ -125,8 +127,8 @@ size_t elementSize(Call &c, cl_mem image) {
 
 } // namespace
 
-void Player::compareRead(const reader::Entry &e, const uint8_t *local, const uint8_t *recorded, size_t recordedBytes,
-                         const Runs &runs) {
+void Player::compareRead(const reader::Entry &e, const uint8_t *local, const uint8_t *recorded,
+                         size_t recordedBytes, const Runs &runs) {
     ++clReadsCompared_;
     for (const auto &run : runs) {
         if (run.first + run.second > recordedBytes) {
@@ -168,15 +170,16 @@ bool Hooks<cl::clCreateContext>::before(Call &c, const cl_context_properties *&p
     return c.ok();
 }
 
-bool Hooks<cl::clCreateContextFromType>::before(Call &c, const cl_context_properties *&properties, cl_device_type &,
-                                                std::nullptr_t &, void *&, cl_int *&) {
+bool Hooks<cl::clCreateContextFromType>::before(Call &c, const cl_context_properties *&properties,
+                                                cl_device_type &, std::nullptr_t &, void *&, cl_int *&) {
     properties = localProperties(c, properties);
     return c.ok();
 }
 
 // ---- Memory objects ------------------------------------------------------------------------------
 
-bool Hooks<cl::clCreateBuffer>::before(Call &c, cl_context &, cl_mem_flags &flags, size_t &, void *&host, cl_int *&) {
+bool Hooks<cl::clCreateBuffer>::before(Call &c, cl_context &, cl_mem_flags &flags, size_t &, void *&host,
+                                       cl_int *&) {
     return ownHostMemory(c, flags, host);
 }
 bool Hooks<cl::clCreateImage>::before(Call &c, cl_context &, cl_mem_flags &flags, const cl_image_format *&,
@@ -188,7 +191,8 @@ bool Hooks<cl::clCreateImage2D>::before(Call &c, cl_context &, cl_mem_flags &fla
     return ownHostMemory(c, flags, host);
 }
 bool Hooks<cl::clCreateImage3D>::before(Call &c, cl_context &, cl_mem_flags &flags, const cl_image_format *&,
-                                        size_t &, size_t &, size_t &, size_t &, size_t &, void *&host, cl_int *&) {
+                                        size_t &, size_t &, size_t &, size_t &, size_t &, void *&host,
+                                        cl_int *&) {
     return ownHostMemory(c, flags, host);
 }
 
@@ -217,8 +221,9 @@ bool Hooks<cl::clSetKernelArg>::before(Call &c, cl_kernel &, cl_uint &, size_t &
 
 // ---- Reads ---------------------------------------------------------------------------------------
 
-bool Hooks<cl::clEnqueueReadBuffer>::before(Call &c, cl_command_queue &, cl_mem &, cl_bool &blocking, size_t &,
-                                            size_t &size, void *&ptr, cl_uint &, const cl_event *&, cl_event *&) {
+bool Hooks<cl::clEnqueueReadBuffer>::before(Call &c, cl_command_queue &, cl_mem &, cl_bool &blocking,
+                                            size_t &, size_t &size, void *&ptr, cl_uint &, const cl_event *&,
+                                            cl_event *&) {
     blocking = CL_TRUE;
     ptr = readDestination(c, 5, {{0, size}});
     return true;
@@ -235,9 +240,10 @@ Player::Runs rectRuns(const size_t *hostOrigin, const size_t *region, size_t row
 } // namespace
 
 bool Hooks<cl::clEnqueueReadBufferRect>::before(Call &c, cl_command_queue &, cl_mem &, cl_bool &blocking,
-                                                const size_t *&, const size_t *&hostOrigin, const size_t *&region,
-                                                size_t &, size_t &, size_t &row, size_t &slice, void *&ptr,
-                                                cl_uint &, const cl_event *&, cl_event *&) {
+                                                const size_t *&, const size_t *&hostOrigin,
+                                                const size_t *&region, size_t &, size_t &, size_t &row,
+                                                size_t &slice, void *&ptr, cl_uint &, const cl_event *&,
+                                                cl_event *&) {
     blocking = CL_TRUE;
     ptr = readDestination(c, 10, rectRuns(hostOrigin, region, row, slice));
     return true;
@@ -257,34 +263,35 @@ bool Hooks<cl::clEnqueueReadImage>::before(Call &c, cl_command_queue &, cl_mem &
     return true;
 }
 void Hooks<cl::clEnqueueReadImage>::after(Call &c, cl_int &result, cl_command_queue, cl_mem image, cl_bool,
-                                          const size_t *, const size_t *region, size_t row, size_t slice, void *ptr,
-                                          cl_uint, const cl_event *, cl_event *) {
+                                          const size_t *, const size_t *region, size_t row, size_t slice,
+                                          void *ptr, cl_uint, const cl_event *, cl_event *) {
     readDone(c, result, 7, ptr, boxRuns(nullptr, region, elementSize(c, image), row, slice));
 }
 
 // ---- Mappings ------------------------------------------------------------------------------------
 
-bool Hooks<cl::clEnqueueMapBuffer>::before(Call &, cl_command_queue &, cl_mem &, cl_bool &blocking, cl_map_flags &,
-                                           size_t &, size_t &, cl_uint &, const cl_event *&, cl_event *&,
-                                           cl_int *&) {
+bool Hooks<cl::clEnqueueMapBuffer>::before(Call &, cl_command_queue &, cl_mem &, cl_bool &blocking,
+                                           cl_map_flags &, size_t &, size_t &, cl_uint &, const cl_event *&,
+                                           cl_event *&, cl_int *&) {
     // The recorded host's writes are copied in at the unmap, which may come before any wait.
     blocking = CL_TRUE;
     return true;
 }
-void Hooks<cl::clEnqueueMapBuffer>::after(Call &c, void *&result, cl_command_queue, cl_mem, cl_bool, cl_map_flags,
-                                          size_t, size_t, cl_uint, const cl_event *, cl_event *, cl_int *) {
+void Hooks<cl::clEnqueueMapBuffer>::after(Call &c, void *&result, cl_command_queue, cl_mem, cl_bool,
+                                          cl_map_flags, size_t, size_t, cl_uint, const cl_event *, cl_event *,
+                                          cl_int *) {
     if (result && c.e.result) c.player.clMappings[c.e.result] = result;
 }
 
-bool Hooks<cl::clEnqueueMapImage>::before(Call &, cl_command_queue &, cl_mem &, cl_bool &blocking, cl_map_flags &,
-                                          const size_t *&, const size_t *&, size_t *&, size_t *&, cl_uint &,
-                                          const cl_event *&, cl_event *&, cl_int *&) {
+bool Hooks<cl::clEnqueueMapImage>::before(Call &, cl_command_queue &, cl_mem &, cl_bool &blocking,
+                                          cl_map_flags &, const size_t *&, const size_t *&, size_t *&,
+                                          size_t *&, cl_uint &, const cl_event *&, cl_event *&, cl_int *&) {
     blocking = CL_TRUE;
     return true;
 }
-void Hooks<cl::clEnqueueMapImage>::after(Call &c, void *&result, cl_command_queue, cl_mem, cl_bool, cl_map_flags,
-                                         const size_t *, const size_t *, size_t *row, size_t *, cl_uint,
-                                         const cl_event *, cl_event *, cl_int *) {
+void Hooks<cl::clEnqueueMapImage>::after(Call &c, void *&result, cl_command_queue, cl_mem, cl_bool,
+                                         cl_map_flags, const size_t *, const size_t *, size_t *row, size_t *,
+                                         cl_uint, const cl_event *, cl_event *, cl_int *) {
     if (!result || !c.e.result) return;
     // The recorded writes are laid out by the recorded pitch: a local mapping of another layout
     // cannot take them as they are.
@@ -293,14 +300,15 @@ void Hooks<cl::clEnqueueMapImage>::after(Call &c, void *&result, cl_command_queu
     uint64_t pitch = 0;
     if (recordedRow && bytes >= 8) std::memcpy(&pitch, recordedRow, 8);
     if (row && recordedRow && pitch != *row)
-        c.fail("the local image is mapped with another row pitch than the recorded one; writes through the mapping "
+        c.fail("the local image is mapped with another row pitch than the recorded one; writes through the "
+               "mapping "
                "are not replayed");
     else
         c.player.clMappings[c.e.result] = result;
 }
 
-bool Hooks<cl::clEnqueueUnmapMemObject>::before(Call &c, cl_command_queue &, cl_mem &, void *&mapped, cl_uint &,
-                                                const cl_event *&, cl_event *&) {
+bool Hooks<cl::clEnqueueUnmapMemObject>::before(Call &c, cl_command_queue &, cl_mem &, void *&mapped,
+                                                cl_uint &, const cl_event *&, cl_event *&) {
     auto it = c.player.clMappings.find(c.value(2));
     if (it == c.player.clMappings.end()) {
         c.fail("it gives back a mapping the trace never made");
@@ -313,8 +321,8 @@ bool Hooks<cl::clEnqueueUnmapMemObject>::before(Call &c, cl_command_queue &, cl_
     if (data) std::memcpy(mapped, data, bytes);
     return true;
 }
-void Hooks<cl::clEnqueueUnmapMemObject>::after(Call &c, cl_int &result, cl_command_queue, cl_mem, void *, cl_uint,
-                                               const cl_event *, cl_event *) {
+void Hooks<cl::clEnqueueUnmapMemObject>::after(Call &c, cl_int &result, cl_command_queue, cl_mem, void *,
+                                               cl_uint, const cl_event *, cl_event *) {
     if (result == CL_SUCCESS) c.player.clMappings.erase(c.value(2));
 }
 
@@ -339,7 +347,8 @@ void Hooks<cl::clGetContextInfo>::after(Call &c, cl_int &result, cl_context, cl_
     if (result == CL_SUCCESS && name == CL_CONTEXT_DEVICES) noteDevices(c, 3, value);
 }
 
-bool Hooks<cl::clGetProgramInfo>::before(Call &, cl_program &, cl_program_info &name, size_t &, void *&, size_t *&) {
+bool Hooks<cl::clGetProgramInfo>::before(Call &, cl_program &, cl_program_info &name, size_t &, void *&,
+                                         size_t *&) {
     return name != CL_PROGRAM_BINARIES;
 }
 void Hooks<cl::clGetProgramInfo>::after(Call &c, cl_int &result, cl_program, cl_program_info name, size_t,

@@ -418,6 +418,14 @@ void Player::play(Worker &w) {
     // A call the recorded driver refused changed nothing there; it is not made here either.
     if (!succeeded(e)) {
         ++failedSkipped_;
+        // Some OpenCL drivers hand out an object with a failure status, and the program releases
+        // it: those later calls are not made either.
+        if (e.desc->error == api::ErrorKind::Cl && e.desc->result == api::Type::Handle && e.result) {
+            failedHandles.insert(e.result);
+            // Its address may be that of an object released before: that one's local object is gone.
+            for (NameMap &map : handles)
+                map.erase(e.result);
+        }
         return;
     }
     PlayFn fn = table_[e.id];
@@ -547,6 +555,9 @@ int Player::finish() {
     if (failedSkipped_ && !options.quiet)
         std::printf("%llu calls that failed when recorded were not made\n",
                     static_cast<unsigned long long>(failedSkipped_));
+    if (onFailedHandles && !options.quiet)
+        std::printf("%llu calls on objects whose creation failed when recorded were not made\n",
+                    static_cast<unsigned long long>(onFailedHandles));
     if (problems_) {
         std::fprintf(stderr, "kalvoren: %llu records could not be played\n",
                      static_cast<unsigned long long>(problems_));

@@ -66,6 +66,9 @@ public:
     };
     std::map<uint64_t, PendingRead> clPendingReads; // by the recorded destination
     std::map<uint64_t, void *> clMappings;          // recorded mapped pointer -> local one
+    // Objects handed out by calls that failed when recorded, and the calls on them not made.
+    std::set<uint64_t> failedHandles;
+    uint64_t onFailedHandles = 0;
 
 private:
     struct Worker {

@@ -4,7 +4,7 @@
 #  - clinfo: the same output and exit status both ways; its trace reads back whole, opens with the
 #    platform description (record 6000) and holds every call.
 #  - clpeak (when installed), a short run: the same exit status and report (timings aside); its
-#    trace reads back whole.
+#    trace reads back whole. Both traces replay without a problem.
 #  - cl_program (ours): vector addition, rectangles, fills, images with pitches, map/unmap, events;
 #    it checks its own results, and writes every byte it gave to the device and got back into a
 #    manifest; cl_trace_check finds each of them, byte for byte, in the trace. The trace is then
@@ -61,6 +61,8 @@ run_both() {
 
 run_both clinfo "$work/clinfo.kalvoren" clinfo
 grep -q 'clGetDeviceInfo' "$work/clinfo.dump" || fail "clinfo: no clGetDeviceInfo in the trace"
+"$kalvoren" replay "$work/clinfo.kalvoren" >"$work/clinfo.replay" 2>&1 ||
+    fail "clinfo: its trace does not replay: $(tail -5 "$work/clinfo.replay")"
 
 # clpeak's kernel-latency test: its timings differ from run to run, the shape of its report does not.
 if command -v clpeak >/dev/null; then
@@ -74,7 +76,9 @@ if command -v clpeak >/dev/null; then
         fail "clpeak reported something else when traced: $(cat "$work/clpeak.traced")"
     "$kalvoren" info "$work/clpeak.kalvoren" 2>&1 | grep -q '^Problems: *none' ||
         fail "clpeak: the trace does not read back whole"
-    echo "clpeak: exit $traced both ways, the same report"
+    "$kalvoren" replay "$work/clpeak.kalvoren" >"$work/clpeak.replay" 2>&1 ||
+        fail "clpeak: its trace does not replay: $(tail -5 "$work/clpeak.replay")"
+    echo "clpeak: exit $traced both ways, the same report, replayed"
 fi
 
 if [ -n "$program" ]; then
