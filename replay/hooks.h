@@ -210,6 +210,22 @@ struct Hooks<cl::clSetKernelArg> : HookDefaults {
     static bool before(Call &c, cl_kernel &, cl_uint &, size_t &size, const void *&value);
 };
 
+// Writes block here: the bytes they give the device live in the record being played, which the
+// next record replaces.
+struct BlockingWrite : HookDefaults {
+    template <class Queue, class Mem, class... Rest>
+    static bool before(Call &, Queue &, Mem &, cl_bool &blocking, Rest &...) {
+        blocking = CL_TRUE;
+        return true;
+    }
+};
+template <>
+struct Hooks<cl::clEnqueueWriteBuffer> : BlockingWrite {};
+template <>
+struct Hooks<cl::clEnqueueWriteBufferRect> : BlockingWrite {};
+template <>
+struct Hooks<cl::clEnqueueWriteImage> : BlockingWrite {};
+
 // Reads block here and what they bring back is compared with what the recording brought back.
 template <>
 struct Hooks<cl::clEnqueueReadBuffer> : HookDefaults {
