@@ -1,7 +1,8 @@
 /* An OpenCL program that moves data every way the API offers and checks every result: buffers
  * created from host memory, written, filled, read whole and by rectangles, a kernel with buffer and
- * value arguments (vector addition), a mapping written by the host, an image created from pitched
- * host memory, written and read with pitches, and a non-blocking read completed through its event.
+ * value arguments (vector addition), a mapping written by the host, a buffer on host memory written
+ * without blocking, an image created from pitched host memory, written and read with pitches, and
+ * a non-blocking read completed through its event.
  *
  *   cl_program MANIFEST
  *
@@ -175,6 +176,26 @@ int main(int argc, char **argv) {
     for (int i = 0; i < 256; ++i)
         mapOk &= first[i] == (unsigned char)(255 - i);
     expect(mapOk, "the mapped writes");
+
+    /* A buffer that uses host memory, half of it written without blocking and waited for through
+     * the queue. */
+    static float used[256], later[128], usedBack[256];
+    for (int i = 0; i < 256; ++i)
+        used[i] = (float)i * 3.0f;
+    for (int i = 0; i < 128; ++i)
+        later[i] = (float)i * -0.25f;
+    cl_mem bufU =
+        clCreateBuffer(context, CL_MEM_READ_WRITE | CL_MEM_USE_HOST_PTR, sizeof(used), used, &status);
+    CHECK(status);
+    note(6015, used, sizeof(used));
+    CHECK(clEnqueueWriteBuffer(queue, bufU, CL_FALSE, 0, sizeof(later), later, 0, NULL, NULL));
+    note(6056, later, sizeof(later));
+    CHECK(clFinish(queue));
+    CHECK(clEnqueueReadBuffer(queue, bufU, CL_TRUE, 0, sizeof(usedBack), usedBack, 0, NULL, NULL));
+    note(6054, usedBack, sizeof(usedBack));
+    expect(memcmp(usedBack, later, sizeof(later)) == 0 && usedBack[128] == 384.0f && usedBack[255] == 765.0f,
+           "the buffer on host memory");
+    CHECK(clReleaseMemObject(bufU));
 
     /* An RGBA8 image of 16x8 from host rows of 80 bytes (16 bytes of padding each). */
     cl_bool images = CL_FALSE;
