@@ -103,6 +103,9 @@ bool Player::prescan(std::string *error) {
     reader::Entry e;
     while (r->next(e)) {
         if (e.kind != reader::Entry::Kind::Call || !e.problem.empty()) continue;
+        if (e.desc && e.desc->family != api::Family::Cl && e.desc->family != api::Family::ClExt &&
+            e.desc->family != api::Family::Pseudo)
+            graphics_ = true;
         if (isSwap(e.id)) {
             ++totalFrames_;
         } else if (e.id == kContextInformation && e.args.size() >= 7) {
@@ -468,14 +471,23 @@ int Player::run() {
                      "kalvoren: the trace holds no client data (RecordData was off): uploads and client "
                      "arrays cannot be replayed\n");
     searchDefaultHostLibraries();
-    const SEglHost &eglHost = SEglHost::get();
-    const GLESPPHost &glesHost = GLESPPHost::get();
-    if (eglHost.failed() || !eglHost.module || glesHost.failed() || !glesHost.module) {
-        std::fprintf(stderr, "kalvoren: the local EGL and OpenGL ES drivers could not be loaded\n");
-        return 2;
+    if (graphics_) {
+        const SEglHost &eglHost = SEglHost::get();
+        const GLESPPHost &glesHost = GLESPPHost::get();
+        if (eglHost.failed() || !eglHost.module || glesHost.failed() || !glesHost.module) {
+            std::fprintf(stderr, "kalvoren: the local EGL and OpenGL ES drivers could not be loaded\n");
+            return 2;
+        }
+        egl = &eglHost.fn;
+        gles = &glesHost.fn;
+    } else {
+        // An OpenCL trace plays on a machine without EGL and OpenGL ES drivers: nothing calls
+        // through these tables.
+        static const SEglHostFns noEgl{};
+        static const GLESPPHostFns noGles{};
+        egl = &noEgl;
+        gles = &noGles;
     }
-    egl = &eglHost.fn;
-    gles = &glesHost.fn;
     loopsLeft_ = options.loops;
     showProgress_ = !options.benchmark && !options.quiet && platform::isTerminal(stderr);
     startMs_ = platform::tickCountMs();

@@ -101,6 +101,7 @@ private:
     bool displayMade_ = false;
     std::map<uint64_t, std::map<EGLint, EGLint>> configAttributes_; // recorded config -> attributes
     std::map<uint64_t, EGLConfig> configs_;
+    bool graphics_ = false; // the trace holds EGL or OpenGL ES calls
     void *nativeDisplay_ = nullptr;
 
     // Frames
