@@ -187,6 +187,15 @@ def result_lines(f, cls):
     return []
 
 
+def status_lines(f):
+    """An OpenCL call that succeeded when recorded (the others are not made) and fails here is said."""
+    if f.result == "ClStatus":
+        return ["    c.localStatus(r);"]
+    if any(p.name == "errcode_ret" for p in f.params):
+        return ["    if (p_errcode_ret) c.localStatus(*p_errcode_ret);"]
+    return []
+
+
 def hook_tag(f, host_table_of, tables):
     """The tag whose hooks a function runs: an extension function that behaves like a core one
     runs that one's (its mappings, its locations), as it does in the recorder."""
@@ -233,6 +242,7 @@ def emit_function(f, table, gl_classes, rec, hook):
     for i, p in enumerate(f.params):
         out += after_lines(f, i, p, f.fields[i], class_of(f, p.name, gl_classes, rec))
     out += result_lines(f, class_of(f, "result", gl_classes, rec))
+    out += status_lines(f)
     after_args = ", ".join(["c"] + (["r"] if f.result != "None" else []) + locals_)
     out.append(f"    H::after({after_args});")
     out.append("}\n")

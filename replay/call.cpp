@@ -60,6 +60,12 @@ void Call::missing() {
     player.problem(e, std::string("the local driver has no ") + e.name() + "; the call was skipped");
 }
 
+void Call::localStatus(int32_t status) {
+    if (status == 0) return;
+    player.problem(e, "the local driver gave status " + std::to_string(status) +
+                          " where the recording succeeded");
+}
+
 const uint8_t *Call::block(int i, uint32_t *bytes) const {
     const reader::Arg &a = e.args[static_cast<size_t>(i)];
     if (a.block < 0) {

@@ -243,6 +243,8 @@ public:
     // The call cannot be made: says why (once per function and reason) and skips it.
     void fail(const char *why);
     void missing();
+    // The status the local OpenCL driver gave to a call that succeeded when recorded.
+    void localStatus(int32_t status);
 
     ContextState &context() const;
 

@@ -12279,6 +12279,7 @@ void play_6001(Call &c) {
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_num_entries, p_platforms, p_num_platforms); else r = host(p_num_entries, p_platforms, p_num_platforms);
     c.createdHandles(Handle::ClPlatform, 1, p_platforms);
+    c.localStatus(r);
     H::after(c, r, p_num_entries, p_platforms, p_num_platforms);
 }
 
@@ -12296,6 +12297,7 @@ void play_6002(Call &c) {
     if (!H::before(c, p_platform, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret)) return;
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_platform, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret); else r = host(p_platform, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
+    c.localStatus(r);
     H::after(c, r, p_platform, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
 }
 
@@ -12314,6 +12316,7 @@ void play_6003(Call &c) {
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_platform, p_device_type, p_num_entries, p_devices, p_num_devices); else r = host(p_platform, p_device_type, p_num_entries, p_devices, p_num_devices);
     c.createdHandles(Handle::ClDevice, 3, p_devices);
+    c.localStatus(r);
     H::after(c, r, p_platform, p_device_type, p_num_entries, p_devices, p_num_devices);
 }
 
@@ -12331,6 +12334,7 @@ void play_6004(Call &c) {
     if (!H::before(c, p_device, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret)) return;
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_device, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret); else r = host(p_device, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
+    c.localStatus(r);
     H::after(c, r, p_device, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
 }
 
@@ -12350,6 +12354,7 @@ void play_6005(Call &c) {
     cl_context r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_properties, p_num_devices, p_devices, p_pfn_notify, p_user_data, p_errcode_ret); else r = host(p_properties, p_num_devices, p_devices, p_pfn_notify, p_user_data, p_errcode_ret);
     c.createdHandle(Handle::ClContext, r);
+    if (p_errcode_ret) c.localStatus(*p_errcode_ret);
     H::after(c, r, p_properties, p_num_devices, p_devices, p_pfn_notify, p_user_data, p_errcode_ret);
 }
 
@@ -12368,6 +12373,7 @@ void play_6006(Call &c) {
     cl_context r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_properties, p_device_type, p_pfn_notify, p_user_data, p_errcode_ret); else r = host(p_properties, p_device_type, p_pfn_notify, p_user_data, p_errcode_ret);
     c.createdHandle(Handle::ClContext, r);
+    if (p_errcode_ret) c.localStatus(*p_errcode_ret);
     H::after(c, r, p_properties, p_device_type, p_pfn_notify, p_user_data, p_errcode_ret);
 }
 
@@ -12381,6 +12387,7 @@ void play_6007(Call &c) {
     if (!H::before(c, p_context)) return;
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_context); else r = host(p_context);
+    c.localStatus(r);
     H::after(c, r, p_context);
 }
 
@@ -12394,6 +12401,7 @@ void play_6008(Call &c) {
     if (!H::before(c, p_context)) return;
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_context); else r = host(p_context);
+    c.localStatus(r);
     H::after(c, r, p_context);
 }
 
@@ -12411,6 +12419,7 @@ void play_6009(Call &c) {
     if (!H::before(c, p_context, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret)) return;
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_context, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret); else r = host(p_context, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
+    c.localStatus(r);
     H::after(c, r, p_context, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
 }
 
@@ -12428,6 +12437,7 @@ void play_6010(Call &c) {
     cl_command_queue r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_context, p_device, p_properties, p_errcode_ret); else r = host(p_context, p_device, p_properties, p_errcode_ret);
     c.createdHandle(Handle::ClQueue, r);
+    if (p_errcode_ret) c.localStatus(*p_errcode_ret);
     H::after(c, r, p_context, p_device, p_properties, p_errcode_ret);
 }
 
@@ -12441,6 +12451,7 @@ void play_6011(Call &c) {
     if (!H::before(c, p_command_queue)) return;
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue); else r = host(p_command_queue);
+    c.localStatus(r);
     H::after(c, r, p_command_queue);
 }
 
@@ -12454,6 +12465,7 @@ void play_6012(Call &c) {
     if (!H::before(c, p_command_queue)) return;
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue); else r = host(p_command_queue);
+    c.localStatus(r);
     H::after(c, r, p_command_queue);
 }
 
@@ -12471,6 +12483,7 @@ void play_6013(Call &c) {
     if (!H::before(c, p_command_queue, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret)) return;
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret); else r = host(p_command_queue, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
+    c.localStatus(r);
     H::after(c, r, p_command_queue, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
 }
 
@@ -12487,6 +12500,7 @@ void play_6014(Call &c) {
     if (!H::before(c, p_command_queue, p_properties, p_enable, p_old_properties)) return;
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue, p_properties, p_enable, p_old_properties); else r = host(p_command_queue, p_properties, p_enable, p_old_properties);
+    c.localStatus(r);
     H::after(c, r, p_command_queue, p_properties, p_enable, p_old_properties);
 }
 
@@ -12505,6 +12519,7 @@ void play_6015(Call &c) {
     cl_mem r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_context, p_flags, p_size, p_host_ptr, p_errcode_ret); else r = host(p_context, p_flags, p_size, p_host_ptr, p_errcode_ret);
     c.createdHandle(Handle::ClMem, r);
+    if (p_errcode_ret) c.localStatus(*p_errcode_ret);
     H::after(c, r, p_context, p_flags, p_size, p_host_ptr, p_errcode_ret);
 }
 
@@ -12523,6 +12538,7 @@ void play_6016(Call &c) {
     cl_mem r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_buffer, p_flags, p_buffer_create_type, p_buffer_create_info, p_errcode_ret); else r = host(p_buffer, p_flags, p_buffer_create_type, p_buffer_create_info, p_errcode_ret);
     c.createdHandle(Handle::ClMem, r);
+    if (p_errcode_ret) c.localStatus(*p_errcode_ret);
     H::after(c, r, p_buffer, p_flags, p_buffer_create_type, p_buffer_create_info, p_errcode_ret);
 }
 
@@ -12544,6 +12560,7 @@ void play_6017(Call &c) {
     cl_mem r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_context, p_flags, p_image_format, p_image_width, p_image_height, p_image_row_pitch, p_host_ptr, p_errcode_ret); else r = host(p_context, p_flags, p_image_format, p_image_width, p_image_height, p_image_row_pitch, p_host_ptr, p_errcode_ret);
     c.createdHandle(Handle::ClMem, r);
+    if (p_errcode_ret) c.localStatus(*p_errcode_ret);
     H::after(c, r, p_context, p_flags, p_image_format, p_image_width, p_image_height, p_image_row_pitch, p_host_ptr, p_errcode_ret);
 }
 
@@ -12567,6 +12584,7 @@ void play_6018(Call &c) {
     cl_mem r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_context, p_flags, p_image_format, p_image_width, p_image_height, p_image_depth, p_image_row_pitch, p_image_slice_pitch, p_host_ptr, p_errcode_ret); else r = host(p_context, p_flags, p_image_format, p_image_width, p_image_height, p_image_depth, p_image_row_pitch, p_image_slice_pitch, p_host_ptr, p_errcode_ret);
     c.createdHandle(Handle::ClMem, r);
+    if (p_errcode_ret) c.localStatus(*p_errcode_ret);
     H::after(c, r, p_context, p_flags, p_image_format, p_image_width, p_image_height, p_image_depth, p_image_row_pitch, p_image_slice_pitch, p_host_ptr, p_errcode_ret);
 }
 
@@ -12580,6 +12598,7 @@ void play_6019(Call &c) {
     if (!H::before(c, p_memobj)) return;
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_memobj); else r = host(p_memobj);
+    c.localStatus(r);
     H::after(c, r, p_memobj);
 }
 
@@ -12593,6 +12612,7 @@ void play_6020(Call &c) {
     if (!H::before(c, p_memobj)) return;
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_memobj); else r = host(p_memobj);
+    c.localStatus(r);
     H::after(c, r, p_memobj);
 }
 
@@ -12611,6 +12631,7 @@ void play_6021(Call &c) {
     if (!H::before(c, p_context, p_flags, p_image_type, p_num_entries, p_image_formats, p_num_image_formats)) return;
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_context, p_flags, p_image_type, p_num_entries, p_image_formats, p_num_image_formats); else r = host(p_context, p_flags, p_image_type, p_num_entries, p_image_formats, p_num_image_formats);
+    c.localStatus(r);
     H::after(c, r, p_context, p_flags, p_image_type, p_num_entries, p_image_formats, p_num_image_formats);
 }
 
@@ -12628,6 +12649,7 @@ void play_6022(Call &c) {
     if (!H::before(c, p_memobj, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret)) return;
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_memobj, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret); else r = host(p_memobj, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
+    c.localStatus(r);
     H::after(c, r, p_memobj, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
 }
 
@@ -12645,6 +12667,7 @@ void play_6023(Call &c) {
     if (!H::before(c, p_image, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret)) return;
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_image, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret); else r = host(p_image, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
+    c.localStatus(r);
     H::after(c, r, p_image, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
 }
 
@@ -12660,6 +12683,7 @@ void play_6024(Call &c) {
     if (!H::before(c, p_memobj, p_pfn_notify, p_user_data)) return;
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_memobj, p_pfn_notify, p_user_data); else r = host(p_memobj, p_pfn_notify, p_user_data);
+    c.localStatus(r);
     H::after(c, r, p_memobj, p_pfn_notify, p_user_data);
 }
 
@@ -12678,6 +12702,7 @@ void play_6025(Call &c) {
     cl_sampler r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_context, p_normalized_coords, p_addressing_mode, p_filter_mode, p_errcode_ret); else r = host(p_context, p_normalized_coords, p_addressing_mode, p_filter_mode, p_errcode_ret);
     c.createdHandle(Handle::ClSampler, r);
+    if (p_errcode_ret) c.localStatus(*p_errcode_ret);
     H::after(c, r, p_context, p_normalized_coords, p_addressing_mode, p_filter_mode, p_errcode_ret);
 }
 
@@ -12691,6 +12716,7 @@ void play_6026(Call &c) {
     if (!H::before(c, p_sampler)) return;
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_sampler); else r = host(p_sampler);
+    c.localStatus(r);
     H::after(c, r, p_sampler);
 }
 
@@ -12704,6 +12730,7 @@ void play_6027(Call &c) {
     if (!H::before(c, p_sampler)) return;
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_sampler); else r = host(p_sampler);
+    c.localStatus(r);
     H::after(c, r, p_sampler);
 }
 
@@ -12721,6 +12748,7 @@ void play_6028(Call &c) {
     if (!H::before(c, p_sampler, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret)) return;
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_sampler, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret); else r = host(p_sampler, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
+    c.localStatus(r);
     H::after(c, r, p_sampler, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
 }
 
@@ -12739,6 +12767,7 @@ void play_6029(Call &c) {
     cl_program r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_context, p_count, p_strings, p_lengths, p_errcode_ret); else r = host(p_context, p_count, p_strings, p_lengths, p_errcode_ret);
     c.createdHandle(Handle::ClProgram, r);
+    if (p_errcode_ret) c.localStatus(*p_errcode_ret);
     H::after(c, r, p_context, p_count, p_strings, p_lengths, p_errcode_ret);
 }
 
@@ -12759,6 +12788,7 @@ void play_6030(Call &c) {
     cl_program r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_context, p_num_devices, p_device_list, p_lengths, p_binaries, p_binary_status, p_errcode_ret); else r = host(p_context, p_num_devices, p_device_list, p_lengths, p_binaries, p_binary_status, p_errcode_ret);
     c.createdHandle(Handle::ClProgram, r);
+    if (p_errcode_ret) c.localStatus(*p_errcode_ret);
     H::after(c, r, p_context, p_num_devices, p_device_list, p_lengths, p_binaries, p_binary_status, p_errcode_ret);
 }
 
@@ -12772,6 +12802,7 @@ void play_6031(Call &c) {
     if (!H::before(c, p_program)) return;
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_program); else r = host(p_program);
+    c.localStatus(r);
     H::after(c, r, p_program);
 }
 
@@ -12785,6 +12816,7 @@ void play_6032(Call &c) {
     if (!H::before(c, p_program)) return;
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_program); else r = host(p_program);
+    c.localStatus(r);
     H::after(c, r, p_program);
 }
 
@@ -12803,6 +12835,7 @@ void play_6033(Call &c) {
     if (!H::before(c, p_program, p_num_devices, p_device_list, p_options, p_pfn_notify, p_user_data)) return;
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_program, p_num_devices, p_device_list, p_options, p_pfn_notify, p_user_data); else r = host(p_program, p_num_devices, p_device_list, p_options, p_pfn_notify, p_user_data);
+    c.localStatus(r);
     H::after(c, r, p_program, p_num_devices, p_device_list, p_options, p_pfn_notify, p_user_data);
 }
 
@@ -12815,6 +12848,7 @@ void play_6034(Call &c) {
     if (!H::before(c)) return;
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c); else r = host();
+    c.localStatus(r);
     H::after(c, r);
 }
 
@@ -12832,6 +12866,7 @@ void play_6035(Call &c) {
     if (!H::before(c, p_program, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret)) return;
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_program, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret); else r = host(p_program, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
+    c.localStatus(r);
     H::after(c, r, p_program, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
 }
 
@@ -12850,6 +12885,7 @@ void play_6036(Call &c) {
     if (!H::before(c, p_program, p_device, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret)) return;
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_program, p_device, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret); else r = host(p_program, p_device, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
+    c.localStatus(r);
     H::after(c, r, p_program, p_device, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
 }
 
@@ -12866,6 +12902,7 @@ void play_6037(Call &c) {
     cl_kernel r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_program, p_kernel_name, p_errcode_ret); else r = host(p_program, p_kernel_name, p_errcode_ret);
     c.createdHandle(Handle::ClKernel, r);
+    if (p_errcode_ret) c.localStatus(*p_errcode_ret);
     H::after(c, r, p_program, p_kernel_name, p_errcode_ret);
 }
 
@@ -12883,6 +12920,7 @@ void play_6038(Call &c) {
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_program, p_num_kernels, p_kernels, p_num_kernels_ret); else r = host(p_program, p_num_kernels, p_kernels, p_num_kernels_ret);
     c.createdHandles(Handle::ClKernel, 2, p_kernels);
+    c.localStatus(r);
     H::after(c, r, p_program, p_num_kernels, p_kernels, p_num_kernels_ret);
 }
 
@@ -12896,6 +12934,7 @@ void play_6039(Call &c) {
     if (!H::before(c, p_kernel)) return;
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_kernel); else r = host(p_kernel);
+    c.localStatus(r);
     H::after(c, r, p_kernel);
 }
 
@@ -12909,6 +12948,7 @@ void play_6040(Call &c) {
     if (!H::before(c, p_kernel)) return;
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_kernel); else r = host(p_kernel);
+    c.localStatus(r);
     H::after(c, r, p_kernel);
 }
 
@@ -12925,6 +12965,7 @@ void play_6041(Call &c) {
     if (!H::before(c, p_kernel, p_arg_index, p_arg_size, p_arg_value)) return;
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_kernel, p_arg_index, p_arg_size, p_arg_value); else r = host(p_kernel, p_arg_index, p_arg_size, p_arg_value);
+    c.localStatus(r);
     H::after(c, r, p_kernel, p_arg_index, p_arg_size, p_arg_value);
 }
 
@@ -12942,6 +12983,7 @@ void play_6042(Call &c) {
     if (!H::before(c, p_kernel, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret)) return;
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_kernel, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret); else r = host(p_kernel, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
+    c.localStatus(r);
     H::after(c, r, p_kernel, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
 }
 
@@ -12960,6 +13002,7 @@ void play_6043(Call &c) {
     if (!H::before(c, p_kernel, p_device, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret)) return;
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_kernel, p_device, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret); else r = host(p_kernel, p_device, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
+    c.localStatus(r);
     H::after(c, r, p_kernel, p_device, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
 }
 
@@ -12974,6 +13017,7 @@ void play_6044(Call &c) {
     if (!H::before(c, p_num_events, p_event_list)) return;
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_num_events, p_event_list); else r = host(p_num_events, p_event_list);
+    c.localStatus(r);
     H::after(c, r, p_num_events, p_event_list);
 }
 
@@ -12991,6 +13035,7 @@ void play_6045(Call &c) {
     if (!H::before(c, p_event, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret)) return;
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_event, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret); else r = host(p_event, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
+    c.localStatus(r);
     H::after(c, r, p_event, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
 }
 
@@ -13006,6 +13051,7 @@ void play_6046(Call &c) {
     cl_event r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_context, p_errcode_ret); else r = host(p_context, p_errcode_ret);
     c.createdHandle(Handle::ClEvent, r);
+    if (p_errcode_ret) c.localStatus(*p_errcode_ret);
     H::after(c, r, p_context, p_errcode_ret);
 }
 
@@ -13019,6 +13065,7 @@ void play_6047(Call &c) {
     if (!H::before(c, p_event)) return;
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_event); else r = host(p_event);
+    c.localStatus(r);
     H::after(c, r, p_event);
 }
 
@@ -13032,6 +13079,7 @@ void play_6048(Call &c) {
     if (!H::before(c, p_event)) return;
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_event); else r = host(p_event);
+    c.localStatus(r);
     H::after(c, r, p_event);
 }
 
@@ -13046,6 +13094,7 @@ void play_6049(Call &c) {
     if (!H::before(c, p_event, p_execution_status)) return;
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_event, p_execution_status); else r = host(p_event, p_execution_status);
+    c.localStatus(r);
     H::after(c, r, p_event, p_execution_status);
 }
 
@@ -13062,6 +13111,7 @@ void play_6050(Call &c) {
     if (!H::before(c, p_event, p_command_exec_callback_type, p_pfn_notify, p_user_data)) return;
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_event, p_command_exec_callback_type, p_pfn_notify, p_user_data); else r = host(p_event, p_command_exec_callback_type, p_pfn_notify, p_user_data);
+    c.localStatus(r);
     H::after(c, r, p_event, p_command_exec_callback_type, p_pfn_notify, p_user_data);
 }
 
@@ -13079,6 +13129,7 @@ void play_6051(Call &c) {
     if (!H::before(c, p_event, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret)) return;
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_event, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret); else r = host(p_event, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
+    c.localStatus(r);
     H::after(c, r, p_event, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
 }
 
@@ -13092,6 +13143,7 @@ void play_6052(Call &c) {
     if (!H::before(c, p_command_queue)) return;
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue); else r = host(p_command_queue);
+    c.localStatus(r);
     H::after(c, r, p_command_queue);
 }
 
@@ -13105,6 +13157,7 @@ void play_6053(Call &c) {
     if (!H::before(c, p_command_queue)) return;
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue); else r = host(p_command_queue);
+    c.localStatus(r);
     H::after(c, r, p_command_queue);
 }
 
@@ -13127,6 +13180,7 @@ void play_6054(Call &c) {
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue, p_buffer, p_blocking_read, p_offset, p_size, p_ptr, p_num_events_in_wait_list, p_event_wait_list, p_event); else r = host(p_command_queue, p_buffer, p_blocking_read, p_offset, p_size, p_ptr, p_num_events_in_wait_list, p_event_wait_list, p_event);
     c.createdHandles(Handle::ClEvent, 8, p_event);
+    c.localStatus(r);
     H::after(c, r, p_command_queue, p_buffer, p_blocking_read, p_offset, p_size, p_ptr, p_num_events_in_wait_list, p_event_wait_list, p_event);
 }
 
@@ -13154,6 +13208,7 @@ void play_6055(Call &c) {
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue, p_buffer, p_blocking_read, p_buffer_origin, p_host_origin, p_region, p_buffer_row_pitch, p_buffer_slice_pitch, p_host_row_pitch, p_host_slice_pitch, p_ptr, p_num_events_in_wait_list, p_event_wait_list, p_event); else r = host(p_command_queue, p_buffer, p_blocking_read, p_buffer_origin, p_host_origin, p_region, p_buffer_row_pitch, p_buffer_slice_pitch, p_host_row_pitch, p_host_slice_pitch, p_ptr, p_num_events_in_wait_list, p_event_wait_list, p_event);
     c.createdHandles(Handle::ClEvent, 13, p_event);
+    c.localStatus(r);
     H::after(c, r, p_command_queue, p_buffer, p_blocking_read, p_buffer_origin, p_host_origin, p_region, p_buffer_row_pitch, p_buffer_slice_pitch, p_host_row_pitch, p_host_slice_pitch, p_ptr, p_num_events_in_wait_list, p_event_wait_list, p_event);
 }
 
@@ -13176,6 +13231,7 @@ void play_6056(Call &c) {
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue, p_buffer, p_blocking_write, p_offset, p_size, p_ptr, p_num_events_in_wait_list, p_event_wait_list, p_event); else r = host(p_command_queue, p_buffer, p_blocking_write, p_offset, p_size, p_ptr, p_num_events_in_wait_list, p_event_wait_list, p_event);
     c.createdHandles(Handle::ClEvent, 8, p_event);
+    c.localStatus(r);
     H::after(c, r, p_command_queue, p_buffer, p_blocking_write, p_offset, p_size, p_ptr, p_num_events_in_wait_list, p_event_wait_list, p_event);
 }
 
@@ -13203,6 +13259,7 @@ void play_6057(Call &c) {
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue, p_buffer, p_blocking_write, p_buffer_origin, p_host_origin, p_region, p_buffer_row_pitch, p_buffer_slice_pitch, p_host_row_pitch, p_host_slice_pitch, p_ptr, p_num_events_in_wait_list, p_event_wait_list, p_event); else r = host(p_command_queue, p_buffer, p_blocking_write, p_buffer_origin, p_host_origin, p_region, p_buffer_row_pitch, p_buffer_slice_pitch, p_host_row_pitch, p_host_slice_pitch, p_ptr, p_num_events_in_wait_list, p_event_wait_list, p_event);
     c.createdHandles(Handle::ClEvent, 13, p_event);
+    c.localStatus(r);
     H::after(c, r, p_command_queue, p_buffer, p_blocking_write, p_buffer_origin, p_host_origin, p_region, p_buffer_row_pitch, p_buffer_slice_pitch, p_host_row_pitch, p_host_slice_pitch, p_ptr, p_num_events_in_wait_list, p_event_wait_list, p_event);
 }
 
@@ -13225,6 +13282,7 @@ void play_6058(Call &c) {
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue, p_src_buffer, p_dst_buffer, p_src_offset, p_dst_offset, p_size, p_num_events_in_wait_list, p_event_wait_list, p_event); else r = host(p_command_queue, p_src_buffer, p_dst_buffer, p_src_offset, p_dst_offset, p_size, p_num_events_in_wait_list, p_event_wait_list, p_event);
     c.createdHandles(Handle::ClEvent, 8, p_event);
+    c.localStatus(r);
     H::after(c, r, p_command_queue, p_src_buffer, p_dst_buffer, p_src_offset, p_dst_offset, p_size, p_num_events_in_wait_list, p_event_wait_list, p_event);
 }
 
@@ -13251,6 +13309,7 @@ void play_6059(Call &c) {
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue, p_src_buffer, p_dst_buffer, p_src_origin, p_dst_origin, p_region, p_src_row_pitch, p_src_slice_pitch, p_dst_row_pitch, p_dst_slice_pitch, p_num_events_in_wait_list, p_event_wait_list, p_event); else r = host(p_command_queue, p_src_buffer, p_dst_buffer, p_src_origin, p_dst_origin, p_region, p_src_row_pitch, p_src_slice_pitch, p_dst_row_pitch, p_dst_slice_pitch, p_num_events_in_wait_list, p_event_wait_list, p_event);
     c.createdHandles(Handle::ClEvent, 12, p_event);
+    c.localStatus(r);
     H::after(c, r, p_command_queue, p_src_buffer, p_dst_buffer, p_src_origin, p_dst_origin, p_region, p_src_row_pitch, p_src_slice_pitch, p_dst_row_pitch, p_dst_slice_pitch, p_num_events_in_wait_list, p_event_wait_list, p_event);
 }
 
@@ -13275,6 +13334,7 @@ void play_6060(Call &c) {
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue, p_image, p_blocking_read, p_origin, p_region, p_row_pitch, p_slice_pitch, p_ptr, p_num_events_in_wait_list, p_event_wait_list, p_event); else r = host(p_command_queue, p_image, p_blocking_read, p_origin, p_region, p_row_pitch, p_slice_pitch, p_ptr, p_num_events_in_wait_list, p_event_wait_list, p_event);
     c.createdHandles(Handle::ClEvent, 10, p_event);
+    c.localStatus(r);
     H::after(c, r, p_command_queue, p_image, p_blocking_read, p_origin, p_region, p_row_pitch, p_slice_pitch, p_ptr, p_num_events_in_wait_list, p_event_wait_list, p_event);
 }
 
@@ -13299,6 +13359,7 @@ void play_6061(Call &c) {
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue, p_image, p_blocking_write, p_origin, p_region, p_input_row_pitch, p_input_slice_pitch, p_ptr, p_num_events_in_wait_list, p_event_wait_list, p_event); else r = host(p_command_queue, p_image, p_blocking_write, p_origin, p_region, p_input_row_pitch, p_input_slice_pitch, p_ptr, p_num_events_in_wait_list, p_event_wait_list, p_event);
     c.createdHandles(Handle::ClEvent, 10, p_event);
+    c.localStatus(r);
     H::after(c, r, p_command_queue, p_image, p_blocking_write, p_origin, p_region, p_input_row_pitch, p_input_slice_pitch, p_ptr, p_num_events_in_wait_list, p_event_wait_list, p_event);
 }
 
@@ -13321,6 +13382,7 @@ void play_6062(Call &c) {
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue, p_src_image, p_dst_image, p_src_origin, p_dst_origin, p_region, p_num_events_in_wait_list, p_event_wait_list, p_event); else r = host(p_command_queue, p_src_image, p_dst_image, p_src_origin, p_dst_origin, p_region, p_num_events_in_wait_list, p_event_wait_list, p_event);
     c.createdHandles(Handle::ClEvent, 8, p_event);
+    c.localStatus(r);
     H::after(c, r, p_command_queue, p_src_image, p_dst_image, p_src_origin, p_dst_origin, p_region, p_num_events_in_wait_list, p_event_wait_list, p_event);
 }
 
@@ -13343,6 +13405,7 @@ void play_6063(Call &c) {
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue, p_src_image, p_dst_buffer, p_src_origin, p_region, p_dst_offset, p_num_events_in_wait_list, p_event_wait_list, p_event); else r = host(p_command_queue, p_src_image, p_dst_buffer, p_src_origin, p_region, p_dst_offset, p_num_events_in_wait_list, p_event_wait_list, p_event);
     c.createdHandles(Handle::ClEvent, 8, p_event);
+    c.localStatus(r);
     H::after(c, r, p_command_queue, p_src_image, p_dst_buffer, p_src_origin, p_region, p_dst_offset, p_num_events_in_wait_list, p_event_wait_list, p_event);
 }
 
@@ -13365,6 +13428,7 @@ void play_6064(Call &c) {
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue, p_src_buffer, p_dst_image, p_src_offset, p_dst_origin, p_region, p_num_events_in_wait_list, p_event_wait_list, p_event); else r = host(p_command_queue, p_src_buffer, p_dst_image, p_src_offset, p_dst_origin, p_region, p_num_events_in_wait_list, p_event_wait_list, p_event);
     c.createdHandles(Handle::ClEvent, 8, p_event);
+    c.localStatus(r);
     H::after(c, r, p_command_queue, p_src_buffer, p_dst_image, p_src_offset, p_dst_origin, p_region, p_num_events_in_wait_list, p_event_wait_list, p_event);
 }
 
@@ -13388,6 +13452,7 @@ void play_6065(Call &c) {
     void * r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue, p_buffer, p_blocking_map, p_map_flags, p_offset, p_size, p_num_events_in_wait_list, p_event_wait_list, p_event, p_errcode_ret); else r = host(p_command_queue, p_buffer, p_blocking_map, p_map_flags, p_offset, p_size, p_num_events_in_wait_list, p_event_wait_list, p_event, p_errcode_ret);
     c.createdHandles(Handle::ClEvent, 8, p_event);
+    if (p_errcode_ret) c.localStatus(*p_errcode_ret);
     H::after(c, r, p_command_queue, p_buffer, p_blocking_map, p_map_flags, p_offset, p_size, p_num_events_in_wait_list, p_event_wait_list, p_event, p_errcode_ret);
 }
 
@@ -13413,6 +13478,7 @@ void play_6066(Call &c) {
     void * r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue, p_image, p_blocking_map, p_map_flags, p_origin, p_region, p_image_row_pitch, p_image_slice_pitch, p_num_events_in_wait_list, p_event_wait_list, p_event, p_errcode_ret); else r = host(p_command_queue, p_image, p_blocking_map, p_map_flags, p_origin, p_region, p_image_row_pitch, p_image_slice_pitch, p_num_events_in_wait_list, p_event_wait_list, p_event, p_errcode_ret);
     c.createdHandles(Handle::ClEvent, 10, p_event);
+    if (p_errcode_ret) c.localStatus(*p_errcode_ret);
     H::after(c, r, p_command_queue, p_image, p_blocking_map, p_map_flags, p_origin, p_region, p_image_row_pitch, p_image_slice_pitch, p_num_events_in_wait_list, p_event_wait_list, p_event, p_errcode_ret);
 }
 
@@ -13432,6 +13498,7 @@ void play_6067(Call &c) {
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue, p_memobj, p_mapped_ptr, p_num_events_in_wait_list, p_event_wait_list, p_event); else r = host(p_command_queue, p_memobj, p_mapped_ptr, p_num_events_in_wait_list, p_event_wait_list, p_event);
     c.createdHandles(Handle::ClEvent, 5, p_event);
+    c.localStatus(r);
     H::after(c, r, p_command_queue, p_memobj, p_mapped_ptr, p_num_events_in_wait_list, p_event_wait_list, p_event);
 }
 
@@ -13454,6 +13521,7 @@ void play_6068(Call &c) {
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue, p_kernel, p_work_dim, p_global_work_offset, p_global_work_size, p_local_work_size, p_num_events_in_wait_list, p_event_wait_list, p_event); else r = host(p_command_queue, p_kernel, p_work_dim, p_global_work_offset, p_global_work_size, p_local_work_size, p_num_events_in_wait_list, p_event_wait_list, p_event);
     c.createdHandles(Handle::ClEvent, 8, p_event);
+    c.localStatus(r);
     H::after(c, r, p_command_queue, p_kernel, p_work_dim, p_global_work_offset, p_global_work_size, p_local_work_size, p_num_events_in_wait_list, p_event_wait_list, p_event);
 }
 
@@ -13472,6 +13540,7 @@ void play_6069(Call &c) {
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue, p_kernel, p_num_events_in_wait_list, p_event_wait_list, p_event); else r = host(p_command_queue, p_kernel, p_num_events_in_wait_list, p_event_wait_list, p_event);
     c.createdHandles(Handle::ClEvent, 4, p_event);
+    c.localStatus(r);
     H::after(c, r, p_command_queue, p_kernel, p_num_events_in_wait_list, p_event_wait_list, p_event);
 }
 
@@ -13495,6 +13564,7 @@ void play_6070(Call &c) {
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue, p_user_func, p_args, p_cb_args, p_num_mem_objects, p_mem_list, p_args_mem_loc, p_num_events_in_wait_list, p_event_wait_list, p_event); else r = host(p_command_queue, p_user_func, p_args, p_cb_args, p_num_mem_objects, p_mem_list, p_args_mem_loc, p_num_events_in_wait_list, p_event_wait_list, p_event);
     c.createdHandles(Handle::ClEvent, 9, p_event);
+    c.localStatus(r);
     H::after(c, r, p_command_queue, p_user_func, p_args, p_cb_args, p_num_mem_objects, p_mem_list, p_args_mem_loc, p_num_events_in_wait_list, p_event_wait_list, p_event);
 }
 
@@ -13510,6 +13580,7 @@ void play_6071(Call &c) {
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue, p_event); else r = host(p_command_queue, p_event);
     c.createdHandles(Handle::ClEvent, 1, p_event);
+    c.localStatus(r);
     H::after(c, r, p_command_queue, p_event);
 }
 
@@ -13525,6 +13596,7 @@ void play_6072(Call &c) {
     if (!H::before(c, p_command_queue, p_num_events, p_event_list)) return;
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue, p_num_events, p_event_list); else r = host(p_command_queue, p_num_events, p_event_list);
+    c.localStatus(r);
     H::after(c, r, p_command_queue, p_num_events, p_event_list);
 }
 
@@ -13538,6 +13610,7 @@ void play_6073(Call &c) {
     if (!H::before(c, p_command_queue)) return;
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue); else r = host(p_command_queue);
+    c.localStatus(r);
     H::after(c, r, p_command_queue);
 }
 
@@ -13569,6 +13642,7 @@ void play_6075(Call &c) {
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_in_device, p_properties, p_num_devices, p_out_devices, p_num_devices_ret); else r = host(p_in_device, p_properties, p_num_devices, p_out_devices, p_num_devices_ret);
     c.createdHandles(Handle::ClDevice, 3, p_out_devices);
+    c.localStatus(r);
     H::after(c, r, p_in_device, p_properties, p_num_devices, p_out_devices, p_num_devices_ret);
 }
 
@@ -13582,6 +13656,7 @@ void play_6076(Call &c) {
     if (!H::before(c, p_device)) return;
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_device); else r = host(p_device);
+    c.localStatus(r);
     H::after(c, r, p_device);
 }
 
@@ -13595,6 +13670,7 @@ void play_6077(Call &c) {
     if (!H::before(c, p_device)) return;
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_device); else r = host(p_device);
+    c.localStatus(r);
     H::after(c, r, p_device);
 }
 
@@ -13614,6 +13690,7 @@ void play_6078(Call &c) {
     cl_mem r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_context, p_flags, p_image_format, p_image_desc, p_host_ptr, p_errcode_ret); else r = host(p_context, p_flags, p_image_format, p_image_desc, p_host_ptr, p_errcode_ret);
     c.createdHandle(Handle::ClMem, r);
+    if (p_errcode_ret) c.localStatus(*p_errcode_ret);
     H::after(c, r, p_context, p_flags, p_image_format, p_image_desc, p_host_ptr, p_errcode_ret);
 }
 
@@ -13632,6 +13709,7 @@ void play_6079(Call &c) {
     cl_program r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_context, p_num_devices, p_device_list, p_kernel_names, p_errcode_ret); else r = host(p_context, p_num_devices, p_device_list, p_kernel_names, p_errcode_ret);
     c.createdHandle(Handle::ClProgram, r);
+    if (p_errcode_ret) c.localStatus(*p_errcode_ret);
     H::after(c, r, p_context, p_num_devices, p_device_list, p_kernel_names, p_errcode_ret);
 }
 
@@ -13653,6 +13731,7 @@ void play_6080(Call &c) {
     if (!H::before(c, p_program, p_num_devices, p_device_list, p_options, p_num_input_headers, p_input_headers, p_header_include_names, p_pfn_notify, p_user_data)) return;
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_program, p_num_devices, p_device_list, p_options, p_num_input_headers, p_input_headers, p_header_include_names, p_pfn_notify, p_user_data); else r = host(p_program, p_num_devices, p_device_list, p_options, p_num_input_headers, p_input_headers, p_header_include_names, p_pfn_notify, p_user_data);
+    c.localStatus(r);
     H::after(c, r, p_program, p_num_devices, p_device_list, p_options, p_num_input_headers, p_input_headers, p_header_include_names, p_pfn_notify, p_user_data);
 }
 
@@ -13675,6 +13754,7 @@ void play_6081(Call &c) {
     cl_program r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_context, p_num_devices, p_device_list, p_options, p_num_input_programs, p_input_programs, p_pfn_notify, p_user_data, p_errcode_ret); else r = host(p_context, p_num_devices, p_device_list, p_options, p_num_input_programs, p_input_programs, p_pfn_notify, p_user_data, p_errcode_ret);
     c.createdHandle(Handle::ClProgram, r);
+    if (p_errcode_ret) c.localStatus(*p_errcode_ret);
     H::after(c, r, p_context, p_num_devices, p_device_list, p_options, p_num_input_programs, p_input_programs, p_pfn_notify, p_user_data, p_errcode_ret);
 }
 
@@ -13688,6 +13768,7 @@ void play_6082(Call &c) {
     if (!H::before(c, p_platform)) return;
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_platform); else r = host(p_platform);
+    c.localStatus(r);
     H::after(c, r, p_platform);
 }
 
@@ -13706,6 +13787,7 @@ void play_6083(Call &c) {
     if (!H::before(c, p_kernel, p_arg_indx, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret)) return;
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_kernel, p_arg_indx, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret); else r = host(p_kernel, p_arg_indx, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
+    c.localStatus(r);
     H::after(c, r, p_kernel, p_arg_indx, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
 }
 
@@ -13728,6 +13810,7 @@ void play_6084(Call &c) {
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue, p_buffer, p_pattern, p_pattern_size, p_offset, p_size, p_num_events_in_wait_list, p_event_wait_list, p_event); else r = host(p_command_queue, p_buffer, p_pattern, p_pattern_size, p_offset, p_size, p_num_events_in_wait_list, p_event_wait_list, p_event);
     c.createdHandles(Handle::ClEvent, 8, p_event);
+    c.localStatus(r);
     H::after(c, r, p_command_queue, p_buffer, p_pattern, p_pattern_size, p_offset, p_size, p_num_events_in_wait_list, p_event_wait_list, p_event);
 }
 
@@ -13749,6 +13832,7 @@ void play_6085(Call &c) {
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue, p_image, p_fill_color, p_origin, p_region, p_num_events_in_wait_list, p_event_wait_list, p_event); else r = host(p_command_queue, p_image, p_fill_color, p_origin, p_region, p_num_events_in_wait_list, p_event_wait_list, p_event);
     c.createdHandles(Handle::ClEvent, 7, p_event);
+    c.localStatus(r);
     H::after(c, r, p_command_queue, p_image, p_fill_color, p_origin, p_region, p_num_events_in_wait_list, p_event_wait_list, p_event);
 }
 
@@ -13769,6 +13853,7 @@ void play_6086(Call &c) {
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue, p_num_mem_objects, p_mem_objects, p_flags, p_num_events_in_wait_list, p_event_wait_list, p_event); else r = host(p_command_queue, p_num_mem_objects, p_mem_objects, p_flags, p_num_events_in_wait_list, p_event_wait_list, p_event);
     c.createdHandles(Handle::ClEvent, 6, p_event);
+    c.localStatus(r);
     H::after(c, r, p_command_queue, p_num_mem_objects, p_mem_objects, p_flags, p_num_events_in_wait_list, p_event_wait_list, p_event);
 }
 
@@ -13786,6 +13871,7 @@ void play_6087(Call &c) {
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue, p_num_events_in_wait_list, p_event_wait_list, p_event); else r = host(p_command_queue, p_num_events_in_wait_list, p_event_wait_list, p_event);
     c.createdHandles(Handle::ClEvent, 3, p_event);
+    c.localStatus(r);
     H::after(c, r, p_command_queue, p_num_events_in_wait_list, p_event_wait_list, p_event);
 }
 
@@ -13803,6 +13889,7 @@ void play_6088(Call &c) {
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue, p_num_events_in_wait_list, p_event_wait_list, p_event); else r = host(p_command_queue, p_num_events_in_wait_list, p_event_wait_list, p_event);
     c.createdHandles(Handle::ClEvent, 3, p_event);
+    c.localStatus(r);
     H::after(c, r, p_command_queue, p_num_events_in_wait_list, p_event_wait_list, p_event);
 }
 
@@ -13834,6 +13921,7 @@ void play_6501(Call &c) {
     cl_mem r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_context, p_flags, p_bufobj, p_errcode_ret); else r = host(p_context, p_flags, p_bufobj, p_errcode_ret);
     c.createdHandle(Handle::ClMem, r);
+    if (p_errcode_ret) c.localStatus(*p_errcode_ret);
     H::after(c, r, p_context, p_flags, p_bufobj, p_errcode_ret);
 }
 
@@ -13853,6 +13941,7 @@ void play_6502(Call &c) {
     cl_mem r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_context, p_flags, p_target, p_miplevel, p_texture, p_errcode_ret); else r = host(p_context, p_flags, p_target, p_miplevel, p_texture, p_errcode_ret);
     c.createdHandle(Handle::ClMem, r);
+    if (p_errcode_ret) c.localStatus(*p_errcode_ret);
     H::after(c, r, p_context, p_flags, p_target, p_miplevel, p_texture, p_errcode_ret);
 }
 
@@ -13872,6 +13961,7 @@ void play_6503(Call &c) {
     cl_mem r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_context, p_flags, p_target, p_miplevel, p_texture, p_errcode_ret); else r = host(p_context, p_flags, p_target, p_miplevel, p_texture, p_errcode_ret);
     c.createdHandle(Handle::ClMem, r);
+    if (p_errcode_ret) c.localStatus(*p_errcode_ret);
     H::after(c, r, p_context, p_flags, p_target, p_miplevel, p_texture, p_errcode_ret);
 }
 
@@ -13889,6 +13979,7 @@ void play_6504(Call &c) {
     cl_mem r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_context, p_flags, p_renderbuffer, p_errcode_ret); else r = host(p_context, p_flags, p_renderbuffer, p_errcode_ret);
     c.createdHandle(Handle::ClMem, r);
+    if (p_errcode_ret) c.localStatus(*p_errcode_ret);
     H::after(c, r, p_context, p_flags, p_renderbuffer, p_errcode_ret);
 }
 
@@ -13904,6 +13995,7 @@ void play_6505(Call &c) {
     if (!H::before(c, p_memobj, p_gl_object_type, p_gl_object_name)) return;
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_memobj, p_gl_object_type, p_gl_object_name); else r = host(p_memobj, p_gl_object_type, p_gl_object_name);
+    c.localStatus(r);
     H::after(c, r, p_memobj, p_gl_object_type, p_gl_object_name);
 }
 
@@ -13921,6 +14013,7 @@ void play_6506(Call &c) {
     if (!H::before(c, p_memobj, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret)) return;
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_memobj, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret); else r = host(p_memobj, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
+    c.localStatus(r);
     H::after(c, r, p_memobj, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
 }
 
@@ -13940,6 +14033,7 @@ void play_6507(Call &c) {
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue, p_num_objects, p_mem_objects, p_num_events_in_wait_list, p_event_wait_list, p_event); else r = host(p_command_queue, p_num_objects, p_mem_objects, p_num_events_in_wait_list, p_event_wait_list, p_event);
     c.createdHandles(Handle::ClEvent, 5, p_event);
+    c.localStatus(r);
     H::after(c, r, p_command_queue, p_num_objects, p_mem_objects, p_num_events_in_wait_list, p_event_wait_list, p_event);
 }
 
@@ -13959,6 +14053,7 @@ void play_6508(Call &c) {
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue, p_num_objects, p_mem_objects, p_num_events_in_wait_list, p_event_wait_list, p_event); else r = host(p_command_queue, p_num_objects, p_mem_objects, p_num_events_in_wait_list, p_event_wait_list, p_event);
     c.createdHandles(Handle::ClEvent, 5, p_event);
+    c.localStatus(r);
     H::after(c, r, p_command_queue, p_num_objects, p_mem_objects, p_num_events_in_wait_list, p_event_wait_list, p_event);
 }
 
@@ -13978,6 +14073,7 @@ void play_6509(Call &c) {
     cl_mem r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_context, p_flags, p_target, p_miplevel, p_texture, p_errcode_ret); else r = host(p_context, p_flags, p_target, p_miplevel, p_texture, p_errcode_ret);
     c.createdHandle(Handle::ClMem, r);
+    if (p_errcode_ret) c.localStatus(*p_errcode_ret);
     H::after(c, r, p_context, p_flags, p_target, p_miplevel, p_texture, p_errcode_ret);
 }
 
@@ -13995,6 +14091,7 @@ void play_6510(Call &c) {
     if (!H::before(c, p_properties, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret)) return;
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_properties, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret); else r = host(p_properties, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
+    c.localStatus(r);
     H::after(c, r, p_properties, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
 }
 
@@ -14011,6 +14108,7 @@ void play_6511(Call &c) {
     cl_event r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_context, p_sync, p_errcode_ret); else r = host(p_context, p_sync, p_errcode_ret);
     c.createdHandle(Handle::ClEvent, r);
+    if (p_errcode_ret) c.localStatus(*p_errcode_ret);
     H::after(c, r, p_context, p_sync, p_errcode_ret);
 }
 
@@ -14030,6 +14128,7 @@ void play_6512(Call &c) {
     cl_mem r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_context, p_egldisplay, p_eglimage, p_flags, p_properties, p_errcode_ret); else r = host(p_context, p_egldisplay, p_eglimage, p_flags, p_properties, p_errcode_ret);
     c.createdHandle(Handle::ClMem, r);
+    if (p_errcode_ret) c.localStatus(*p_errcode_ret);
     H::after(c, r, p_context, p_egldisplay, p_eglimage, p_flags, p_properties, p_errcode_ret);
 }
 
@@ -14049,6 +14148,7 @@ void play_6513(Call &c) {
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue, p_num_objects, p_mem_objects, p_num_events_in_wait_list, p_event_wait_list, p_event); else r = host(p_command_queue, p_num_objects, p_mem_objects, p_num_events_in_wait_list, p_event_wait_list, p_event);
     c.createdHandles(Handle::ClEvent, 5, p_event);
+    c.localStatus(r);
     H::after(c, r, p_command_queue, p_num_objects, p_mem_objects, p_num_events_in_wait_list, p_event_wait_list, p_event);
 }
 
@@ -14068,6 +14168,7 @@ void play_6514(Call &c) {
     cl_int r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue, p_num_objects, p_mem_objects, p_num_events_in_wait_list, p_event_wait_list, p_event); else r = host(p_command_queue, p_num_objects, p_mem_objects, p_num_events_in_wait_list, p_event_wait_list, p_event);
     c.createdHandles(Handle::ClEvent, 5, p_event);
+    c.localStatus(r);
     H::after(c, r, p_command_queue, p_num_objects, p_mem_objects, p_num_events_in_wait_list, p_event_wait_list, p_event);
 }
 
@@ -14085,6 +14186,7 @@ void play_6515(Call &c) {
     cl_event r;
     if constexpr (H::kReplacesCall) r = H::call(c, p_context, p_sync, p_display, p_errcode_ret); else r = host(p_context, p_sync, p_display, p_errcode_ret);
     c.createdHandle(Handle::ClEvent, r);
+    if (p_errcode_ret) c.localStatus(*p_errcode_ret);
     H::after(c, r, p_context, p_sync, p_display, p_errcode_ret);
 }
 

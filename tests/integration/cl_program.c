@@ -1,8 +1,8 @@
 /* An OpenCL program that moves data every way the API offers and checks every result: buffers
  * created from host memory, written, filled, read whole and by rectangles, a kernel with buffer and
  * value arguments (vector addition), a mapping written by the host, a buffer on host memory written
- * without blocking, an image created from pitched host memory, written and read with pitches, and
- * a non-blocking read completed through its event.
+ * without blocking, an image created from pitched host memory, written and read with pitches and
+ * sampled by a kernel, and a non-blocking read completed through its event.
  *
  *   cl_program MANIFEST
  *
@@ -46,6 +46,13 @@ static const char *kSource =
     "__kernel void add(__global const float *a, __global const float *b, __global float *c, float scale) {\n"
     "    size_t i = get_global_id(0);\n"
     "    c[i] = (a[i] + b[i]) * scale;\n"
+    "}\n";
+
+static const char *kSamplingSource =
+    "__kernel void fetch(__read_only image2d_t image, sampler_t sampler, __global uchar4 *out) {\n"
+    "    int x = get_global_id(0), y = get_global_id(1);\n"
+    "    float4 v = read_imagef(image, sampler, (int2)(x, y));\n"
+    "    out[y * get_global_size(0) + x] = convert_uchar4_sat_rte(v * 255.0f);\n"
     "}\n";
 
 enum { N = 4096 };
@@ -232,6 +239,34 @@ int main(int argc, char **argv) {
                 imageOk &= memcmp(readBack + y * 96 + x * 4, want, 4) == 0;
             }
         expect(imageOk, "the image read back");
+
+        /* A kernel that samples the image: an image and a sampler among its arguments. */
+        cl_program sampling = clCreateProgramWithSource(context, 1, &kSamplingSource, NULL, &status);
+        CHECK(status);
+        CHECK(clBuildProgram(sampling, 1, &device, "", NULL, NULL));
+        cl_kernel fetch = clCreateKernel(sampling, "fetch", &status);
+        CHECK(status);
+        cl_sampler sampler =
+            clCreateSampler(context, CL_FALSE, CL_ADDRESS_CLAMP_TO_EDGE, CL_FILTER_NEAREST, &status);
+        CHECK(status);
+        cl_mem texels = clCreateBuffer(context, CL_MEM_WRITE_ONLY, 16 * 8 * 4, NULL, &status);
+        CHECK(status);
+        CHECK(clSetKernelArg(fetch, 0, sizeof(cl_mem), &image));
+        CHECK(clSetKernelArg(fetch, 1, sizeof(cl_sampler), &sampler));
+        CHECK(clSetKernelArg(fetch, 2, sizeof(cl_mem), &texels));
+        const size_t pixelsWide[2] = {16, 8};
+        CHECK(clEnqueueNDRangeKernel(queue, fetch, 2, NULL, pixelsWide, NULL, 0, NULL, NULL));
+        static unsigned char sampled[16 * 8 * 4];
+        CHECK(clEnqueueReadBuffer(queue, texels, CL_TRUE, 0, sizeof(sampled), sampled, 0, NULL, NULL));
+        note(6054, sampled, sizeof(sampled));
+        int sampledOk = 1;
+        for (int y = 0; y < 8; ++y)
+            sampledOk &= memcmp(sampled + y * 64, readBack + y * 96, 64) == 0;
+        expect(sampledOk, "the sampled image");
+        clReleaseMemObject(texels);
+        clReleaseSampler(sampler);
+        clReleaseKernel(fetch);
+        clReleaseProgram(sampling);
         CHECK(clReleaseMemObject(image));
     }
 

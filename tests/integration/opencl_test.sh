@@ -87,12 +87,12 @@ if [ -n "$program" ]; then
     # The dump names OpenCL enumerants by their types.
     grep -q 'clGetPlatformInfo(.*param_name=CL_PLATFORM_NAME, .*<[0-9]* bytes' "$work/cl_program.dump" ||
         fail "cl_program: the dump does not name CL_PLATFORM_NAME"
-    # Six reads: blocking, completed through an event, a rectangle, after a mapping, of a buffer on
-    # host memory, an image (on a device with images).
+    # Seven reads: blocking, completed through an event, a rectangle, after a mapping, of a buffer
+    # on host memory, and on a device with images: an image, what a kernel sampled from it.
     # An OpenCL trace needs no EGL driver to replay: the one named here does not exist.
     "$kalvoren" replay --egl "$work/none/libEGL.so.1" "$work/program.kalvoren" >"$work/replay.out" 2>&1 ||
         fail "cl_program: the replay failed:"
-    grep -q '^[56] OpenCL reads brought back the recorded bytes' "$work/replay.out" ||
+    grep -q '^[57] OpenCL reads brought back the recorded bytes' "$work/replay.out" ||
         fail "cl_program: the replay's reads differ from the recorded ones: $(cat "$work/replay.out")"
     echo "cl_program replayed: $(grep 'OpenCL reads' "$work/replay.out")"
 fi
