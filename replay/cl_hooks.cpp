@@ -19,8 +19,10 @@ const cl_context_properties *localProperties(Call &c, const cl_context_propertie
     if (!recorded) return nullptr;
     uint32_t bytes = 0;
     if (!c.block(0, &bytes)) return recorded;
+    // Copied out of the record, whose blocks keep no alignment.
     std::vector<intptr_t> &out = c.thread.properties;
-    out.assign(recorded, recorded + bytes / sizeof(cl_context_properties));
+    out.resize(bytes / sizeof(cl_context_properties));
+    std::memcpy(out.data(), recorded, out.size() * sizeof(cl_context_properties));
     for (size_t k = 0; k + 1 < out.size() && out[k] != 0; k += 2) {
         const uint64_t value = static_cast<uint64_t>(out[k + 1]);
         switch (out[k]) {

@@ -77,7 +77,9 @@ int main(int argc, char **argv) {
     note(6002, name, (uint32_t)strlen(name) + 1);
 
     cl_int status;
-    cl_context context = clCreateContext(NULL, 1, &device, NULL, NULL, &status);
+    /* The platform named in the properties, as the loader needs it to find the driver. */
+    const cl_context_properties properties[] = {CL_CONTEXT_PLATFORM, (cl_context_properties)platform, 0};
+    cl_context context = clCreateContext(properties, 1, &device, NULL, NULL, &status);
     CHECK(status);
     /* No errcode_ret: the library must not write through a null pointer. */
     cl_command_queue queue = clCreateCommandQueue(context, device, 0, NULL);
