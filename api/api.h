@@ -70,6 +70,9 @@ enum FieldFlag : uint8_t {
     // current context, the pointer is an offset into it: the field is the 8-byte value alone.
     kUnpackBuffer = 8,
     kPackBuffer = 16,
+    // The driver has read the block when the call succeeded (values it validates as the call is
+    // made): a small one is copied as it is, without the guarded read's cost.
+    kHostRead = 32,
 };
 
 struct FieldDesc {

@@ -5370,10 +5370,10 @@ const FieldDesc kFields_clGetPlatformIDs_6001[] = {
     {"platforms", Field::Blob, Type::Handle, kOutput, -1, 0},
     {"num_platforms", Field::Blob, Type::U32, kOutput, -1, 0},
 };
-// clGetPlatformInfo (6002): status i32 | result ClStatus | platform Handle | param_name U32 | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
+// clGetPlatformInfo (6002): status i32 | result ClStatus | platform Handle | param_name GlEnum | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
 const FieldDesc kFields_clGetPlatformInfo_6002[] = {
     {"platform", Field::Value, Type::Handle, 0, -1, 0},
-    {"param_name", Field::Value, Type::U32, 0, -1, 0},
+    {"param_name", Field::Value, Type::GlEnum, 0, -1, 109},
     {"param_value_size", Field::Value, Type::U64, 0, -1, 0},
     {"param_value", Field::Blob, Type::U8, kOutput, -1, 0},
     {"param_value_size_ret", Field::Blob, Type::U64, kOutput, -1, 0},
@@ -5386,10 +5386,10 @@ const FieldDesc kFields_clGetDeviceIDs_6003[] = {
     {"devices", Field::Blob, Type::Handle, kOutput, -1, 0},
     {"num_devices", Field::Blob, Type::U32, kOutput, -1, 0},
 };
-// clGetDeviceInfo (6004): status i32 | result ClStatus | device Handle | param_name U32 | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
+// clGetDeviceInfo (6004): status i32 | result ClStatus | device Handle | param_name GlEnum | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
 const FieldDesc kFields_clGetDeviceInfo_6004[] = {
     {"device", Field::Value, Type::Handle, 0, -1, 0},
-    {"param_name", Field::Value, Type::U32, 0, -1, 0},
+    {"param_name", Field::Value, Type::GlEnum, 0, -1, 110},
     {"param_value_size", Field::Value, Type::U64, 0, -1, 0},
     {"param_value", Field::Blob, Type::U8, kOutput, -1, 0},
     {"param_value_size_ret", Field::Blob, Type::U64, kOutput, -1, 0},
@@ -5419,10 +5419,10 @@ const FieldDesc kFields_clRetainContext_6007[] = {
 const FieldDesc kFields_clReleaseContext_6008[] = {
     {"context", Field::Value, Type::Handle, 0, -1, 0},
 };
-// clGetContextInfo (6009): status i32 | result ClStatus | context Handle | param_name U32 | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
+// clGetContextInfo (6009): status i32 | result ClStatus | context Handle | param_name GlEnum | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
 const FieldDesc kFields_clGetContextInfo_6009[] = {
     {"context", Field::Value, Type::Handle, 0, -1, 0},
-    {"param_name", Field::Value, Type::U32, 0, -1, 0},
+    {"param_name", Field::Value, Type::GlEnum, 0, -1, 111},
     {"param_value_size", Field::Value, Type::U64, 0, -1, 0},
     {"param_value", Field::Blob, Type::U8, kOutput, -1, 0},
     {"param_value_size_ret", Field::Blob, Type::U64, kOutput, -1, 0},
@@ -5442,19 +5442,19 @@ const FieldDesc kFields_clRetainCommandQueue_6011[] = {
 const FieldDesc kFields_clReleaseCommandQueue_6012[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
 };
-// clGetCommandQueueInfo (6013): status i32 | result ClStatus | command_queue Handle | param_name U32 | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
+// clGetCommandQueueInfo (6013): status i32 | result ClStatus | command_queue Handle | param_name GlEnum | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
 const FieldDesc kFields_clGetCommandQueueInfo_6013[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
-    {"param_name", Field::Value, Type::U32, 0, -1, 0},
+    {"param_name", Field::Value, Type::GlEnum, 0, -1, 112},
     {"param_value_size", Field::Value, Type::U64, 0, -1, 0},
     {"param_value", Field::Blob, Type::U8, kOutput, -1, 0},
     {"param_value_size_ret", Field::Blob, Type::U64, kOutput, -1, 0},
 };
-// clSetCommandQueueProperty (6014): status i32 | result ClStatus | command_queue Handle | properties U64 | enable U32 | old_properties Blob<U64>(out)
+// clSetCommandQueueProperty (6014): status i32 | result ClStatus | command_queue Handle | properties U64 | enable GlEnum | old_properties Blob<U64>(out)
 const FieldDesc kFields_clSetCommandQueueProperty_6014[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"properties", Field::Value, Type::U64, 0, -1, 0},
-    {"enable", Field::Value, Type::U32, 0, -1, 0},
+    {"enable", Field::Value, Type::GlEnum, 0, -1, 113},
     {"old_properties", Field::Blob, Type::U64, kOutput, -1, 0},
 };
 // clCreateBuffer (6015): status i32 | result Handle | context Handle | flags U64 | size U64 | host_ptr Blob<U8>(z) | errcode_ret Blob<ClStatus>(out)
@@ -5465,11 +5465,11 @@ const FieldDesc kFields_clCreateBuffer_6015[] = {
     {"host_ptr", Field::Blob, Type::U8, kCompressible, -1, 0},
     {"errcode_ret", Field::Blob, Type::ClStatus, kOutput, -1, 0},
 };
-// clCreateSubBuffer (6016): status i32 | result Handle | buffer Handle | flags U64 | buffer_create_type U32 | buffer_create_info Blob<U8> | errcode_ret Blob<ClStatus>(out)
+// clCreateSubBuffer (6016): status i32 | result Handle | buffer Handle | flags U64 | buffer_create_type GlEnum | buffer_create_info Blob<U8> | errcode_ret Blob<ClStatus>(out)
 const FieldDesc kFields_clCreateSubBuffer_6016[] = {
     {"buffer", Field::Value, Type::Handle, 0, -1, 0},
     {"flags", Field::Value, Type::U64, 0, -1, 0},
-    {"buffer_create_type", Field::Value, Type::U32, 0, -1, 0},
+    {"buffer_create_type", Field::Value, Type::GlEnum, 0, -1, 114},
     {"buffer_create_info", Field::Blob, Type::U8, 0, -1, 0},
     {"errcode_ret", Field::Blob, Type::ClStatus, kOutput, -1, 0},
 };
@@ -5505,27 +5505,27 @@ const FieldDesc kFields_clRetainMemObject_6019[] = {
 const FieldDesc kFields_clReleaseMemObject_6020[] = {
     {"memobj", Field::Value, Type::Handle, 0, -1, 0},
 };
-// clGetSupportedImageFormats (6021): status i32 | result ClStatus | context Handle | flags U64 | image_type U32 | num_entries U32 | image_formats Blob<U8>(out) | num_image_formats Blob<U32>(out)
+// clGetSupportedImageFormats (6021): status i32 | result ClStatus | context Handle | flags U64 | image_type GlEnum | num_entries U32 | image_formats Blob<U8>(out) | num_image_formats Blob<U32>(out)
 const FieldDesc kFields_clGetSupportedImageFormats_6021[] = {
     {"context", Field::Value, Type::Handle, 0, -1, 0},
     {"flags", Field::Value, Type::U64, 0, -1, 0},
-    {"image_type", Field::Value, Type::U32, 0, -1, 0},
+    {"image_type", Field::Value, Type::GlEnum, 0, -1, 115},
     {"num_entries", Field::Value, Type::U32, 0, -1, 0},
     {"image_formats", Field::Blob, Type::U8, kOutput, -1, 0},
     {"num_image_formats", Field::Blob, Type::U32, kOutput, -1, 0},
 };
-// clGetMemObjectInfo (6022): status i32 | result ClStatus | memobj Handle | param_name U32 | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
+// clGetMemObjectInfo (6022): status i32 | result ClStatus | memobj Handle | param_name GlEnum | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
 const FieldDesc kFields_clGetMemObjectInfo_6022[] = {
     {"memobj", Field::Value, Type::Handle, 0, -1, 0},
-    {"param_name", Field::Value, Type::U32, 0, -1, 0},
+    {"param_name", Field::Value, Type::GlEnum, 0, -1, 116},
     {"param_value_size", Field::Value, Type::U64, 0, -1, 0},
     {"param_value", Field::Blob, Type::U8, kOutput, -1, 0},
     {"param_value_size_ret", Field::Blob, Type::U64, kOutput, -1, 0},
 };
-// clGetImageInfo (6023): status i32 | result ClStatus | image Handle | param_name U32 | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
+// clGetImageInfo (6023): status i32 | result ClStatus | image Handle | param_name GlEnum | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
 const FieldDesc kFields_clGetImageInfo_6023[] = {
     {"image", Field::Value, Type::Handle, 0, -1, 0},
-    {"param_name", Field::Value, Type::U32, 0, -1, 0},
+    {"param_name", Field::Value, Type::GlEnum, 0, -1, 117},
     {"param_value_size", Field::Value, Type::U64, 0, -1, 0},
     {"param_value", Field::Blob, Type::U8, kOutput, -1, 0},
     {"param_value_size_ret", Field::Blob, Type::U64, kOutput, -1, 0},
@@ -5536,12 +5536,12 @@ const FieldDesc kFields_clSetMemObjectDestructorCallback_6024[] = {
     {"pfn_notify", Field::Value, Type::Ptr, 0, -1, 0},
     {"user_data", Field::Value, Type::Ptr, 0, -1, 0},
 };
-// clCreateSampler (6025): status i32 | result Handle | context Handle | normalized_coords U32 | addressing_mode U32 | filter_mode U32 | errcode_ret Blob<ClStatus>(out)
+// clCreateSampler (6025): status i32 | result Handle | context Handle | normalized_coords GlEnum | addressing_mode GlEnum | filter_mode GlEnum | errcode_ret Blob<ClStatus>(out)
 const FieldDesc kFields_clCreateSampler_6025[] = {
     {"context", Field::Value, Type::Handle, 0, -1, 0},
-    {"normalized_coords", Field::Value, Type::U32, 0, -1, 0},
-    {"addressing_mode", Field::Value, Type::U32, 0, -1, 0},
-    {"filter_mode", Field::Value, Type::U32, 0, -1, 0},
+    {"normalized_coords", Field::Value, Type::GlEnum, 0, -1, 113},
+    {"addressing_mode", Field::Value, Type::GlEnum, 0, -1, 118},
+    {"filter_mode", Field::Value, Type::GlEnum, 0, -1, 119},
     {"errcode_ret", Field::Blob, Type::ClStatus, kOutput, -1, 0},
 };
 // clRetainSampler (6026): status i32 | result ClStatus | sampler Handle
@@ -5552,10 +5552,10 @@ const FieldDesc kFields_clRetainSampler_6026[] = {
 const FieldDesc kFields_clReleaseSampler_6027[] = {
     {"sampler", Field::Value, Type::Handle, 0, -1, 0},
 };
-// clGetSamplerInfo (6028): status i32 | result ClStatus | sampler Handle | param_name U32 | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
+// clGetSamplerInfo (6028): status i32 | result ClStatus | sampler Handle | param_name GlEnum | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
 const FieldDesc kFields_clGetSamplerInfo_6028[] = {
     {"sampler", Field::Value, Type::Handle, 0, -1, 0},
-    {"param_name", Field::Value, Type::U32, 0, -1, 0},
+    {"param_name", Field::Value, Type::GlEnum, 0, -1, 120},
     {"param_value_size", Field::Value, Type::U64, 0, -1, 0},
     {"param_value", Field::Blob, Type::U8, kOutput, -1, 0},
     {"param_value_size_ret", Field::Blob, Type::U64, kOutput, -1, 0},
@@ -5595,19 +5595,19 @@ const FieldDesc kFields_clBuildProgram_6033[] = {
     {"pfn_notify", Field::Value, Type::Ptr, 0, -1, 0},
     {"user_data", Field::Value, Type::Ptr, 0, -1, 0},
 };
-// clGetProgramInfo (6035): status i32 | result ClStatus | program Handle | param_name U32 | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
+// clGetProgramInfo (6035): status i32 | result ClStatus | program Handle | param_name GlEnum | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
 const FieldDesc kFields_clGetProgramInfo_6035[] = {
     {"program", Field::Value, Type::Handle, 0, -1, 0},
-    {"param_name", Field::Value, Type::U32, 0, -1, 0},
+    {"param_name", Field::Value, Type::GlEnum, 0, -1, 121},
     {"param_value_size", Field::Value, Type::U64, 0, -1, 0},
     {"param_value", Field::Blob, Type::U8, kOutput, -1, 0},
     {"param_value_size_ret", Field::Blob, Type::U64, kOutput, -1, 0},
 };
-// clGetProgramBuildInfo (6036): status i32 | result ClStatus | program Handle | device Handle | param_name U32 | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
+// clGetProgramBuildInfo (6036): status i32 | result ClStatus | program Handle | device Handle | param_name GlEnum | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
 const FieldDesc kFields_clGetProgramBuildInfo_6036[] = {
     {"program", Field::Value, Type::Handle, 0, -1, 0},
     {"device", Field::Value, Type::Handle, 0, -1, 0},
-    {"param_name", Field::Value, Type::U32, 0, -1, 0},
+    {"param_name", Field::Value, Type::GlEnum, 0, -1, 122},
     {"param_value_size", Field::Value, Type::U64, 0, -1, 0},
     {"param_value", Field::Blob, Type::U8, kOutput, -1, 0},
     {"param_value_size_ret", Field::Blob, Type::U64, kOutput, -1, 0},
@@ -5640,19 +5640,19 @@ const FieldDesc kFields_clSetKernelArg_6041[] = {
     {"arg_size", Field::Value, Type::U64, 0, -1, 0},
     {"arg_value", Field::Blob, Type::U8, 0, -1, 0},
 };
-// clGetKernelInfo (6042): status i32 | result ClStatus | kernel Handle | param_name U32 | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
+// clGetKernelInfo (6042): status i32 | result ClStatus | kernel Handle | param_name GlEnum | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
 const FieldDesc kFields_clGetKernelInfo_6042[] = {
     {"kernel", Field::Value, Type::Handle, 0, -1, 0},
-    {"param_name", Field::Value, Type::U32, 0, -1, 0},
+    {"param_name", Field::Value, Type::GlEnum, 0, -1, 123},
     {"param_value_size", Field::Value, Type::U64, 0, -1, 0},
     {"param_value", Field::Blob, Type::U8, kOutput, -1, 0},
     {"param_value_size_ret", Field::Blob, Type::U64, kOutput, -1, 0},
 };
-// clGetKernelWorkGroupInfo (6043): status i32 | result ClStatus | kernel Handle | device Handle | param_name U32 | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
+// clGetKernelWorkGroupInfo (6043): status i32 | result ClStatus | kernel Handle | device Handle | param_name GlEnum | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
 const FieldDesc kFields_clGetKernelWorkGroupInfo_6043[] = {
     {"kernel", Field::Value, Type::Handle, 0, -1, 0},
     {"device", Field::Value, Type::Handle, 0, -1, 0},
-    {"param_name", Field::Value, Type::U32, 0, -1, 0},
+    {"param_name", Field::Value, Type::GlEnum, 0, -1, 124},
     {"param_value_size", Field::Value, Type::U64, 0, -1, 0},
     {"param_value", Field::Blob, Type::U8, kOutput, -1, 0},
     {"param_value_size_ret", Field::Blob, Type::U64, kOutput, -1, 0},
@@ -5660,12 +5660,12 @@ const FieldDesc kFields_clGetKernelWorkGroupInfo_6043[] = {
 // clWaitForEvents (6044): status i32 | result ClStatus | num_events U32 | event_list Blob<Handle>
 const FieldDesc kFields_clWaitForEvents_6044[] = {
     {"num_events", Field::Value, Type::U32, 0, -1, 0},
-    {"event_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event_list", Field::Blob, Type::Handle, kHostRead, -1, 0},
 };
-// clGetEventInfo (6045): status i32 | result ClStatus | event Handle | param_name U32 | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
+// clGetEventInfo (6045): status i32 | result ClStatus | event Handle | param_name GlEnum | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
 const FieldDesc kFields_clGetEventInfo_6045[] = {
     {"event", Field::Value, Type::Handle, 0, -1, 0},
-    {"param_name", Field::Value, Type::U32, 0, -1, 0},
+    {"param_name", Field::Value, Type::GlEnum, 0, -1, 125},
     {"param_value_size", Field::Value, Type::U64, 0, -1, 0},
     {"param_value", Field::Blob, Type::U8, kOutput, -1, 0},
     {"param_value_size_ret", Field::Blob, Type::U64, kOutput, -1, 0},
@@ -5695,10 +5695,10 @@ const FieldDesc kFields_clSetEventCallback_6050[] = {
     {"pfn_notify", Field::Value, Type::Ptr, 0, -1, 0},
     {"user_data", Field::Value, Type::Ptr, 0, -1, 0},
 };
-// clGetEventProfilingInfo (6051): status i32 | result ClStatus | event Handle | param_name U32 | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
+// clGetEventProfilingInfo (6051): status i32 | result ClStatus | event Handle | param_name GlEnum | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
 const FieldDesc kFields_clGetEventProfilingInfo_6051[] = {
     {"event", Field::Value, Type::Handle, 0, -1, 0},
-    {"param_name", Field::Value, Type::U32, 0, -1, 0},
+    {"param_name", Field::Value, Type::GlEnum, 0, -1, 126},
     {"param_value_size", Field::Value, Type::U64, 0, -1, 0},
     {"param_value", Field::Blob, Type::U8, kOutput, -1, 0},
     {"param_value_size_ret", Field::Blob, Type::U64, kOutput, -1, 0},
@@ -5711,62 +5711,62 @@ const FieldDesc kFields_clFlush_6052[] = {
 const FieldDesc kFields_clFinish_6053[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
 };
-// clEnqueueReadBuffer (6054): status i32 | result ClStatus | command_queue Handle | buffer Handle | blocking_read U32 | offset U64 | size U64 | ptr Blob<U8>(z)(out) | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
+// clEnqueueReadBuffer (6054): status i32 | result ClStatus | command_queue Handle | buffer Handle | blocking_read GlEnum | offset U64 | size U64 | ptr Blob<U8>(z)(out) | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
 const FieldDesc kFields_clEnqueueReadBuffer_6054[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"buffer", Field::Value, Type::Handle, 0, -1, 0},
-    {"blocking_read", Field::Value, Type::U32, 0, -1, 0},
+    {"blocking_read", Field::Value, Type::GlEnum, 0, -1, 113},
     {"offset", Field::Value, Type::U64, 0, -1, 0},
     {"size", Field::Value, Type::U64, 0, -1, 0},
     {"ptr", Field::Blob, Type::U8, kCompressible | kOutput, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, kHostRead, -1, 0},
     {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
-// clEnqueueReadBufferRect (6055): status i32 | result ClStatus | command_queue Handle | buffer Handle | blocking_read U32 | buffer_origin Blob<U64> | host_origin Blob<U64> | region Blob<U64> | buffer_row_pitch U64 | buffer_slice_pitch U64 | host_row_pitch U64 | host_slice_pitch U64 | ptr Blob<U8>(z)(out) | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
+// clEnqueueReadBufferRect (6055): status i32 | result ClStatus | command_queue Handle | buffer Handle | blocking_read GlEnum | buffer_origin Blob<U64> | host_origin Blob<U64> | region Blob<U64> | buffer_row_pitch U64 | buffer_slice_pitch U64 | host_row_pitch U64 | host_slice_pitch U64 | ptr Blob<U8>(z)(out) | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
 const FieldDesc kFields_clEnqueueReadBufferRect_6055[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"buffer", Field::Value, Type::Handle, 0, -1, 0},
-    {"blocking_read", Field::Value, Type::U32, 0, -1, 0},
-    {"buffer_origin", Field::Blob, Type::U64, 0, -1, 0},
-    {"host_origin", Field::Blob, Type::U64, 0, -1, 0},
-    {"region", Field::Blob, Type::U64, 0, -1, 0},
+    {"blocking_read", Field::Value, Type::GlEnum, 0, -1, 113},
+    {"buffer_origin", Field::Blob, Type::U64, kHostRead, -1, 0},
+    {"host_origin", Field::Blob, Type::U64, kHostRead, -1, 0},
+    {"region", Field::Blob, Type::U64, kHostRead, -1, 0},
     {"buffer_row_pitch", Field::Value, Type::U64, 0, -1, 0},
     {"buffer_slice_pitch", Field::Value, Type::U64, 0, -1, 0},
     {"host_row_pitch", Field::Value, Type::U64, 0, -1, 0},
     {"host_slice_pitch", Field::Value, Type::U64, 0, -1, 0},
     {"ptr", Field::Blob, Type::U8, kCompressible | kOutput, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, kHostRead, -1, 0},
     {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
-// clEnqueueWriteBuffer (6056): status i32 | result ClStatus | command_queue Handle | buffer Handle | blocking_write U32 | offset U64 | size U64 | ptr Blob<U8>(z) | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
+// clEnqueueWriteBuffer (6056): status i32 | result ClStatus | command_queue Handle | buffer Handle | blocking_write GlEnum | offset U64 | size U64 | ptr Blob<U8>(z) | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
 const FieldDesc kFields_clEnqueueWriteBuffer_6056[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"buffer", Field::Value, Type::Handle, 0, -1, 0},
-    {"blocking_write", Field::Value, Type::U32, 0, -1, 0},
+    {"blocking_write", Field::Value, Type::GlEnum, 0, -1, 113},
     {"offset", Field::Value, Type::U64, 0, -1, 0},
     {"size", Field::Value, Type::U64, 0, -1, 0},
     {"ptr", Field::Blob, Type::U8, kCompressible, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, kHostRead, -1, 0},
     {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
-// clEnqueueWriteBufferRect (6057): status i32 | result ClStatus | command_queue Handle | buffer Handle | blocking_write U32 | buffer_origin Blob<U64> | host_origin Blob<U64> | region Blob<U64> | buffer_row_pitch U64 | buffer_slice_pitch U64 | host_row_pitch U64 | host_slice_pitch U64 | ptr Blob<U8>(z) | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
+// clEnqueueWriteBufferRect (6057): status i32 | result ClStatus | command_queue Handle | buffer Handle | blocking_write GlEnum | buffer_origin Blob<U64> | host_origin Blob<U64> | region Blob<U64> | buffer_row_pitch U64 | buffer_slice_pitch U64 | host_row_pitch U64 | host_slice_pitch U64 | ptr Blob<U8>(z) | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
 const FieldDesc kFields_clEnqueueWriteBufferRect_6057[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"buffer", Field::Value, Type::Handle, 0, -1, 0},
-    {"blocking_write", Field::Value, Type::U32, 0, -1, 0},
-    {"buffer_origin", Field::Blob, Type::U64, 0, -1, 0},
-    {"host_origin", Field::Blob, Type::U64, 0, -1, 0},
-    {"region", Field::Blob, Type::U64, 0, -1, 0},
+    {"blocking_write", Field::Value, Type::GlEnum, 0, -1, 113},
+    {"buffer_origin", Field::Blob, Type::U64, kHostRead, -1, 0},
+    {"host_origin", Field::Blob, Type::U64, kHostRead, -1, 0},
+    {"region", Field::Blob, Type::U64, kHostRead, -1, 0},
     {"buffer_row_pitch", Field::Value, Type::U64, 0, -1, 0},
     {"buffer_slice_pitch", Field::Value, Type::U64, 0, -1, 0},
     {"host_row_pitch", Field::Value, Type::U64, 0, -1, 0},
     {"host_slice_pitch", Field::Value, Type::U64, 0, -1, 0},
     {"ptr", Field::Blob, Type::U8, kCompressible, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, kHostRead, -1, 0},
     {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
 // clEnqueueCopyBuffer (6058): status i32 | result ClStatus | command_queue Handle | src_buffer Handle | dst_buffer Handle | src_offset U64 | dst_offset U64 | size U64 | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
@@ -5778,7 +5778,7 @@ const FieldDesc kFields_clEnqueueCopyBuffer_6058[] = {
     {"dst_offset", Field::Value, Type::U64, 0, -1, 0},
     {"size", Field::Value, Type::U64, 0, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, kHostRead, -1, 0},
     {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
 // clEnqueueCopyBufferRect (6059): status i32 | result ClStatus | command_queue Handle | src_buffer Handle | dst_buffer Handle | src_origin Blob<U64> | dst_origin Blob<U64> | region Blob<U64> | src_row_pitch U64 | src_slice_pitch U64 | dst_row_pitch U64 | dst_slice_pitch U64 | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
@@ -5786,43 +5786,43 @@ const FieldDesc kFields_clEnqueueCopyBufferRect_6059[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"src_buffer", Field::Value, Type::Handle, 0, -1, 0},
     {"dst_buffer", Field::Value, Type::Handle, 0, -1, 0},
-    {"src_origin", Field::Blob, Type::U64, 0, -1, 0},
-    {"dst_origin", Field::Blob, Type::U64, 0, -1, 0},
-    {"region", Field::Blob, Type::U64, 0, -1, 0},
+    {"src_origin", Field::Blob, Type::U64, kHostRead, -1, 0},
+    {"dst_origin", Field::Blob, Type::U64, kHostRead, -1, 0},
+    {"region", Field::Blob, Type::U64, kHostRead, -1, 0},
     {"src_row_pitch", Field::Value, Type::U64, 0, -1, 0},
     {"src_slice_pitch", Field::Value, Type::U64, 0, -1, 0},
     {"dst_row_pitch", Field::Value, Type::U64, 0, -1, 0},
     {"dst_slice_pitch", Field::Value, Type::U64, 0, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, kHostRead, -1, 0},
     {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
-// clEnqueueReadImage (6060): status i32 | result ClStatus | command_queue Handle | image Handle | blocking_read U32 | origin Blob<U64> | region Blob<U64> | row_pitch U64 | slice_pitch U64 | ptr Blob<U8>(z)(out) | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
+// clEnqueueReadImage (6060): status i32 | result ClStatus | command_queue Handle | image Handle | blocking_read GlEnum | origin Blob<U64> | region Blob<U64> | row_pitch U64 | slice_pitch U64 | ptr Blob<U8>(z)(out) | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
 const FieldDesc kFields_clEnqueueReadImage_6060[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"image", Field::Value, Type::Handle, 0, -1, 0},
-    {"blocking_read", Field::Value, Type::U32, 0, -1, 0},
-    {"origin", Field::Blob, Type::U64, 0, -1, 0},
-    {"region", Field::Blob, Type::U64, 0, -1, 0},
+    {"blocking_read", Field::Value, Type::GlEnum, 0, -1, 113},
+    {"origin", Field::Blob, Type::U64, kHostRead, -1, 0},
+    {"region", Field::Blob, Type::U64, kHostRead, -1, 0},
     {"row_pitch", Field::Value, Type::U64, 0, -1, 0},
     {"slice_pitch", Field::Value, Type::U64, 0, -1, 0},
     {"ptr", Field::Blob, Type::U8, kCompressible | kOutput, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, kHostRead, -1, 0},
     {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
-// clEnqueueWriteImage (6061): status i32 | result ClStatus | command_queue Handle | image Handle | blocking_write U32 | origin Blob<U64> | region Blob<U64> | input_row_pitch U64 | input_slice_pitch U64 | ptr Blob<U8>(z) | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
+// clEnqueueWriteImage (6061): status i32 | result ClStatus | command_queue Handle | image Handle | blocking_write GlEnum | origin Blob<U64> | region Blob<U64> | input_row_pitch U64 | input_slice_pitch U64 | ptr Blob<U8>(z) | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
 const FieldDesc kFields_clEnqueueWriteImage_6061[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"image", Field::Value, Type::Handle, 0, -1, 0},
-    {"blocking_write", Field::Value, Type::U32, 0, -1, 0},
-    {"origin", Field::Blob, Type::U64, 0, -1, 0},
-    {"region", Field::Blob, Type::U64, 0, -1, 0},
+    {"blocking_write", Field::Value, Type::GlEnum, 0, -1, 113},
+    {"origin", Field::Blob, Type::U64, kHostRead, -1, 0},
+    {"region", Field::Blob, Type::U64, kHostRead, -1, 0},
     {"input_row_pitch", Field::Value, Type::U64, 0, -1, 0},
     {"input_slice_pitch", Field::Value, Type::U64, 0, -1, 0},
     {"ptr", Field::Blob, Type::U8, kCompressible, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, kHostRead, -1, 0},
     {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
 // clEnqueueCopyImage (6062): status i32 | result ClStatus | command_queue Handle | src_image Handle | dst_image Handle | src_origin Blob<U64> | dst_origin Blob<U64> | region Blob<U64> | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
@@ -5830,11 +5830,11 @@ const FieldDesc kFields_clEnqueueCopyImage_6062[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"src_image", Field::Value, Type::Handle, 0, -1, 0},
     {"dst_image", Field::Value, Type::Handle, 0, -1, 0},
-    {"src_origin", Field::Blob, Type::U64, 0, -1, 0},
-    {"dst_origin", Field::Blob, Type::U64, 0, -1, 0},
-    {"region", Field::Blob, Type::U64, 0, -1, 0},
+    {"src_origin", Field::Blob, Type::U64, kHostRead, -1, 0},
+    {"dst_origin", Field::Blob, Type::U64, kHostRead, -1, 0},
+    {"region", Field::Blob, Type::U64, kHostRead, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, kHostRead, -1, 0},
     {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
 // clEnqueueCopyImageToBuffer (6063): status i32 | result ClStatus | command_queue Handle | src_image Handle | dst_buffer Handle | src_origin Blob<U64> | region Blob<U64> | dst_offset U64 | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
@@ -5842,11 +5842,11 @@ const FieldDesc kFields_clEnqueueCopyImageToBuffer_6063[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"src_image", Field::Value, Type::Handle, 0, -1, 0},
     {"dst_buffer", Field::Value, Type::Handle, 0, -1, 0},
-    {"src_origin", Field::Blob, Type::U64, 0, -1, 0},
-    {"region", Field::Blob, Type::U64, 0, -1, 0},
+    {"src_origin", Field::Blob, Type::U64, kHostRead, -1, 0},
+    {"region", Field::Blob, Type::U64, kHostRead, -1, 0},
     {"dst_offset", Field::Value, Type::U64, 0, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, kHostRead, -1, 0},
     {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
 // clEnqueueCopyBufferToImage (6064): status i32 | result ClStatus | command_queue Handle | src_buffer Handle | dst_image Handle | src_offset U64 | dst_origin Blob<U64> | region Blob<U64> | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
@@ -5855,37 +5855,37 @@ const FieldDesc kFields_clEnqueueCopyBufferToImage_6064[] = {
     {"src_buffer", Field::Value, Type::Handle, 0, -1, 0},
     {"dst_image", Field::Value, Type::Handle, 0, -1, 0},
     {"src_offset", Field::Value, Type::U64, 0, -1, 0},
-    {"dst_origin", Field::Blob, Type::U64, 0, -1, 0},
-    {"region", Field::Blob, Type::U64, 0, -1, 0},
+    {"dst_origin", Field::Blob, Type::U64, kHostRead, -1, 0},
+    {"region", Field::Blob, Type::U64, kHostRead, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, kHostRead, -1, 0},
     {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
-// clEnqueueMapBuffer (6065): status i32 | result Ptr | command_queue Handle | buffer Handle | blocking_map U32 | map_flags U64 | offset U64 | size U64 | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out) | errcode_ret Blob<ClStatus>(out)
+// clEnqueueMapBuffer (6065): status i32 | result Ptr | command_queue Handle | buffer Handle | blocking_map GlEnum | map_flags U64 | offset U64 | size U64 | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out) | errcode_ret Blob<ClStatus>(out)
 const FieldDesc kFields_clEnqueueMapBuffer_6065[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"buffer", Field::Value, Type::Handle, 0, -1, 0},
-    {"blocking_map", Field::Value, Type::U32, 0, -1, 0},
+    {"blocking_map", Field::Value, Type::GlEnum, 0, -1, 113},
     {"map_flags", Field::Value, Type::U64, 0, -1, 0},
     {"offset", Field::Value, Type::U64, 0, -1, 0},
     {"size", Field::Value, Type::U64, 0, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, kHostRead, -1, 0},
     {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
     {"errcode_ret", Field::Blob, Type::ClStatus, kOutput, -1, 0},
 };
-// clEnqueueMapImage (6066): status i32 | result Ptr | command_queue Handle | image Handle | blocking_map U32 | map_flags U64 | origin Blob<U64> | region Blob<U64> | image_row_pitch Blob<U64>(out) | image_slice_pitch Blob<U64>(out) | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out) | errcode_ret Blob<ClStatus>(out)
+// clEnqueueMapImage (6066): status i32 | result Ptr | command_queue Handle | image Handle | blocking_map GlEnum | map_flags U64 | origin Blob<U64> | region Blob<U64> | image_row_pitch Blob<U64>(out) | image_slice_pitch Blob<U64>(out) | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out) | errcode_ret Blob<ClStatus>(out)
 const FieldDesc kFields_clEnqueueMapImage_6066[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"image", Field::Value, Type::Handle, 0, -1, 0},
-    {"blocking_map", Field::Value, Type::U32, 0, -1, 0},
+    {"blocking_map", Field::Value, Type::GlEnum, 0, -1, 113},
     {"map_flags", Field::Value, Type::U64, 0, -1, 0},
-    {"origin", Field::Blob, Type::U64, 0, -1, 0},
-    {"region", Field::Blob, Type::U64, 0, -1, 0},
+    {"origin", Field::Blob, Type::U64, kHostRead, -1, 0},
+    {"region", Field::Blob, Type::U64, kHostRead, -1, 0},
     {"image_row_pitch", Field::Blob, Type::U64, kOutput, -1, 0},
     {"image_slice_pitch", Field::Blob, Type::U64, kOutput, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, kHostRead, -1, 0},
     {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
     {"errcode_ret", Field::Blob, Type::ClStatus, kOutput, -1, 0},
 };
@@ -5895,7 +5895,7 @@ const FieldDesc kFields_clEnqueueUnmapMemObject_6067[] = {
     {"memobj", Field::Value, Type::Handle, 0, -1, 0},
     {"mapped_ptr", Field::Value, Type::Ptr, 0, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, kHostRead, -1, 0},
     {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
     {"written", Field::Blob, Type::U8, kCompressible, -1, 0},
 };
@@ -5904,11 +5904,11 @@ const FieldDesc kFields_clEnqueueNDRangeKernel_6068[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"kernel", Field::Value, Type::Handle, 0, -1, 0},
     {"work_dim", Field::Value, Type::U32, 0, -1, 0},
-    {"global_work_offset", Field::Blob, Type::U64, 0, -1, 0},
-    {"global_work_size", Field::Blob, Type::U64, 0, -1, 0},
-    {"local_work_size", Field::Blob, Type::U64, 0, -1, 0},
+    {"global_work_offset", Field::Blob, Type::U64, kHostRead, -1, 0},
+    {"global_work_size", Field::Blob, Type::U64, kHostRead, -1, 0},
+    {"local_work_size", Field::Blob, Type::U64, kHostRead, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, kHostRead, -1, 0},
     {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
 // clEnqueueTask (6069): status i32 | result ClStatus | command_queue Handle | kernel Handle | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
@@ -5916,7 +5916,7 @@ const FieldDesc kFields_clEnqueueTask_6069[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"kernel", Field::Value, Type::Handle, 0, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, kHostRead, -1, 0},
     {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
 // clEnqueueNativeKernel (6070): status i32 | result ClStatus | command_queue Handle | user_func Ptr | args Blob<U8> | cb_args U64 | num_mem_objects U32 | mem_list Blob<Handle> | args_mem_loc Blob<Ptr> | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
@@ -5929,7 +5929,7 @@ const FieldDesc kFields_clEnqueueNativeKernel_6070[] = {
     {"mem_list", Field::Blob, Type::Handle, 0, -1, 0},
     {"args_mem_loc", Field::Blob, Type::Ptr, 0, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, kHostRead, -1, 0},
     {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
 // clEnqueueMarker (6071): status i32 | result ClStatus | command_queue Handle | event Blob<Handle>(out)
@@ -5941,7 +5941,7 @@ const FieldDesc kFields_clEnqueueMarker_6071[] = {
 const FieldDesc kFields_clEnqueueWaitForEvents_6072[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"num_events", Field::Value, Type::U32, 0, -1, 0},
-    {"event_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event_list", Field::Blob, Type::Handle, kHostRead, -1, 0},
 };
 // clEnqueueBarrier (6073): status i32 | result ClStatus | command_queue Handle
 const FieldDesc kFields_clEnqueueBarrier_6073[] = {
@@ -6012,11 +6012,11 @@ const FieldDesc kFields_clLinkProgram_6081[] = {
 const FieldDesc kFields_clUnloadPlatformCompiler_6082[] = {
     {"platform", Field::Value, Type::Handle, 0, -1, 0},
 };
-// clGetKernelArgInfo (6083): status i32 | result ClStatus | kernel Handle | arg_indx U32 | param_name U32 | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
+// clGetKernelArgInfo (6083): status i32 | result ClStatus | kernel Handle | arg_indx U32 | param_name GlEnum | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
 const FieldDesc kFields_clGetKernelArgInfo_6083[] = {
     {"kernel", Field::Value, Type::Handle, 0, -1, 0},
     {"arg_indx", Field::Value, Type::U32, 0, -1, 0},
-    {"param_name", Field::Value, Type::U32, 0, -1, 0},
+    {"param_name", Field::Value, Type::GlEnum, 0, -1, 127},
     {"param_value_size", Field::Value, Type::U64, 0, -1, 0},
     {"param_value", Field::Blob, Type::U8, kOutput, -1, 0},
     {"param_value_size_ret", Field::Blob, Type::U64, kOutput, -1, 0},
@@ -6030,7 +6030,7 @@ const FieldDesc kFields_clEnqueueFillBuffer_6084[] = {
     {"offset", Field::Value, Type::U64, 0, -1, 0},
     {"size", Field::Value, Type::U64, 0, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, kHostRead, -1, 0},
     {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
 // clEnqueueFillImage (6085): status i32 | result ClStatus | command_queue Handle | image Handle | fill_color Blob<U8> | origin Blob<U64> | region Blob<U64> | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
@@ -6038,10 +6038,10 @@ const FieldDesc kFields_clEnqueueFillImage_6085[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"image", Field::Value, Type::Handle, 0, -1, 0},
     {"fill_color", Field::Blob, Type::U8, 0, -1, 0},
-    {"origin", Field::Blob, Type::U64, 0, -1, 0},
-    {"region", Field::Blob, Type::U64, 0, -1, 0},
+    {"origin", Field::Blob, Type::U64, kHostRead, -1, 0},
+    {"region", Field::Blob, Type::U64, kHostRead, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, kHostRead, -1, 0},
     {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
 // clEnqueueMigrateMemObjects (6086): status i32 | result ClStatus | command_queue Handle | num_mem_objects U32 | mem_objects Blob<Handle> | flags U64 | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
@@ -6051,21 +6051,21 @@ const FieldDesc kFields_clEnqueueMigrateMemObjects_6086[] = {
     {"mem_objects", Field::Blob, Type::Handle, 0, -1, 0},
     {"flags", Field::Value, Type::U64, 0, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, kHostRead, -1, 0},
     {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
 // clEnqueueMarkerWithWaitList (6087): status i32 | result ClStatus | command_queue Handle | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
 const FieldDesc kFields_clEnqueueMarkerWithWaitList_6087[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, kHostRead, -1, 0},
     {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
 // clEnqueueBarrierWithWaitList (6088): status i32 | result ClStatus | command_queue Handle | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
 const FieldDesc kFields_clEnqueueBarrierWithWaitList_6088[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, kHostRead, -1, 0},
     {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
 // clGetExtensionFunctionAddressForPlatform (6089): status i32 | result Ptr | platform Handle | func_name String
@@ -6117,10 +6117,10 @@ const FieldDesc kFields_clGetGLObjectInfo_6505[] = {
     {"gl_object_type", Field::Blob, Type::U32, kOutput, -1, 0},
     {"gl_object_name", Field::Blob, Type::U32, kOutput, -1, 0},
 };
-// clGetGLTextureInfo (6506): status i32 | result ClStatus | memobj Handle | param_name U32 | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
+// clGetGLTextureInfo (6506): status i32 | result ClStatus | memobj Handle | param_name GlEnum | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
 const FieldDesc kFields_clGetGLTextureInfo_6506[] = {
     {"memobj", Field::Value, Type::Handle, 0, -1, 0},
-    {"param_name", Field::Value, Type::U32, 0, -1, 0},
+    {"param_name", Field::Value, Type::GlEnum, 0, -1, 128},
     {"param_value_size", Field::Value, Type::U64, 0, -1, 0},
     {"param_value", Field::Blob, Type::U8, kOutput, -1, 0},
     {"param_value_size_ret", Field::Blob, Type::U64, kOutput, -1, 0},
@@ -6131,7 +6131,7 @@ const FieldDesc kFields_clEnqueueAcquireGLObjects_6507[] = {
     {"num_objects", Field::Value, Type::U32, 0, -1, 0},
     {"mem_objects", Field::Blob, Type::Handle, 0, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, kHostRead, -1, 0},
     {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
 // clEnqueueReleaseGLObjects (6508): status i32 | result ClStatus | command_queue Handle | num_objects U32 | mem_objects Blob<Handle> | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
@@ -6140,7 +6140,7 @@ const FieldDesc kFields_clEnqueueReleaseGLObjects_6508[] = {
     {"num_objects", Field::Value, Type::U32, 0, -1, 0},
     {"mem_objects", Field::Blob, Type::Handle, 0, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, kHostRead, -1, 0},
     {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
 // clCreateFromGLTexture (6509): status i32 | result Handle | context Handle | flags U64 | target U32 | miplevel I32 | texture U32 | errcode_ret Blob<ClStatus>(out)
@@ -6152,10 +6152,10 @@ const FieldDesc kFields_clCreateFromGLTexture_6509[] = {
     {"texture", Field::Value, Type::U32, 0, -1, 0},
     {"errcode_ret", Field::Blob, Type::ClStatus, kOutput, -1, 0},
 };
-// clGetGLContextInfoKHR (6510): status i32 | result ClStatus | properties Blob<I64> | param_name U32 | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
+// clGetGLContextInfoKHR (6510): status i32 | result ClStatus | properties Blob<I64> | param_name GlEnum | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
 const FieldDesc kFields_clGetGLContextInfoKHR_6510[] = {
     {"properties", Field::Blob, Type::I64, 0, -1, 0},
-    {"param_name", Field::Value, Type::U32, 0, -1, 0},
+    {"param_name", Field::Value, Type::GlEnum, 0, -1, 129},
     {"param_value_size", Field::Value, Type::U64, 0, -1, 0},
     {"param_value", Field::Blob, Type::U8, kOutput, -1, 0},
     {"param_value_size_ret", Field::Blob, Type::U64, kOutput, -1, 0},
@@ -6181,7 +6181,7 @@ const FieldDesc kFields_clEnqueueAcquireEGLObjectsKHR_6513[] = {
     {"num_objects", Field::Value, Type::U32, 0, -1, 0},
     {"mem_objects", Field::Blob, Type::Handle, 0, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, kHostRead, -1, 0},
     {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
 // clEnqueueReleaseEGLObjectsKHR (6514): status i32 | result ClStatus | command_queue Handle | num_objects U32 | mem_objects Blob<Handle> | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
@@ -6190,7 +6190,7 @@ const FieldDesc kFields_clEnqueueReleaseEGLObjectsKHR_6514[] = {
     {"num_objects", Field::Value, Type::U32, 0, -1, 0},
     {"mem_objects", Field::Blob, Type::Handle, 0, -1, 0},
     {"num_events_in_wait_list", Field::Value, Type::U32, 0, -1, 0},
-    {"event_wait_list", Field::Blob, Type::Handle, 0, -1, 0},
+    {"event_wait_list", Field::Blob, Type::Handle, kHostRead, -1, 0},
     {"event", Field::Blob, Type::Handle, kOutput, -1, 0},
 };
 // clCreateEventFromEGLSyncKHR (6515): status i32 | result Handle | context Handle | sync Handle | display Handle | errcode_ret Blob<ClStatus>(out)

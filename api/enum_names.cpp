@@ -1,5 +1,7 @@
 #include "api/enum_names.h"
 
+#include <cstring>
+
 #include <algorithm>
 
 namespace kv::names {
@@ -24,6 +26,8 @@ const char *glEnumName(uint32_t value, uint16_t group) {
     if (group > 0 && group < kGlGroupCount) {
         const EnumGroup &g = kGlGroups[group];
         if (const char *name = find(g.entries, g.count, value)) return name;
+        // An OpenCL type's values are its own: a value outside them has no OpenGL name either.
+        if (g.name && std::strncmp(g.name, "cl_", 3) == 0) return nullptr;
     }
     return find(kGlEnums, kGlEnumCount, value);
 }

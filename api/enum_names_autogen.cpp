@@ -6772,6 +6772,212 @@ static const EnumName kGroup108[] = {
     {0x9100u, "GL_TEXTURE_2D_MULTISAMPLE"},
     {0x9102u, "GL_TEXTURE_2D_MULTISAMPLE_ARRAY"},
 };
+static const EnumName kGroup109[] = {
+    {0x900u, "CL_PLATFORM_PROFILE"},
+    {0x901u, "CL_PLATFORM_VERSION"},
+    {0x902u, "CL_PLATFORM_NAME"},
+    {0x903u, "CL_PLATFORM_VENDOR"},
+    {0x904u, "CL_PLATFORM_EXTENSIONS"},
+    {0x905u, "CL_PLATFORM_HOST_TIMER_RESOLUTION"},
+    {0x906u, "CL_PLATFORM_NUMERIC_VERSION"},
+    {0x907u, "CL_PLATFORM_EXTENSIONS_WITH_VERSION"},
+};
+static const EnumName kGroup110[] = {
+    {0x1000u, "CL_DEVICE_TYPE"},
+    {0x1001u, "CL_DEVICE_VENDOR_ID"},
+    {0x1002u, "CL_DEVICE_MAX_COMPUTE_UNITS"},
+    {0x1003u, "CL_DEVICE_MAX_WORK_ITEM_DIMENSIONS"},
+    {0x1004u, "CL_DEVICE_MAX_WORK_GROUP_SIZE"},
+    {0x1005u, "CL_DEVICE_MAX_WORK_ITEM_SIZES"},
+    {0x1006u, "CL_DEVICE_PREFERRED_VECTOR_WIDTH_CHAR"},
+    {0x1007u, "CL_DEVICE_PREFERRED_VECTOR_WIDTH_SHORT"},
+    {0x1008u, "CL_DEVICE_PREFERRED_VECTOR_WIDTH_INT"},
+    {0x1009u, "CL_DEVICE_PREFERRED_VECTOR_WIDTH_LONG"},
+    {0x100Au, "CL_DEVICE_PREFERRED_VECTOR_WIDTH_FLOAT"},
+    {0x100Bu, "CL_DEVICE_PREFERRED_VECTOR_WIDTH_DOUBLE"},
+    {0x100Cu, "CL_DEVICE_MAX_CLOCK_FREQUENCY"},
+    {0x100Du, "CL_DEVICE_ADDRESS_BITS"},
+    {0x100Eu, "CL_DEVICE_MAX_READ_IMAGE_ARGS"},
+    {0x100Fu, "CL_DEVICE_MAX_WRITE_IMAGE_ARGS"},
+    {0x1010u, "CL_DEVICE_MAX_MEM_ALLOC_SIZE"},
+    {0x1011u, "CL_DEVICE_IMAGE2D_MAX_WIDTH"},
+    {0x1012u, "CL_DEVICE_IMAGE2D_MAX_HEIGHT"},
+    {0x1013u, "CL_DEVICE_IMAGE3D_MAX_WIDTH"},
+    {0x1014u, "CL_DEVICE_IMAGE3D_MAX_HEIGHT"},
+    {0x1015u, "CL_DEVICE_IMAGE3D_MAX_DEPTH"},
+    {0x1016u, "CL_DEVICE_IMAGE_SUPPORT"},
+    {0x1017u, "CL_DEVICE_MAX_PARAMETER_SIZE"},
+    {0x1018u, "CL_DEVICE_MAX_SAMPLERS"},
+    {0x1019u, "CL_DEVICE_MEM_BASE_ADDR_ALIGN"},
+    {0x101Au, "CL_DEVICE_MIN_DATA_TYPE_ALIGN_SIZE"},
+    {0x101Bu, "CL_DEVICE_SINGLE_FP_CONFIG"},
+    {0x101Cu, "CL_DEVICE_GLOBAL_MEM_CACHE_TYPE"},
+    {0x101Du, "CL_DEVICE_GLOBAL_MEM_CACHELINE_SIZE"},
+    {0x101Eu, "CL_DEVICE_GLOBAL_MEM_CACHE_SIZE"},
+    {0x101Fu, "CL_DEVICE_GLOBAL_MEM_SIZE"},
+    {0x1020u, "CL_DEVICE_MAX_CONSTANT_BUFFER_SIZE"},
+    {0x1021u, "CL_DEVICE_MAX_CONSTANT_ARGS"},
+    {0x1022u, "CL_DEVICE_LOCAL_MEM_TYPE"},
+    {0x1023u, "CL_DEVICE_LOCAL_MEM_SIZE"},
+    {0x1024u, "CL_DEVICE_ERROR_CORRECTION_SUPPORT"},
+    {0x1025u, "CL_DEVICE_PROFILING_TIMER_RESOLUTION"},
+    {0x1026u, "CL_DEVICE_ENDIAN_LITTLE"},
+    {0x1027u, "CL_DEVICE_AVAILABLE"},
+    {0x1028u, "CL_DEVICE_COMPILER_AVAILABLE"},
+    {0x1029u, "CL_DEVICE_EXECUTION_CAPABILITIES"},
+    {0x102Au, "CL_DEVICE_QUEUE_ON_HOST_PROPERTIES"},
+    {0x102Bu, "CL_DEVICE_NAME"},
+    {0x102Cu, "CL_DEVICE_VENDOR"},
+    {0x102Du, "CL_DRIVER_VERSION"},
+    {0x102Eu, "CL_DEVICE_PROFILE"},
+    {0x102Fu, "CL_DEVICE_VERSION"},
+    {0x1030u, "CL_DEVICE_EXTENSIONS"},
+    {0x1031u, "CL_DEVICE_PLATFORM"},
+    {0x1032u, "CL_DEVICE_DOUBLE_FP_CONFIG"},
+};
+static const EnumName kGroup111[] = {
+    {0x1080u, "CL_CONTEXT_REFERENCE_COUNT"},
+    {0x1081u, "CL_CONTEXT_DEVICES"},
+    {0x1082u, "CL_CONTEXT_PROPERTIES"},
+    {0x1083u, "CL_CONTEXT_NUM_DEVICES"},
+};
+static const EnumName kGroup112[] = {
+    {0x1090u, "CL_QUEUE_CONTEXT"},
+    {0x1091u, "CL_QUEUE_DEVICE"},
+    {0x1092u, "CL_QUEUE_REFERENCE_COUNT"},
+    {0x1093u, "CL_QUEUE_PROPERTIES"},
+    {0x1094u, "CL_QUEUE_SIZE"},
+    {0x1095u, "CL_QUEUE_DEVICE_DEFAULT"},
+    {0x1098u, "CL_QUEUE_PROPERTIES_ARRAY"},
+};
+static const EnumName kGroup113[] = {
+    {0x0u, "CL_FALSE"},
+    {0x1u, "CL_TRUE"},
+};
+static const EnumName kGroup114[] = {
+    {0x1220u, "CL_BUFFER_CREATE_TYPE_REGION"},
+};
+static const EnumName kGroup115[] = {
+    {0x10F0u, "CL_MEM_OBJECT_BUFFER"},
+    {0x10F1u, "CL_MEM_OBJECT_IMAGE2D"},
+    {0x10F2u, "CL_MEM_OBJECT_IMAGE3D"},
+    {0x10F3u, "CL_MEM_OBJECT_IMAGE2D_ARRAY"},
+    {0x10F4u, "CL_MEM_OBJECT_IMAGE1D"},
+    {0x10F5u, "CL_MEM_OBJECT_IMAGE1D_ARRAY"},
+    {0x10F6u, "CL_MEM_OBJECT_IMAGE1D_BUFFER"},
+    {0x10F7u, "CL_MEM_OBJECT_PIPE"},
+};
+static const EnumName kGroup116[] = {
+    {0x1100u, "CL_MEM_TYPE"},
+    {0x1101u, "CL_MEM_FLAGS"},
+    {0x1102u, "CL_MEM_SIZE"},
+    {0x1103u, "CL_MEM_HOST_PTR"},
+    {0x1104u, "CL_MEM_MAP_COUNT"},
+    {0x1105u, "CL_MEM_REFERENCE_COUNT"},
+    {0x1106u, "CL_MEM_CONTEXT"},
+    {0x1107u, "CL_MEM_ASSOCIATED_MEMOBJECT"},
+    {0x1108u, "CL_MEM_OFFSET"},
+    {0x1109u, "CL_MEM_USES_SVM_POINTER"},
+    {0x110Au, "CL_MEM_PROPERTIES"},
+};
+static const EnumName kGroup117[] = {
+    {0x1110u, "CL_IMAGE_FORMAT"},
+    {0x1111u, "CL_IMAGE_ELEMENT_SIZE"},
+    {0x1112u, "CL_IMAGE_ROW_PITCH"},
+    {0x1113u, "CL_IMAGE_SLICE_PITCH"},
+    {0x1114u, "CL_IMAGE_WIDTH"},
+    {0x1115u, "CL_IMAGE_HEIGHT"},
+    {0x1116u, "CL_IMAGE_DEPTH"},
+    {0x1117u, "CL_IMAGE_ARRAY_SIZE"},
+    {0x1118u, "CL_IMAGE_BUFFER"},
+    {0x1119u, "CL_IMAGE_NUM_MIP_LEVELS"},
+    {0x111Au, "CL_IMAGE_NUM_SAMPLES"},
+};
+static const EnumName kGroup118[] = {
+    {0x1130u, "CL_ADDRESS_NONE"},
+    {0x1131u, "CL_ADDRESS_CLAMP_TO_EDGE"},
+    {0x1132u, "CL_ADDRESS_CLAMP"},
+    {0x1133u, "CL_ADDRESS_REPEAT"},
+    {0x1134u, "CL_ADDRESS_MIRRORED_REPEAT"},
+};
+static const EnumName kGroup119[] = {
+    {0x1140u, "CL_FILTER_NEAREST"},
+    {0x1141u, "CL_FILTER_LINEAR"},
+};
+static const EnumName kGroup120[] = {
+    {0x1150u, "CL_SAMPLER_REFERENCE_COUNT"},
+    {0x1151u, "CL_SAMPLER_CONTEXT"},
+    {0x1152u, "CL_SAMPLER_NORMALIZED_COORDS"},
+    {0x1153u, "CL_SAMPLER_ADDRESSING_MODE"},
+    {0x1154u, "CL_SAMPLER_FILTER_MODE"},
+};
+static const EnumName kGroup121[] = {
+    {0x1160u, "CL_PROGRAM_REFERENCE_COUNT"},
+    {0x1161u, "CL_PROGRAM_CONTEXT"},
+    {0x1162u, "CL_PROGRAM_NUM_DEVICES"},
+    {0x1163u, "CL_PROGRAM_DEVICES"},
+    {0x1164u, "CL_PROGRAM_SOURCE"},
+    {0x1165u, "CL_PROGRAM_BINARY_SIZES"},
+    {0x1166u, "CL_PROGRAM_BINARIES"},
+    {0x1167u, "CL_PROGRAM_NUM_KERNELS"},
+    {0x1168u, "CL_PROGRAM_KERNEL_NAMES"},
+    {0x1169u, "CL_PROGRAM_IL"},
+    {0x116Au, "CL_PROGRAM_SCOPE_GLOBAL_CTORS_PRESENT"},
+    {0x116Bu, "CL_PROGRAM_SCOPE_GLOBAL_DTORS_PRESENT"},
+};
+static const EnumName kGroup122[] = {
+    {0x1181u, "CL_PROGRAM_BUILD_STATUS"},
+    {0x1182u, "CL_PROGRAM_BUILD_OPTIONS"},
+    {0x1183u, "CL_PROGRAM_BUILD_LOG"},
+    {0x1184u, "CL_PROGRAM_BINARY_TYPE"},
+    {0x1185u, "CL_PROGRAM_BUILD_GLOBAL_VARIABLE_TOTAL_SIZE"},
+};
+static const EnumName kGroup123[] = {
+    {0x1190u, "CL_KERNEL_FUNCTION_NAME"},
+    {0x1191u, "CL_KERNEL_NUM_ARGS"},
+    {0x1192u, "CL_KERNEL_REFERENCE_COUNT"},
+    {0x1193u, "CL_KERNEL_CONTEXT"},
+    {0x1194u, "CL_KERNEL_PROGRAM"},
+    {0x1195u, "CL_KERNEL_ATTRIBUTES"},
+};
+static const EnumName kGroup124[] = {
+    {0x11B0u, "CL_KERNEL_WORK_GROUP_SIZE"},
+    {0x11B1u, "CL_KERNEL_COMPILE_WORK_GROUP_SIZE"},
+    {0x11B2u, "CL_KERNEL_LOCAL_MEM_SIZE"},
+    {0x11B3u, "CL_KERNEL_PREFERRED_WORK_GROUP_SIZE_MULTIPLE"},
+    {0x11B4u, "CL_KERNEL_PRIVATE_MEM_SIZE"},
+    {0x11B5u, "CL_KERNEL_GLOBAL_WORK_SIZE"},
+};
+static const EnumName kGroup125[] = {
+    {0x11D0u, "CL_EVENT_COMMAND_QUEUE"},
+    {0x11D1u, "CL_EVENT_COMMAND_TYPE"},
+    {0x11D2u, "CL_EVENT_REFERENCE_COUNT"},
+    {0x11D3u, "CL_EVENT_COMMAND_EXECUTION_STATUS"},
+    {0x11D4u, "CL_EVENT_CONTEXT"},
+};
+static const EnumName kGroup126[] = {
+    {0x1280u, "CL_PROFILING_COMMAND_QUEUED"},
+    {0x1281u, "CL_PROFILING_COMMAND_SUBMIT"},
+    {0x1282u, "CL_PROFILING_COMMAND_START"},
+    {0x1283u, "CL_PROFILING_COMMAND_END"},
+    {0x1284u, "CL_PROFILING_COMMAND_COMPLETE"},
+};
+static const EnumName kGroup127[] = {
+    {0x1196u, "CL_KERNEL_ARG_ADDRESS_QUALIFIER"},
+    {0x1197u, "CL_KERNEL_ARG_ACCESS_QUALIFIER"},
+    {0x1198u, "CL_KERNEL_ARG_TYPE_NAME"},
+    {0x1199u, "CL_KERNEL_ARG_TYPE_QUALIFIER"},
+    {0x119Au, "CL_KERNEL_ARG_NAME"},
+};
+static const EnumName kGroup128[] = {
+    {0x2004u, "CL_GL_TEXTURE_TARGET"},
+    {0x2005u, "CL_GL_MIPMAP_LEVEL"},
+    {0x2012u, "CL_GL_NUM_SAMPLES"},
+};
+static const EnumName kGroup129[] = {
+    {0x2006u, "CL_CURRENT_DEVICE_FOR_GL_CONTEXT_KHR"},
+    {0x2007u, "CL_DEVICES_FOR_GL_CONTEXT_KHR"},
+};
 const EnumGroup kGlGroups[] = {
     {nullptr, nullptr, 0},
     {"TextureUnit", kGroup1, 32},
@@ -6882,7 +7088,28 @@ const EnumGroup kGlGroups[] = {
     {"ProgramInterfacePName", kGroup106, 4},
     {"GetMultisamplePNameNV", kGroup107, 2},
     {"CopyImageSubDataTarget", kGroup108, 11},
+    {"cl_platform_info", kGroup109, 8},
+    {"cl_device_info", kGroup110, 51},
+    {"cl_context_info", kGroup111, 4},
+    {"cl_command_queue_info", kGroup112, 7},
+    {"cl_bool", kGroup113, 2},
+    {"cl_buffer_create_type", kGroup114, 1},
+    {"cl_mem_object_type", kGroup115, 8},
+    {"cl_mem_info", kGroup116, 11},
+    {"cl_image_info", kGroup117, 11},
+    {"cl_addressing_mode", kGroup118, 5},
+    {"cl_filter_mode", kGroup119, 2},
+    {"cl_sampler_info", kGroup120, 5},
+    {"cl_program_info", kGroup121, 12},
+    {"cl_program_build_info", kGroup122, 5},
+    {"cl_kernel_info", kGroup123, 6},
+    {"cl_kernel_work_group_info", kGroup124, 6},
+    {"cl_event_info", kGroup125, 5},
+    {"cl_profiling_info", kGroup126, 5},
+    {"cl_kernel_arg_info", kGroup127, 5},
+    {"cl_gl_texture_info", kGroup128, 3},
+    {"cl_gl_context_info", kGroup129, 2},
 };
-const uint32_t kGlGroupCount = 109;
+const uint32_t kGlGroupCount = 130;
 
 } // namespace kv::names

@@ -295,6 +295,29 @@ def read_cl_headers():
     return protos, typedefs
 
 
+def read_cl_groups():
+    """{type name: [(value, name)]} of the enumerated OpenCL types whose values cl.h lists under a
+    comment naming the type (`/* cl_device_info */`); bitfields are left out."""
+    groups = {}
+    for header in ("CL/cl.h", "CL/cl_gl.h"):
+        path = os.path.join(INCLUDE, header)
+        if not os.path.exists(path):
+            continue
+        current = None
+        with open(path) as f:
+            for line in f:
+                m = re.match(r"\s*/\*\s*(cl_\w+)\s*(-\s*bitfield)?\s*\*/\s*$", line)
+                if m:
+                    current = None if m.group(2) else m.group(1)
+                    continue
+                m = re.match(r"#define\s+(CL_\w+)\s+(0x[0-9A-Fa-f]+|\d+)\s*$", line)
+                if m and current:
+                    groups.setdefault(current, []).append((int(m.group(2), 0), m.group(1)))
+                elif line.strip() and not line.startswith("#"):
+                    current = None
+    return groups
+
+
 def resolve_cl(name, typedefs):
     seen = 0
     while name not in CL_BASE and name in typedefs and seen < 10:
@@ -501,6 +524,8 @@ def build_layout(func, rec, cl_typedefs, hooks):
             if rule not in (None, "value"):
                 fail(f"{where}: {func.name}.{p.name} is not a pointer")
             vt = vtype_override or ("Ptr" if p.decl else scalar_type(p.ctype, func.family, cl_typedefs, func.name, p.name))
+            if func.family.startswith("cl") and p.group and vt == "U32":
+                vt = "GlEnum"  # an enumerated OpenCL type: named through its group
             fields.append(Field(p.name, "Value", vt, group=p.group, param=p))
             continue
         if rule is None:
@@ -511,6 +536,8 @@ def build_layout(func, rec, cl_typedefs, hooks):
             fl.append("kCompressible")
         if "always" in flags:
             fl.append("kAlways")
+        if "read" in flags:
+            fl.append("kHostRead")
         fl += [{"unpack": "kUnpackBuffer", "pack": "kPackBuffer"}[x] for x in flags if x in ("unpack", "pack")]
         if rule == "value":
             fields.append(Field(p.name, "Value", vtype_override or "Ptr", param=p))
@@ -914,7 +941,7 @@ def writer_line(f, fd):
         if fd.expr and fd.expr[0] == "shared":
             return f"    kv::rec::put<api::Type::{fd.type}>(h, kv::capture::{fd.expr[1]}(c));"
         return f"    kv::rec::put<api::Type::{fd.type}>(h, {fd.name});"
-    flags = flag_expr({x for x in fd.flags if x in ("kCompressible", "kAlways")}).replace("kCompressible", "api::kCompressible").replace("kAlways", "api::kAlways")
+    flags = flag_expr({f"api::{x}" for x in fd.flags if x in ("kCompressible", "kAlways", "kHostRead")})
     if fd.kind == "Blob":
         if fd.expr[0] == "count":
             _, arg, width = fd.expr
@@ -1414,6 +1441,8 @@ def main():
     gl_cmds, gl_enums, gl_groups, gl_rank = read_gl_registry()
     egl_protos, egl_enums = read_egl_headers()
     cl_protos, cl_typedefs = read_cl_headers()
+    cl_groups = read_cl_groups()
+    gl_groups = dict(gl_groups, **{g: v for g, v in cl_groups.items() if g not in gl_groups})
 
     for f in funcs:
         if not f.name or f.name.startswith("("):
@@ -1431,6 +1460,12 @@ def main():
         if src is None:
             continue
         f.ret, f.params = src[0], [Param(p.ctype, p.name, p.length, p.group, p.decl) for p in src[1]]
+        if f.family.startswith("cl"):
+            # OpenCL parameters of an enumerated type are named by the values the headers list for it.
+            for p in f.params:
+                base = " ".join(p.ctype.replace("const", " ").split())
+                if base in cl_groups:
+                    p.group = base
 
     gl_provides, gl_aliases = read_gl_extension_map()
     mark_extension_functions(funcs, rec, gl_provides, gl_aliases, read_egl_extension_map())

@@ -19,6 +19,7 @@ PLAYED_TABLES = {
     "GLESPPHost": ("gles", "fn"),
     "SEs1Host": ("es1", "es1"),
     "SGlesExtHost": ("glext", "ext"),
+    "SClHost": ("cl", "cl"),
 }
 
 # gl.xml classes -> the player's object kinds. Shaders and programs share one name space.
@@ -38,6 +39,9 @@ HANDLE_KINDS = {
     "EGLImage": "Image", "EGLImageKHR": "Image", "GLeglImageOES": "Image", "EGLSync": "EglSync",
     "EGLSyncKHR": "EglSync", "EGLSyncNV": "EglSync", "EGLStreamKHR": "Stream", "EGLDeviceEXT": "Device",
     "EGLOutputLayerEXT": "OutputLayer", "EGLOutputPortEXT": "OutputPort",
+    "cl_platform_id": "ClPlatform", "cl_device_id": "ClDevice", "cl_context": "ClContext",
+    "cl_command_queue": "ClQueue", "cl_mem": "ClMem", "cl_program": "ClProgram", "cl_kernel": "ClKernel",
+    "cl_event": "ClEvent", "cl_sampler": "ClSampler",
 }
 
 
@@ -89,6 +93,11 @@ def handle_kind(ctype):
     return HANDLE_KINDS.get(base)
 
 
+def element_kind(ctype):
+    """The handle kind of the elements of an array parameter (`const cl_event *`)."""
+    return handle_kind(ctype.replace("*", ""))
+
+
 def program_expr(f):
     return "p_program" if any(p.name == "program" for p in f.params) else "c.currentProgram()"
 
@@ -96,7 +105,7 @@ def program_expr(f):
 def buffer_hint(f):
     """A parameter that bounds what the driver writes into an output buffer, in bytes."""
     for p in f.params:
-        if p.name in ("bufSize", "bufsize", "buf_size", "config_size") and p.depth == 0:
+        if p.name in ("bufSize", "bufsize", "buf_size", "config_size", "param_value_size") and p.depth == 0:
             return p
     return None
 
@@ -104,10 +113,16 @@ def buffer_hint(f):
 def arg_expr(f, i, p, fd, cls, lengths_of):
     ct = p.ctype
     if p.name in lengths_of:  # the lengths of a string array: those of the recorded strings
+        if "size_t" in ct:
+            return f"reinterpret_cast<{ct}>(c.sizeLengths({lengths_of[p.name]}))"
         return f"reinterpret_cast<{ct}>(c.stringLengths({lengths_of[p.name]}))"
     if fd.kind == "Value":
         if p.decl or (fd.type == "Ptr" and "*" not in ct):
             return "nullptr"  # a callback of the recorded process cannot be called
+        if fd.type == "Ptr" and p.name in ("pfn_notify", "user_data", "user_func"):
+            # OpenCL callbacks (and what they are given) belong to the recorded process; without a
+            # callback the driver reports through the status instead.
+            return "nullptr"
         if cls in OBJECT_KINDS and "*" not in ct:
             if fd.type == "Handle":
                 return f"c.sync<{ct}>({i})"
@@ -131,6 +146,8 @@ def arg_expr(f, i, p, fd, cls, lengths_of):
             return f"reinterpret_cast<{ct}>(c.out({i}{hint_arg}))"
         if cls in OBJECT_KINDS and fd.type == "U32":
             return f"reinterpret_cast<{ct}>(c.names(Obj::{OBJECT_KINDS[cls]}, {i}))"
+        if fd.type == "Handle" and element_kind(ct):
+            return f"reinterpret_cast<{ct}>(c.handles(Handle::{element_kind(ct)}, {i}))"
         return f"reinterpret_cast<{ct}>(const_cast<void *>(c.in({i})))"
     if fd.kind == "String":
         return f"reinterpret_cast<{ct}>(c.string({i}))"
@@ -167,6 +184,15 @@ def result_lines(f, cls):
         kind = handle_kind(f.ret)
         if kind:
             return [f"    c.createdHandle(Handle::{kind}, r);"]
+    return []
+
+
+def status_lines(f):
+    """An OpenCL call that succeeded when recorded (the others are not made) and fails here is said."""
+    if f.result == "ClStatus":
+        return ["    c.localStatus(r);"]
+    if any(p.name == "errcode_ret" for p in f.params):
+        return ["    if (p_errcode_ret) c.localStatus(*p_errcode_ret);"]
     return []
 
 
@@ -216,6 +242,7 @@ def emit_function(f, table, gl_classes, rec, hook):
     for i, p in enumerate(f.params):
         out += after_lines(f, i, p, f.fields[i], class_of(f, p.name, gl_classes, rec))
     out += result_lines(f, class_of(f, "result", gl_classes, rec))
+    out += status_lines(f)
     after_args = ", ".join(["c"] + (["r"] if f.result != "None" else []) + locals_)
     out.append(f"    H::after({after_args});")
     out.append("}\n")

@@ -3,6 +3,8 @@
 #include "base/messages.h"
 #include "platform/platform.h"
 
+#include <cstring>
+
 namespace kv::rec {
 
 namespace {
@@ -54,6 +56,15 @@ void blob(RecordHandle &h, CallCtx &c, const void *data, uint64_t bytes, uint8_t
     if (!c.d.recordData && !always) return;
     uint32_t n = (c.failed && !always) ? 0 : boundedSize(h, bytes);
     h.u32(n);
+    // A few bytes the driver has just read in a call it accepted are readable: copied directly,
+    // as the guarded read costs a system call.
+    constexpr uint32_t kDirectLimit = 256;
+    if ((flags & api::kHostRead) && data && n && n <= kDirectLimit && c.d.callHost && !c.failed) {
+        void *copy = h.scratch(n);
+        std::memcpy(copy, data, n);
+        h.addOwnBlock(n, copy, (flags & api::kCompressible) != 0);
+        return;
+    }
     h.addBlock(n, data, (flags & api::kCompressible) != 0);
 }
 

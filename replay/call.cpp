@@ -42,6 +42,10 @@ const SGlesExtHostFns &Call::glext() const {
     return SGlesExtHost::get().fn;
 }
 
+const SClHostFns &Call::cl() const {
+    return SClHost::get().fn;
+}
+
 ContextState &Call::context() const {
     return thread.context ? *thread.context : player.noContext;
 }
@@ -54,6 +58,12 @@ void Call::fail(const char *why) {
 void Call::missing() {
     ok_ = false;
     player.problem(e, std::string("the local driver has no ") + e.name() + "; the call was skipped");
+}
+
+void Call::localStatus(int32_t status) {
+    if (status == 0) return;
+    player.problem(e, "the local driver gave status " + std::to_string(status) +
+                          " where the recording succeeded");
 }
 
 const uint8_t *Call::block(int i, uint32_t *bytes) const {
@@ -145,6 +155,17 @@ const GLint *Call::stringLengths(int) {
     return thread.stringLengths.data();
 }
 
+const size_t *Call::sizeLengths(int i) {
+    // Taken from the record itself: a function may list the lengths before the strings.
+    const reader::Arg &a = e.args[static_cast<size_t>(i)];
+    thread.sizeLengths.clear();
+    for (uint32_t k = 0; k < a.partCount; ++k) {
+        const reader::Part &p = e.parts[a.firstPart + k];
+        thread.sizeLengths.push_back(p.block >= 0 ? e.blocks[static_cast<size_t>(p.block)].size : 0);
+    }
+    return thread.sizeLengths.empty() ? nullptr : thread.sizeLengths.data();
+}
+
 // ---- Names ------------------------------------------------------------------------------------
 
 NameMap &Call::map(Obj kind) const {
@@ -233,11 +254,35 @@ uint64_t Call::mapHandle(Handle kind, uint64_t recorded) {
     if (player.handles[static_cast<int>(kind)].find(recorded, local)) return local;
     if (kind == Handle::Config) return reinterpret_cast<uintptr_t>(player.configFor(recorded));
     if (kind == Handle::Display) return reinterpret_cast<uintptr_t>(player.localDisplay());
+    if (player.failedHandles.count(recorded)) {
+        // Made by a call that failed when recorded, and not made here: the call is skipped quietly.
+        if (ok_) ++player.onFailedHandles;
+        ok_ = false;
+        return 0;
+    }
     char text[96];
     std::snprintf(text, sizeof(text), "it names a handle the trace never created (0x%llx)",
                   static_cast<unsigned long long>(recorded));
     fail(text);
     return 0;
+}
+
+bool Call::knownHandle(Handle kind, uint64_t recorded, uint64_t &local) const {
+    return recorded && player.handles[static_cast<int>(kind)].find(recorded, local);
+}
+
+void *const *Call::handles(Handle kind, int i) {
+    uint32_t bytes = 0;
+    const uint8_t *recorded = block(i, &bytes);
+    if (!recorded) return reinterpret_cast<void *const *>(in(i));
+    thread.handleLists.emplace_back(bytes / 8);
+    std::vector<void *> &list = thread.handleLists.back();
+    for (size_t k = 0; k < list.size(); ++k) {
+        uint64_t r;
+        std::memcpy(&r, recorded + 8 * k, 8);
+        list[k] = reinterpret_cast<void *>(static_cast<uintptr_t>(mapHandle(kind, r)));
+    }
+    return list.data();
 }
 
 void Call::noteHandle(Handle kind, uint64_t recorded, uint64_t local) {

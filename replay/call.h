@@ -56,6 +56,12 @@ public:
         local = it->second;
         return true;
     }
+    void erase(uint64_t recorded) {
+        if (recorded < dense_.size())
+            dense_[recorded] = kNone;
+        else
+            sparse_.erase(recorded);
+    }
     void set(uint64_t recorded, uint64_t local) {
         if (recorded < kDenseLimit) {
             if (recorded >= dense_.size()) dense_.resize(static_cast<size_t>(recorded) * 2 + 16, kNone);
@@ -118,6 +124,13 @@ struct ThreadState {
     std::vector<const char *> stringPointers;
     std::vector<GLint> stringLengths;
     std::vector<uint32_t> names;
+    // OpenCL: handle arrays remapped for the call (cleared before each call), source lengths, and
+    // the values a hook puts in place of recorded ones.
+    std::deque<std::vector<void *>> handleLists;
+    std::vector<size_t> sizeLengths;
+    std::vector<intptr_t> properties;
+    uint64_t argHandle = 0;
+    std::vector<uint8_t> readBack;
 };
 
 class Player;
@@ -136,6 +149,7 @@ public:
     const GLESPPHostFns &gles() const;
     const SEs1HostFns &es1() const;
     const SGlesExtHostFns &glext() const;
+    const SClHostFns &cl() const;
 
     // ---- Arguments
     uint64_t value(int i) const { return e.args[static_cast<size_t>(i)].value; }
@@ -169,6 +183,8 @@ public:
     const char *string(int i);
     const char *const *strings(int i);
     const GLint *stringLengths(int i);
+    // The byte counts of a string array's recorded strings, as OpenCL takes them.
+    const size_t *sizeLengths(int i);
 
     // ---- Names and handles
     uint32_t name(Obj kind, int i) { return mapName(kind, static_cast<uint32_t>(value(i))); }
@@ -187,6 +203,10 @@ public:
             return static_cast<T>(mapHandle(kind, value(i)));
     }
     uint64_t mapHandle(Handle kind, uint64_t recorded);
+    // An array of handles (device lists, wait lists, memory object lists) in local handles.
+    void *const *handles(Handle kind, int i);
+    // The local handle for a recorded one when the map holds it (no problem said otherwise).
+    bool knownHandle(Handle kind, uint64_t recorded, uint64_t &local) const;
     int64_t programValue(ProgramValue kind, uint32_t program, int i);
     uint32_t currentProgram() const;
 
@@ -223,6 +243,8 @@ public:
     // The call cannot be made: says why (once per function and reason) and skips it.
     void fail(const char *why);
     void missing();
+    // The status the local OpenCL driver gave to a call that succeeded when recorded.
+    void localStatus(int32_t status);
 
     ContextState &context() const;
 

@@ -12266,6 +12266,1930 @@ void play_7113(Call &c) {
     H::after(c, p_target, p_samples, p_internalformat, p_width, p_height, p_depth, p_fixedsamplelocations);
 }
 
+// 6001 clGetPlatformIDs
+void play_6001(Call &c) {
+    using H = Hooks<cl::clGetPlatformIDs>;
+    auto host = c.cl().clGetPlatformIDs;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_uint p_num_entries = static_cast<cl_uint>(c.value(0));
+    cl_platform_id * p_platforms = reinterpret_cast<cl_platform_id *>(c.out(1));
+    cl_uint * p_num_platforms = reinterpret_cast<cl_uint *>(c.out(2));
+    if (!c.ok()) return;
+    if (!H::before(c, p_num_entries, p_platforms, p_num_platforms)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_num_entries, p_platforms, p_num_platforms); else r = host(p_num_entries, p_platforms, p_num_platforms);
+    c.createdHandles(Handle::ClPlatform, 1, p_platforms);
+    c.localStatus(r);
+    H::after(c, r, p_num_entries, p_platforms, p_num_platforms);
+}
+
+// 6002 clGetPlatformInfo
+void play_6002(Call &c) {
+    using H = Hooks<cl::clGetPlatformInfo>;
+    auto host = c.cl().clGetPlatformInfo;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_platform_id p_platform = c.handle<cl_platform_id>(Handle::ClPlatform, 0);
+    cl_platform_info p_param_name = static_cast<cl_platform_info>(c.value(1));
+    size_t p_param_value_size = static_cast<size_t>(c.value(2));
+    void * p_param_value = reinterpret_cast<void *>(c.out(3, c.value(2)));
+    size_t * p_param_value_size_ret = reinterpret_cast<size_t *>(c.out(4, c.value(2)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_platform, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_platform, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret); else r = host(p_platform, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
+    c.localStatus(r);
+    H::after(c, r, p_platform, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
+}
+
+// 6003 clGetDeviceIDs
+void play_6003(Call &c) {
+    using H = Hooks<cl::clGetDeviceIDs>;
+    auto host = c.cl().clGetDeviceIDs;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_platform_id p_platform = c.handle<cl_platform_id>(Handle::ClPlatform, 0);
+    cl_device_type p_device_type = static_cast<cl_device_type>(c.value(1));
+    cl_uint p_num_entries = static_cast<cl_uint>(c.value(2));
+    cl_device_id * p_devices = reinterpret_cast<cl_device_id *>(c.out(3));
+    cl_uint * p_num_devices = reinterpret_cast<cl_uint *>(c.out(4));
+    if (!c.ok()) return;
+    if (!H::before(c, p_platform, p_device_type, p_num_entries, p_devices, p_num_devices)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_platform, p_device_type, p_num_entries, p_devices, p_num_devices); else r = host(p_platform, p_device_type, p_num_entries, p_devices, p_num_devices);
+    c.createdHandles(Handle::ClDevice, 3, p_devices);
+    c.localStatus(r);
+    H::after(c, r, p_platform, p_device_type, p_num_entries, p_devices, p_num_devices);
+}
+
+// 6004 clGetDeviceInfo
+void play_6004(Call &c) {
+    using H = Hooks<cl::clGetDeviceInfo>;
+    auto host = c.cl().clGetDeviceInfo;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_device_id p_device = c.handle<cl_device_id>(Handle::ClDevice, 0);
+    cl_device_info p_param_name = static_cast<cl_device_info>(c.value(1));
+    size_t p_param_value_size = static_cast<size_t>(c.value(2));
+    void * p_param_value = reinterpret_cast<void *>(c.out(3, c.value(2)));
+    size_t * p_param_value_size_ret = reinterpret_cast<size_t *>(c.out(4, c.value(2)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_device, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_device, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret); else r = host(p_device, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
+    c.localStatus(r);
+    H::after(c, r, p_device, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
+}
+
+// 6005 clCreateContext
+void play_6005(Call &c) {
+    using H = Hooks<cl::clCreateContext>;
+    auto host = c.cl().clCreateContext;
+    if (!H::kReplacesCall && !host) return c.missing();
+    const cl_context_properties * p_properties = reinterpret_cast<const cl_context_properties *>(const_cast<void *>(c.in(0)));
+    cl_uint p_num_devices = static_cast<cl_uint>(c.value(1));
+    const cl_device_id * p_devices = reinterpret_cast<const cl_device_id *>(c.handles(Handle::ClDevice, 2));
+    std::nullptr_t p_pfn_notify = nullptr;
+    void * p_user_data = nullptr;
+    cl_int * p_errcode_ret = reinterpret_cast<cl_int *>(c.out(5));
+    if (!c.ok()) return;
+    if (!H::before(c, p_properties, p_num_devices, p_devices, p_pfn_notify, p_user_data, p_errcode_ret)) return;
+    cl_context r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_properties, p_num_devices, p_devices, p_pfn_notify, p_user_data, p_errcode_ret); else r = host(p_properties, p_num_devices, p_devices, p_pfn_notify, p_user_data, p_errcode_ret);
+    c.createdHandle(Handle::ClContext, r);
+    if (p_errcode_ret) c.localStatus(*p_errcode_ret);
+    H::after(c, r, p_properties, p_num_devices, p_devices, p_pfn_notify, p_user_data, p_errcode_ret);
+}
+
+// 6006 clCreateContextFromType
+void play_6006(Call &c) {
+    using H = Hooks<cl::clCreateContextFromType>;
+    auto host = c.cl().clCreateContextFromType;
+    if (!H::kReplacesCall && !host) return c.missing();
+    const cl_context_properties * p_properties = reinterpret_cast<const cl_context_properties *>(const_cast<void *>(c.in(0)));
+    cl_device_type p_device_type = static_cast<cl_device_type>(c.value(1));
+    std::nullptr_t p_pfn_notify = nullptr;
+    void * p_user_data = nullptr;
+    cl_int * p_errcode_ret = reinterpret_cast<cl_int *>(c.out(4));
+    if (!c.ok()) return;
+    if (!H::before(c, p_properties, p_device_type, p_pfn_notify, p_user_data, p_errcode_ret)) return;
+    cl_context r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_properties, p_device_type, p_pfn_notify, p_user_data, p_errcode_ret); else r = host(p_properties, p_device_type, p_pfn_notify, p_user_data, p_errcode_ret);
+    c.createdHandle(Handle::ClContext, r);
+    if (p_errcode_ret) c.localStatus(*p_errcode_ret);
+    H::after(c, r, p_properties, p_device_type, p_pfn_notify, p_user_data, p_errcode_ret);
+}
+
+// 6007 clRetainContext
+void play_6007(Call &c) {
+    using H = Hooks<cl::clRetainContext>;
+    auto host = c.cl().clRetainContext;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_context p_context = c.handle<cl_context>(Handle::ClContext, 0);
+    if (!c.ok()) return;
+    if (!H::before(c, p_context)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_context); else r = host(p_context);
+    c.localStatus(r);
+    H::after(c, r, p_context);
+}
+
+// 6008 clReleaseContext
+void play_6008(Call &c) {
+    using H = Hooks<cl::clReleaseContext>;
+    auto host = c.cl().clReleaseContext;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_context p_context = c.handle<cl_context>(Handle::ClContext, 0);
+    if (!c.ok()) return;
+    if (!H::before(c, p_context)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_context); else r = host(p_context);
+    c.localStatus(r);
+    H::after(c, r, p_context);
+}
+
+// 6009 clGetContextInfo
+void play_6009(Call &c) {
+    using H = Hooks<cl::clGetContextInfo>;
+    auto host = c.cl().clGetContextInfo;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_context p_context = c.handle<cl_context>(Handle::ClContext, 0);
+    cl_context_info p_param_name = static_cast<cl_context_info>(c.value(1));
+    size_t p_param_value_size = static_cast<size_t>(c.value(2));
+    void * p_param_value = reinterpret_cast<void *>(c.out(3, c.value(2)));
+    size_t * p_param_value_size_ret = reinterpret_cast<size_t *>(c.out(4, c.value(2)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_context, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_context, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret); else r = host(p_context, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
+    c.localStatus(r);
+    H::after(c, r, p_context, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
+}
+
+// 6010 clCreateCommandQueue
+void play_6010(Call &c) {
+    using H = Hooks<cl::clCreateCommandQueue>;
+    auto host = c.cl().clCreateCommandQueue;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_context p_context = c.handle<cl_context>(Handle::ClContext, 0);
+    cl_device_id p_device = c.handle<cl_device_id>(Handle::ClDevice, 1);
+    cl_command_queue_properties p_properties = static_cast<cl_command_queue_properties>(c.value(2));
+    cl_int * p_errcode_ret = reinterpret_cast<cl_int *>(c.out(3));
+    if (!c.ok()) return;
+    if (!H::before(c, p_context, p_device, p_properties, p_errcode_ret)) return;
+    cl_command_queue r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_context, p_device, p_properties, p_errcode_ret); else r = host(p_context, p_device, p_properties, p_errcode_ret);
+    c.createdHandle(Handle::ClQueue, r);
+    if (p_errcode_ret) c.localStatus(*p_errcode_ret);
+    H::after(c, r, p_context, p_device, p_properties, p_errcode_ret);
+}
+
+// 6011 clRetainCommandQueue
+void play_6011(Call &c) {
+    using H = Hooks<cl::clRetainCommandQueue>;
+    auto host = c.cl().clRetainCommandQueue;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_command_queue p_command_queue = c.handle<cl_command_queue>(Handle::ClQueue, 0);
+    if (!c.ok()) return;
+    if (!H::before(c, p_command_queue)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue); else r = host(p_command_queue);
+    c.localStatus(r);
+    H::after(c, r, p_command_queue);
+}
+
+// 6012 clReleaseCommandQueue
+void play_6012(Call &c) {
+    using H = Hooks<cl::clReleaseCommandQueue>;
+    auto host = c.cl().clReleaseCommandQueue;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_command_queue p_command_queue = c.handle<cl_command_queue>(Handle::ClQueue, 0);
+    if (!c.ok()) return;
+    if (!H::before(c, p_command_queue)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue); else r = host(p_command_queue);
+    c.localStatus(r);
+    H::after(c, r, p_command_queue);
+}
+
+// 6013 clGetCommandQueueInfo
+void play_6013(Call &c) {
+    using H = Hooks<cl::clGetCommandQueueInfo>;
+    auto host = c.cl().clGetCommandQueueInfo;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_command_queue p_command_queue = c.handle<cl_command_queue>(Handle::ClQueue, 0);
+    cl_command_queue_info p_param_name = static_cast<cl_command_queue_info>(c.value(1));
+    size_t p_param_value_size = static_cast<size_t>(c.value(2));
+    void * p_param_value = reinterpret_cast<void *>(c.out(3, c.value(2)));
+    size_t * p_param_value_size_ret = reinterpret_cast<size_t *>(c.out(4, c.value(2)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_command_queue, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret); else r = host(p_command_queue, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
+    c.localStatus(r);
+    H::after(c, r, p_command_queue, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
+}
+
+// 6014 clSetCommandQueueProperty
+void play_6014(Call &c) {
+    using H = Hooks<cl::clSetCommandQueueProperty>;
+    auto host = c.cl().clSetCommandQueueProperty;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_command_queue p_command_queue = c.handle<cl_command_queue>(Handle::ClQueue, 0);
+    cl_command_queue_properties p_properties = static_cast<cl_command_queue_properties>(c.value(1));
+    cl_bool p_enable = static_cast<cl_bool>(c.value(2));
+    cl_command_queue_properties * p_old_properties = reinterpret_cast<cl_command_queue_properties *>(c.out(3));
+    if (!c.ok()) return;
+    if (!H::before(c, p_command_queue, p_properties, p_enable, p_old_properties)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue, p_properties, p_enable, p_old_properties); else r = host(p_command_queue, p_properties, p_enable, p_old_properties);
+    c.localStatus(r);
+    H::after(c, r, p_command_queue, p_properties, p_enable, p_old_properties);
+}
+
+// 6015 clCreateBuffer
+void play_6015(Call &c) {
+    using H = Hooks<cl::clCreateBuffer>;
+    auto host = c.cl().clCreateBuffer;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_context p_context = c.handle<cl_context>(Handle::ClContext, 0);
+    cl_mem_flags p_flags = static_cast<cl_mem_flags>(c.value(1));
+    size_t p_size = static_cast<size_t>(c.value(2));
+    void * p_host_ptr = reinterpret_cast<void *>(const_cast<void *>(c.in(3)));
+    cl_int * p_errcode_ret = reinterpret_cast<cl_int *>(c.out(4));
+    if (!c.ok()) return;
+    if (!H::before(c, p_context, p_flags, p_size, p_host_ptr, p_errcode_ret)) return;
+    cl_mem r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_context, p_flags, p_size, p_host_ptr, p_errcode_ret); else r = host(p_context, p_flags, p_size, p_host_ptr, p_errcode_ret);
+    c.createdHandle(Handle::ClMem, r);
+    if (p_errcode_ret) c.localStatus(*p_errcode_ret);
+    H::after(c, r, p_context, p_flags, p_size, p_host_ptr, p_errcode_ret);
+}
+
+// 6016 clCreateSubBuffer
+void play_6016(Call &c) {
+    using H = Hooks<cl::clCreateSubBuffer>;
+    auto host = c.cl().clCreateSubBuffer;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_mem p_buffer = c.handle<cl_mem>(Handle::ClMem, 0);
+    cl_mem_flags p_flags = static_cast<cl_mem_flags>(c.value(1));
+    cl_buffer_create_type p_buffer_create_type = static_cast<cl_buffer_create_type>(c.value(2));
+    const void * p_buffer_create_info = reinterpret_cast<const void *>(const_cast<void *>(c.in(3)));
+    cl_int * p_errcode_ret = reinterpret_cast<cl_int *>(c.out(4));
+    if (!c.ok()) return;
+    if (!H::before(c, p_buffer, p_flags, p_buffer_create_type, p_buffer_create_info, p_errcode_ret)) return;
+    cl_mem r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_buffer, p_flags, p_buffer_create_type, p_buffer_create_info, p_errcode_ret); else r = host(p_buffer, p_flags, p_buffer_create_type, p_buffer_create_info, p_errcode_ret);
+    c.createdHandle(Handle::ClMem, r);
+    if (p_errcode_ret) c.localStatus(*p_errcode_ret);
+    H::after(c, r, p_buffer, p_flags, p_buffer_create_type, p_buffer_create_info, p_errcode_ret);
+}
+
+// 6017 clCreateImage2D
+void play_6017(Call &c) {
+    using H = Hooks<cl::clCreateImage2D>;
+    auto host = c.cl().clCreateImage2D;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_context p_context = c.handle<cl_context>(Handle::ClContext, 0);
+    cl_mem_flags p_flags = static_cast<cl_mem_flags>(c.value(1));
+    const cl_image_format * p_image_format = reinterpret_cast<const cl_image_format *>(const_cast<void *>(c.in(2)));
+    size_t p_image_width = static_cast<size_t>(c.value(3));
+    size_t p_image_height = static_cast<size_t>(c.value(4));
+    size_t p_image_row_pitch = static_cast<size_t>(c.value(5));
+    void * p_host_ptr = reinterpret_cast<void *>(const_cast<void *>(c.in(6)));
+    cl_int * p_errcode_ret = reinterpret_cast<cl_int *>(c.out(7));
+    if (!c.ok()) return;
+    if (!H::before(c, p_context, p_flags, p_image_format, p_image_width, p_image_height, p_image_row_pitch, p_host_ptr, p_errcode_ret)) return;
+    cl_mem r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_context, p_flags, p_image_format, p_image_width, p_image_height, p_image_row_pitch, p_host_ptr, p_errcode_ret); else r = host(p_context, p_flags, p_image_format, p_image_width, p_image_height, p_image_row_pitch, p_host_ptr, p_errcode_ret);
+    c.createdHandle(Handle::ClMem, r);
+    if (p_errcode_ret) c.localStatus(*p_errcode_ret);
+    H::after(c, r, p_context, p_flags, p_image_format, p_image_width, p_image_height, p_image_row_pitch, p_host_ptr, p_errcode_ret);
+}
+
+// 6018 clCreateImage3D
+void play_6018(Call &c) {
+    using H = Hooks<cl::clCreateImage3D>;
+    auto host = c.cl().clCreateImage3D;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_context p_context = c.handle<cl_context>(Handle::ClContext, 0);
+    cl_mem_flags p_flags = static_cast<cl_mem_flags>(c.value(1));
+    const cl_image_format * p_image_format = reinterpret_cast<const cl_image_format *>(const_cast<void *>(c.in(2)));
+    size_t p_image_width = static_cast<size_t>(c.value(3));
+    size_t p_image_height = static_cast<size_t>(c.value(4));
+    size_t p_image_depth = static_cast<size_t>(c.value(5));
+    size_t p_image_row_pitch = static_cast<size_t>(c.value(6));
+    size_t p_image_slice_pitch = static_cast<size_t>(c.value(7));
+    void * p_host_ptr = reinterpret_cast<void *>(const_cast<void *>(c.in(8)));
+    cl_int * p_errcode_ret = reinterpret_cast<cl_int *>(c.out(9));
+    if (!c.ok()) return;
+    if (!H::before(c, p_context, p_flags, p_image_format, p_image_width, p_image_height, p_image_depth, p_image_row_pitch, p_image_slice_pitch, p_host_ptr, p_errcode_ret)) return;
+    cl_mem r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_context, p_flags, p_image_format, p_image_width, p_image_height, p_image_depth, p_image_row_pitch, p_image_slice_pitch, p_host_ptr, p_errcode_ret); else r = host(p_context, p_flags, p_image_format, p_image_width, p_image_height, p_image_depth, p_image_row_pitch, p_image_slice_pitch, p_host_ptr, p_errcode_ret);
+    c.createdHandle(Handle::ClMem, r);
+    if (p_errcode_ret) c.localStatus(*p_errcode_ret);
+    H::after(c, r, p_context, p_flags, p_image_format, p_image_width, p_image_height, p_image_depth, p_image_row_pitch, p_image_slice_pitch, p_host_ptr, p_errcode_ret);
+}
+
+// 6019 clRetainMemObject
+void play_6019(Call &c) {
+    using H = Hooks<cl::clRetainMemObject>;
+    auto host = c.cl().clRetainMemObject;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_mem p_memobj = c.handle<cl_mem>(Handle::ClMem, 0);
+    if (!c.ok()) return;
+    if (!H::before(c, p_memobj)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_memobj); else r = host(p_memobj);
+    c.localStatus(r);
+    H::after(c, r, p_memobj);
+}
+
+// 6020 clReleaseMemObject
+void play_6020(Call &c) {
+    using H = Hooks<cl::clReleaseMemObject>;
+    auto host = c.cl().clReleaseMemObject;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_mem p_memobj = c.handle<cl_mem>(Handle::ClMem, 0);
+    if (!c.ok()) return;
+    if (!H::before(c, p_memobj)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_memobj); else r = host(p_memobj);
+    c.localStatus(r);
+    H::after(c, r, p_memobj);
+}
+
+// 6021 clGetSupportedImageFormats
+void play_6021(Call &c) {
+    using H = Hooks<cl::clGetSupportedImageFormats>;
+    auto host = c.cl().clGetSupportedImageFormats;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_context p_context = c.handle<cl_context>(Handle::ClContext, 0);
+    cl_mem_flags p_flags = static_cast<cl_mem_flags>(c.value(1));
+    cl_mem_object_type p_image_type = static_cast<cl_mem_object_type>(c.value(2));
+    cl_uint p_num_entries = static_cast<cl_uint>(c.value(3));
+    cl_image_format * p_image_formats = reinterpret_cast<cl_image_format *>(c.out(4));
+    cl_uint * p_num_image_formats = reinterpret_cast<cl_uint *>(c.out(5));
+    if (!c.ok()) return;
+    if (!H::before(c, p_context, p_flags, p_image_type, p_num_entries, p_image_formats, p_num_image_formats)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_context, p_flags, p_image_type, p_num_entries, p_image_formats, p_num_image_formats); else r = host(p_context, p_flags, p_image_type, p_num_entries, p_image_formats, p_num_image_formats);
+    c.localStatus(r);
+    H::after(c, r, p_context, p_flags, p_image_type, p_num_entries, p_image_formats, p_num_image_formats);
+}
+
+// 6022 clGetMemObjectInfo
+void play_6022(Call &c) {
+    using H = Hooks<cl::clGetMemObjectInfo>;
+    auto host = c.cl().clGetMemObjectInfo;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_mem p_memobj = c.handle<cl_mem>(Handle::ClMem, 0);
+    cl_mem_info p_param_name = static_cast<cl_mem_info>(c.value(1));
+    size_t p_param_value_size = static_cast<size_t>(c.value(2));
+    void * p_param_value = reinterpret_cast<void *>(c.out(3, c.value(2)));
+    size_t * p_param_value_size_ret = reinterpret_cast<size_t *>(c.out(4, c.value(2)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_memobj, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_memobj, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret); else r = host(p_memobj, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
+    c.localStatus(r);
+    H::after(c, r, p_memobj, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
+}
+
+// 6023 clGetImageInfo
+void play_6023(Call &c) {
+    using H = Hooks<cl::clGetImageInfo>;
+    auto host = c.cl().clGetImageInfo;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_mem p_image = c.handle<cl_mem>(Handle::ClMem, 0);
+    cl_image_info p_param_name = static_cast<cl_image_info>(c.value(1));
+    size_t p_param_value_size = static_cast<size_t>(c.value(2));
+    void * p_param_value = reinterpret_cast<void *>(c.out(3, c.value(2)));
+    size_t * p_param_value_size_ret = reinterpret_cast<size_t *>(c.out(4, c.value(2)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_image, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_image, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret); else r = host(p_image, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
+    c.localStatus(r);
+    H::after(c, r, p_image, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
+}
+
+// 6024 clSetMemObjectDestructorCallback
+void play_6024(Call &c) {
+    using H = Hooks<cl::clSetMemObjectDestructorCallback>;
+    auto host = c.cl().clSetMemObjectDestructorCallback;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_mem p_memobj = c.handle<cl_mem>(Handle::ClMem, 0);
+    std::nullptr_t p_pfn_notify = nullptr;
+    void * p_user_data = nullptr;
+    if (!c.ok()) return;
+    if (!H::before(c, p_memobj, p_pfn_notify, p_user_data)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_memobj, p_pfn_notify, p_user_data); else r = host(p_memobj, p_pfn_notify, p_user_data);
+    c.localStatus(r);
+    H::after(c, r, p_memobj, p_pfn_notify, p_user_data);
+}
+
+// 6025 clCreateSampler
+void play_6025(Call &c) {
+    using H = Hooks<cl::clCreateSampler>;
+    auto host = c.cl().clCreateSampler;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_context p_context = c.handle<cl_context>(Handle::ClContext, 0);
+    cl_bool p_normalized_coords = static_cast<cl_bool>(c.value(1));
+    cl_addressing_mode p_addressing_mode = static_cast<cl_addressing_mode>(c.value(2));
+    cl_filter_mode p_filter_mode = static_cast<cl_filter_mode>(c.value(3));
+    cl_int * p_errcode_ret = reinterpret_cast<cl_int *>(c.out(4));
+    if (!c.ok()) return;
+    if (!H::before(c, p_context, p_normalized_coords, p_addressing_mode, p_filter_mode, p_errcode_ret)) return;
+    cl_sampler r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_context, p_normalized_coords, p_addressing_mode, p_filter_mode, p_errcode_ret); else r = host(p_context, p_normalized_coords, p_addressing_mode, p_filter_mode, p_errcode_ret);
+    c.createdHandle(Handle::ClSampler, r);
+    if (p_errcode_ret) c.localStatus(*p_errcode_ret);
+    H::after(c, r, p_context, p_normalized_coords, p_addressing_mode, p_filter_mode, p_errcode_ret);
+}
+
+// 6026 clRetainSampler
+void play_6026(Call &c) {
+    using H = Hooks<cl::clRetainSampler>;
+    auto host = c.cl().clRetainSampler;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_sampler p_sampler = c.handle<cl_sampler>(Handle::ClSampler, 0);
+    if (!c.ok()) return;
+    if (!H::before(c, p_sampler)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_sampler); else r = host(p_sampler);
+    c.localStatus(r);
+    H::after(c, r, p_sampler);
+}
+
+// 6027 clReleaseSampler
+void play_6027(Call &c) {
+    using H = Hooks<cl::clReleaseSampler>;
+    auto host = c.cl().clReleaseSampler;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_sampler p_sampler = c.handle<cl_sampler>(Handle::ClSampler, 0);
+    if (!c.ok()) return;
+    if (!H::before(c, p_sampler)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_sampler); else r = host(p_sampler);
+    c.localStatus(r);
+    H::after(c, r, p_sampler);
+}
+
+// 6028 clGetSamplerInfo
+void play_6028(Call &c) {
+    using H = Hooks<cl::clGetSamplerInfo>;
+    auto host = c.cl().clGetSamplerInfo;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_sampler p_sampler = c.handle<cl_sampler>(Handle::ClSampler, 0);
+    cl_sampler_info p_param_name = static_cast<cl_sampler_info>(c.value(1));
+    size_t p_param_value_size = static_cast<size_t>(c.value(2));
+    void * p_param_value = reinterpret_cast<void *>(c.out(3, c.value(2)));
+    size_t * p_param_value_size_ret = reinterpret_cast<size_t *>(c.out(4, c.value(2)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_sampler, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_sampler, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret); else r = host(p_sampler, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
+    c.localStatus(r);
+    H::after(c, r, p_sampler, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
+}
+
+// 6029 clCreateProgramWithSource
+void play_6029(Call &c) {
+    using H = Hooks<cl::clCreateProgramWithSource>;
+    auto host = c.cl().clCreateProgramWithSource;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_context p_context = c.handle<cl_context>(Handle::ClContext, 0);
+    cl_uint p_count = static_cast<cl_uint>(c.value(1));
+    const char ** p_strings = reinterpret_cast<const char **>(const_cast<const char **>(c.strings(2)));
+    const size_t * p_lengths = reinterpret_cast<const size_t *>(c.sizeLengths(2));
+    cl_int * p_errcode_ret = reinterpret_cast<cl_int *>(c.out(4));
+    if (!c.ok()) return;
+    if (!H::before(c, p_context, p_count, p_strings, p_lengths, p_errcode_ret)) return;
+    cl_program r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_context, p_count, p_strings, p_lengths, p_errcode_ret); else r = host(p_context, p_count, p_strings, p_lengths, p_errcode_ret);
+    c.createdHandle(Handle::ClProgram, r);
+    if (p_errcode_ret) c.localStatus(*p_errcode_ret);
+    H::after(c, r, p_context, p_count, p_strings, p_lengths, p_errcode_ret);
+}
+
+// 6030 clCreateProgramWithBinary
+void play_6030(Call &c) {
+    using H = Hooks<cl::clCreateProgramWithBinary>;
+    auto host = c.cl().clCreateProgramWithBinary;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_context p_context = c.handle<cl_context>(Handle::ClContext, 0);
+    cl_uint p_num_devices = static_cast<cl_uint>(c.value(1));
+    const cl_device_id * p_device_list = reinterpret_cast<const cl_device_id *>(c.handles(Handle::ClDevice, 2));
+    const size_t * p_lengths = reinterpret_cast<const size_t *>(c.sizeLengths(4));
+    const unsigned char ** p_binaries = reinterpret_cast<const unsigned char **>(const_cast<const char **>(c.strings(4)));
+    cl_int * p_binary_status = reinterpret_cast<cl_int *>(c.out(5));
+    cl_int * p_errcode_ret = reinterpret_cast<cl_int *>(c.out(6));
+    if (!c.ok()) return;
+    if (!H::before(c, p_context, p_num_devices, p_device_list, p_lengths, p_binaries, p_binary_status, p_errcode_ret)) return;
+    cl_program r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_context, p_num_devices, p_device_list, p_lengths, p_binaries, p_binary_status, p_errcode_ret); else r = host(p_context, p_num_devices, p_device_list, p_lengths, p_binaries, p_binary_status, p_errcode_ret);
+    c.createdHandle(Handle::ClProgram, r);
+    if (p_errcode_ret) c.localStatus(*p_errcode_ret);
+    H::after(c, r, p_context, p_num_devices, p_device_list, p_lengths, p_binaries, p_binary_status, p_errcode_ret);
+}
+
+// 6031 clRetainProgram
+void play_6031(Call &c) {
+    using H = Hooks<cl::clRetainProgram>;
+    auto host = c.cl().clRetainProgram;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_program p_program = c.handle<cl_program>(Handle::ClProgram, 0);
+    if (!c.ok()) return;
+    if (!H::before(c, p_program)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_program); else r = host(p_program);
+    c.localStatus(r);
+    H::after(c, r, p_program);
+}
+
+// 6032 clReleaseProgram
+void play_6032(Call &c) {
+    using H = Hooks<cl::clReleaseProgram>;
+    auto host = c.cl().clReleaseProgram;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_program p_program = c.handle<cl_program>(Handle::ClProgram, 0);
+    if (!c.ok()) return;
+    if (!H::before(c, p_program)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_program); else r = host(p_program);
+    c.localStatus(r);
+    H::after(c, r, p_program);
+}
+
+// 6033 clBuildProgram
+void play_6033(Call &c) {
+    using H = Hooks<cl::clBuildProgram>;
+    auto host = c.cl().clBuildProgram;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_program p_program = c.handle<cl_program>(Handle::ClProgram, 0);
+    cl_uint p_num_devices = static_cast<cl_uint>(c.value(1));
+    const cl_device_id * p_device_list = reinterpret_cast<const cl_device_id *>(c.handles(Handle::ClDevice, 2));
+    const char * p_options = reinterpret_cast<const char *>(c.string(3));
+    std::nullptr_t p_pfn_notify = nullptr;
+    void * p_user_data = nullptr;
+    if (!c.ok()) return;
+    if (!H::before(c, p_program, p_num_devices, p_device_list, p_options, p_pfn_notify, p_user_data)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_program, p_num_devices, p_device_list, p_options, p_pfn_notify, p_user_data); else r = host(p_program, p_num_devices, p_device_list, p_options, p_pfn_notify, p_user_data);
+    c.localStatus(r);
+    H::after(c, r, p_program, p_num_devices, p_device_list, p_options, p_pfn_notify, p_user_data);
+}
+
+// 6034 clUnloadCompiler
+void play_6034(Call &c) {
+    using H = Hooks<cl::clUnloadCompiler>;
+    auto host = c.cl().clUnloadCompiler;
+    if (!H::kReplacesCall && !host) return c.missing();
+    if (!c.ok()) return;
+    if (!H::before(c)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c); else r = host();
+    c.localStatus(r);
+    H::after(c, r);
+}
+
+// 6035 clGetProgramInfo
+void play_6035(Call &c) {
+    using H = Hooks<cl::clGetProgramInfo>;
+    auto host = c.cl().clGetProgramInfo;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_program p_program = c.handle<cl_program>(Handle::ClProgram, 0);
+    cl_program_info p_param_name = static_cast<cl_program_info>(c.value(1));
+    size_t p_param_value_size = static_cast<size_t>(c.value(2));
+    void * p_param_value = reinterpret_cast<void *>(c.out(3, c.value(2)));
+    size_t * p_param_value_size_ret = reinterpret_cast<size_t *>(c.out(4, c.value(2)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_program, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_program, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret); else r = host(p_program, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
+    c.localStatus(r);
+    H::after(c, r, p_program, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
+}
+
+// 6036 clGetProgramBuildInfo
+void play_6036(Call &c) {
+    using H = Hooks<cl::clGetProgramBuildInfo>;
+    auto host = c.cl().clGetProgramBuildInfo;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_program p_program = c.handle<cl_program>(Handle::ClProgram, 0);
+    cl_device_id p_device = c.handle<cl_device_id>(Handle::ClDevice, 1);
+    cl_program_build_info p_param_name = static_cast<cl_program_build_info>(c.value(2));
+    size_t p_param_value_size = static_cast<size_t>(c.value(3));
+    void * p_param_value = reinterpret_cast<void *>(c.out(4, c.value(3)));
+    size_t * p_param_value_size_ret = reinterpret_cast<size_t *>(c.out(5, c.value(3)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_program, p_device, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_program, p_device, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret); else r = host(p_program, p_device, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
+    c.localStatus(r);
+    H::after(c, r, p_program, p_device, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
+}
+
+// 6037 clCreateKernel
+void play_6037(Call &c) {
+    using H = Hooks<cl::clCreateKernel>;
+    auto host = c.cl().clCreateKernel;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_program p_program = c.handle<cl_program>(Handle::ClProgram, 0);
+    const char * p_kernel_name = reinterpret_cast<const char *>(c.string(1));
+    cl_int * p_errcode_ret = reinterpret_cast<cl_int *>(c.out(2));
+    if (!c.ok()) return;
+    if (!H::before(c, p_program, p_kernel_name, p_errcode_ret)) return;
+    cl_kernel r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_program, p_kernel_name, p_errcode_ret); else r = host(p_program, p_kernel_name, p_errcode_ret);
+    c.createdHandle(Handle::ClKernel, r);
+    if (p_errcode_ret) c.localStatus(*p_errcode_ret);
+    H::after(c, r, p_program, p_kernel_name, p_errcode_ret);
+}
+
+// 6038 clCreateKernelsInProgram
+void play_6038(Call &c) {
+    using H = Hooks<cl::clCreateKernelsInProgram>;
+    auto host = c.cl().clCreateKernelsInProgram;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_program p_program = c.handle<cl_program>(Handle::ClProgram, 0);
+    cl_uint p_num_kernels = static_cast<cl_uint>(c.value(1));
+    cl_kernel * p_kernels = reinterpret_cast<cl_kernel *>(c.out(2));
+    cl_uint * p_num_kernels_ret = reinterpret_cast<cl_uint *>(c.out(3));
+    if (!c.ok()) return;
+    if (!H::before(c, p_program, p_num_kernels, p_kernels, p_num_kernels_ret)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_program, p_num_kernels, p_kernels, p_num_kernels_ret); else r = host(p_program, p_num_kernels, p_kernels, p_num_kernels_ret);
+    c.createdHandles(Handle::ClKernel, 2, p_kernels);
+    c.localStatus(r);
+    H::after(c, r, p_program, p_num_kernels, p_kernels, p_num_kernels_ret);
+}
+
+// 6039 clRetainKernel
+void play_6039(Call &c) {
+    using H = Hooks<cl::clRetainKernel>;
+    auto host = c.cl().clRetainKernel;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_kernel p_kernel = c.handle<cl_kernel>(Handle::ClKernel, 0);
+    if (!c.ok()) return;
+    if (!H::before(c, p_kernel)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_kernel); else r = host(p_kernel);
+    c.localStatus(r);
+    H::after(c, r, p_kernel);
+}
+
+// 6040 clReleaseKernel
+void play_6040(Call &c) {
+    using H = Hooks<cl::clReleaseKernel>;
+    auto host = c.cl().clReleaseKernel;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_kernel p_kernel = c.handle<cl_kernel>(Handle::ClKernel, 0);
+    if (!c.ok()) return;
+    if (!H::before(c, p_kernel)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_kernel); else r = host(p_kernel);
+    c.localStatus(r);
+    H::after(c, r, p_kernel);
+}
+
+// 6041 clSetKernelArg
+void play_6041(Call &c) {
+    using H = Hooks<cl::clSetKernelArg>;
+    auto host = c.cl().clSetKernelArg;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_kernel p_kernel = c.handle<cl_kernel>(Handle::ClKernel, 0);
+    cl_uint p_arg_index = static_cast<cl_uint>(c.value(1));
+    size_t p_arg_size = static_cast<size_t>(c.value(2));
+    const void * p_arg_value = reinterpret_cast<const void *>(const_cast<void *>(c.in(3)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_kernel, p_arg_index, p_arg_size, p_arg_value)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_kernel, p_arg_index, p_arg_size, p_arg_value); else r = host(p_kernel, p_arg_index, p_arg_size, p_arg_value);
+    c.localStatus(r);
+    H::after(c, r, p_kernel, p_arg_index, p_arg_size, p_arg_value);
+}
+
+// 6042 clGetKernelInfo
+void play_6042(Call &c) {
+    using H = Hooks<cl::clGetKernelInfo>;
+    auto host = c.cl().clGetKernelInfo;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_kernel p_kernel = c.handle<cl_kernel>(Handle::ClKernel, 0);
+    cl_kernel_info p_param_name = static_cast<cl_kernel_info>(c.value(1));
+    size_t p_param_value_size = static_cast<size_t>(c.value(2));
+    void * p_param_value = reinterpret_cast<void *>(c.out(3, c.value(2)));
+    size_t * p_param_value_size_ret = reinterpret_cast<size_t *>(c.out(4, c.value(2)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_kernel, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_kernel, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret); else r = host(p_kernel, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
+    c.localStatus(r);
+    H::after(c, r, p_kernel, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
+}
+
+// 6043 clGetKernelWorkGroupInfo
+void play_6043(Call &c) {
+    using H = Hooks<cl::clGetKernelWorkGroupInfo>;
+    auto host = c.cl().clGetKernelWorkGroupInfo;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_kernel p_kernel = c.handle<cl_kernel>(Handle::ClKernel, 0);
+    cl_device_id p_device = c.handle<cl_device_id>(Handle::ClDevice, 1);
+    cl_kernel_work_group_info p_param_name = static_cast<cl_kernel_work_group_info>(c.value(2));
+    size_t p_param_value_size = static_cast<size_t>(c.value(3));
+    void * p_param_value = reinterpret_cast<void *>(c.out(4, c.value(3)));
+    size_t * p_param_value_size_ret = reinterpret_cast<size_t *>(c.out(5, c.value(3)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_kernel, p_device, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_kernel, p_device, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret); else r = host(p_kernel, p_device, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
+    c.localStatus(r);
+    H::after(c, r, p_kernel, p_device, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
+}
+
+// 6044 clWaitForEvents
+void play_6044(Call &c) {
+    using H = Hooks<cl::clWaitForEvents>;
+    auto host = c.cl().clWaitForEvents;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_uint p_num_events = static_cast<cl_uint>(c.value(0));
+    const cl_event * p_event_list = reinterpret_cast<const cl_event *>(c.handles(Handle::ClEvent, 1));
+    if (!c.ok()) return;
+    if (!H::before(c, p_num_events, p_event_list)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_num_events, p_event_list); else r = host(p_num_events, p_event_list);
+    c.localStatus(r);
+    H::after(c, r, p_num_events, p_event_list);
+}
+
+// 6045 clGetEventInfo
+void play_6045(Call &c) {
+    using H = Hooks<cl::clGetEventInfo>;
+    auto host = c.cl().clGetEventInfo;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_event p_event = c.handle<cl_event>(Handle::ClEvent, 0);
+    cl_event_info p_param_name = static_cast<cl_event_info>(c.value(1));
+    size_t p_param_value_size = static_cast<size_t>(c.value(2));
+    void * p_param_value = reinterpret_cast<void *>(c.out(3, c.value(2)));
+    size_t * p_param_value_size_ret = reinterpret_cast<size_t *>(c.out(4, c.value(2)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_event, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_event, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret); else r = host(p_event, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
+    c.localStatus(r);
+    H::after(c, r, p_event, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
+}
+
+// 6046 clCreateUserEvent
+void play_6046(Call &c) {
+    using H = Hooks<cl::clCreateUserEvent>;
+    auto host = c.cl().clCreateUserEvent;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_context p_context = c.handle<cl_context>(Handle::ClContext, 0);
+    cl_int * p_errcode_ret = reinterpret_cast<cl_int *>(c.out(1));
+    if (!c.ok()) return;
+    if (!H::before(c, p_context, p_errcode_ret)) return;
+    cl_event r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_context, p_errcode_ret); else r = host(p_context, p_errcode_ret);
+    c.createdHandle(Handle::ClEvent, r);
+    if (p_errcode_ret) c.localStatus(*p_errcode_ret);
+    H::after(c, r, p_context, p_errcode_ret);
+}
+
+// 6047 clRetainEvent
+void play_6047(Call &c) {
+    using H = Hooks<cl::clRetainEvent>;
+    auto host = c.cl().clRetainEvent;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_event p_event = c.handle<cl_event>(Handle::ClEvent, 0);
+    if (!c.ok()) return;
+    if (!H::before(c, p_event)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_event); else r = host(p_event);
+    c.localStatus(r);
+    H::after(c, r, p_event);
+}
+
+// 6048 clReleaseEvent
+void play_6048(Call &c) {
+    using H = Hooks<cl::clReleaseEvent>;
+    auto host = c.cl().clReleaseEvent;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_event p_event = c.handle<cl_event>(Handle::ClEvent, 0);
+    if (!c.ok()) return;
+    if (!H::before(c, p_event)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_event); else r = host(p_event);
+    c.localStatus(r);
+    H::after(c, r, p_event);
+}
+
+// 6049 clSetUserEventStatus
+void play_6049(Call &c) {
+    using H = Hooks<cl::clSetUserEventStatus>;
+    auto host = c.cl().clSetUserEventStatus;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_event p_event = c.handle<cl_event>(Handle::ClEvent, 0);
+    cl_int p_execution_status = static_cast<cl_int>(c.value(1));
+    if (!c.ok()) return;
+    if (!H::before(c, p_event, p_execution_status)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_event, p_execution_status); else r = host(p_event, p_execution_status);
+    c.localStatus(r);
+    H::after(c, r, p_event, p_execution_status);
+}
+
+// 6050 clSetEventCallback
+void play_6050(Call &c) {
+    using H = Hooks<cl::clSetEventCallback>;
+    auto host = c.cl().clSetEventCallback;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_event p_event = c.handle<cl_event>(Handle::ClEvent, 0);
+    cl_int p_command_exec_callback_type = static_cast<cl_int>(c.value(1));
+    std::nullptr_t p_pfn_notify = nullptr;
+    void * p_user_data = nullptr;
+    if (!c.ok()) return;
+    if (!H::before(c, p_event, p_command_exec_callback_type, p_pfn_notify, p_user_data)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_event, p_command_exec_callback_type, p_pfn_notify, p_user_data); else r = host(p_event, p_command_exec_callback_type, p_pfn_notify, p_user_data);
+    c.localStatus(r);
+    H::after(c, r, p_event, p_command_exec_callback_type, p_pfn_notify, p_user_data);
+}
+
+// 6051 clGetEventProfilingInfo
+void play_6051(Call &c) {
+    using H = Hooks<cl::clGetEventProfilingInfo>;
+    auto host = c.cl().clGetEventProfilingInfo;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_event p_event = c.handle<cl_event>(Handle::ClEvent, 0);
+    cl_profiling_info p_param_name = static_cast<cl_profiling_info>(c.value(1));
+    size_t p_param_value_size = static_cast<size_t>(c.value(2));
+    void * p_param_value = reinterpret_cast<void *>(c.out(3, c.value(2)));
+    size_t * p_param_value_size_ret = reinterpret_cast<size_t *>(c.out(4, c.value(2)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_event, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_event, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret); else r = host(p_event, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
+    c.localStatus(r);
+    H::after(c, r, p_event, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
+}
+
+// 6052 clFlush
+void play_6052(Call &c) {
+    using H = Hooks<cl::clFlush>;
+    auto host = c.cl().clFlush;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_command_queue p_command_queue = c.handle<cl_command_queue>(Handle::ClQueue, 0);
+    if (!c.ok()) return;
+    if (!H::before(c, p_command_queue)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue); else r = host(p_command_queue);
+    c.localStatus(r);
+    H::after(c, r, p_command_queue);
+}
+
+// 6053 clFinish
+void play_6053(Call &c) {
+    using H = Hooks<cl::clFinish>;
+    auto host = c.cl().clFinish;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_command_queue p_command_queue = c.handle<cl_command_queue>(Handle::ClQueue, 0);
+    if (!c.ok()) return;
+    if (!H::before(c, p_command_queue)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue); else r = host(p_command_queue);
+    c.localStatus(r);
+    H::after(c, r, p_command_queue);
+}
+
+// 6054 clEnqueueReadBuffer
+void play_6054(Call &c) {
+    using H = Hooks<cl::clEnqueueReadBuffer>;
+    auto host = c.cl().clEnqueueReadBuffer;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_command_queue p_command_queue = c.handle<cl_command_queue>(Handle::ClQueue, 0);
+    cl_mem p_buffer = c.handle<cl_mem>(Handle::ClMem, 1);
+    cl_bool p_blocking_read = static_cast<cl_bool>(c.value(2));
+    size_t p_offset = static_cast<size_t>(c.value(3));
+    size_t p_size = static_cast<size_t>(c.value(4));
+    void * p_ptr = reinterpret_cast<void *>(c.out(5));
+    cl_uint p_num_events_in_wait_list = static_cast<cl_uint>(c.value(6));
+    const cl_event * p_event_wait_list = reinterpret_cast<const cl_event *>(c.handles(Handle::ClEvent, 7));
+    cl_event * p_event = reinterpret_cast<cl_event *>(c.out(8));
+    if (!c.ok()) return;
+    if (!H::before(c, p_command_queue, p_buffer, p_blocking_read, p_offset, p_size, p_ptr, p_num_events_in_wait_list, p_event_wait_list, p_event)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue, p_buffer, p_blocking_read, p_offset, p_size, p_ptr, p_num_events_in_wait_list, p_event_wait_list, p_event); else r = host(p_command_queue, p_buffer, p_blocking_read, p_offset, p_size, p_ptr, p_num_events_in_wait_list, p_event_wait_list, p_event);
+    c.createdHandles(Handle::ClEvent, 8, p_event);
+    c.localStatus(r);
+    H::after(c, r, p_command_queue, p_buffer, p_blocking_read, p_offset, p_size, p_ptr, p_num_events_in_wait_list, p_event_wait_list, p_event);
+}
+
+// 6055 clEnqueueReadBufferRect
+void play_6055(Call &c) {
+    using H = Hooks<cl::clEnqueueReadBufferRect>;
+    auto host = c.cl().clEnqueueReadBufferRect;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_command_queue p_command_queue = c.handle<cl_command_queue>(Handle::ClQueue, 0);
+    cl_mem p_buffer = c.handle<cl_mem>(Handle::ClMem, 1);
+    cl_bool p_blocking_read = static_cast<cl_bool>(c.value(2));
+    const size_t * p_buffer_origin = reinterpret_cast<const size_t *>(const_cast<void *>(c.in(3)));
+    const size_t * p_host_origin = reinterpret_cast<const size_t *>(const_cast<void *>(c.in(4)));
+    const size_t * p_region = reinterpret_cast<const size_t *>(const_cast<void *>(c.in(5)));
+    size_t p_buffer_row_pitch = static_cast<size_t>(c.value(6));
+    size_t p_buffer_slice_pitch = static_cast<size_t>(c.value(7));
+    size_t p_host_row_pitch = static_cast<size_t>(c.value(8));
+    size_t p_host_slice_pitch = static_cast<size_t>(c.value(9));
+    void * p_ptr = reinterpret_cast<void *>(c.out(10));
+    cl_uint p_num_events_in_wait_list = static_cast<cl_uint>(c.value(11));
+    const cl_event * p_event_wait_list = reinterpret_cast<const cl_event *>(c.handles(Handle::ClEvent, 12));
+    cl_event * p_event = reinterpret_cast<cl_event *>(c.out(13));
+    if (!c.ok()) return;
+    if (!H::before(c, p_command_queue, p_buffer, p_blocking_read, p_buffer_origin, p_host_origin, p_region, p_buffer_row_pitch, p_buffer_slice_pitch, p_host_row_pitch, p_host_slice_pitch, p_ptr, p_num_events_in_wait_list, p_event_wait_list, p_event)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue, p_buffer, p_blocking_read, p_buffer_origin, p_host_origin, p_region, p_buffer_row_pitch, p_buffer_slice_pitch, p_host_row_pitch, p_host_slice_pitch, p_ptr, p_num_events_in_wait_list, p_event_wait_list, p_event); else r = host(p_command_queue, p_buffer, p_blocking_read, p_buffer_origin, p_host_origin, p_region, p_buffer_row_pitch, p_buffer_slice_pitch, p_host_row_pitch, p_host_slice_pitch, p_ptr, p_num_events_in_wait_list, p_event_wait_list, p_event);
+    c.createdHandles(Handle::ClEvent, 13, p_event);
+    c.localStatus(r);
+    H::after(c, r, p_command_queue, p_buffer, p_blocking_read, p_buffer_origin, p_host_origin, p_region, p_buffer_row_pitch, p_buffer_slice_pitch, p_host_row_pitch, p_host_slice_pitch, p_ptr, p_num_events_in_wait_list, p_event_wait_list, p_event);
+}
+
+// 6056 clEnqueueWriteBuffer
+void play_6056(Call &c) {
+    using H = Hooks<cl::clEnqueueWriteBuffer>;
+    auto host = c.cl().clEnqueueWriteBuffer;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_command_queue p_command_queue = c.handle<cl_command_queue>(Handle::ClQueue, 0);
+    cl_mem p_buffer = c.handle<cl_mem>(Handle::ClMem, 1);
+    cl_bool p_blocking_write = static_cast<cl_bool>(c.value(2));
+    size_t p_offset = static_cast<size_t>(c.value(3));
+    size_t p_size = static_cast<size_t>(c.value(4));
+    const void * p_ptr = reinterpret_cast<const void *>(const_cast<void *>(c.in(5)));
+    cl_uint p_num_events_in_wait_list = static_cast<cl_uint>(c.value(6));
+    const cl_event * p_event_wait_list = reinterpret_cast<const cl_event *>(c.handles(Handle::ClEvent, 7));
+    cl_event * p_event = reinterpret_cast<cl_event *>(c.out(8));
+    if (!c.ok()) return;
+    if (!H::before(c, p_command_queue, p_buffer, p_blocking_write, p_offset, p_size, p_ptr, p_num_events_in_wait_list, p_event_wait_list, p_event)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue, p_buffer, p_blocking_write, p_offset, p_size, p_ptr, p_num_events_in_wait_list, p_event_wait_list, p_event); else r = host(p_command_queue, p_buffer, p_blocking_write, p_offset, p_size, p_ptr, p_num_events_in_wait_list, p_event_wait_list, p_event);
+    c.createdHandles(Handle::ClEvent, 8, p_event);
+    c.localStatus(r);
+    H::after(c, r, p_command_queue, p_buffer, p_blocking_write, p_offset, p_size, p_ptr, p_num_events_in_wait_list, p_event_wait_list, p_event);
+}
+
+// 6057 clEnqueueWriteBufferRect
+void play_6057(Call &c) {
+    using H = Hooks<cl::clEnqueueWriteBufferRect>;
+    auto host = c.cl().clEnqueueWriteBufferRect;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_command_queue p_command_queue = c.handle<cl_command_queue>(Handle::ClQueue, 0);
+    cl_mem p_buffer = c.handle<cl_mem>(Handle::ClMem, 1);
+    cl_bool p_blocking_write = static_cast<cl_bool>(c.value(2));
+    const size_t * p_buffer_origin = reinterpret_cast<const size_t *>(const_cast<void *>(c.in(3)));
+    const size_t * p_host_origin = reinterpret_cast<const size_t *>(const_cast<void *>(c.in(4)));
+    const size_t * p_region = reinterpret_cast<const size_t *>(const_cast<void *>(c.in(5)));
+    size_t p_buffer_row_pitch = static_cast<size_t>(c.value(6));
+    size_t p_buffer_slice_pitch = static_cast<size_t>(c.value(7));
+    size_t p_host_row_pitch = static_cast<size_t>(c.value(8));
+    size_t p_host_slice_pitch = static_cast<size_t>(c.value(9));
+    const void * p_ptr = reinterpret_cast<const void *>(const_cast<void *>(c.in(10)));
+    cl_uint p_num_events_in_wait_list = static_cast<cl_uint>(c.value(11));
+    const cl_event * p_event_wait_list = reinterpret_cast<const cl_event *>(c.handles(Handle::ClEvent, 12));
+    cl_event * p_event = reinterpret_cast<cl_event *>(c.out(13));
+    if (!c.ok()) return;
+    if (!H::before(c, p_command_queue, p_buffer, p_blocking_write, p_buffer_origin, p_host_origin, p_region, p_buffer_row_pitch, p_buffer_slice_pitch, p_host_row_pitch, p_host_slice_pitch, p_ptr, p_num_events_in_wait_list, p_event_wait_list, p_event)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue, p_buffer, p_blocking_write, p_buffer_origin, p_host_origin, p_region, p_buffer_row_pitch, p_buffer_slice_pitch, p_host_row_pitch, p_host_slice_pitch, p_ptr, p_num_events_in_wait_list, p_event_wait_list, p_event); else r = host(p_command_queue, p_buffer, p_blocking_write, p_buffer_origin, p_host_origin, p_region, p_buffer_row_pitch, p_buffer_slice_pitch, p_host_row_pitch, p_host_slice_pitch, p_ptr, p_num_events_in_wait_list, p_event_wait_list, p_event);
+    c.createdHandles(Handle::ClEvent, 13, p_event);
+    c.localStatus(r);
+    H::after(c, r, p_command_queue, p_buffer, p_blocking_write, p_buffer_origin, p_host_origin, p_region, p_buffer_row_pitch, p_buffer_slice_pitch, p_host_row_pitch, p_host_slice_pitch, p_ptr, p_num_events_in_wait_list, p_event_wait_list, p_event);
+}
+
+// 6058 clEnqueueCopyBuffer
+void play_6058(Call &c) {
+    using H = Hooks<cl::clEnqueueCopyBuffer>;
+    auto host = c.cl().clEnqueueCopyBuffer;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_command_queue p_command_queue = c.handle<cl_command_queue>(Handle::ClQueue, 0);
+    cl_mem p_src_buffer = c.handle<cl_mem>(Handle::ClMem, 1);
+    cl_mem p_dst_buffer = c.handle<cl_mem>(Handle::ClMem, 2);
+    size_t p_src_offset = static_cast<size_t>(c.value(3));
+    size_t p_dst_offset = static_cast<size_t>(c.value(4));
+    size_t p_size = static_cast<size_t>(c.value(5));
+    cl_uint p_num_events_in_wait_list = static_cast<cl_uint>(c.value(6));
+    const cl_event * p_event_wait_list = reinterpret_cast<const cl_event *>(c.handles(Handle::ClEvent, 7));
+    cl_event * p_event = reinterpret_cast<cl_event *>(c.out(8));
+    if (!c.ok()) return;
+    if (!H::before(c, p_command_queue, p_src_buffer, p_dst_buffer, p_src_offset, p_dst_offset, p_size, p_num_events_in_wait_list, p_event_wait_list, p_event)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue, p_src_buffer, p_dst_buffer, p_src_offset, p_dst_offset, p_size, p_num_events_in_wait_list, p_event_wait_list, p_event); else r = host(p_command_queue, p_src_buffer, p_dst_buffer, p_src_offset, p_dst_offset, p_size, p_num_events_in_wait_list, p_event_wait_list, p_event);
+    c.createdHandles(Handle::ClEvent, 8, p_event);
+    c.localStatus(r);
+    H::after(c, r, p_command_queue, p_src_buffer, p_dst_buffer, p_src_offset, p_dst_offset, p_size, p_num_events_in_wait_list, p_event_wait_list, p_event);
+}
+
+// 6059 clEnqueueCopyBufferRect
+void play_6059(Call &c) {
+    using H = Hooks<cl::clEnqueueCopyBufferRect>;
+    auto host = c.cl().clEnqueueCopyBufferRect;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_command_queue p_command_queue = c.handle<cl_command_queue>(Handle::ClQueue, 0);
+    cl_mem p_src_buffer = c.handle<cl_mem>(Handle::ClMem, 1);
+    cl_mem p_dst_buffer = c.handle<cl_mem>(Handle::ClMem, 2);
+    const size_t * p_src_origin = reinterpret_cast<const size_t *>(const_cast<void *>(c.in(3)));
+    const size_t * p_dst_origin = reinterpret_cast<const size_t *>(const_cast<void *>(c.in(4)));
+    const size_t * p_region = reinterpret_cast<const size_t *>(const_cast<void *>(c.in(5)));
+    size_t p_src_row_pitch = static_cast<size_t>(c.value(6));
+    size_t p_src_slice_pitch = static_cast<size_t>(c.value(7));
+    size_t p_dst_row_pitch = static_cast<size_t>(c.value(8));
+    size_t p_dst_slice_pitch = static_cast<size_t>(c.value(9));
+    cl_uint p_num_events_in_wait_list = static_cast<cl_uint>(c.value(10));
+    const cl_event * p_event_wait_list = reinterpret_cast<const cl_event *>(c.handles(Handle::ClEvent, 11));
+    cl_event * p_event = reinterpret_cast<cl_event *>(c.out(12));
+    if (!c.ok()) return;
+    if (!H::before(c, p_command_queue, p_src_buffer, p_dst_buffer, p_src_origin, p_dst_origin, p_region, p_src_row_pitch, p_src_slice_pitch, p_dst_row_pitch, p_dst_slice_pitch, p_num_events_in_wait_list, p_event_wait_list, p_event)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue, p_src_buffer, p_dst_buffer, p_src_origin, p_dst_origin, p_region, p_src_row_pitch, p_src_slice_pitch, p_dst_row_pitch, p_dst_slice_pitch, p_num_events_in_wait_list, p_event_wait_list, p_event); else r = host(p_command_queue, p_src_buffer, p_dst_buffer, p_src_origin, p_dst_origin, p_region, p_src_row_pitch, p_src_slice_pitch, p_dst_row_pitch, p_dst_slice_pitch, p_num_events_in_wait_list, p_event_wait_list, p_event);
+    c.createdHandles(Handle::ClEvent, 12, p_event);
+    c.localStatus(r);
+    H::after(c, r, p_command_queue, p_src_buffer, p_dst_buffer, p_src_origin, p_dst_origin, p_region, p_src_row_pitch, p_src_slice_pitch, p_dst_row_pitch, p_dst_slice_pitch, p_num_events_in_wait_list, p_event_wait_list, p_event);
+}
+
+// 6060 clEnqueueReadImage
+void play_6060(Call &c) {
+    using H = Hooks<cl::clEnqueueReadImage>;
+    auto host = c.cl().clEnqueueReadImage;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_command_queue p_command_queue = c.handle<cl_command_queue>(Handle::ClQueue, 0);
+    cl_mem p_image = c.handle<cl_mem>(Handle::ClMem, 1);
+    cl_bool p_blocking_read = static_cast<cl_bool>(c.value(2));
+    const size_t * p_origin = reinterpret_cast<const size_t *>(const_cast<void *>(c.in(3)));
+    const size_t * p_region = reinterpret_cast<const size_t *>(const_cast<void *>(c.in(4)));
+    size_t p_row_pitch = static_cast<size_t>(c.value(5));
+    size_t p_slice_pitch = static_cast<size_t>(c.value(6));
+    void * p_ptr = reinterpret_cast<void *>(c.out(7));
+    cl_uint p_num_events_in_wait_list = static_cast<cl_uint>(c.value(8));
+    const cl_event * p_event_wait_list = reinterpret_cast<const cl_event *>(c.handles(Handle::ClEvent, 9));
+    cl_event * p_event = reinterpret_cast<cl_event *>(c.out(10));
+    if (!c.ok()) return;
+    if (!H::before(c, p_command_queue, p_image, p_blocking_read, p_origin, p_region, p_row_pitch, p_slice_pitch, p_ptr, p_num_events_in_wait_list, p_event_wait_list, p_event)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue, p_image, p_blocking_read, p_origin, p_region, p_row_pitch, p_slice_pitch, p_ptr, p_num_events_in_wait_list, p_event_wait_list, p_event); else r = host(p_command_queue, p_image, p_blocking_read, p_origin, p_region, p_row_pitch, p_slice_pitch, p_ptr, p_num_events_in_wait_list, p_event_wait_list, p_event);
+    c.createdHandles(Handle::ClEvent, 10, p_event);
+    c.localStatus(r);
+    H::after(c, r, p_command_queue, p_image, p_blocking_read, p_origin, p_region, p_row_pitch, p_slice_pitch, p_ptr, p_num_events_in_wait_list, p_event_wait_list, p_event);
+}
+
+// 6061 clEnqueueWriteImage
+void play_6061(Call &c) {
+    using H = Hooks<cl::clEnqueueWriteImage>;
+    auto host = c.cl().clEnqueueWriteImage;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_command_queue p_command_queue = c.handle<cl_command_queue>(Handle::ClQueue, 0);
+    cl_mem p_image = c.handle<cl_mem>(Handle::ClMem, 1);
+    cl_bool p_blocking_write = static_cast<cl_bool>(c.value(2));
+    const size_t * p_origin = reinterpret_cast<const size_t *>(const_cast<void *>(c.in(3)));
+    const size_t * p_region = reinterpret_cast<const size_t *>(const_cast<void *>(c.in(4)));
+    size_t p_input_row_pitch = static_cast<size_t>(c.value(5));
+    size_t p_input_slice_pitch = static_cast<size_t>(c.value(6));
+    const void * p_ptr = reinterpret_cast<const void *>(const_cast<void *>(c.in(7)));
+    cl_uint p_num_events_in_wait_list = static_cast<cl_uint>(c.value(8));
+    const cl_event * p_event_wait_list = reinterpret_cast<const cl_event *>(c.handles(Handle::ClEvent, 9));
+    cl_event * p_event = reinterpret_cast<cl_event *>(c.out(10));
+    if (!c.ok()) return;
+    if (!H::before(c, p_command_queue, p_image, p_blocking_write, p_origin, p_region, p_input_row_pitch, p_input_slice_pitch, p_ptr, p_num_events_in_wait_list, p_event_wait_list, p_event)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue, p_image, p_blocking_write, p_origin, p_region, p_input_row_pitch, p_input_slice_pitch, p_ptr, p_num_events_in_wait_list, p_event_wait_list, p_event); else r = host(p_command_queue, p_image, p_blocking_write, p_origin, p_region, p_input_row_pitch, p_input_slice_pitch, p_ptr, p_num_events_in_wait_list, p_event_wait_list, p_event);
+    c.createdHandles(Handle::ClEvent, 10, p_event);
+    c.localStatus(r);
+    H::after(c, r, p_command_queue, p_image, p_blocking_write, p_origin, p_region, p_input_row_pitch, p_input_slice_pitch, p_ptr, p_num_events_in_wait_list, p_event_wait_list, p_event);
+}
+
+// 6062 clEnqueueCopyImage
+void play_6062(Call &c) {
+    using H = Hooks<cl::clEnqueueCopyImage>;
+    auto host = c.cl().clEnqueueCopyImage;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_command_queue p_command_queue = c.handle<cl_command_queue>(Handle::ClQueue, 0);
+    cl_mem p_src_image = c.handle<cl_mem>(Handle::ClMem, 1);
+    cl_mem p_dst_image = c.handle<cl_mem>(Handle::ClMem, 2);
+    const size_t * p_src_origin = reinterpret_cast<const size_t *>(const_cast<void *>(c.in(3)));
+    const size_t * p_dst_origin = reinterpret_cast<const size_t *>(const_cast<void *>(c.in(4)));
+    const size_t * p_region = reinterpret_cast<const size_t *>(const_cast<void *>(c.in(5)));
+    cl_uint p_num_events_in_wait_list = static_cast<cl_uint>(c.value(6));
+    const cl_event * p_event_wait_list = reinterpret_cast<const cl_event *>(c.handles(Handle::ClEvent, 7));
+    cl_event * p_event = reinterpret_cast<cl_event *>(c.out(8));
+    if (!c.ok()) return;
+    if (!H::before(c, p_command_queue, p_src_image, p_dst_image, p_src_origin, p_dst_origin, p_region, p_num_events_in_wait_list, p_event_wait_list, p_event)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue, p_src_image, p_dst_image, p_src_origin, p_dst_origin, p_region, p_num_events_in_wait_list, p_event_wait_list, p_event); else r = host(p_command_queue, p_src_image, p_dst_image, p_src_origin, p_dst_origin, p_region, p_num_events_in_wait_list, p_event_wait_list, p_event);
+    c.createdHandles(Handle::ClEvent, 8, p_event);
+    c.localStatus(r);
+    H::after(c, r, p_command_queue, p_src_image, p_dst_image, p_src_origin, p_dst_origin, p_region, p_num_events_in_wait_list, p_event_wait_list, p_event);
+}
+
+// 6063 clEnqueueCopyImageToBuffer
+void play_6063(Call &c) {
+    using H = Hooks<cl::clEnqueueCopyImageToBuffer>;
+    auto host = c.cl().clEnqueueCopyImageToBuffer;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_command_queue p_command_queue = c.handle<cl_command_queue>(Handle::ClQueue, 0);
+    cl_mem p_src_image = c.handle<cl_mem>(Handle::ClMem, 1);
+    cl_mem p_dst_buffer = c.handle<cl_mem>(Handle::ClMem, 2);
+    const size_t * p_src_origin = reinterpret_cast<const size_t *>(const_cast<void *>(c.in(3)));
+    const size_t * p_region = reinterpret_cast<const size_t *>(const_cast<void *>(c.in(4)));
+    size_t p_dst_offset = static_cast<size_t>(c.value(5));
+    cl_uint p_num_events_in_wait_list = static_cast<cl_uint>(c.value(6));
+    const cl_event * p_event_wait_list = reinterpret_cast<const cl_event *>(c.handles(Handle::ClEvent, 7));
+    cl_event * p_event = reinterpret_cast<cl_event *>(c.out(8));
+    if (!c.ok()) return;
+    if (!H::before(c, p_command_queue, p_src_image, p_dst_buffer, p_src_origin, p_region, p_dst_offset, p_num_events_in_wait_list, p_event_wait_list, p_event)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue, p_src_image, p_dst_buffer, p_src_origin, p_region, p_dst_offset, p_num_events_in_wait_list, p_event_wait_list, p_event); else r = host(p_command_queue, p_src_image, p_dst_buffer, p_src_origin, p_region, p_dst_offset, p_num_events_in_wait_list, p_event_wait_list, p_event);
+    c.createdHandles(Handle::ClEvent, 8, p_event);
+    c.localStatus(r);
+    H::after(c, r, p_command_queue, p_src_image, p_dst_buffer, p_src_origin, p_region, p_dst_offset, p_num_events_in_wait_list, p_event_wait_list, p_event);
+}
+
+// 6064 clEnqueueCopyBufferToImage
+void play_6064(Call &c) {
+    using H = Hooks<cl::clEnqueueCopyBufferToImage>;
+    auto host = c.cl().clEnqueueCopyBufferToImage;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_command_queue p_command_queue = c.handle<cl_command_queue>(Handle::ClQueue, 0);
+    cl_mem p_src_buffer = c.handle<cl_mem>(Handle::ClMem, 1);
+    cl_mem p_dst_image = c.handle<cl_mem>(Handle::ClMem, 2);
+    size_t p_src_offset = static_cast<size_t>(c.value(3));
+    const size_t * p_dst_origin = reinterpret_cast<const size_t *>(const_cast<void *>(c.in(4)));
+    const size_t * p_region = reinterpret_cast<const size_t *>(const_cast<void *>(c.in(5)));
+    cl_uint p_num_events_in_wait_list = static_cast<cl_uint>(c.value(6));
+    const cl_event * p_event_wait_list = reinterpret_cast<const cl_event *>(c.handles(Handle::ClEvent, 7));
+    cl_event * p_event = reinterpret_cast<cl_event *>(c.out(8));
+    if (!c.ok()) return;
+    if (!H::before(c, p_command_queue, p_src_buffer, p_dst_image, p_src_offset, p_dst_origin, p_region, p_num_events_in_wait_list, p_event_wait_list, p_event)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue, p_src_buffer, p_dst_image, p_src_offset, p_dst_origin, p_region, p_num_events_in_wait_list, p_event_wait_list, p_event); else r = host(p_command_queue, p_src_buffer, p_dst_image, p_src_offset, p_dst_origin, p_region, p_num_events_in_wait_list, p_event_wait_list, p_event);
+    c.createdHandles(Handle::ClEvent, 8, p_event);
+    c.localStatus(r);
+    H::after(c, r, p_command_queue, p_src_buffer, p_dst_image, p_src_offset, p_dst_origin, p_region, p_num_events_in_wait_list, p_event_wait_list, p_event);
+}
+
+// 6065 clEnqueueMapBuffer
+void play_6065(Call &c) {
+    using H = Hooks<cl::clEnqueueMapBuffer>;
+    auto host = c.cl().clEnqueueMapBuffer;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_command_queue p_command_queue = c.handle<cl_command_queue>(Handle::ClQueue, 0);
+    cl_mem p_buffer = c.handle<cl_mem>(Handle::ClMem, 1);
+    cl_bool p_blocking_map = static_cast<cl_bool>(c.value(2));
+    cl_map_flags p_map_flags = static_cast<cl_map_flags>(c.value(3));
+    size_t p_offset = static_cast<size_t>(c.value(4));
+    size_t p_size = static_cast<size_t>(c.value(5));
+    cl_uint p_num_events_in_wait_list = static_cast<cl_uint>(c.value(6));
+    const cl_event * p_event_wait_list = reinterpret_cast<const cl_event *>(c.handles(Handle::ClEvent, 7));
+    cl_event * p_event = reinterpret_cast<cl_event *>(c.out(8));
+    cl_int * p_errcode_ret = reinterpret_cast<cl_int *>(c.out(9));
+    if (!c.ok()) return;
+    if (!H::before(c, p_command_queue, p_buffer, p_blocking_map, p_map_flags, p_offset, p_size, p_num_events_in_wait_list, p_event_wait_list, p_event, p_errcode_ret)) return;
+    void * r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue, p_buffer, p_blocking_map, p_map_flags, p_offset, p_size, p_num_events_in_wait_list, p_event_wait_list, p_event, p_errcode_ret); else r = host(p_command_queue, p_buffer, p_blocking_map, p_map_flags, p_offset, p_size, p_num_events_in_wait_list, p_event_wait_list, p_event, p_errcode_ret);
+    c.createdHandles(Handle::ClEvent, 8, p_event);
+    if (p_errcode_ret) c.localStatus(*p_errcode_ret);
+    H::after(c, r, p_command_queue, p_buffer, p_blocking_map, p_map_flags, p_offset, p_size, p_num_events_in_wait_list, p_event_wait_list, p_event, p_errcode_ret);
+}
+
+// 6066 clEnqueueMapImage
+void play_6066(Call &c) {
+    using H = Hooks<cl::clEnqueueMapImage>;
+    auto host = c.cl().clEnqueueMapImage;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_command_queue p_command_queue = c.handle<cl_command_queue>(Handle::ClQueue, 0);
+    cl_mem p_image = c.handle<cl_mem>(Handle::ClMem, 1);
+    cl_bool p_blocking_map = static_cast<cl_bool>(c.value(2));
+    cl_map_flags p_map_flags = static_cast<cl_map_flags>(c.value(3));
+    const size_t * p_origin = reinterpret_cast<const size_t *>(const_cast<void *>(c.in(4)));
+    const size_t * p_region = reinterpret_cast<const size_t *>(const_cast<void *>(c.in(5)));
+    size_t * p_image_row_pitch = reinterpret_cast<size_t *>(c.out(6));
+    size_t * p_image_slice_pitch = reinterpret_cast<size_t *>(c.out(7));
+    cl_uint p_num_events_in_wait_list = static_cast<cl_uint>(c.value(8));
+    const cl_event * p_event_wait_list = reinterpret_cast<const cl_event *>(c.handles(Handle::ClEvent, 9));
+    cl_event * p_event = reinterpret_cast<cl_event *>(c.out(10));
+    cl_int * p_errcode_ret = reinterpret_cast<cl_int *>(c.out(11));
+    if (!c.ok()) return;
+    if (!H::before(c, p_command_queue, p_image, p_blocking_map, p_map_flags, p_origin, p_region, p_image_row_pitch, p_image_slice_pitch, p_num_events_in_wait_list, p_event_wait_list, p_event, p_errcode_ret)) return;
+    void * r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue, p_image, p_blocking_map, p_map_flags, p_origin, p_region, p_image_row_pitch, p_image_slice_pitch, p_num_events_in_wait_list, p_event_wait_list, p_event, p_errcode_ret); else r = host(p_command_queue, p_image, p_blocking_map, p_map_flags, p_origin, p_region, p_image_row_pitch, p_image_slice_pitch, p_num_events_in_wait_list, p_event_wait_list, p_event, p_errcode_ret);
+    c.createdHandles(Handle::ClEvent, 10, p_event);
+    if (p_errcode_ret) c.localStatus(*p_errcode_ret);
+    H::after(c, r, p_command_queue, p_image, p_blocking_map, p_map_flags, p_origin, p_region, p_image_row_pitch, p_image_slice_pitch, p_num_events_in_wait_list, p_event_wait_list, p_event, p_errcode_ret);
+}
+
+// 6067 clEnqueueUnmapMemObject
+void play_6067(Call &c) {
+    using H = Hooks<cl::clEnqueueUnmapMemObject>;
+    auto host = c.cl().clEnqueueUnmapMemObject;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_command_queue p_command_queue = c.handle<cl_command_queue>(Handle::ClQueue, 0);
+    cl_mem p_memobj = c.handle<cl_mem>(Handle::ClMem, 1);
+    void * p_mapped_ptr = c.raw<void *>(2);
+    cl_uint p_num_events_in_wait_list = static_cast<cl_uint>(c.value(3));
+    const cl_event * p_event_wait_list = reinterpret_cast<const cl_event *>(c.handles(Handle::ClEvent, 4));
+    cl_event * p_event = reinterpret_cast<cl_event *>(c.out(5));
+    if (!c.ok()) return;
+    if (!H::before(c, p_command_queue, p_memobj, p_mapped_ptr, p_num_events_in_wait_list, p_event_wait_list, p_event)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue, p_memobj, p_mapped_ptr, p_num_events_in_wait_list, p_event_wait_list, p_event); else r = host(p_command_queue, p_memobj, p_mapped_ptr, p_num_events_in_wait_list, p_event_wait_list, p_event);
+    c.createdHandles(Handle::ClEvent, 5, p_event);
+    c.localStatus(r);
+    H::after(c, r, p_command_queue, p_memobj, p_mapped_ptr, p_num_events_in_wait_list, p_event_wait_list, p_event);
+}
+
+// 6068 clEnqueueNDRangeKernel
+void play_6068(Call &c) {
+    using H = Hooks<cl::clEnqueueNDRangeKernel>;
+    auto host = c.cl().clEnqueueNDRangeKernel;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_command_queue p_command_queue = c.handle<cl_command_queue>(Handle::ClQueue, 0);
+    cl_kernel p_kernel = c.handle<cl_kernel>(Handle::ClKernel, 1);
+    cl_uint p_work_dim = static_cast<cl_uint>(c.value(2));
+    const size_t * p_global_work_offset = reinterpret_cast<const size_t *>(const_cast<void *>(c.in(3)));
+    const size_t * p_global_work_size = reinterpret_cast<const size_t *>(const_cast<void *>(c.in(4)));
+    const size_t * p_local_work_size = reinterpret_cast<const size_t *>(const_cast<void *>(c.in(5)));
+    cl_uint p_num_events_in_wait_list = static_cast<cl_uint>(c.value(6));
+    const cl_event * p_event_wait_list = reinterpret_cast<const cl_event *>(c.handles(Handle::ClEvent, 7));
+    cl_event * p_event = reinterpret_cast<cl_event *>(c.out(8));
+    if (!c.ok()) return;
+    if (!H::before(c, p_command_queue, p_kernel, p_work_dim, p_global_work_offset, p_global_work_size, p_local_work_size, p_num_events_in_wait_list, p_event_wait_list, p_event)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue, p_kernel, p_work_dim, p_global_work_offset, p_global_work_size, p_local_work_size, p_num_events_in_wait_list, p_event_wait_list, p_event); else r = host(p_command_queue, p_kernel, p_work_dim, p_global_work_offset, p_global_work_size, p_local_work_size, p_num_events_in_wait_list, p_event_wait_list, p_event);
+    c.createdHandles(Handle::ClEvent, 8, p_event);
+    c.localStatus(r);
+    H::after(c, r, p_command_queue, p_kernel, p_work_dim, p_global_work_offset, p_global_work_size, p_local_work_size, p_num_events_in_wait_list, p_event_wait_list, p_event);
+}
+
+// 6069 clEnqueueTask
+void play_6069(Call &c) {
+    using H = Hooks<cl::clEnqueueTask>;
+    auto host = c.cl().clEnqueueTask;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_command_queue p_command_queue = c.handle<cl_command_queue>(Handle::ClQueue, 0);
+    cl_kernel p_kernel = c.handle<cl_kernel>(Handle::ClKernel, 1);
+    cl_uint p_num_events_in_wait_list = static_cast<cl_uint>(c.value(2));
+    const cl_event * p_event_wait_list = reinterpret_cast<const cl_event *>(c.handles(Handle::ClEvent, 3));
+    cl_event * p_event = reinterpret_cast<cl_event *>(c.out(4));
+    if (!c.ok()) return;
+    if (!H::before(c, p_command_queue, p_kernel, p_num_events_in_wait_list, p_event_wait_list, p_event)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue, p_kernel, p_num_events_in_wait_list, p_event_wait_list, p_event); else r = host(p_command_queue, p_kernel, p_num_events_in_wait_list, p_event_wait_list, p_event);
+    c.createdHandles(Handle::ClEvent, 4, p_event);
+    c.localStatus(r);
+    H::after(c, r, p_command_queue, p_kernel, p_num_events_in_wait_list, p_event_wait_list, p_event);
+}
+
+// 6070 clEnqueueNativeKernel
+void play_6070(Call &c) {
+    using H = Hooks<cl::clEnqueueNativeKernel>;
+    auto host = c.cl().clEnqueueNativeKernel;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_command_queue p_command_queue = c.handle<cl_command_queue>(Handle::ClQueue, 0);
+    std::nullptr_t p_user_func = nullptr;
+    void * p_args = reinterpret_cast<void *>(const_cast<void *>(c.in(2)));
+    size_t p_cb_args = static_cast<size_t>(c.value(3));
+    cl_uint p_num_mem_objects = static_cast<cl_uint>(c.value(4));
+    const cl_mem * p_mem_list = reinterpret_cast<const cl_mem *>(c.handles(Handle::ClMem, 5));
+    const void ** p_args_mem_loc = reinterpret_cast<const void **>(const_cast<void *>(c.in(6)));
+    cl_uint p_num_events_in_wait_list = static_cast<cl_uint>(c.value(7));
+    const cl_event * p_event_wait_list = reinterpret_cast<const cl_event *>(c.handles(Handle::ClEvent, 8));
+    cl_event * p_event = reinterpret_cast<cl_event *>(c.out(9));
+    if (!c.ok()) return;
+    if (!H::before(c, p_command_queue, p_user_func, p_args, p_cb_args, p_num_mem_objects, p_mem_list, p_args_mem_loc, p_num_events_in_wait_list, p_event_wait_list, p_event)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue, p_user_func, p_args, p_cb_args, p_num_mem_objects, p_mem_list, p_args_mem_loc, p_num_events_in_wait_list, p_event_wait_list, p_event); else r = host(p_command_queue, p_user_func, p_args, p_cb_args, p_num_mem_objects, p_mem_list, p_args_mem_loc, p_num_events_in_wait_list, p_event_wait_list, p_event);
+    c.createdHandles(Handle::ClEvent, 9, p_event);
+    c.localStatus(r);
+    H::after(c, r, p_command_queue, p_user_func, p_args, p_cb_args, p_num_mem_objects, p_mem_list, p_args_mem_loc, p_num_events_in_wait_list, p_event_wait_list, p_event);
+}
+
+// 6071 clEnqueueMarker
+void play_6071(Call &c) {
+    using H = Hooks<cl::clEnqueueMarker>;
+    auto host = c.cl().clEnqueueMarker;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_command_queue p_command_queue = c.handle<cl_command_queue>(Handle::ClQueue, 0);
+    cl_event * p_event = reinterpret_cast<cl_event *>(c.out(1));
+    if (!c.ok()) return;
+    if (!H::before(c, p_command_queue, p_event)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue, p_event); else r = host(p_command_queue, p_event);
+    c.createdHandles(Handle::ClEvent, 1, p_event);
+    c.localStatus(r);
+    H::after(c, r, p_command_queue, p_event);
+}
+
+// 6072 clEnqueueWaitForEvents
+void play_6072(Call &c) {
+    using H = Hooks<cl::clEnqueueWaitForEvents>;
+    auto host = c.cl().clEnqueueWaitForEvents;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_command_queue p_command_queue = c.handle<cl_command_queue>(Handle::ClQueue, 0);
+    cl_uint p_num_events = static_cast<cl_uint>(c.value(1));
+    const cl_event * p_event_list = reinterpret_cast<const cl_event *>(c.handles(Handle::ClEvent, 2));
+    if (!c.ok()) return;
+    if (!H::before(c, p_command_queue, p_num_events, p_event_list)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue, p_num_events, p_event_list); else r = host(p_command_queue, p_num_events, p_event_list);
+    c.localStatus(r);
+    H::after(c, r, p_command_queue, p_num_events, p_event_list);
+}
+
+// 6073 clEnqueueBarrier
+void play_6073(Call &c) {
+    using H = Hooks<cl::clEnqueueBarrier>;
+    auto host = c.cl().clEnqueueBarrier;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_command_queue p_command_queue = c.handle<cl_command_queue>(Handle::ClQueue, 0);
+    if (!c.ok()) return;
+    if (!H::before(c, p_command_queue)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue); else r = host(p_command_queue);
+    c.localStatus(r);
+    H::after(c, r, p_command_queue);
+}
+
+// 6074 clGetExtensionFunctionAddress
+void play_6074(Call &c) {
+    using H = Hooks<cl::clGetExtensionFunctionAddress>;
+    auto host = c.cl().clGetExtensionFunctionAddress;
+    if (!H::kReplacesCall && !host) return c.missing();
+    const char * p_func_name = reinterpret_cast<const char *>(c.string(0));
+    if (!c.ok()) return;
+    if (!H::before(c, p_func_name)) return;
+    void * r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_func_name); else r = host(p_func_name);
+    H::after(c, r, p_func_name);
+}
+
+// 6075 clCreateSubDevices
+void play_6075(Call &c) {
+    using H = Hooks<cl::clCreateSubDevices>;
+    auto host = c.cl().clCreateSubDevices;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_device_id p_in_device = c.handle<cl_device_id>(Handle::ClDevice, 0);
+    const cl_device_partition_property * p_properties = reinterpret_cast<const cl_device_partition_property *>(const_cast<void *>(c.in(1)));
+    cl_uint p_num_devices = static_cast<cl_uint>(c.value(2));
+    cl_device_id * p_out_devices = reinterpret_cast<cl_device_id *>(c.out(3));
+    cl_uint * p_num_devices_ret = reinterpret_cast<cl_uint *>(c.out(4));
+    if (!c.ok()) return;
+    if (!H::before(c, p_in_device, p_properties, p_num_devices, p_out_devices, p_num_devices_ret)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_in_device, p_properties, p_num_devices, p_out_devices, p_num_devices_ret); else r = host(p_in_device, p_properties, p_num_devices, p_out_devices, p_num_devices_ret);
+    c.createdHandles(Handle::ClDevice, 3, p_out_devices);
+    c.localStatus(r);
+    H::after(c, r, p_in_device, p_properties, p_num_devices, p_out_devices, p_num_devices_ret);
+}
+
+// 6076 clRetainDevice
+void play_6076(Call &c) {
+    using H = Hooks<cl::clRetainDevice>;
+    auto host = c.cl().clRetainDevice;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_device_id p_device = c.handle<cl_device_id>(Handle::ClDevice, 0);
+    if (!c.ok()) return;
+    if (!H::before(c, p_device)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_device); else r = host(p_device);
+    c.localStatus(r);
+    H::after(c, r, p_device);
+}
+
+// 6077 clReleaseDevice
+void play_6077(Call &c) {
+    using H = Hooks<cl::clReleaseDevice>;
+    auto host = c.cl().clReleaseDevice;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_device_id p_device = c.handle<cl_device_id>(Handle::ClDevice, 0);
+    if (!c.ok()) return;
+    if (!H::before(c, p_device)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_device); else r = host(p_device);
+    c.localStatus(r);
+    H::after(c, r, p_device);
+}
+
+// 6078 clCreateImage
+void play_6078(Call &c) {
+    using H = Hooks<cl::clCreateImage>;
+    auto host = c.cl().clCreateImage;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_context p_context = c.handle<cl_context>(Handle::ClContext, 0);
+    cl_mem_flags p_flags = static_cast<cl_mem_flags>(c.value(1));
+    const cl_image_format * p_image_format = reinterpret_cast<const cl_image_format *>(const_cast<void *>(c.in(2)));
+    const cl_image_desc * p_image_desc = reinterpret_cast<const cl_image_desc *>(const_cast<void *>(c.in(3)));
+    void * p_host_ptr = reinterpret_cast<void *>(const_cast<void *>(c.in(4)));
+    cl_int * p_errcode_ret = reinterpret_cast<cl_int *>(c.out(5));
+    if (!c.ok()) return;
+    if (!H::before(c, p_context, p_flags, p_image_format, p_image_desc, p_host_ptr, p_errcode_ret)) return;
+    cl_mem r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_context, p_flags, p_image_format, p_image_desc, p_host_ptr, p_errcode_ret); else r = host(p_context, p_flags, p_image_format, p_image_desc, p_host_ptr, p_errcode_ret);
+    c.createdHandle(Handle::ClMem, r);
+    if (p_errcode_ret) c.localStatus(*p_errcode_ret);
+    H::after(c, r, p_context, p_flags, p_image_format, p_image_desc, p_host_ptr, p_errcode_ret);
+}
+
+// 6079 clCreateProgramWithBuiltInKernels
+void play_6079(Call &c) {
+    using H = Hooks<cl::clCreateProgramWithBuiltInKernels>;
+    auto host = c.cl().clCreateProgramWithBuiltInKernels;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_context p_context = c.handle<cl_context>(Handle::ClContext, 0);
+    cl_uint p_num_devices = static_cast<cl_uint>(c.value(1));
+    const cl_device_id * p_device_list = reinterpret_cast<const cl_device_id *>(c.handles(Handle::ClDevice, 2));
+    const char * p_kernel_names = reinterpret_cast<const char *>(c.string(3));
+    cl_int * p_errcode_ret = reinterpret_cast<cl_int *>(c.out(4));
+    if (!c.ok()) return;
+    if (!H::before(c, p_context, p_num_devices, p_device_list, p_kernel_names, p_errcode_ret)) return;
+    cl_program r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_context, p_num_devices, p_device_list, p_kernel_names, p_errcode_ret); else r = host(p_context, p_num_devices, p_device_list, p_kernel_names, p_errcode_ret);
+    c.createdHandle(Handle::ClProgram, r);
+    if (p_errcode_ret) c.localStatus(*p_errcode_ret);
+    H::after(c, r, p_context, p_num_devices, p_device_list, p_kernel_names, p_errcode_ret);
+}
+
+// 6080 clCompileProgram
+void play_6080(Call &c) {
+    using H = Hooks<cl::clCompileProgram>;
+    auto host = c.cl().clCompileProgram;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_program p_program = c.handle<cl_program>(Handle::ClProgram, 0);
+    cl_uint p_num_devices = static_cast<cl_uint>(c.value(1));
+    const cl_device_id * p_device_list = reinterpret_cast<const cl_device_id *>(c.handles(Handle::ClDevice, 2));
+    const char * p_options = reinterpret_cast<const char *>(c.string(3));
+    cl_uint p_num_input_headers = static_cast<cl_uint>(c.value(4));
+    const cl_program * p_input_headers = reinterpret_cast<const cl_program *>(c.handles(Handle::ClProgram, 5));
+    const char ** p_header_include_names = reinterpret_cast<const char **>(const_cast<const char **>(c.strings(6)));
+    std::nullptr_t p_pfn_notify = nullptr;
+    void * p_user_data = nullptr;
+    if (!c.ok()) return;
+    if (!H::before(c, p_program, p_num_devices, p_device_list, p_options, p_num_input_headers, p_input_headers, p_header_include_names, p_pfn_notify, p_user_data)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_program, p_num_devices, p_device_list, p_options, p_num_input_headers, p_input_headers, p_header_include_names, p_pfn_notify, p_user_data); else r = host(p_program, p_num_devices, p_device_list, p_options, p_num_input_headers, p_input_headers, p_header_include_names, p_pfn_notify, p_user_data);
+    c.localStatus(r);
+    H::after(c, r, p_program, p_num_devices, p_device_list, p_options, p_num_input_headers, p_input_headers, p_header_include_names, p_pfn_notify, p_user_data);
+}
+
+// 6081 clLinkProgram
+void play_6081(Call &c) {
+    using H = Hooks<cl::clLinkProgram>;
+    auto host = c.cl().clLinkProgram;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_context p_context = c.handle<cl_context>(Handle::ClContext, 0);
+    cl_uint p_num_devices = static_cast<cl_uint>(c.value(1));
+    const cl_device_id * p_device_list = reinterpret_cast<const cl_device_id *>(c.handles(Handle::ClDevice, 2));
+    const char * p_options = reinterpret_cast<const char *>(c.string(3));
+    cl_uint p_num_input_programs = static_cast<cl_uint>(c.value(4));
+    const cl_program * p_input_programs = reinterpret_cast<const cl_program *>(c.handles(Handle::ClProgram, 5));
+    std::nullptr_t p_pfn_notify = nullptr;
+    void * p_user_data = nullptr;
+    cl_int * p_errcode_ret = reinterpret_cast<cl_int *>(c.out(8));
+    if (!c.ok()) return;
+    if (!H::before(c, p_context, p_num_devices, p_device_list, p_options, p_num_input_programs, p_input_programs, p_pfn_notify, p_user_data, p_errcode_ret)) return;
+    cl_program r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_context, p_num_devices, p_device_list, p_options, p_num_input_programs, p_input_programs, p_pfn_notify, p_user_data, p_errcode_ret); else r = host(p_context, p_num_devices, p_device_list, p_options, p_num_input_programs, p_input_programs, p_pfn_notify, p_user_data, p_errcode_ret);
+    c.createdHandle(Handle::ClProgram, r);
+    if (p_errcode_ret) c.localStatus(*p_errcode_ret);
+    H::after(c, r, p_context, p_num_devices, p_device_list, p_options, p_num_input_programs, p_input_programs, p_pfn_notify, p_user_data, p_errcode_ret);
+}
+
+// 6082 clUnloadPlatformCompiler
+void play_6082(Call &c) {
+    using H = Hooks<cl::clUnloadPlatformCompiler>;
+    auto host = c.cl().clUnloadPlatformCompiler;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_platform_id p_platform = c.handle<cl_platform_id>(Handle::ClPlatform, 0);
+    if (!c.ok()) return;
+    if (!H::before(c, p_platform)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_platform); else r = host(p_platform);
+    c.localStatus(r);
+    H::after(c, r, p_platform);
+}
+
+// 6083 clGetKernelArgInfo
+void play_6083(Call &c) {
+    using H = Hooks<cl::clGetKernelArgInfo>;
+    auto host = c.cl().clGetKernelArgInfo;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_kernel p_kernel = c.handle<cl_kernel>(Handle::ClKernel, 0);
+    cl_uint p_arg_indx = static_cast<cl_uint>(c.value(1));
+    cl_kernel_arg_info p_param_name = static_cast<cl_kernel_arg_info>(c.value(2));
+    size_t p_param_value_size = static_cast<size_t>(c.value(3));
+    void * p_param_value = reinterpret_cast<void *>(c.out(4, c.value(3)));
+    size_t * p_param_value_size_ret = reinterpret_cast<size_t *>(c.out(5, c.value(3)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_kernel, p_arg_indx, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_kernel, p_arg_indx, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret); else r = host(p_kernel, p_arg_indx, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
+    c.localStatus(r);
+    H::after(c, r, p_kernel, p_arg_indx, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
+}
+
+// 6084 clEnqueueFillBuffer
+void play_6084(Call &c) {
+    using H = Hooks<cl::clEnqueueFillBuffer>;
+    auto host = c.cl().clEnqueueFillBuffer;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_command_queue p_command_queue = c.handle<cl_command_queue>(Handle::ClQueue, 0);
+    cl_mem p_buffer = c.handle<cl_mem>(Handle::ClMem, 1);
+    const void * p_pattern = reinterpret_cast<const void *>(const_cast<void *>(c.in(2)));
+    size_t p_pattern_size = static_cast<size_t>(c.value(3));
+    size_t p_offset = static_cast<size_t>(c.value(4));
+    size_t p_size = static_cast<size_t>(c.value(5));
+    cl_uint p_num_events_in_wait_list = static_cast<cl_uint>(c.value(6));
+    const cl_event * p_event_wait_list = reinterpret_cast<const cl_event *>(c.handles(Handle::ClEvent, 7));
+    cl_event * p_event = reinterpret_cast<cl_event *>(c.out(8));
+    if (!c.ok()) return;
+    if (!H::before(c, p_command_queue, p_buffer, p_pattern, p_pattern_size, p_offset, p_size, p_num_events_in_wait_list, p_event_wait_list, p_event)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue, p_buffer, p_pattern, p_pattern_size, p_offset, p_size, p_num_events_in_wait_list, p_event_wait_list, p_event); else r = host(p_command_queue, p_buffer, p_pattern, p_pattern_size, p_offset, p_size, p_num_events_in_wait_list, p_event_wait_list, p_event);
+    c.createdHandles(Handle::ClEvent, 8, p_event);
+    c.localStatus(r);
+    H::after(c, r, p_command_queue, p_buffer, p_pattern, p_pattern_size, p_offset, p_size, p_num_events_in_wait_list, p_event_wait_list, p_event);
+}
+
+// 6085 clEnqueueFillImage
+void play_6085(Call &c) {
+    using H = Hooks<cl::clEnqueueFillImage>;
+    auto host = c.cl().clEnqueueFillImage;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_command_queue p_command_queue = c.handle<cl_command_queue>(Handle::ClQueue, 0);
+    cl_mem p_image = c.handle<cl_mem>(Handle::ClMem, 1);
+    const void * p_fill_color = reinterpret_cast<const void *>(const_cast<void *>(c.in(2)));
+    const size_t * p_origin = reinterpret_cast<const size_t *>(const_cast<void *>(c.in(3)));
+    const size_t * p_region = reinterpret_cast<const size_t *>(const_cast<void *>(c.in(4)));
+    cl_uint p_num_events_in_wait_list = static_cast<cl_uint>(c.value(5));
+    const cl_event * p_event_wait_list = reinterpret_cast<const cl_event *>(c.handles(Handle::ClEvent, 6));
+    cl_event * p_event = reinterpret_cast<cl_event *>(c.out(7));
+    if (!c.ok()) return;
+    if (!H::before(c, p_command_queue, p_image, p_fill_color, p_origin, p_region, p_num_events_in_wait_list, p_event_wait_list, p_event)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue, p_image, p_fill_color, p_origin, p_region, p_num_events_in_wait_list, p_event_wait_list, p_event); else r = host(p_command_queue, p_image, p_fill_color, p_origin, p_region, p_num_events_in_wait_list, p_event_wait_list, p_event);
+    c.createdHandles(Handle::ClEvent, 7, p_event);
+    c.localStatus(r);
+    H::after(c, r, p_command_queue, p_image, p_fill_color, p_origin, p_region, p_num_events_in_wait_list, p_event_wait_list, p_event);
+}
+
+// 6086 clEnqueueMigrateMemObjects
+void play_6086(Call &c) {
+    using H = Hooks<cl::clEnqueueMigrateMemObjects>;
+    auto host = c.cl().clEnqueueMigrateMemObjects;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_command_queue p_command_queue = c.handle<cl_command_queue>(Handle::ClQueue, 0);
+    cl_uint p_num_mem_objects = static_cast<cl_uint>(c.value(1));
+    const cl_mem * p_mem_objects = reinterpret_cast<const cl_mem *>(c.handles(Handle::ClMem, 2));
+    cl_mem_migration_flags p_flags = static_cast<cl_mem_migration_flags>(c.value(3));
+    cl_uint p_num_events_in_wait_list = static_cast<cl_uint>(c.value(4));
+    const cl_event * p_event_wait_list = reinterpret_cast<const cl_event *>(c.handles(Handle::ClEvent, 5));
+    cl_event * p_event = reinterpret_cast<cl_event *>(c.out(6));
+    if (!c.ok()) return;
+    if (!H::before(c, p_command_queue, p_num_mem_objects, p_mem_objects, p_flags, p_num_events_in_wait_list, p_event_wait_list, p_event)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue, p_num_mem_objects, p_mem_objects, p_flags, p_num_events_in_wait_list, p_event_wait_list, p_event); else r = host(p_command_queue, p_num_mem_objects, p_mem_objects, p_flags, p_num_events_in_wait_list, p_event_wait_list, p_event);
+    c.createdHandles(Handle::ClEvent, 6, p_event);
+    c.localStatus(r);
+    H::after(c, r, p_command_queue, p_num_mem_objects, p_mem_objects, p_flags, p_num_events_in_wait_list, p_event_wait_list, p_event);
+}
+
+// 6087 clEnqueueMarkerWithWaitList
+void play_6087(Call &c) {
+    using H = Hooks<cl::clEnqueueMarkerWithWaitList>;
+    auto host = c.cl().clEnqueueMarkerWithWaitList;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_command_queue p_command_queue = c.handle<cl_command_queue>(Handle::ClQueue, 0);
+    cl_uint p_num_events_in_wait_list = static_cast<cl_uint>(c.value(1));
+    const cl_event * p_event_wait_list = reinterpret_cast<const cl_event *>(c.handles(Handle::ClEvent, 2));
+    cl_event * p_event = reinterpret_cast<cl_event *>(c.out(3));
+    if (!c.ok()) return;
+    if (!H::before(c, p_command_queue, p_num_events_in_wait_list, p_event_wait_list, p_event)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue, p_num_events_in_wait_list, p_event_wait_list, p_event); else r = host(p_command_queue, p_num_events_in_wait_list, p_event_wait_list, p_event);
+    c.createdHandles(Handle::ClEvent, 3, p_event);
+    c.localStatus(r);
+    H::after(c, r, p_command_queue, p_num_events_in_wait_list, p_event_wait_list, p_event);
+}
+
+// 6088 clEnqueueBarrierWithWaitList
+void play_6088(Call &c) {
+    using H = Hooks<cl::clEnqueueBarrierWithWaitList>;
+    auto host = c.cl().clEnqueueBarrierWithWaitList;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_command_queue p_command_queue = c.handle<cl_command_queue>(Handle::ClQueue, 0);
+    cl_uint p_num_events_in_wait_list = static_cast<cl_uint>(c.value(1));
+    const cl_event * p_event_wait_list = reinterpret_cast<const cl_event *>(c.handles(Handle::ClEvent, 2));
+    cl_event * p_event = reinterpret_cast<cl_event *>(c.out(3));
+    if (!c.ok()) return;
+    if (!H::before(c, p_command_queue, p_num_events_in_wait_list, p_event_wait_list, p_event)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue, p_num_events_in_wait_list, p_event_wait_list, p_event); else r = host(p_command_queue, p_num_events_in_wait_list, p_event_wait_list, p_event);
+    c.createdHandles(Handle::ClEvent, 3, p_event);
+    c.localStatus(r);
+    H::after(c, r, p_command_queue, p_num_events_in_wait_list, p_event_wait_list, p_event);
+}
+
+// 6089 clGetExtensionFunctionAddressForPlatform
+void play_6089(Call &c) {
+    using H = Hooks<cl::clGetExtensionFunctionAddressForPlatform>;
+    auto host = c.cl().clGetExtensionFunctionAddressForPlatform;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_platform_id p_platform = c.handle<cl_platform_id>(Handle::ClPlatform, 0);
+    const char * p_func_name = reinterpret_cast<const char *>(c.string(1));
+    if (!c.ok()) return;
+    if (!H::before(c, p_platform, p_func_name)) return;
+    void * r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_platform, p_func_name); else r = host(p_platform, p_func_name);
+    H::after(c, r, p_platform, p_func_name);
+}
+
+// 6501 clCreateFromGLBuffer
+void play_6501(Call &c) {
+    using H = Hooks<cl::clCreateFromGLBuffer>;
+    auto host = c.cl().clCreateFromGLBuffer;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_context p_context = c.handle<cl_context>(Handle::ClContext, 0);
+    cl_mem_flags p_flags = static_cast<cl_mem_flags>(c.value(1));
+    cl_GLuint p_bufobj = static_cast<cl_GLuint>(c.value(2));
+    cl_int * p_errcode_ret = reinterpret_cast<cl_int *>(c.out(3));
+    if (!c.ok()) return;
+    if (!H::before(c, p_context, p_flags, p_bufobj, p_errcode_ret)) return;
+    cl_mem r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_context, p_flags, p_bufobj, p_errcode_ret); else r = host(p_context, p_flags, p_bufobj, p_errcode_ret);
+    c.createdHandle(Handle::ClMem, r);
+    if (p_errcode_ret) c.localStatus(*p_errcode_ret);
+    H::after(c, r, p_context, p_flags, p_bufobj, p_errcode_ret);
+}
+
+// 6502 clCreateFromGLTexture2D
+void play_6502(Call &c) {
+    using H = Hooks<cl::clCreateFromGLTexture2D>;
+    auto host = c.cl().clCreateFromGLTexture2D;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_context p_context = c.handle<cl_context>(Handle::ClContext, 0);
+    cl_mem_flags p_flags = static_cast<cl_mem_flags>(c.value(1));
+    cl_GLenum p_target = static_cast<cl_GLenum>(c.value(2));
+    cl_GLint p_miplevel = static_cast<cl_GLint>(c.value(3));
+    cl_GLuint p_texture = static_cast<cl_GLuint>(c.value(4));
+    cl_int * p_errcode_ret = reinterpret_cast<cl_int *>(c.out(5));
+    if (!c.ok()) return;
+    if (!H::before(c, p_context, p_flags, p_target, p_miplevel, p_texture, p_errcode_ret)) return;
+    cl_mem r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_context, p_flags, p_target, p_miplevel, p_texture, p_errcode_ret); else r = host(p_context, p_flags, p_target, p_miplevel, p_texture, p_errcode_ret);
+    c.createdHandle(Handle::ClMem, r);
+    if (p_errcode_ret) c.localStatus(*p_errcode_ret);
+    H::after(c, r, p_context, p_flags, p_target, p_miplevel, p_texture, p_errcode_ret);
+}
+
+// 6503 clCreateFromGLTexture3D
+void play_6503(Call &c) {
+    using H = Hooks<cl::clCreateFromGLTexture3D>;
+    auto host = c.cl().clCreateFromGLTexture3D;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_context p_context = c.handle<cl_context>(Handle::ClContext, 0);
+    cl_mem_flags p_flags = static_cast<cl_mem_flags>(c.value(1));
+    cl_GLenum p_target = static_cast<cl_GLenum>(c.value(2));
+    cl_GLint p_miplevel = static_cast<cl_GLint>(c.value(3));
+    cl_GLuint p_texture = static_cast<cl_GLuint>(c.value(4));
+    cl_int * p_errcode_ret = reinterpret_cast<cl_int *>(c.out(5));
+    if (!c.ok()) return;
+    if (!H::before(c, p_context, p_flags, p_target, p_miplevel, p_texture, p_errcode_ret)) return;
+    cl_mem r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_context, p_flags, p_target, p_miplevel, p_texture, p_errcode_ret); else r = host(p_context, p_flags, p_target, p_miplevel, p_texture, p_errcode_ret);
+    c.createdHandle(Handle::ClMem, r);
+    if (p_errcode_ret) c.localStatus(*p_errcode_ret);
+    H::after(c, r, p_context, p_flags, p_target, p_miplevel, p_texture, p_errcode_ret);
+}
+
+// 6504 clCreateFromGLRenderbuffer
+void play_6504(Call &c) {
+    using H = Hooks<cl::clCreateFromGLRenderbuffer>;
+    auto host = c.cl().clCreateFromGLRenderbuffer;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_context p_context = c.handle<cl_context>(Handle::ClContext, 0);
+    cl_mem_flags p_flags = static_cast<cl_mem_flags>(c.value(1));
+    cl_GLuint p_renderbuffer = static_cast<cl_GLuint>(c.value(2));
+    cl_int * p_errcode_ret = reinterpret_cast<cl_int *>(c.out(3));
+    if (!c.ok()) return;
+    if (!H::before(c, p_context, p_flags, p_renderbuffer, p_errcode_ret)) return;
+    cl_mem r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_context, p_flags, p_renderbuffer, p_errcode_ret); else r = host(p_context, p_flags, p_renderbuffer, p_errcode_ret);
+    c.createdHandle(Handle::ClMem, r);
+    if (p_errcode_ret) c.localStatus(*p_errcode_ret);
+    H::after(c, r, p_context, p_flags, p_renderbuffer, p_errcode_ret);
+}
+
+// 6505 clGetGLObjectInfo
+void play_6505(Call &c) {
+    using H = Hooks<cl::clGetGLObjectInfo>;
+    auto host = c.cl().clGetGLObjectInfo;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_mem p_memobj = c.handle<cl_mem>(Handle::ClMem, 0);
+    cl_gl_object_type * p_gl_object_type = reinterpret_cast<cl_gl_object_type *>(c.out(1));
+    cl_GLuint * p_gl_object_name = reinterpret_cast<cl_GLuint *>(c.out(2));
+    if (!c.ok()) return;
+    if (!H::before(c, p_memobj, p_gl_object_type, p_gl_object_name)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_memobj, p_gl_object_type, p_gl_object_name); else r = host(p_memobj, p_gl_object_type, p_gl_object_name);
+    c.localStatus(r);
+    H::after(c, r, p_memobj, p_gl_object_type, p_gl_object_name);
+}
+
+// 6506 clGetGLTextureInfo
+void play_6506(Call &c) {
+    using H = Hooks<cl::clGetGLTextureInfo>;
+    auto host = c.cl().clGetGLTextureInfo;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_mem p_memobj = c.handle<cl_mem>(Handle::ClMem, 0);
+    cl_gl_texture_info p_param_name = static_cast<cl_gl_texture_info>(c.value(1));
+    size_t p_param_value_size = static_cast<size_t>(c.value(2));
+    void * p_param_value = reinterpret_cast<void *>(c.out(3, c.value(2)));
+    size_t * p_param_value_size_ret = reinterpret_cast<size_t *>(c.out(4, c.value(2)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_memobj, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_memobj, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret); else r = host(p_memobj, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
+    c.localStatus(r);
+    H::after(c, r, p_memobj, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
+}
+
+// 6507 clEnqueueAcquireGLObjects
+void play_6507(Call &c) {
+    using H = Hooks<cl::clEnqueueAcquireGLObjects>;
+    auto host = c.cl().clEnqueueAcquireGLObjects;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_command_queue p_command_queue = c.handle<cl_command_queue>(Handle::ClQueue, 0);
+    cl_uint p_num_objects = static_cast<cl_uint>(c.value(1));
+    const cl_mem * p_mem_objects = reinterpret_cast<const cl_mem *>(c.handles(Handle::ClMem, 2));
+    cl_uint p_num_events_in_wait_list = static_cast<cl_uint>(c.value(3));
+    const cl_event * p_event_wait_list = reinterpret_cast<const cl_event *>(c.handles(Handle::ClEvent, 4));
+    cl_event * p_event = reinterpret_cast<cl_event *>(c.out(5));
+    if (!c.ok()) return;
+    if (!H::before(c, p_command_queue, p_num_objects, p_mem_objects, p_num_events_in_wait_list, p_event_wait_list, p_event)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue, p_num_objects, p_mem_objects, p_num_events_in_wait_list, p_event_wait_list, p_event); else r = host(p_command_queue, p_num_objects, p_mem_objects, p_num_events_in_wait_list, p_event_wait_list, p_event);
+    c.createdHandles(Handle::ClEvent, 5, p_event);
+    c.localStatus(r);
+    H::after(c, r, p_command_queue, p_num_objects, p_mem_objects, p_num_events_in_wait_list, p_event_wait_list, p_event);
+}
+
+// 6508 clEnqueueReleaseGLObjects
+void play_6508(Call &c) {
+    using H = Hooks<cl::clEnqueueReleaseGLObjects>;
+    auto host = c.cl().clEnqueueReleaseGLObjects;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_command_queue p_command_queue = c.handle<cl_command_queue>(Handle::ClQueue, 0);
+    cl_uint p_num_objects = static_cast<cl_uint>(c.value(1));
+    const cl_mem * p_mem_objects = reinterpret_cast<const cl_mem *>(c.handles(Handle::ClMem, 2));
+    cl_uint p_num_events_in_wait_list = static_cast<cl_uint>(c.value(3));
+    const cl_event * p_event_wait_list = reinterpret_cast<const cl_event *>(c.handles(Handle::ClEvent, 4));
+    cl_event * p_event = reinterpret_cast<cl_event *>(c.out(5));
+    if (!c.ok()) return;
+    if (!H::before(c, p_command_queue, p_num_objects, p_mem_objects, p_num_events_in_wait_list, p_event_wait_list, p_event)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue, p_num_objects, p_mem_objects, p_num_events_in_wait_list, p_event_wait_list, p_event); else r = host(p_command_queue, p_num_objects, p_mem_objects, p_num_events_in_wait_list, p_event_wait_list, p_event);
+    c.createdHandles(Handle::ClEvent, 5, p_event);
+    c.localStatus(r);
+    H::after(c, r, p_command_queue, p_num_objects, p_mem_objects, p_num_events_in_wait_list, p_event_wait_list, p_event);
+}
+
+// 6509 clCreateFromGLTexture
+void play_6509(Call &c) {
+    using H = Hooks<cl::clCreateFromGLTexture>;
+    auto host = c.cl().clCreateFromGLTexture;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_context p_context = c.handle<cl_context>(Handle::ClContext, 0);
+    cl_mem_flags p_flags = static_cast<cl_mem_flags>(c.value(1));
+    cl_GLenum p_target = static_cast<cl_GLenum>(c.value(2));
+    cl_GLint p_miplevel = static_cast<cl_GLint>(c.value(3));
+    cl_GLuint p_texture = static_cast<cl_GLuint>(c.value(4));
+    cl_int * p_errcode_ret = reinterpret_cast<cl_int *>(c.out(5));
+    if (!c.ok()) return;
+    if (!H::before(c, p_context, p_flags, p_target, p_miplevel, p_texture, p_errcode_ret)) return;
+    cl_mem r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_context, p_flags, p_target, p_miplevel, p_texture, p_errcode_ret); else r = host(p_context, p_flags, p_target, p_miplevel, p_texture, p_errcode_ret);
+    c.createdHandle(Handle::ClMem, r);
+    if (p_errcode_ret) c.localStatus(*p_errcode_ret);
+    H::after(c, r, p_context, p_flags, p_target, p_miplevel, p_texture, p_errcode_ret);
+}
+
+// 6510 clGetGLContextInfoKHR
+void play_6510(Call &c) {
+    using H = Hooks<cl::clGetGLContextInfoKHR>;
+    auto host = c.cl().clGetGLContextInfoKHR;
+    if (!H::kReplacesCall && !host) return c.missing();
+    const cl_context_properties * p_properties = reinterpret_cast<const cl_context_properties *>(const_cast<void *>(c.in(0)));
+    cl_gl_context_info p_param_name = static_cast<cl_gl_context_info>(c.value(1));
+    size_t p_param_value_size = static_cast<size_t>(c.value(2));
+    void * p_param_value = reinterpret_cast<void *>(c.out(3, c.value(2)));
+    size_t * p_param_value_size_ret = reinterpret_cast<size_t *>(c.out(4, c.value(2)));
+    if (!c.ok()) return;
+    if (!H::before(c, p_properties, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_properties, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret); else r = host(p_properties, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
+    c.localStatus(r);
+    H::after(c, r, p_properties, p_param_name, p_param_value_size, p_param_value, p_param_value_size_ret);
+}
+
+// 6511 clCreateEventFromGLsyncKHR
+void play_6511(Call &c) {
+    using H = Hooks<cl::clCreateEventFromGLsyncKHR>;
+    auto host = c.cl().clCreateEventFromGLsyncKHR;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_context p_context = c.handle<cl_context>(Handle::ClContext, 0);
+    cl_GLsync p_sync = c.raw<cl_GLsync>(1);
+    cl_int * p_errcode_ret = reinterpret_cast<cl_int *>(c.out(2));
+    if (!c.ok()) return;
+    if (!H::before(c, p_context, p_sync, p_errcode_ret)) return;
+    cl_event r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_context, p_sync, p_errcode_ret); else r = host(p_context, p_sync, p_errcode_ret);
+    c.createdHandle(Handle::ClEvent, r);
+    if (p_errcode_ret) c.localStatus(*p_errcode_ret);
+    H::after(c, r, p_context, p_sync, p_errcode_ret);
+}
+
+// 6512 clCreateFromEGLImageKHR
+void play_6512(Call &c) {
+    using H = Hooks<cl::clCreateFromEGLImageKHR>;
+    auto host = c.cl().clCreateFromEGLImageKHR;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_context p_context = c.handle<cl_context>(Handle::ClContext, 0);
+    CLeglDisplayKHR p_egldisplay = c.raw<CLeglDisplayKHR>(1);
+    CLeglImageKHR p_eglimage = c.raw<CLeglImageKHR>(2);
+    cl_mem_flags p_flags = static_cast<cl_mem_flags>(c.value(3));
+    const cl_egl_image_properties_khr * p_properties = reinterpret_cast<const cl_egl_image_properties_khr *>(const_cast<void *>(c.in(4)));
+    cl_int * p_errcode_ret = reinterpret_cast<cl_int *>(c.out(5));
+    if (!c.ok()) return;
+    if (!H::before(c, p_context, p_egldisplay, p_eglimage, p_flags, p_properties, p_errcode_ret)) return;
+    cl_mem r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_context, p_egldisplay, p_eglimage, p_flags, p_properties, p_errcode_ret); else r = host(p_context, p_egldisplay, p_eglimage, p_flags, p_properties, p_errcode_ret);
+    c.createdHandle(Handle::ClMem, r);
+    if (p_errcode_ret) c.localStatus(*p_errcode_ret);
+    H::after(c, r, p_context, p_egldisplay, p_eglimage, p_flags, p_properties, p_errcode_ret);
+}
+
+// 6513 clEnqueueAcquireEGLObjectsKHR
+void play_6513(Call &c) {
+    using H = Hooks<cl::clEnqueueAcquireEGLObjectsKHR>;
+    auto host = c.cl().clEnqueueAcquireEGLObjectsKHR;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_command_queue p_command_queue = c.handle<cl_command_queue>(Handle::ClQueue, 0);
+    cl_uint p_num_objects = static_cast<cl_uint>(c.value(1));
+    const cl_mem * p_mem_objects = reinterpret_cast<const cl_mem *>(c.handles(Handle::ClMem, 2));
+    cl_uint p_num_events_in_wait_list = static_cast<cl_uint>(c.value(3));
+    const cl_event * p_event_wait_list = reinterpret_cast<const cl_event *>(c.handles(Handle::ClEvent, 4));
+    cl_event * p_event = reinterpret_cast<cl_event *>(c.out(5));
+    if (!c.ok()) return;
+    if (!H::before(c, p_command_queue, p_num_objects, p_mem_objects, p_num_events_in_wait_list, p_event_wait_list, p_event)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue, p_num_objects, p_mem_objects, p_num_events_in_wait_list, p_event_wait_list, p_event); else r = host(p_command_queue, p_num_objects, p_mem_objects, p_num_events_in_wait_list, p_event_wait_list, p_event);
+    c.createdHandles(Handle::ClEvent, 5, p_event);
+    c.localStatus(r);
+    H::after(c, r, p_command_queue, p_num_objects, p_mem_objects, p_num_events_in_wait_list, p_event_wait_list, p_event);
+}
+
+// 6514 clEnqueueReleaseEGLObjectsKHR
+void play_6514(Call &c) {
+    using H = Hooks<cl::clEnqueueReleaseEGLObjectsKHR>;
+    auto host = c.cl().clEnqueueReleaseEGLObjectsKHR;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_command_queue p_command_queue = c.handle<cl_command_queue>(Handle::ClQueue, 0);
+    cl_uint p_num_objects = static_cast<cl_uint>(c.value(1));
+    const cl_mem * p_mem_objects = reinterpret_cast<const cl_mem *>(c.handles(Handle::ClMem, 2));
+    cl_uint p_num_events_in_wait_list = static_cast<cl_uint>(c.value(3));
+    const cl_event * p_event_wait_list = reinterpret_cast<const cl_event *>(c.handles(Handle::ClEvent, 4));
+    cl_event * p_event = reinterpret_cast<cl_event *>(c.out(5));
+    if (!c.ok()) return;
+    if (!H::before(c, p_command_queue, p_num_objects, p_mem_objects, p_num_events_in_wait_list, p_event_wait_list, p_event)) return;
+    cl_int r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_command_queue, p_num_objects, p_mem_objects, p_num_events_in_wait_list, p_event_wait_list, p_event); else r = host(p_command_queue, p_num_objects, p_mem_objects, p_num_events_in_wait_list, p_event_wait_list, p_event);
+    c.createdHandles(Handle::ClEvent, 5, p_event);
+    c.localStatus(r);
+    H::after(c, r, p_command_queue, p_num_objects, p_mem_objects, p_num_events_in_wait_list, p_event_wait_list, p_event);
+}
+
+// 6515 clCreateEventFromEGLSyncKHR
+void play_6515(Call &c) {
+    using H = Hooks<cl::clCreateEventFromEGLSyncKHR>;
+    auto host = c.cl().clCreateEventFromEGLSyncKHR;
+    if (!H::kReplacesCall && !host) return c.missing();
+    cl_context p_context = c.handle<cl_context>(Handle::ClContext, 0);
+    CLeglSyncKHR p_sync = c.raw<CLeglSyncKHR>(1);
+    CLeglDisplayKHR p_display = c.raw<CLeglDisplayKHR>(2);
+    cl_int * p_errcode_ret = reinterpret_cast<cl_int *>(c.out(3));
+    if (!c.ok()) return;
+    if (!H::before(c, p_context, p_sync, p_display, p_errcode_ret)) return;
+    cl_event r;
+    if constexpr (H::kReplacesCall) r = H::call(c, p_context, p_sync, p_display, p_errcode_ret); else r = host(p_context, p_sync, p_display, p_errcode_ret);
+    c.createdHandle(Handle::ClEvent, r);
+    if (p_errcode_ret) c.localStatus(*p_errcode_ret);
+    H::after(c, r, p_context, p_sync, p_display, p_errcode_ret);
+}
+
 } // namespace
 
 const PlayEntry kPlayed[] = {
@@ -13120,7 +15044,111 @@ const PlayEntry kPlayed[] = {
     {7111, &play_7111},
     {7112, &play_7112},
     {7113, &play_7113},
+    {6001, &play_6001},
+    {6002, &play_6002},
+    {6003, &play_6003},
+    {6004, &play_6004},
+    {6005, &play_6005},
+    {6006, &play_6006},
+    {6007, &play_6007},
+    {6008, &play_6008},
+    {6009, &play_6009},
+    {6010, &play_6010},
+    {6011, &play_6011},
+    {6012, &play_6012},
+    {6013, &play_6013},
+    {6014, &play_6014},
+    {6015, &play_6015},
+    {6016, &play_6016},
+    {6017, &play_6017},
+    {6018, &play_6018},
+    {6019, &play_6019},
+    {6020, &play_6020},
+    {6021, &play_6021},
+    {6022, &play_6022},
+    {6023, &play_6023},
+    {6024, &play_6024},
+    {6025, &play_6025},
+    {6026, &play_6026},
+    {6027, &play_6027},
+    {6028, &play_6028},
+    {6029, &play_6029},
+    {6030, &play_6030},
+    {6031, &play_6031},
+    {6032, &play_6032},
+    {6033, &play_6033},
+    {6034, &play_6034},
+    {6035, &play_6035},
+    {6036, &play_6036},
+    {6037, &play_6037},
+    {6038, &play_6038},
+    {6039, &play_6039},
+    {6040, &play_6040},
+    {6041, &play_6041},
+    {6042, &play_6042},
+    {6043, &play_6043},
+    {6044, &play_6044},
+    {6045, &play_6045},
+    {6046, &play_6046},
+    {6047, &play_6047},
+    {6048, &play_6048},
+    {6049, &play_6049},
+    {6050, &play_6050},
+    {6051, &play_6051},
+    {6052, &play_6052},
+    {6053, &play_6053},
+    {6054, &play_6054},
+    {6055, &play_6055},
+    {6056, &play_6056},
+    {6057, &play_6057},
+    {6058, &play_6058},
+    {6059, &play_6059},
+    {6060, &play_6060},
+    {6061, &play_6061},
+    {6062, &play_6062},
+    {6063, &play_6063},
+    {6064, &play_6064},
+    {6065, &play_6065},
+    {6066, &play_6066},
+    {6067, &play_6067},
+    {6068, &play_6068},
+    {6069, &play_6069},
+    {6070, &play_6070},
+    {6071, &play_6071},
+    {6072, &play_6072},
+    {6073, &play_6073},
+    {6074, &play_6074},
+    {6075, &play_6075},
+    {6076, &play_6076},
+    {6077, &play_6077},
+    {6078, &play_6078},
+    {6079, &play_6079},
+    {6080, &play_6080},
+    {6081, &play_6081},
+    {6082, &play_6082},
+    {6083, &play_6083},
+    {6084, &play_6084},
+    {6085, &play_6085},
+    {6086, &play_6086},
+    {6087, &play_6087},
+    {6088, &play_6088},
+    {6089, &play_6089},
+    {6501, &play_6501},
+    {6502, &play_6502},
+    {6503, &play_6503},
+    {6504, &play_6504},
+    {6505, &play_6505},
+    {6506, &play_6506},
+    {6507, &play_6507},
+    {6508, &play_6508},
+    {6509, &play_6509},
+    {6510, &play_6510},
+    {6511, &play_6511},
+    {6512, &play_6512},
+    {6513, &play_6513},
+    {6514, &play_6514},
+    {6515, &play_6515},
 };
-const uint32_t kPlayedCount = 851;
+const uint32_t kPlayedCount = 955;
 
 } // namespace kv::replay

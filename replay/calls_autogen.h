@@ -875,12 +875,121 @@ struct glDrawElementsInstancedBaseVertexOES { static constexpr uint16_t id = 434
 
 } // namespace kv::replay::ext
 
+namespace kv::replay::cl {
+
+struct clGetPlatformIDs { static constexpr uint16_t id = 6001; };
+struct clGetPlatformInfo { static constexpr uint16_t id = 6002; };
+struct clGetDeviceIDs { static constexpr uint16_t id = 6003; };
+struct clGetDeviceInfo { static constexpr uint16_t id = 6004; };
+struct clCreateContext { static constexpr uint16_t id = 6005; };
+struct clCreateContextFromType { static constexpr uint16_t id = 6006; };
+struct clRetainContext { static constexpr uint16_t id = 6007; };
+struct clReleaseContext { static constexpr uint16_t id = 6008; };
+struct clGetContextInfo { static constexpr uint16_t id = 6009; };
+struct clCreateCommandQueue { static constexpr uint16_t id = 6010; };
+struct clRetainCommandQueue { static constexpr uint16_t id = 6011; };
+struct clReleaseCommandQueue { static constexpr uint16_t id = 6012; };
+struct clGetCommandQueueInfo { static constexpr uint16_t id = 6013; };
+struct clSetCommandQueueProperty { static constexpr uint16_t id = 6014; };
+struct clCreateBuffer { static constexpr uint16_t id = 6015; };
+struct clCreateSubBuffer { static constexpr uint16_t id = 6016; };
+struct clCreateImage2D { static constexpr uint16_t id = 6017; };
+struct clCreateImage3D { static constexpr uint16_t id = 6018; };
+struct clRetainMemObject { static constexpr uint16_t id = 6019; };
+struct clReleaseMemObject { static constexpr uint16_t id = 6020; };
+struct clGetSupportedImageFormats { static constexpr uint16_t id = 6021; };
+struct clGetMemObjectInfo { static constexpr uint16_t id = 6022; };
+struct clGetImageInfo { static constexpr uint16_t id = 6023; };
+struct clSetMemObjectDestructorCallback { static constexpr uint16_t id = 6024; };
+struct clCreateSampler { static constexpr uint16_t id = 6025; };
+struct clRetainSampler { static constexpr uint16_t id = 6026; };
+struct clReleaseSampler { static constexpr uint16_t id = 6027; };
+struct clGetSamplerInfo { static constexpr uint16_t id = 6028; };
+struct clCreateProgramWithSource { static constexpr uint16_t id = 6029; };
+struct clCreateProgramWithBinary { static constexpr uint16_t id = 6030; };
+struct clRetainProgram { static constexpr uint16_t id = 6031; };
+struct clReleaseProgram { static constexpr uint16_t id = 6032; };
+struct clBuildProgram { static constexpr uint16_t id = 6033; };
+struct clUnloadCompiler { static constexpr uint16_t id = 6034; };
+struct clGetProgramInfo { static constexpr uint16_t id = 6035; };
+struct clGetProgramBuildInfo { static constexpr uint16_t id = 6036; };
+struct clCreateKernel { static constexpr uint16_t id = 6037; };
+struct clCreateKernelsInProgram { static constexpr uint16_t id = 6038; };
+struct clRetainKernel { static constexpr uint16_t id = 6039; };
+struct clReleaseKernel { static constexpr uint16_t id = 6040; };
+struct clSetKernelArg { static constexpr uint16_t id = 6041; };
+struct clGetKernelInfo { static constexpr uint16_t id = 6042; };
+struct clGetKernelWorkGroupInfo { static constexpr uint16_t id = 6043; };
+struct clWaitForEvents { static constexpr uint16_t id = 6044; };
+struct clGetEventInfo { static constexpr uint16_t id = 6045; };
+struct clCreateUserEvent { static constexpr uint16_t id = 6046; };
+struct clRetainEvent { static constexpr uint16_t id = 6047; };
+struct clReleaseEvent { static constexpr uint16_t id = 6048; };
+struct clSetUserEventStatus { static constexpr uint16_t id = 6049; };
+struct clSetEventCallback { static constexpr uint16_t id = 6050; };
+struct clGetEventProfilingInfo { static constexpr uint16_t id = 6051; };
+struct clFlush { static constexpr uint16_t id = 6052; };
+struct clFinish { static constexpr uint16_t id = 6053; };
+struct clEnqueueReadBuffer { static constexpr uint16_t id = 6054; };
+struct clEnqueueReadBufferRect { static constexpr uint16_t id = 6055; };
+struct clEnqueueWriteBuffer { static constexpr uint16_t id = 6056; };
+struct clEnqueueWriteBufferRect { static constexpr uint16_t id = 6057; };
+struct clEnqueueCopyBuffer { static constexpr uint16_t id = 6058; };
+struct clEnqueueCopyBufferRect { static constexpr uint16_t id = 6059; };
+struct clEnqueueReadImage { static constexpr uint16_t id = 6060; };
+struct clEnqueueWriteImage { static constexpr uint16_t id = 6061; };
+struct clEnqueueCopyImage { static constexpr uint16_t id = 6062; };
+struct clEnqueueCopyImageToBuffer { static constexpr uint16_t id = 6063; };
+struct clEnqueueCopyBufferToImage { static constexpr uint16_t id = 6064; };
+struct clEnqueueMapBuffer { static constexpr uint16_t id = 6065; };
+struct clEnqueueMapImage { static constexpr uint16_t id = 6066; };
+struct clEnqueueUnmapMemObject { static constexpr uint16_t id = 6067; };
+struct clEnqueueNDRangeKernel { static constexpr uint16_t id = 6068; };
+struct clEnqueueTask { static constexpr uint16_t id = 6069; };
+struct clEnqueueNativeKernel { static constexpr uint16_t id = 6070; };
+struct clEnqueueMarker { static constexpr uint16_t id = 6071; };
+struct clEnqueueWaitForEvents { static constexpr uint16_t id = 6072; };
+struct clEnqueueBarrier { static constexpr uint16_t id = 6073; };
+struct clGetExtensionFunctionAddress { static constexpr uint16_t id = 6074; };
+struct clCreateSubDevices { static constexpr uint16_t id = 6075; };
+struct clRetainDevice { static constexpr uint16_t id = 6076; };
+struct clReleaseDevice { static constexpr uint16_t id = 6077; };
+struct clCreateImage { static constexpr uint16_t id = 6078; };
+struct clCreateProgramWithBuiltInKernels { static constexpr uint16_t id = 6079; };
+struct clCompileProgram { static constexpr uint16_t id = 6080; };
+struct clLinkProgram { static constexpr uint16_t id = 6081; };
+struct clUnloadPlatformCompiler { static constexpr uint16_t id = 6082; };
+struct clGetKernelArgInfo { static constexpr uint16_t id = 6083; };
+struct clEnqueueFillBuffer { static constexpr uint16_t id = 6084; };
+struct clEnqueueFillImage { static constexpr uint16_t id = 6085; };
+struct clEnqueueMigrateMemObjects { static constexpr uint16_t id = 6086; };
+struct clEnqueueMarkerWithWaitList { static constexpr uint16_t id = 6087; };
+struct clEnqueueBarrierWithWaitList { static constexpr uint16_t id = 6088; };
+struct clGetExtensionFunctionAddressForPlatform { static constexpr uint16_t id = 6089; };
+struct clCreateFromGLBuffer { static constexpr uint16_t id = 6501; };
+struct clCreateFromGLTexture2D { static constexpr uint16_t id = 6502; };
+struct clCreateFromGLTexture3D { static constexpr uint16_t id = 6503; };
+struct clCreateFromGLRenderbuffer { static constexpr uint16_t id = 6504; };
+struct clGetGLObjectInfo { static constexpr uint16_t id = 6505; };
+struct clGetGLTextureInfo { static constexpr uint16_t id = 6506; };
+struct clEnqueueAcquireGLObjects { static constexpr uint16_t id = 6507; };
+struct clEnqueueReleaseGLObjects { static constexpr uint16_t id = 6508; };
+struct clCreateFromGLTexture { static constexpr uint16_t id = 6509; };
+struct clGetGLContextInfoKHR { static constexpr uint16_t id = 6510; };
+struct clCreateEventFromGLsyncKHR { static constexpr uint16_t id = 6511; };
+struct clCreateFromEGLImageKHR { static constexpr uint16_t id = 6512; };
+struct clEnqueueAcquireEGLObjectsKHR { static constexpr uint16_t id = 6513; };
+struct clEnqueueReleaseEGLObjectsKHR { static constexpr uint16_t id = 6514; };
+struct clCreateEventFromEGLSyncKHR { static constexpr uint16_t id = 6515; };
+
+} // namespace kv::replay::cl
+
 namespace kv::replay {
 
 // The maps of driver-chosen handles, one per handle type.
-enum class Handle : uint8_t { Config, Context, Device, Display, EglSync, Image, OutputLayer, OutputPort, Stream, Surface, Count };
+enum class Handle : uint8_t { ClContext, ClDevice, ClEvent, ClKernel, ClMem, ClPlatform, ClProgram, ClQueue, ClSampler, Config, Context, Device, Display, EglSync, Image, OutputLayer, OutputPort, Stream, Surface, Count };
 
-// The functions the player can call: 851.
+// The functions the player can call: 955.
 extern const uint32_t kPlayedCount;
 
 } // namespace kv::replay

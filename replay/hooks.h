@@ -170,4 +170,145 @@ struct Hooks<fn::glUnmapBuffer> : HookDefaults {
 // Reads of results into client memory are made into scratch memory; reads into a pixel pack
 // buffer keep their offset (Call::out).
 
+// ---- OpenCL (cl_hooks.cpp) --------------------------------------------------------------------
+
+// Handles inside a context's property list (its platform, shared EGL objects) are the local ones.
+template <>
+struct Hooks<cl::clCreateContext> : HookDefaults {
+    static bool before(Call &c, const cl_context_properties *&properties, cl_uint &, const cl_device_id *&,
+                       std::nullptr_t &, void *&, cl_int *&);
+};
+template <>
+struct Hooks<cl::clCreateContextFromType> : HookDefaults {
+    static bool before(Call &c, const cl_context_properties *&properties, cl_device_type &, std::nullptr_t &,
+                       void *&, cl_int *&);
+};
+
+// Memory that used the recording process's own host memory starts from a copy of its recorded
+// contents here: nothing of this process stands behind it.
+template <>
+struct Hooks<cl::clCreateBuffer> : HookDefaults {
+    static bool before(Call &c, cl_context &, cl_mem_flags &flags, size_t &, void *&host, cl_int *&);
+};
+template <>
+struct Hooks<cl::clCreateImage> : HookDefaults {
+    static bool before(Call &c, cl_context &, cl_mem_flags &flags, const cl_image_format *&,
+                       const cl_image_desc *&, void *&host, cl_int *&);
+};
+template <>
+struct Hooks<cl::clCreateImage2D> : HookDefaults {
+    static bool before(Call &c, cl_context &, cl_mem_flags &flags, const cl_image_format *&, size_t &,
+                       size_t &, size_t &, void *&host, cl_int *&);
+};
+template <>
+struct Hooks<cl::clCreateImage3D> : HookDefaults {
+    static bool before(Call &c, cl_context &, cl_mem_flags &flags, const cl_image_format *&, size_t &,
+                       size_t &, size_t &, size_t &, size_t &, void *&host, cl_int *&);
+};
+
+// Sources are passed as the terminated copies the player made of them.
+template <>
+struct Hooks<cl::clCreateProgramWithSource> : HookDefaults {
+    static bool before(Call &c, cl_context &, cl_uint &, const char **&, const size_t *&lengths, cl_int *&);
+};
+
+// An argument that holds a recorded memory object or sampler holds the local one.
+template <>
+struct Hooks<cl::clSetKernelArg> : HookDefaults {
+    static bool before(Call &c, cl_kernel &, cl_uint &, size_t &size, const void *&value);
+};
+
+// Writes block here: the bytes they give the device live in the record being played, which the
+// next record replaces.
+struct BlockingWrite : HookDefaults {
+    template <class Queue, class Mem, class... Rest>
+    static bool before(Call &, Queue &, Mem &, cl_bool &blocking, Rest &...) {
+        blocking = CL_TRUE;
+        return true;
+    }
+};
+template <>
+struct Hooks<cl::clEnqueueWriteBuffer> : BlockingWrite {};
+template <>
+struct Hooks<cl::clEnqueueWriteBufferRect> : BlockingWrite {};
+template <>
+struct Hooks<cl::clEnqueueWriteImage> : BlockingWrite {};
+
+// Reads block here and what they bring back is compared with what the recording brought back.
+template <>
+struct Hooks<cl::clEnqueueReadBuffer> : HookDefaults {
+    static bool before(Call &c, cl_command_queue &, cl_mem &, cl_bool &blocking, size_t &, size_t &size,
+                       void *&ptr, cl_uint &, const cl_event *&, cl_event *&);
+    static void after(Call &c, cl_int &result, cl_command_queue, cl_mem, cl_bool, size_t, size_t, void *ptr,
+                      cl_uint, const cl_event *, cl_event *);
+};
+template <>
+struct Hooks<cl::clEnqueueReadBufferRect> : HookDefaults {
+    static bool before(Call &c, cl_command_queue &, cl_mem &, cl_bool &blocking, const size_t *&,
+                       const size_t *&, const size_t *&, size_t &, size_t &, size_t &, size_t &, void *&ptr,
+                       cl_uint &, const cl_event *&, cl_event *&);
+    static void after(Call &c, cl_int &result, cl_command_queue, cl_mem, cl_bool, const size_t *,
+                      const size_t *, const size_t *, size_t, size_t, size_t, size_t, void *ptr, cl_uint,
+                      const cl_event *, cl_event *);
+};
+template <>
+struct Hooks<cl::clEnqueueReadImage> : HookDefaults {
+    static bool before(Call &c, cl_command_queue &, cl_mem &, cl_bool &blocking, const size_t *&,
+                       const size_t *&, size_t &, size_t &, void *&ptr, cl_uint &, const cl_event *&,
+                       cl_event *&);
+    static void after(Call &c, cl_int &result, cl_command_queue, cl_mem, cl_bool, const size_t *,
+                      const size_t *, size_t, size_t, void *ptr, cl_uint, const cl_event *, cl_event *);
+};
+
+// Mappings block here; what the recorded host wrote into one reaches the local mapping as it is
+// given back.
+template <>
+struct Hooks<cl::clEnqueueMapBuffer> : HookDefaults {
+    static bool before(Call &c, cl_command_queue &, cl_mem &, cl_bool &blocking, cl_map_flags &, size_t &,
+                       size_t &, cl_uint &, const cl_event *&, cl_event *&, cl_int *&);
+    static void after(Call &c, void *&result, cl_command_queue, cl_mem, cl_bool, cl_map_flags, size_t, size_t,
+                      cl_uint, const cl_event *, cl_event *, cl_int *);
+};
+template <>
+struct Hooks<cl::clEnqueueMapImage> : HookDefaults {
+    static bool before(Call &c, cl_command_queue &, cl_mem &, cl_bool &blocking, cl_map_flags &,
+                       const size_t *&, const size_t *&, size_t *&, size_t *&, cl_uint &, const cl_event *&,
+                       cl_event *&, cl_int *&);
+    static void after(Call &c, void *&result, cl_command_queue, cl_mem, cl_bool, cl_map_flags, const size_t *,
+                      const size_t *, size_t *, size_t *, cl_uint, const cl_event *, cl_event *, cl_int *);
+};
+template <>
+struct Hooks<cl::clEnqueueUnmapMemObject> : HookDefaults {
+    static bool before(Call &c, cl_command_queue &, cl_mem &, void *&mapped, cl_uint &, const cl_event *&,
+                       cl_event *&);
+    static void after(Call &c, cl_int &result, cl_command_queue, cl_mem, void *mapped, cl_uint,
+                      const cl_event *, cl_event *);
+};
+
+// Queries that answer with handles teach the player the local ones; a program's binaries are
+// written through pointers of the recorded process, so that query is not made.
+template <>
+struct Hooks<cl::clGetContextInfo> : HookDefaults {
+    static void after(Call &c, cl_int &result, cl_context, cl_context_info name, size_t, void *value,
+                      size_t *);
+};
+template <>
+struct Hooks<cl::clGetProgramInfo> : HookDefaults {
+    static bool before(Call &c, cl_program &, cl_program_info &name, size_t &, void *&, size_t *&);
+    static void after(Call &c, cl_int &result, cl_program, cl_program_info name, size_t, void *value,
+                      size_t *);
+};
+
+// The recording process's entry points mean nothing here.
+template <>
+struct Hooks<cl::clGetExtensionFunctionAddress> : HookDefaults {
+    static constexpr bool kReplacesCall = true;
+    static void *call(Call &, const char *) { return nullptr; }
+};
+template <>
+struct Hooks<cl::clGetExtensionFunctionAddressForPlatform> : HookDefaults {
+    static constexpr bool kReplacesCall = true;
+    static void *call(Call &, cl_platform_id, const char *) { return nullptr; }
+};
+
 } // namespace kv::replay

@@ -18,6 +18,9 @@ namespace {
 
 constexpr uint16_t kContextInformation = 1502;
 constexpr uint16_t kFirstPseudo = 1500, kLastPseudo = 1503;
+// OpenCL records that are no calls: the description of a recorded platform (the local platforms
+// are asked for as the program asked), and the bytes a read made without blocking brought back.
+constexpr uint16_t kClPlatform = 6000, kClReadContents = 6090;
 
 bool succeeded(const reader::Entry &e) {
     switch (e.desc->error) {
@@ -100,6 +103,9 @@ bool Player::prescan(std::string *error) {
     reader::Entry e;
     while (r->next(e)) {
         if (e.kind != reader::Entry::Kind::Call || !e.problem.empty()) continue;
+        if (e.desc && e.desc->family != api::Family::Cl && e.desc->family != api::Family::ClExt &&
+            e.desc->family != api::Family::Pseudo)
+            graphics_ = true;
         if (isSwap(e.id)) {
             ++totalFrames_;
         } else if (e.id == kContextInformation && e.args.size() >= 7) {
@@ -407,9 +413,22 @@ void Player::play(Worker &w) {
         }
         return;
     }
+    if (e.id == kClPlatform) return;
+    if (e.id == kClReadContents) {
+        readCompleted(e);
+        return;
+    }
     // A call the recorded driver refused changed nothing there; it is not made here either.
     if (!succeeded(e)) {
         ++failedSkipped_;
+        // Some OpenCL drivers hand out an object with a failure status, and the program releases
+        // it: those later calls are not made either.
+        if (e.desc->error == api::ErrorKind::Cl && e.desc->result == api::Type::Handle && e.result) {
+            failedHandles.insert(e.result);
+            // Its address may be that of an object released before: that one's local object is gone.
+            for (NameMap &map : handles)
+                map.erase(e.result);
+        }
         return;
     }
     PlayFn fn = table_[e.id];
@@ -418,6 +437,7 @@ void Player::play(Worker &w) {
         return;
     }
     w.state.strings.clear();
+    w.state.handleLists.clear();
     Call c(*this, w.state, e);
     fn(c);
     ++calls_;
@@ -451,14 +471,23 @@ int Player::run() {
                      "kalvoren: the trace holds no client data (RecordData was off): uploads and client "
                      "arrays cannot be replayed\n");
     searchDefaultHostLibraries();
-    const SEglHost &eglHost = SEglHost::get();
-    const GLESPPHost &glesHost = GLESPPHost::get();
-    if (eglHost.failed() || !eglHost.module || glesHost.failed() || !glesHost.module) {
-        std::fprintf(stderr, "kalvoren: the local EGL and OpenGL ES drivers could not be loaded\n");
-        return 2;
+    if (graphics_) {
+        const SEglHost &eglHost = SEglHost::get();
+        const GLESPPHost &glesHost = GLESPPHost::get();
+        if (eglHost.failed() || !eglHost.module || glesHost.failed() || !glesHost.module) {
+            std::fprintf(stderr, "kalvoren: the local EGL and OpenGL ES drivers could not be loaded\n");
+            return 2;
+        }
+        egl = &eglHost.fn;
+        gles = &glesHost.fn;
+    } else {
+        // An OpenCL trace plays on a machine without EGL and OpenGL ES drivers: nothing calls
+        // through these tables.
+        static const SEglHostFns noEgl{};
+        static const GLESPPHostFns noGles{};
+        egl = &noEgl;
+        gles = &noGles;
     }
-    egl = &eglHost.fn;
-    gles = &glesHost.fn;
     loopsLeft_ = options.loops;
     showProgress_ = !options.benchmark && !options.quiet && platform::isTerminal(stderr);
     startMs_ = platform::tickCountMs();
@@ -526,9 +555,21 @@ int Player::finish() {
         }
         std::printf("\n");
     }
+    if (clReadsCompared_ && !options.quiet) {
+        if (clReadsDiffering_)
+            std::printf("%llu of %llu OpenCL reads brought back other bytes than when recorded\n",
+                        static_cast<unsigned long long>(clReadsDiffering_),
+                        static_cast<unsigned long long>(clReadsCompared_));
+        else
+            std::printf("%llu OpenCL reads brought back the recorded bytes\n",
+                        static_cast<unsigned long long>(clReadsCompared_));
+    }
     if (failedSkipped_ && !options.quiet)
         std::printf("%llu calls that failed when recorded were not made\n",
                     static_cast<unsigned long long>(failedSkipped_));
+    if (onFailedHandles && !options.quiet)
+        std::printf("%llu calls on objects whose creation failed when recorded were not made\n",
+                    static_cast<unsigned long long>(onFailedHandles));
     if (problems_) {
         std::fprintf(stderr, "kalvoren: %llu records could not be played\n",
                      static_cast<unsigned long long>(problems_));

@@ -53,6 +53,23 @@ public:
     void frameShown(Call &c);
     void frameEnded(Call &c);
 
+    // ---- OpenCL
+    // Byte ranges of a read's destination that the device writes: (offset, length).
+    using Runs = std::vector<std::pair<size_t, size_t>>;
+    // Compares the bytes a read brought back here with those it brought back when recorded.
+    void compareRead(const reader::Entry &e, const uint8_t *local, const uint8_t *recorded,
+                     size_t recordedBytes, const Runs &runs);
+    // A read the recording made without blocking: its bytes reach the trace in a later record.
+    struct PendingRead {
+        std::vector<uint8_t> bytes;
+        Runs runs;
+    };
+    std::map<uint64_t, PendingRead> clPendingReads; // by the recorded destination
+    std::map<uint64_t, void *> clMappings;          // recorded mapped pointer -> local one
+    // Objects handed out by calls that failed when recorded, and the calls on them not made.
+    std::set<uint64_t> failedHandles;
+    uint64_t onFailedHandles = 0;
+
 private:
     struct Worker {
         uint64_t recorded = 0;
@@ -84,6 +101,7 @@ private:
     bool displayMade_ = false;
     std::map<uint64_t, std::map<EGLint, EGLint>> configAttributes_; // recorded config -> attributes
     std::map<uint64_t, EGLConfig> configs_;
+    bool graphics_ = false; // the trace holds EGL or OpenGL ES calls
     void *nativeDisplay_ = nullptr;
 
     // Frames
@@ -99,6 +117,9 @@ private:
     uint64_t benchCalls_ = 0, benchFrames_ = 0;
     uint64_t benchStart_ = 0;
     bool stopping_ = false;
+
+    void readCompleted(const reader::Entry &e);
+    uint64_t clReadsCompared_ = 0, clReadsDiffering_ = 0;
 
     // Problems
     std::set<std::string> said_;

@@ -11,8 +11,28 @@
 #include "entry/hooks.h"
 
 #include <tuple>
+#include <type_traits>
 
 namespace kv {
+
+// An info query: its last three parameters are the value buffer's size, the buffer and the
+// location of the size the host states. Every OpenCL info query has this shape.
+template <class... A>
+struct IsInfoQuery : std::false_type {};
+template <class A0, class... A>
+struct IsInfoQuery<A0, A...> {
+    using Params = std::tuple<A0, A...>;
+    static constexpr size_t kCount = sizeof...(A) + 1;
+    template <size_t I>
+    using At = std::tuple_element_t<I, Params>;
+    static constexpr bool value = [] {
+        if constexpr (kCount < 3)
+            return false;
+        else
+            return std::is_same_v<At<kCount - 3>, size_t> && std::is_same_v<At<kCount - 2>, void *> &&
+                   std::is_same_v<At<kCount - 1>, size_t *>;
+    }();
+};
 
 template <class F>
 struct ClEntry {
@@ -75,6 +95,17 @@ private:
                 auto &location = std::get<F::statusArg>(passed);
                 if (!location) location = &ownStatus;
             }
+            // An info query without a size location still has its size asked for, so that the
+            // record holds the bytes the host wrote rather than the whole buffer. The application
+            // passed none and none of its memory is written.
+            size_t ownSize = 0;
+            if constexpr (IsInfoQuery<A...>::value) {
+                constexpr size_t last = sizeof...(A) - 1;
+                if (!std::get<last>(passed) && std::get<last - 1>(passed)) {
+                    std::get<last>(passed) = &ownSize;
+                    c.scratch[capture::kInfoStatedFlag] = 1;
+                }
+            }
             if constexpr (H::kReplacesHost)
                 result = std::apply([&c](auto... passedArgs) { return H::host(c, passedArgs...); }, passed);
             else
@@ -83,6 +114,7 @@ private:
                 c.error = static_cast<uint32_t>(result);
             else if constexpr (F::statusArg >= 0)
                 c.error = static_cast<uint32_t>(*std::get<F::statusArg>(passed));
+            if constexpr (IsInfoQuery<A...>::value) c.scratch[capture::kInfoStatedSize] = ownSize;
             c.failed = static_cast<cl_int>(c.error) != CL_SUCCESS;
         }
         H::after(c, result, args...);

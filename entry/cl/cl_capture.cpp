@@ -59,10 +59,11 @@ uint64_t listOut(CallCtx &, const void *list, cl_uint room, const cl_uint *state
     return n * unit;
 }
 
-uint64_t infoBytes(CallCtx &, const void *value, size_t size, const size_t *stated) {
+uint64_t infoBytes(CallCtx &c, const void *value, size_t size, const size_t *stated) {
     if (!value) return 0;
     size_t bytes = 0;
     if (stated && readValue(stated, bytes)) return std::min<uint64_t>(size, bytes);
+    if (!stated && c.scratch[kInfoStatedFlag]) return std::min<uint64_t>(size, c.scratch[kInfoStatedSize]);
     return size;
 }
 

@@ -15,7 +15,12 @@ uint64_t hostBytes(CallCtx &c, const void *p, size_t bytes);
 // Bytes of the entries a list query wrote: the smaller of the room and the count it stated (the
 // room when no count was asked for), each of `unit` elements.
 uint64_t listOut(CallCtx &c, const void *list, cl_uint room, const cl_uint *stated, size_t unit);
-// Bytes an info query wrote: the smaller of the buffer's size and the size the host stated.
+// Where an info query called without a size location keeps the size the host stated to the
+// wrapper (entry/cl/cl_call.h): a flag that it did, and the size.
+constexpr int kInfoStatedFlag = 4;
+constexpr int kInfoStatedSize = 5;
+// Bytes an info query wrote: the smaller of the buffer's size and the size the host stated (to
+// the application, or to the wrapper when the application asked for none).
 uint64_t infoBytes(CallCtx &c, const void *value, size_t size, const size_t *stated);
 // Elements of a zero-terminated property list of {name, value} pairs, the terminator included.
 uint64_t propertyList(CallCtx &c, const intptr_t *list);

@@ -17,10 +17,10 @@ void clGetPlatformIDs::write(RecordHandle &h, CallCtx &c, cl_uint num_entries, c
     (void)c;
 }
 
-// 6002 clGetPlatformInfo: status i32 | result ClStatus | platform Handle | param_name U32 | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
+// 6002 clGetPlatformInfo: status i32 | result ClStatus | platform Handle | param_name GlEnum | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
 void clGetPlatformInfo::write(RecordHandle &h, CallCtx &c, cl_platform_id platform, cl_platform_info param_name, size_t param_value_size, void *param_value, size_t *param_value_size_ret) {
     kv::rec::put<api::Type::Handle>(h, platform);
-    kv::rec::put<api::Type::U32>(h, param_name);
+    kv::rec::put<api::Type::GlEnum>(h, param_name);
     kv::rec::put<api::Type::U64>(h, param_value_size);
     kv::rec::blob(h, c, param_value, (kv::capture::infoBytes(c, param_value, param_value_size, param_value_size_ret)), 0);
     kv::rec::blob(h, c, param_value_size_ret, (kv::capture::present(c, param_value_size_ret)) * 8u, 0);
@@ -37,10 +37,10 @@ void clGetDeviceIDs::write(RecordHandle &h, CallCtx &c, cl_platform_id platform,
     (void)c;
 }
 
-// 6004 clGetDeviceInfo: status i32 | result ClStatus | device Handle | param_name U32 | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
+// 6004 clGetDeviceInfo: status i32 | result ClStatus | device Handle | param_name GlEnum | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
 void clGetDeviceInfo::write(RecordHandle &h, CallCtx &c, cl_device_id device, cl_device_info param_name, size_t param_value_size, void *param_value, size_t *param_value_size_ret) {
     kv::rec::put<api::Type::Handle>(h, device);
-    kv::rec::put<api::Type::U32>(h, param_name);
+    kv::rec::put<api::Type::GlEnum>(h, param_name);
     kv::rec::put<api::Type::U64>(h, param_value_size);
     kv::rec::blob(h, c, param_value, (kv::capture::infoBytes(c, param_value, param_value_size, param_value_size_ret)), 0);
     kv::rec::blob(h, c, param_value_size_ret, (kv::capture::present(c, param_value_size_ret)) * 8u, 0);
@@ -80,10 +80,10 @@ void clReleaseContext::write(RecordHandle &h, CallCtx &c, cl_context context) {
     (void)c;
 }
 
-// 6009 clGetContextInfo: status i32 | result ClStatus | context Handle | param_name U32 | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
+// 6009 clGetContextInfo: status i32 | result ClStatus | context Handle | param_name GlEnum | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
 void clGetContextInfo::write(RecordHandle &h, CallCtx &c, cl_context context, cl_context_info param_name, size_t param_value_size, void *param_value, size_t *param_value_size_ret) {
     kv::rec::put<api::Type::Handle>(h, context);
-    kv::rec::put<api::Type::U32>(h, param_name);
+    kv::rec::put<api::Type::GlEnum>(h, param_name);
     kv::rec::put<api::Type::U64>(h, param_value_size);
     kv::rec::blob(h, c, param_value, (kv::capture::infoBytes(c, param_value, param_value_size, param_value_size_ret)), 0);
     kv::rec::blob(h, c, param_value_size_ret, (kv::capture::present(c, param_value_size_ret)) * 8u, 0);
@@ -111,21 +111,21 @@ void clReleaseCommandQueue::write(RecordHandle &h, CallCtx &c, cl_command_queue 
     (void)c;
 }
 
-// 6013 clGetCommandQueueInfo: status i32 | result ClStatus | command_queue Handle | param_name U32 | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
+// 6013 clGetCommandQueueInfo: status i32 | result ClStatus | command_queue Handle | param_name GlEnum | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
 void clGetCommandQueueInfo::write(RecordHandle &h, CallCtx &c, cl_command_queue command_queue, cl_command_queue_info param_name, size_t param_value_size, void *param_value, size_t *param_value_size_ret) {
     kv::rec::put<api::Type::Handle>(h, command_queue);
-    kv::rec::put<api::Type::U32>(h, param_name);
+    kv::rec::put<api::Type::GlEnum>(h, param_name);
     kv::rec::put<api::Type::U64>(h, param_value_size);
     kv::rec::blob(h, c, param_value, (kv::capture::infoBytes(c, param_value, param_value_size, param_value_size_ret)), 0);
     kv::rec::blob(h, c, param_value_size_ret, (kv::capture::present(c, param_value_size_ret)) * 8u, 0);
     (void)c;
 }
 
-// 6014 clSetCommandQueueProperty: status i32 | result ClStatus | command_queue Handle | properties U64 | enable U32 | old_properties Blob<U64>(out)
+// 6014 clSetCommandQueueProperty: status i32 | result ClStatus | command_queue Handle | properties U64 | enable GlEnum | old_properties Blob<U64>(out)
 void clSetCommandQueueProperty::write(RecordHandle &h, CallCtx &c, cl_command_queue command_queue, cl_command_queue_properties properties, cl_bool enable, cl_command_queue_properties *old_properties) {
     kv::rec::put<api::Type::Handle>(h, command_queue);
     kv::rec::put<api::Type::U64>(h, properties);
-    kv::rec::put<api::Type::U32>(h, enable);
+    kv::rec::put<api::Type::GlEnum>(h, enable);
     kv::rec::blob(h, c, old_properties, (kv::capture::present(c, old_properties)) * 8u, 0);
     (void)c;
 }
@@ -140,11 +140,11 @@ void clCreateBuffer::write(RecordHandle &h, CallCtx &c, cl_context context, cl_m
     (void)c;
 }
 
-// 6016 clCreateSubBuffer: status i32 | result Handle | buffer Handle | flags U64 | buffer_create_type U32 | buffer_create_info Blob<U8> | errcode_ret Blob<ClStatus>(out)
+// 6016 clCreateSubBuffer: status i32 | result Handle | buffer Handle | flags U64 | buffer_create_type GlEnum | buffer_create_info Blob<U8> | errcode_ret Blob<ClStatus>(out)
 void clCreateSubBuffer::write(RecordHandle &h, CallCtx &c, cl_mem buffer, cl_mem_flags flags, cl_buffer_create_type buffer_create_type, const void *buffer_create_info, cl_int *errcode_ret) {
     kv::rec::put<api::Type::Handle>(h, buffer);
     kv::rec::put<api::Type::U64>(h, flags);
-    kv::rec::put<api::Type::U32>(h, buffer_create_type);
+    kv::rec::put<api::Type::GlEnum>(h, buffer_create_type);
     kv::rec::blob(h, c, buffer_create_info, (kv::capture::hostBytes(c, buffer_create_info, sizeof(cl_buffer_region))), 0);
     kv::rec::statusOut(h, c, errcode_ret);
     (void)c;
@@ -190,31 +190,31 @@ void clReleaseMemObject::write(RecordHandle &h, CallCtx &c, cl_mem memobj) {
     (void)c;
 }
 
-// 6021 clGetSupportedImageFormats: status i32 | result ClStatus | context Handle | flags U64 | image_type U32 | num_entries U32 | image_formats Blob<U8>(out) | num_image_formats Blob<U32>(out)
+// 6021 clGetSupportedImageFormats: status i32 | result ClStatus | context Handle | flags U64 | image_type GlEnum | num_entries U32 | image_formats Blob<U8>(out) | num_image_formats Blob<U32>(out)
 void clGetSupportedImageFormats::write(RecordHandle &h, CallCtx &c, cl_context context, cl_mem_flags flags, cl_mem_object_type image_type, cl_uint num_entries, cl_image_format *image_formats, cl_uint *num_image_formats) {
     kv::rec::put<api::Type::Handle>(h, context);
     kv::rec::put<api::Type::U64>(h, flags);
-    kv::rec::put<api::Type::U32>(h, image_type);
+    kv::rec::put<api::Type::GlEnum>(h, image_type);
     kv::rec::put<api::Type::U32>(h, num_entries);
     kv::rec::blob(h, c, image_formats, (kv::capture::listOut(c, image_formats, num_entries, num_image_formats, sizeof(cl_image_format))), 0);
     kv::rec::blob(h, c, num_image_formats, (kv::capture::present(c, num_image_formats)) * 4u, 0);
     (void)c;
 }
 
-// 6022 clGetMemObjectInfo: status i32 | result ClStatus | memobj Handle | param_name U32 | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
+// 6022 clGetMemObjectInfo: status i32 | result ClStatus | memobj Handle | param_name GlEnum | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
 void clGetMemObjectInfo::write(RecordHandle &h, CallCtx &c, cl_mem memobj, cl_mem_info param_name, size_t param_value_size, void *param_value, size_t *param_value_size_ret) {
     kv::rec::put<api::Type::Handle>(h, memobj);
-    kv::rec::put<api::Type::U32>(h, param_name);
+    kv::rec::put<api::Type::GlEnum>(h, param_name);
     kv::rec::put<api::Type::U64>(h, param_value_size);
     kv::rec::blob(h, c, param_value, (kv::capture::infoBytes(c, param_value, param_value_size, param_value_size_ret)), 0);
     kv::rec::blob(h, c, param_value_size_ret, (kv::capture::present(c, param_value_size_ret)) * 8u, 0);
     (void)c;
 }
 
-// 6023 clGetImageInfo: status i32 | result ClStatus | image Handle | param_name U32 | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
+// 6023 clGetImageInfo: status i32 | result ClStatus | image Handle | param_name GlEnum | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
 void clGetImageInfo::write(RecordHandle &h, CallCtx &c, cl_mem image, cl_image_info param_name, size_t param_value_size, void *param_value, size_t *param_value_size_ret) {
     kv::rec::put<api::Type::Handle>(h, image);
-    kv::rec::put<api::Type::U32>(h, param_name);
+    kv::rec::put<api::Type::GlEnum>(h, param_name);
     kv::rec::put<api::Type::U64>(h, param_value_size);
     kv::rec::blob(h, c, param_value, (kv::capture::infoBytes(c, param_value, param_value_size, param_value_size_ret)), 0);
     kv::rec::blob(h, c, param_value_size_ret, (kv::capture::present(c, param_value_size_ret)) * 8u, 0);
@@ -229,12 +229,12 @@ void clSetMemObjectDestructorCallback::write(RecordHandle &h, CallCtx &c, cl_mem
     (void)c;
 }
 
-// 6025 clCreateSampler: status i32 | result Handle | context Handle | normalized_coords U32 | addressing_mode U32 | filter_mode U32 | errcode_ret Blob<ClStatus>(out)
+// 6025 clCreateSampler: status i32 | result Handle | context Handle | normalized_coords GlEnum | addressing_mode GlEnum | filter_mode GlEnum | errcode_ret Blob<ClStatus>(out)
 void clCreateSampler::write(RecordHandle &h, CallCtx &c, cl_context context, cl_bool normalized_coords, cl_addressing_mode addressing_mode, cl_filter_mode filter_mode, cl_int *errcode_ret) {
     kv::rec::put<api::Type::Handle>(h, context);
-    kv::rec::put<api::Type::U32>(h, normalized_coords);
-    kv::rec::put<api::Type::U32>(h, addressing_mode);
-    kv::rec::put<api::Type::U32>(h, filter_mode);
+    kv::rec::put<api::Type::GlEnum>(h, normalized_coords);
+    kv::rec::put<api::Type::GlEnum>(h, addressing_mode);
+    kv::rec::put<api::Type::GlEnum>(h, filter_mode);
     kv::rec::statusOut(h, c, errcode_ret);
     (void)c;
 }
@@ -251,10 +251,10 @@ void clReleaseSampler::write(RecordHandle &h, CallCtx &c, cl_sampler sampler) {
     (void)c;
 }
 
-// 6028 clGetSamplerInfo: status i32 | result ClStatus | sampler Handle | param_name U32 | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
+// 6028 clGetSamplerInfo: status i32 | result ClStatus | sampler Handle | param_name GlEnum | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
 void clGetSamplerInfo::write(RecordHandle &h, CallCtx &c, cl_sampler sampler, cl_sampler_info param_name, size_t param_value_size, void *param_value, size_t *param_value_size_ret) {
     kv::rec::put<api::Type::Handle>(h, sampler);
-    kv::rec::put<api::Type::U32>(h, param_name);
+    kv::rec::put<api::Type::GlEnum>(h, param_name);
     kv::rec::put<api::Type::U64>(h, param_value_size);
     kv::rec::blob(h, c, param_value, (kv::capture::infoBytes(c, param_value, param_value_size, param_value_size_ret)), 0);
     kv::rec::blob(h, c, param_value_size_ret, (kv::capture::present(c, param_value_size_ret)) * 8u, 0);
@@ -312,21 +312,21 @@ void clUnloadCompiler::write(RecordHandle &h, CallCtx &c) {
     (void)c;
 }
 
-// 6035 clGetProgramInfo: status i32 | result ClStatus | program Handle | param_name U32 | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
+// 6035 clGetProgramInfo: status i32 | result ClStatus | program Handle | param_name GlEnum | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
 void clGetProgramInfo::write(RecordHandle &h, CallCtx &c, cl_program program, cl_program_info param_name, size_t param_value_size, void *param_value, size_t *param_value_size_ret) {
     kv::rec::put<api::Type::Handle>(h, program);
-    kv::rec::put<api::Type::U32>(h, param_name);
+    kv::rec::put<api::Type::GlEnum>(h, param_name);
     kv::rec::put<api::Type::U64>(h, param_value_size);
     kv::rec::blob(h, c, param_value, (kv::capture::infoBytes(c, param_value, param_value_size, param_value_size_ret)), 0);
     kv::rec::blob(h, c, param_value_size_ret, (kv::capture::present(c, param_value_size_ret)) * 8u, 0);
     (void)c;
 }
 
-// 6036 clGetProgramBuildInfo: status i32 | result ClStatus | program Handle | device Handle | param_name U32 | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
+// 6036 clGetProgramBuildInfo: status i32 | result ClStatus | program Handle | device Handle | param_name GlEnum | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
 void clGetProgramBuildInfo::write(RecordHandle &h, CallCtx &c, cl_program program, cl_device_id device, cl_program_build_info param_name, size_t param_value_size, void *param_value, size_t *param_value_size_ret) {
     kv::rec::put<api::Type::Handle>(h, program);
     kv::rec::put<api::Type::Handle>(h, device);
-    kv::rec::put<api::Type::U32>(h, param_name);
+    kv::rec::put<api::Type::GlEnum>(h, param_name);
     kv::rec::put<api::Type::U64>(h, param_value_size);
     kv::rec::blob(h, c, param_value, (kv::capture::infoBytes(c, param_value, param_value_size, param_value_size_ret)), 0);
     kv::rec::blob(h, c, param_value_size_ret, (kv::capture::present(c, param_value_size_ret)) * 8u, 0);
@@ -371,21 +371,21 @@ void clSetKernelArg::write(RecordHandle &h, CallCtx &c, cl_kernel kernel, cl_uin
     (void)c;
 }
 
-// 6042 clGetKernelInfo: status i32 | result ClStatus | kernel Handle | param_name U32 | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
+// 6042 clGetKernelInfo: status i32 | result ClStatus | kernel Handle | param_name GlEnum | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
 void clGetKernelInfo::write(RecordHandle &h, CallCtx &c, cl_kernel kernel, cl_kernel_info param_name, size_t param_value_size, void *param_value, size_t *param_value_size_ret) {
     kv::rec::put<api::Type::Handle>(h, kernel);
-    kv::rec::put<api::Type::U32>(h, param_name);
+    kv::rec::put<api::Type::GlEnum>(h, param_name);
     kv::rec::put<api::Type::U64>(h, param_value_size);
     kv::rec::blob(h, c, param_value, (kv::capture::infoBytes(c, param_value, param_value_size, param_value_size_ret)), 0);
     kv::rec::blob(h, c, param_value_size_ret, (kv::capture::present(c, param_value_size_ret)) * 8u, 0);
     (void)c;
 }
 
-// 6043 clGetKernelWorkGroupInfo: status i32 | result ClStatus | kernel Handle | device Handle | param_name U32 | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
+// 6043 clGetKernelWorkGroupInfo: status i32 | result ClStatus | kernel Handle | device Handle | param_name GlEnum | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
 void clGetKernelWorkGroupInfo::write(RecordHandle &h, CallCtx &c, cl_kernel kernel, cl_device_id device, cl_kernel_work_group_info param_name, size_t param_value_size, void *param_value, size_t *param_value_size_ret) {
     kv::rec::put<api::Type::Handle>(h, kernel);
     kv::rec::put<api::Type::Handle>(h, device);
-    kv::rec::put<api::Type::U32>(h, param_name);
+    kv::rec::put<api::Type::GlEnum>(h, param_name);
     kv::rec::put<api::Type::U64>(h, param_value_size);
     kv::rec::blob(h, c, param_value, (kv::capture::infoBytes(c, param_value, param_value_size, param_value_size_ret)), 0);
     kv::rec::blob(h, c, param_value_size_ret, (kv::capture::present(c, param_value_size_ret)) * 8u, 0);
@@ -395,14 +395,14 @@ void clGetKernelWorkGroupInfo::write(RecordHandle &h, CallCtx &c, cl_kernel kern
 // 6044 clWaitForEvents: status i32 | result ClStatus | num_events U32 | event_list Blob<Handle>
 void clWaitForEvents::write(RecordHandle &h, CallCtx &c, cl_uint num_events, const cl_event *event_list) {
     kv::rec::put<api::Type::U32>(h, num_events);
-    kv::rec::blob(h, c, event_list, (kv::rec::count(event_list)?kv::rec::count(num_events):0) * 8u, 0);
+    kv::rec::blob(h, c, event_list, (kv::rec::count(event_list)?kv::rec::count(num_events):0) * 8u, api::kHostRead);
     (void)c;
 }
 
-// 6045 clGetEventInfo: status i32 | result ClStatus | event Handle | param_name U32 | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
+// 6045 clGetEventInfo: status i32 | result ClStatus | event Handle | param_name GlEnum | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
 void clGetEventInfo::write(RecordHandle &h, CallCtx &c, cl_event event, cl_event_info param_name, size_t param_value_size, void *param_value, size_t *param_value_size_ret) {
     kv::rec::put<api::Type::Handle>(h, event);
-    kv::rec::put<api::Type::U32>(h, param_name);
+    kv::rec::put<api::Type::GlEnum>(h, param_name);
     kv::rec::put<api::Type::U64>(h, param_value_size);
     kv::rec::blob(h, c, param_value, (kv::capture::infoBytes(c, param_value, param_value_size, param_value_size_ret)), 0);
     kv::rec::blob(h, c, param_value_size_ret, (kv::capture::present(c, param_value_size_ret)) * 8u, 0);
@@ -444,10 +444,10 @@ void clSetEventCallback::write(RecordHandle &h, CallCtx &c, cl_event event, cl_i
     (void)c;
 }
 
-// 6051 clGetEventProfilingInfo: status i32 | result ClStatus | event Handle | param_name U32 | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
+// 6051 clGetEventProfilingInfo: status i32 | result ClStatus | event Handle | param_name GlEnum | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
 void clGetEventProfilingInfo::write(RecordHandle &h, CallCtx &c, cl_event event, cl_profiling_info param_name, size_t param_value_size, void *param_value, size_t *param_value_size_ret) {
     kv::rec::put<api::Type::Handle>(h, event);
-    kv::rec::put<api::Type::U32>(h, param_name);
+    kv::rec::put<api::Type::GlEnum>(h, param_name);
     kv::rec::put<api::Type::U64>(h, param_value_size);
     kv::rec::blob(h, c, param_value, (kv::capture::infoBytes(c, param_value, param_value_size, param_value_size_ret)), 0);
     kv::rec::blob(h, c, param_value_size_ret, (kv::capture::present(c, param_value_size_ret)) * 8u, 0);
@@ -466,68 +466,68 @@ void clFinish::write(RecordHandle &h, CallCtx &c, cl_command_queue command_queue
     (void)c;
 }
 
-// 6054 clEnqueueReadBuffer: status i32 | result ClStatus | command_queue Handle | buffer Handle | blocking_read U32 | offset U64 | size U64 | ptr Blob<U8>(z)(out) | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
+// 6054 clEnqueueReadBuffer: status i32 | result ClStatus | command_queue Handle | buffer Handle | blocking_read GlEnum | offset U64 | size U64 | ptr Blob<U8>(z)(out) | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
 void clEnqueueReadBuffer::write(RecordHandle &h, CallCtx &c, cl_command_queue command_queue, cl_mem buffer, cl_bool blocking_read, size_t offset, size_t size, void *ptr, cl_uint num_events_in_wait_list, const cl_event *event_wait_list, cl_event *event) {
     kv::rec::put<api::Type::Handle>(h, command_queue);
     kv::rec::put<api::Type::Handle>(h, buffer);
-    kv::rec::put<api::Type::U32>(h, blocking_read);
+    kv::rec::put<api::Type::GlEnum>(h, blocking_read);
     kv::rec::put<api::Type::U64>(h, offset);
     kv::rec::put<api::Type::U64>(h, size);
     kv::rec::blob(h, c, kv::capture::clEnqueueReadBuffer_ptr(c, command_queue, buffer, blocking_read, offset, size, ptr, num_events_in_wait_list, event_wait_list, event), api::kCompressible);
     kv::rec::put<api::Type::U32>(h, num_events_in_wait_list);
-    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, 0);
+    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, api::kHostRead);
     kv::rec::blob(h, c, event, (kv::capture::present(c, event)) * 8u, 0);
     (void)c;
 }
 
-// 6055 clEnqueueReadBufferRect: status i32 | result ClStatus | command_queue Handle | buffer Handle | blocking_read U32 | buffer_origin Blob<U64> | host_origin Blob<U64> | region Blob<U64> | buffer_row_pitch U64 | buffer_slice_pitch U64 | host_row_pitch U64 | host_slice_pitch U64 | ptr Blob<U8>(z)(out) | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
+// 6055 clEnqueueReadBufferRect: status i32 | result ClStatus | command_queue Handle | buffer Handle | blocking_read GlEnum | buffer_origin Blob<U64> | host_origin Blob<U64> | region Blob<U64> | buffer_row_pitch U64 | buffer_slice_pitch U64 | host_row_pitch U64 | host_slice_pitch U64 | ptr Blob<U8>(z)(out) | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
 void clEnqueueReadBufferRect::write(RecordHandle &h, CallCtx &c, cl_command_queue command_queue, cl_mem buffer, cl_bool blocking_read, const size_t *buffer_origin, const size_t *host_origin, const size_t *region, size_t buffer_row_pitch, size_t buffer_slice_pitch, size_t host_row_pitch, size_t host_slice_pitch, void *ptr, cl_uint num_events_in_wait_list, const cl_event *event_wait_list, cl_event *event) {
     kv::rec::put<api::Type::Handle>(h, command_queue);
     kv::rec::put<api::Type::Handle>(h, buffer);
-    kv::rec::put<api::Type::U32>(h, blocking_read);
-    kv::rec::blob(h, c, buffer_origin, (kv::capture::present3(c, buffer_origin)) * 8u, 0);
-    kv::rec::blob(h, c, host_origin, (kv::capture::present3(c, host_origin)) * 8u, 0);
-    kv::rec::blob(h, c, region, (kv::capture::present3(c, region)) * 8u, 0);
+    kv::rec::put<api::Type::GlEnum>(h, blocking_read);
+    kv::rec::blob(h, c, buffer_origin, (kv::capture::present3(c, buffer_origin)) * 8u, api::kHostRead);
+    kv::rec::blob(h, c, host_origin, (kv::capture::present3(c, host_origin)) * 8u, api::kHostRead);
+    kv::rec::blob(h, c, region, (kv::capture::present3(c, region)) * 8u, api::kHostRead);
     kv::rec::put<api::Type::U64>(h, buffer_row_pitch);
     kv::rec::put<api::Type::U64>(h, buffer_slice_pitch);
     kv::rec::put<api::Type::U64>(h, host_row_pitch);
     kv::rec::put<api::Type::U64>(h, host_slice_pitch);
     kv::rec::blob(h, c, kv::capture::clEnqueueReadBufferRect_ptr(c, command_queue, buffer, blocking_read, buffer_origin, host_origin, region, buffer_row_pitch, buffer_slice_pitch, host_row_pitch, host_slice_pitch, ptr, num_events_in_wait_list, event_wait_list, event), api::kCompressible);
     kv::rec::put<api::Type::U32>(h, num_events_in_wait_list);
-    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, 0);
+    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, api::kHostRead);
     kv::rec::blob(h, c, event, (kv::capture::present(c, event)) * 8u, 0);
     (void)c;
 }
 
-// 6056 clEnqueueWriteBuffer: status i32 | result ClStatus | command_queue Handle | buffer Handle | blocking_write U32 | offset U64 | size U64 | ptr Blob<U8>(z) | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
+// 6056 clEnqueueWriteBuffer: status i32 | result ClStatus | command_queue Handle | buffer Handle | blocking_write GlEnum | offset U64 | size U64 | ptr Blob<U8>(z) | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
 void clEnqueueWriteBuffer::write(RecordHandle &h, CallCtx &c, cl_command_queue command_queue, cl_mem buffer, cl_bool blocking_write, size_t offset, size_t size, const void *ptr, cl_uint num_events_in_wait_list, const cl_event *event_wait_list, cl_event *event) {
     kv::rec::put<api::Type::Handle>(h, command_queue);
     kv::rec::put<api::Type::Handle>(h, buffer);
-    kv::rec::put<api::Type::U32>(h, blocking_write);
+    kv::rec::put<api::Type::GlEnum>(h, blocking_write);
     kv::rec::put<api::Type::U64>(h, offset);
     kv::rec::put<api::Type::U64>(h, size);
     kv::rec::blob(h, c, ptr, (kv::capture::hostBytes(c, ptr, size)), api::kCompressible);
     kv::rec::put<api::Type::U32>(h, num_events_in_wait_list);
-    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, 0);
+    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, api::kHostRead);
     kv::rec::blob(h, c, event, (kv::capture::present(c, event)) * 8u, 0);
     (void)c;
 }
 
-// 6057 clEnqueueWriteBufferRect: status i32 | result ClStatus | command_queue Handle | buffer Handle | blocking_write U32 | buffer_origin Blob<U64> | host_origin Blob<U64> | region Blob<U64> | buffer_row_pitch U64 | buffer_slice_pitch U64 | host_row_pitch U64 | host_slice_pitch U64 | ptr Blob<U8>(z) | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
+// 6057 clEnqueueWriteBufferRect: status i32 | result ClStatus | command_queue Handle | buffer Handle | blocking_write GlEnum | buffer_origin Blob<U64> | host_origin Blob<U64> | region Blob<U64> | buffer_row_pitch U64 | buffer_slice_pitch U64 | host_row_pitch U64 | host_slice_pitch U64 | ptr Blob<U8>(z) | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
 void clEnqueueWriteBufferRect::write(RecordHandle &h, CallCtx &c, cl_command_queue command_queue, cl_mem buffer, cl_bool blocking_write, const size_t *buffer_origin, const size_t *host_origin, const size_t *region, size_t buffer_row_pitch, size_t buffer_slice_pitch, size_t host_row_pitch, size_t host_slice_pitch, const void *ptr, cl_uint num_events_in_wait_list, const cl_event *event_wait_list, cl_event *event) {
     kv::rec::put<api::Type::Handle>(h, command_queue);
     kv::rec::put<api::Type::Handle>(h, buffer);
-    kv::rec::put<api::Type::U32>(h, blocking_write);
-    kv::rec::blob(h, c, buffer_origin, (kv::capture::present3(c, buffer_origin)) * 8u, 0);
-    kv::rec::blob(h, c, host_origin, (kv::capture::present3(c, host_origin)) * 8u, 0);
-    kv::rec::blob(h, c, region, (kv::capture::present3(c, region)) * 8u, 0);
+    kv::rec::put<api::Type::GlEnum>(h, blocking_write);
+    kv::rec::blob(h, c, buffer_origin, (kv::capture::present3(c, buffer_origin)) * 8u, api::kHostRead);
+    kv::rec::blob(h, c, host_origin, (kv::capture::present3(c, host_origin)) * 8u, api::kHostRead);
+    kv::rec::blob(h, c, region, (kv::capture::present3(c, region)) * 8u, api::kHostRead);
     kv::rec::put<api::Type::U64>(h, buffer_row_pitch);
     kv::rec::put<api::Type::U64>(h, buffer_slice_pitch);
     kv::rec::put<api::Type::U64>(h, host_row_pitch);
     kv::rec::put<api::Type::U64>(h, host_slice_pitch);
     kv::rec::blob(h, c, ptr, (kv::capture::rectBytes(c, ptr, host_origin, region, host_row_pitch, host_slice_pitch)), api::kCompressible);
     kv::rec::put<api::Type::U32>(h, num_events_in_wait_list);
-    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, 0);
+    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, api::kHostRead);
     kv::rec::blob(h, c, event, (kv::capture::present(c, event)) * 8u, 0);
     (void)c;
 }
@@ -541,7 +541,7 @@ void clEnqueueCopyBuffer::write(RecordHandle &h, CallCtx &c, cl_command_queue co
     kv::rec::put<api::Type::U64>(h, dst_offset);
     kv::rec::put<api::Type::U64>(h, size);
     kv::rec::put<api::Type::U32>(h, num_events_in_wait_list);
-    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, 0);
+    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, api::kHostRead);
     kv::rec::blob(h, c, event, (kv::capture::present(c, event)) * 8u, 0);
     (void)c;
 }
@@ -551,47 +551,47 @@ void clEnqueueCopyBufferRect::write(RecordHandle &h, CallCtx &c, cl_command_queu
     kv::rec::put<api::Type::Handle>(h, command_queue);
     kv::rec::put<api::Type::Handle>(h, src_buffer);
     kv::rec::put<api::Type::Handle>(h, dst_buffer);
-    kv::rec::blob(h, c, src_origin, (kv::capture::present3(c, src_origin)) * 8u, 0);
-    kv::rec::blob(h, c, dst_origin, (kv::capture::present3(c, dst_origin)) * 8u, 0);
-    kv::rec::blob(h, c, region, (kv::capture::present3(c, region)) * 8u, 0);
+    kv::rec::blob(h, c, src_origin, (kv::capture::present3(c, src_origin)) * 8u, api::kHostRead);
+    kv::rec::blob(h, c, dst_origin, (kv::capture::present3(c, dst_origin)) * 8u, api::kHostRead);
+    kv::rec::blob(h, c, region, (kv::capture::present3(c, region)) * 8u, api::kHostRead);
     kv::rec::put<api::Type::U64>(h, src_row_pitch);
     kv::rec::put<api::Type::U64>(h, src_slice_pitch);
     kv::rec::put<api::Type::U64>(h, dst_row_pitch);
     kv::rec::put<api::Type::U64>(h, dst_slice_pitch);
     kv::rec::put<api::Type::U32>(h, num_events_in_wait_list);
-    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, 0);
+    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, api::kHostRead);
     kv::rec::blob(h, c, event, (kv::capture::present(c, event)) * 8u, 0);
     (void)c;
 }
 
-// 6060 clEnqueueReadImage: status i32 | result ClStatus | command_queue Handle | image Handle | blocking_read U32 | origin Blob<U64> | region Blob<U64> | row_pitch U64 | slice_pitch U64 | ptr Blob<U8>(z)(out) | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
+// 6060 clEnqueueReadImage: status i32 | result ClStatus | command_queue Handle | image Handle | blocking_read GlEnum | origin Blob<U64> | region Blob<U64> | row_pitch U64 | slice_pitch U64 | ptr Blob<U8>(z)(out) | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
 void clEnqueueReadImage::write(RecordHandle &h, CallCtx &c, cl_command_queue command_queue, cl_mem image, cl_bool blocking_read, const size_t *origin, const size_t *region, size_t row_pitch, size_t slice_pitch, void *ptr, cl_uint num_events_in_wait_list, const cl_event *event_wait_list, cl_event *event) {
     kv::rec::put<api::Type::Handle>(h, command_queue);
     kv::rec::put<api::Type::Handle>(h, image);
-    kv::rec::put<api::Type::U32>(h, blocking_read);
-    kv::rec::blob(h, c, origin, (kv::capture::present3(c, origin)) * 8u, 0);
-    kv::rec::blob(h, c, region, (kv::capture::present3(c, region)) * 8u, 0);
+    kv::rec::put<api::Type::GlEnum>(h, blocking_read);
+    kv::rec::blob(h, c, origin, (kv::capture::present3(c, origin)) * 8u, api::kHostRead);
+    kv::rec::blob(h, c, region, (kv::capture::present3(c, region)) * 8u, api::kHostRead);
     kv::rec::put<api::Type::U64>(h, row_pitch);
     kv::rec::put<api::Type::U64>(h, slice_pitch);
     kv::rec::blob(h, c, kv::capture::clEnqueueReadImage_ptr(c, command_queue, image, blocking_read, origin, region, row_pitch, slice_pitch, ptr, num_events_in_wait_list, event_wait_list, event), api::kCompressible);
     kv::rec::put<api::Type::U32>(h, num_events_in_wait_list);
-    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, 0);
+    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, api::kHostRead);
     kv::rec::blob(h, c, event, (kv::capture::present(c, event)) * 8u, 0);
     (void)c;
 }
 
-// 6061 clEnqueueWriteImage: status i32 | result ClStatus | command_queue Handle | image Handle | blocking_write U32 | origin Blob<U64> | region Blob<U64> | input_row_pitch U64 | input_slice_pitch U64 | ptr Blob<U8>(z) | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
+// 6061 clEnqueueWriteImage: status i32 | result ClStatus | command_queue Handle | image Handle | blocking_write GlEnum | origin Blob<U64> | region Blob<U64> | input_row_pitch U64 | input_slice_pitch U64 | ptr Blob<U8>(z) | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out)
 void clEnqueueWriteImage::write(RecordHandle &h, CallCtx &c, cl_command_queue command_queue, cl_mem image, cl_bool blocking_write, const size_t *origin, const size_t *region, size_t input_row_pitch, size_t input_slice_pitch, const void *ptr, cl_uint num_events_in_wait_list, const cl_event *event_wait_list, cl_event *event) {
     kv::rec::put<api::Type::Handle>(h, command_queue);
     kv::rec::put<api::Type::Handle>(h, image);
-    kv::rec::put<api::Type::U32>(h, blocking_write);
-    kv::rec::blob(h, c, origin, (kv::capture::present3(c, origin)) * 8u, 0);
-    kv::rec::blob(h, c, region, (kv::capture::present3(c, region)) * 8u, 0);
+    kv::rec::put<api::Type::GlEnum>(h, blocking_write);
+    kv::rec::blob(h, c, origin, (kv::capture::present3(c, origin)) * 8u, api::kHostRead);
+    kv::rec::blob(h, c, region, (kv::capture::present3(c, region)) * 8u, api::kHostRead);
     kv::rec::put<api::Type::U64>(h, input_row_pitch);
     kv::rec::put<api::Type::U64>(h, input_slice_pitch);
     kv::rec::blob(h, c, ptr, (kv::capture::clImageBytes(c, ptr, image, region, input_row_pitch, input_slice_pitch)), api::kCompressible);
     kv::rec::put<api::Type::U32>(h, num_events_in_wait_list);
-    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, 0);
+    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, api::kHostRead);
     kv::rec::blob(h, c, event, (kv::capture::present(c, event)) * 8u, 0);
     (void)c;
 }
@@ -601,11 +601,11 @@ void clEnqueueCopyImage::write(RecordHandle &h, CallCtx &c, cl_command_queue com
     kv::rec::put<api::Type::Handle>(h, command_queue);
     kv::rec::put<api::Type::Handle>(h, src_image);
     kv::rec::put<api::Type::Handle>(h, dst_image);
-    kv::rec::blob(h, c, src_origin, (kv::capture::present3(c, src_origin)) * 8u, 0);
-    kv::rec::blob(h, c, dst_origin, (kv::capture::present3(c, dst_origin)) * 8u, 0);
-    kv::rec::blob(h, c, region, (kv::capture::present3(c, region)) * 8u, 0);
+    kv::rec::blob(h, c, src_origin, (kv::capture::present3(c, src_origin)) * 8u, api::kHostRead);
+    kv::rec::blob(h, c, dst_origin, (kv::capture::present3(c, dst_origin)) * 8u, api::kHostRead);
+    kv::rec::blob(h, c, region, (kv::capture::present3(c, region)) * 8u, api::kHostRead);
     kv::rec::put<api::Type::U32>(h, num_events_in_wait_list);
-    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, 0);
+    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, api::kHostRead);
     kv::rec::blob(h, c, event, (kv::capture::present(c, event)) * 8u, 0);
     (void)c;
 }
@@ -615,11 +615,11 @@ void clEnqueueCopyImageToBuffer::write(RecordHandle &h, CallCtx &c, cl_command_q
     kv::rec::put<api::Type::Handle>(h, command_queue);
     kv::rec::put<api::Type::Handle>(h, src_image);
     kv::rec::put<api::Type::Handle>(h, dst_buffer);
-    kv::rec::blob(h, c, src_origin, (kv::capture::present3(c, src_origin)) * 8u, 0);
-    kv::rec::blob(h, c, region, (kv::capture::present3(c, region)) * 8u, 0);
+    kv::rec::blob(h, c, src_origin, (kv::capture::present3(c, src_origin)) * 8u, api::kHostRead);
+    kv::rec::blob(h, c, region, (kv::capture::present3(c, region)) * 8u, api::kHostRead);
     kv::rec::put<api::Type::U64>(h, dst_offset);
     kv::rec::put<api::Type::U32>(h, num_events_in_wait_list);
-    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, 0);
+    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, api::kHostRead);
     kv::rec::blob(h, c, event, (kv::capture::present(c, event)) * 8u, 0);
     (void)c;
 }
@@ -630,41 +630,41 @@ void clEnqueueCopyBufferToImage::write(RecordHandle &h, CallCtx &c, cl_command_q
     kv::rec::put<api::Type::Handle>(h, src_buffer);
     kv::rec::put<api::Type::Handle>(h, dst_image);
     kv::rec::put<api::Type::U64>(h, src_offset);
-    kv::rec::blob(h, c, dst_origin, (kv::capture::present3(c, dst_origin)) * 8u, 0);
-    kv::rec::blob(h, c, region, (kv::capture::present3(c, region)) * 8u, 0);
+    kv::rec::blob(h, c, dst_origin, (kv::capture::present3(c, dst_origin)) * 8u, api::kHostRead);
+    kv::rec::blob(h, c, region, (kv::capture::present3(c, region)) * 8u, api::kHostRead);
     kv::rec::put<api::Type::U32>(h, num_events_in_wait_list);
-    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, 0);
+    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, api::kHostRead);
     kv::rec::blob(h, c, event, (kv::capture::present(c, event)) * 8u, 0);
     (void)c;
 }
 
-// 6065 clEnqueueMapBuffer: status i32 | result Ptr | command_queue Handle | buffer Handle | blocking_map U32 | map_flags U64 | offset U64 | size U64 | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out) | errcode_ret Blob<ClStatus>(out)
+// 6065 clEnqueueMapBuffer: status i32 | result Ptr | command_queue Handle | buffer Handle | blocking_map GlEnum | map_flags U64 | offset U64 | size U64 | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out) | errcode_ret Blob<ClStatus>(out)
 void clEnqueueMapBuffer::write(RecordHandle &h, CallCtx &c, cl_command_queue command_queue, cl_mem buffer, cl_bool blocking_map, cl_map_flags map_flags, size_t offset, size_t size, cl_uint num_events_in_wait_list, const cl_event *event_wait_list, cl_event *event, cl_int *errcode_ret) {
     kv::rec::put<api::Type::Handle>(h, command_queue);
     kv::rec::put<api::Type::Handle>(h, buffer);
-    kv::rec::put<api::Type::U32>(h, blocking_map);
+    kv::rec::put<api::Type::GlEnum>(h, blocking_map);
     kv::rec::put<api::Type::U64>(h, map_flags);
     kv::rec::put<api::Type::U64>(h, offset);
     kv::rec::put<api::Type::U64>(h, size);
     kv::rec::put<api::Type::U32>(h, num_events_in_wait_list);
-    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, 0);
+    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, api::kHostRead);
     kv::rec::blob(h, c, event, (kv::capture::present(c, event)) * 8u, 0);
     kv::rec::statusOut(h, c, errcode_ret);
     (void)c;
 }
 
-// 6066 clEnqueueMapImage: status i32 | result Ptr | command_queue Handle | image Handle | blocking_map U32 | map_flags U64 | origin Blob<U64> | region Blob<U64> | image_row_pitch Blob<U64>(out) | image_slice_pitch Blob<U64>(out) | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out) | errcode_ret Blob<ClStatus>(out)
+// 6066 clEnqueueMapImage: status i32 | result Ptr | command_queue Handle | image Handle | blocking_map GlEnum | map_flags U64 | origin Blob<U64> | region Blob<U64> | image_row_pitch Blob<U64>(out) | image_slice_pitch Blob<U64>(out) | num_events_in_wait_list U32 | event_wait_list Blob<Handle> | event Blob<Handle>(out) | errcode_ret Blob<ClStatus>(out)
 void clEnqueueMapImage::write(RecordHandle &h, CallCtx &c, cl_command_queue command_queue, cl_mem image, cl_bool blocking_map, cl_map_flags map_flags, const size_t *origin, const size_t *region, size_t *image_row_pitch, size_t *image_slice_pitch, cl_uint num_events_in_wait_list, const cl_event *event_wait_list, cl_event *event, cl_int *errcode_ret) {
     kv::rec::put<api::Type::Handle>(h, command_queue);
     kv::rec::put<api::Type::Handle>(h, image);
-    kv::rec::put<api::Type::U32>(h, blocking_map);
+    kv::rec::put<api::Type::GlEnum>(h, blocking_map);
     kv::rec::put<api::Type::U64>(h, map_flags);
-    kv::rec::blob(h, c, origin, (kv::capture::present3(c, origin)) * 8u, 0);
-    kv::rec::blob(h, c, region, (kv::capture::present3(c, region)) * 8u, 0);
+    kv::rec::blob(h, c, origin, (kv::capture::present3(c, origin)) * 8u, api::kHostRead);
+    kv::rec::blob(h, c, region, (kv::capture::present3(c, region)) * 8u, api::kHostRead);
     kv::rec::blob(h, c, image_row_pitch, (kv::capture::present(c, image_row_pitch)) * 8u, 0);
     kv::rec::blob(h, c, image_slice_pitch, (kv::capture::present(c, image_slice_pitch)) * 8u, 0);
     kv::rec::put<api::Type::U32>(h, num_events_in_wait_list);
-    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, 0);
+    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, api::kHostRead);
     kv::rec::blob(h, c, event, (kv::capture::present(c, event)) * 8u, 0);
     kv::rec::statusOut(h, c, errcode_ret);
     (void)c;
@@ -676,7 +676,7 @@ void clEnqueueUnmapMemObject::write(RecordHandle &h, CallCtx &c, cl_command_queu
     kv::rec::put<api::Type::Handle>(h, memobj);
     kv::rec::put<api::Type::Ptr>(h, mapped_ptr);
     kv::rec::put<api::Type::U32>(h, num_events_in_wait_list);
-    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, 0);
+    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, api::kHostRead);
     kv::rec::blob(h, c, event, (kv::capture::present(c, event)) * 8u, 0);
     kv::rec::blob(h, c, kv::capture::clEnqueueUnmapMemObject_written(c, command_queue, memobj, mapped_ptr, num_events_in_wait_list, event_wait_list, event), api::kCompressible);
     (void)c;
@@ -687,11 +687,11 @@ void clEnqueueNDRangeKernel::write(RecordHandle &h, CallCtx &c, cl_command_queue
     kv::rec::put<api::Type::Handle>(h, command_queue);
     kv::rec::put<api::Type::Handle>(h, kernel);
     kv::rec::put<api::Type::U32>(h, work_dim);
-    kv::rec::blob(h, c, global_work_offset, (kv::rec::count(global_work_offset)?kv::rec::count(work_dim):0) * 8u, 0);
-    kv::rec::blob(h, c, global_work_size, (kv::rec::count(global_work_size)?kv::rec::count(work_dim):0) * 8u, 0);
-    kv::rec::blob(h, c, local_work_size, (kv::rec::count(local_work_size)?kv::rec::count(work_dim):0) * 8u, 0);
+    kv::rec::blob(h, c, global_work_offset, (kv::rec::count(global_work_offset)?kv::rec::count(work_dim):0) * 8u, api::kHostRead);
+    kv::rec::blob(h, c, global_work_size, (kv::rec::count(global_work_size)?kv::rec::count(work_dim):0) * 8u, api::kHostRead);
+    kv::rec::blob(h, c, local_work_size, (kv::rec::count(local_work_size)?kv::rec::count(work_dim):0) * 8u, api::kHostRead);
     kv::rec::put<api::Type::U32>(h, num_events_in_wait_list);
-    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, 0);
+    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, api::kHostRead);
     kv::rec::blob(h, c, event, (kv::capture::present(c, event)) * 8u, 0);
     (void)c;
 }
@@ -701,7 +701,7 @@ void clEnqueueTask::write(RecordHandle &h, CallCtx &c, cl_command_queue command_
     kv::rec::put<api::Type::Handle>(h, command_queue);
     kv::rec::put<api::Type::Handle>(h, kernel);
     kv::rec::put<api::Type::U32>(h, num_events_in_wait_list);
-    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, 0);
+    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, api::kHostRead);
     kv::rec::blob(h, c, event, (kv::capture::present(c, event)) * 8u, 0);
     (void)c;
 }
@@ -716,7 +716,7 @@ void clEnqueueNativeKernel::write(RecordHandle &h, CallCtx &c, cl_command_queue 
     kv::rec::blob(h, c, mem_list, (kv::rec::count(mem_list)?kv::rec::count(num_mem_objects):0) * 8u, 0);
     kv::rec::blob(h, c, args_mem_loc, (kv::rec::count(args_mem_loc)?kv::rec::count(num_mem_objects):0) * 8u, 0);
     kv::rec::put<api::Type::U32>(h, num_events_in_wait_list);
-    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, 0);
+    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, api::kHostRead);
     kv::rec::blob(h, c, event, (kv::capture::present(c, event)) * 8u, 0);
     (void)c;
 }
@@ -732,7 +732,7 @@ void clEnqueueMarker::write(RecordHandle &h, CallCtx &c, cl_command_queue comman
 void clEnqueueWaitForEvents::write(RecordHandle &h, CallCtx &c, cl_command_queue command_queue, cl_uint num_events, const cl_event *event_list) {
     kv::rec::put<api::Type::Handle>(h, command_queue);
     kv::rec::put<api::Type::U32>(h, num_events);
-    kv::rec::blob(h, c, event_list, (kv::rec::count(event_list)?kv::rec::count(num_events):0) * 8u, 0);
+    kv::rec::blob(h, c, event_list, (kv::rec::count(event_list)?kv::rec::count(num_events):0) * 8u, api::kHostRead);
     (void)c;
 }
 
@@ -825,11 +825,11 @@ void clUnloadPlatformCompiler::write(RecordHandle &h, CallCtx &c, cl_platform_id
     (void)c;
 }
 
-// 6083 clGetKernelArgInfo: status i32 | result ClStatus | kernel Handle | arg_indx U32 | param_name U32 | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
+// 6083 clGetKernelArgInfo: status i32 | result ClStatus | kernel Handle | arg_indx U32 | param_name GlEnum | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
 void clGetKernelArgInfo::write(RecordHandle &h, CallCtx &c, cl_kernel kernel, cl_uint arg_indx, cl_kernel_arg_info param_name, size_t param_value_size, void *param_value, size_t *param_value_size_ret) {
     kv::rec::put<api::Type::Handle>(h, kernel);
     kv::rec::put<api::Type::U32>(h, arg_indx);
-    kv::rec::put<api::Type::U32>(h, param_name);
+    kv::rec::put<api::Type::GlEnum>(h, param_name);
     kv::rec::put<api::Type::U64>(h, param_value_size);
     kv::rec::blob(h, c, param_value, (kv::capture::infoBytes(c, param_value, param_value_size, param_value_size_ret)), 0);
     kv::rec::blob(h, c, param_value_size_ret, (kv::capture::present(c, param_value_size_ret)) * 8u, 0);
@@ -845,7 +845,7 @@ void clEnqueueFillBuffer::write(RecordHandle &h, CallCtx &c, cl_command_queue co
     kv::rec::put<api::Type::U64>(h, offset);
     kv::rec::put<api::Type::U64>(h, size);
     kv::rec::put<api::Type::U32>(h, num_events_in_wait_list);
-    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, 0);
+    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, api::kHostRead);
     kv::rec::blob(h, c, event, (kv::capture::present(c, event)) * 8u, 0);
     (void)c;
 }
@@ -855,10 +855,10 @@ void clEnqueueFillImage::write(RecordHandle &h, CallCtx &c, cl_command_queue com
     kv::rec::put<api::Type::Handle>(h, command_queue);
     kv::rec::put<api::Type::Handle>(h, image);
     kv::rec::blob(h, c, fill_color, (kv::capture::hostBytes(c, fill_color, 16)), 0);
-    kv::rec::blob(h, c, origin, (kv::capture::present3(c, origin)) * 8u, 0);
-    kv::rec::blob(h, c, region, (kv::capture::present3(c, region)) * 8u, 0);
+    kv::rec::blob(h, c, origin, (kv::capture::present3(c, origin)) * 8u, api::kHostRead);
+    kv::rec::blob(h, c, region, (kv::capture::present3(c, region)) * 8u, api::kHostRead);
     kv::rec::put<api::Type::U32>(h, num_events_in_wait_list);
-    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, 0);
+    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, api::kHostRead);
     kv::rec::blob(h, c, event, (kv::capture::present(c, event)) * 8u, 0);
     (void)c;
 }
@@ -870,7 +870,7 @@ void clEnqueueMigrateMemObjects::write(RecordHandle &h, CallCtx &c, cl_command_q
     kv::rec::blob(h, c, mem_objects, (kv::rec::count(mem_objects)?kv::rec::count(num_mem_objects):0) * 8u, 0);
     kv::rec::put<api::Type::U64>(h, flags);
     kv::rec::put<api::Type::U32>(h, num_events_in_wait_list);
-    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, 0);
+    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, api::kHostRead);
     kv::rec::blob(h, c, event, (kv::capture::present(c, event)) * 8u, 0);
     (void)c;
 }
@@ -879,7 +879,7 @@ void clEnqueueMigrateMemObjects::write(RecordHandle &h, CallCtx &c, cl_command_q
 void clEnqueueMarkerWithWaitList::write(RecordHandle &h, CallCtx &c, cl_command_queue command_queue, cl_uint num_events_in_wait_list, const cl_event *event_wait_list, cl_event *event) {
     kv::rec::put<api::Type::Handle>(h, command_queue);
     kv::rec::put<api::Type::U32>(h, num_events_in_wait_list);
-    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, 0);
+    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, api::kHostRead);
     kv::rec::blob(h, c, event, (kv::capture::present(c, event)) * 8u, 0);
     (void)c;
 }
@@ -888,7 +888,7 @@ void clEnqueueMarkerWithWaitList::write(RecordHandle &h, CallCtx &c, cl_command_
 void clEnqueueBarrierWithWaitList::write(RecordHandle &h, CallCtx &c, cl_command_queue command_queue, cl_uint num_events_in_wait_list, const cl_event *event_wait_list, cl_event *event) {
     kv::rec::put<api::Type::Handle>(h, command_queue);
     kv::rec::put<api::Type::U32>(h, num_events_in_wait_list);
-    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, 0);
+    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, api::kHostRead);
     kv::rec::blob(h, c, event, (kv::capture::present(c, event)) * 8u, 0);
     (void)c;
 }
@@ -948,10 +948,10 @@ void clGetGLObjectInfo::write(RecordHandle &h, CallCtx &c, cl_mem memobj, cl_gl_
     (void)c;
 }
 
-// 6506 clGetGLTextureInfo: status i32 | result ClStatus | memobj Handle | param_name U32 | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
+// 6506 clGetGLTextureInfo: status i32 | result ClStatus | memobj Handle | param_name GlEnum | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
 void clGetGLTextureInfo::write(RecordHandle &h, CallCtx &c, cl_mem memobj, cl_gl_texture_info param_name, size_t param_value_size, void *param_value, size_t *param_value_size_ret) {
     kv::rec::put<api::Type::Handle>(h, memobj);
-    kv::rec::put<api::Type::U32>(h, param_name);
+    kv::rec::put<api::Type::GlEnum>(h, param_name);
     kv::rec::put<api::Type::U64>(h, param_value_size);
     kv::rec::blob(h, c, param_value, (kv::capture::infoBytes(c, param_value, param_value_size, param_value_size_ret)), 0);
     kv::rec::blob(h, c, param_value_size_ret, (kv::capture::present(c, param_value_size_ret)) * 8u, 0);
@@ -964,7 +964,7 @@ void clEnqueueAcquireGLObjects::write(RecordHandle &h, CallCtx &c, cl_command_qu
     kv::rec::put<api::Type::U32>(h, num_objects);
     kv::rec::blob(h, c, mem_objects, (kv::rec::count(mem_objects)?kv::rec::count(num_objects):0) * 8u, 0);
     kv::rec::put<api::Type::U32>(h, num_events_in_wait_list);
-    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, 0);
+    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, api::kHostRead);
     kv::rec::blob(h, c, event, (kv::capture::present(c, event)) * 8u, 0);
     (void)c;
 }
@@ -975,7 +975,7 @@ void clEnqueueReleaseGLObjects::write(RecordHandle &h, CallCtx &c, cl_command_qu
     kv::rec::put<api::Type::U32>(h, num_objects);
     kv::rec::blob(h, c, mem_objects, (kv::rec::count(mem_objects)?kv::rec::count(num_objects):0) * 8u, 0);
     kv::rec::put<api::Type::U32>(h, num_events_in_wait_list);
-    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, 0);
+    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, api::kHostRead);
     kv::rec::blob(h, c, event, (kv::capture::present(c, event)) * 8u, 0);
     (void)c;
 }
@@ -991,10 +991,10 @@ void clCreateFromGLTexture::write(RecordHandle &h, CallCtx &c, cl_context contex
     (void)c;
 }
 
-// 6510 clGetGLContextInfoKHR: status i32 | result ClStatus | properties Blob<I64> | param_name U32 | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
+// 6510 clGetGLContextInfoKHR: status i32 | result ClStatus | properties Blob<I64> | param_name GlEnum | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
 void clGetGLContextInfoKHR::write(RecordHandle &h, CallCtx &c, const cl_context_properties *properties, cl_gl_context_info param_name, size_t param_value_size, void *param_value, size_t *param_value_size_ret) {
     kv::rec::blob(h, c, properties, (kv::capture::propertyList(c, properties)) * 8u, 0);
-    kv::rec::put<api::Type::U32>(h, param_name);
+    kv::rec::put<api::Type::GlEnum>(h, param_name);
     kv::rec::put<api::Type::U64>(h, param_value_size);
     kv::rec::blob(h, c, param_value, (kv::capture::infoBytes(c, param_value, param_value_size, param_value_size_ret)), 0);
     kv::rec::blob(h, c, param_value_size_ret, (kv::capture::present(c, param_value_size_ret)) * 8u, 0);
@@ -1026,7 +1026,7 @@ void clEnqueueAcquireEGLObjectsKHR::write(RecordHandle &h, CallCtx &c, cl_comman
     kv::rec::put<api::Type::U32>(h, num_objects);
     kv::rec::blob(h, c, mem_objects, (kv::rec::count(mem_objects)?kv::rec::count(num_objects):0) * 8u, 0);
     kv::rec::put<api::Type::U32>(h, num_events_in_wait_list);
-    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, 0);
+    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, api::kHostRead);
     kv::rec::blob(h, c, event, (kv::capture::present(c, event)) * 8u, 0);
     (void)c;
 }
@@ -1037,7 +1037,7 @@ void clEnqueueReleaseEGLObjectsKHR::write(RecordHandle &h, CallCtx &c, cl_comman
     kv::rec::put<api::Type::U32>(h, num_objects);
     kv::rec::blob(h, c, mem_objects, (kv::rec::count(mem_objects)?kv::rec::count(num_objects):0) * 8u, 0);
     kv::rec::put<api::Type::U32>(h, num_events_in_wait_list);
-    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, 0);
+    kv::rec::blob(h, c, event_wait_list, (kv::rec::count(event_wait_list)?kv::rec::count(num_events_in_wait_list):0) * 8u, api::kHostRead);
     kv::rec::blob(h, c, event, (kv::capture::present(c, event)) * 8u, 0);
     (void)c;
 }

@@ -1,7 +1,8 @@
 /* An OpenCL program that moves data every way the API offers and checks every result: buffers
  * created from host memory, written, filled, read whole and by rectangles, a kernel with buffer and
- * value arguments (vector addition), a mapping written by the host, an image created from pitched
- * host memory, written and read with pitches, and a non-blocking read completed through its event.
+ * value arguments (vector addition), a mapping written by the host, a buffer on host memory written
+ * without blocking, an image created from pitched host memory, written and read with pitches and
+ * sampled by a kernel, and a non-blocking read completed through its event.
  *
  *   cl_program MANIFEST
  *
@@ -47,6 +48,13 @@ static const char *kSource =
     "    c[i] = (a[i] + b[i]) * scale;\n"
     "}\n";
 
+static const char *kSamplingSource =
+    "__kernel void fetch(__read_only image2d_t image, sampler_t sampler, __global uchar4 *out) {\n"
+    "    int x = get_global_id(0), y = get_global_id(1);\n"
+    "    float4 v = read_imagef(image, sampler, (int2)(x, y));\n"
+    "    out[y * get_global_size(0) + x] = convert_uchar4_sat_rte(v * 255.0f);\n"
+    "}\n";
+
 enum { N = 4096 };
 
 int main(int argc, char **argv) {
@@ -62,8 +70,16 @@ int main(int argc, char **argv) {
     g_manifest = fopen(argv[1], "wb");
     if (!g_manifest) return 2;
 
+    /* An info query without a size location: the record holds the name with its terminator, not
+     * the whole buffer. */
+    char name[1024];
+    CHECK(clGetPlatformInfo(platform, CL_PLATFORM_NAME, sizeof(name), name, NULL));
+    note(6002, name, (uint32_t)strlen(name) + 1);
+
     cl_int status;
-    cl_context context = clCreateContext(NULL, 1, &device, NULL, NULL, &status);
+    /* The platform named in the properties, as the loader needs it to find the driver. */
+    const cl_context_properties properties[] = {CL_CONTEXT_PLATFORM, (cl_context_properties)platform, 0};
+    cl_context context = clCreateContext(properties, 1, &device, NULL, NULL, &status);
     CHECK(status);
     /* No errcode_ret: the library must not write through a null pointer. */
     cl_command_queue queue = clCreateCommandQueue(context, device, 0, NULL);
@@ -170,6 +186,26 @@ int main(int argc, char **argv) {
         mapOk &= first[i] == (unsigned char)(255 - i);
     expect(mapOk, "the mapped writes");
 
+    /* A buffer that uses host memory, half of it written without blocking and waited for through
+     * the queue. */
+    static float used[256], later[128], usedBack[256];
+    for (int i = 0; i < 256; ++i)
+        used[i] = (float)i * 3.0f;
+    for (int i = 0; i < 128; ++i)
+        later[i] = (float)i * -0.25f;
+    cl_mem bufU =
+        clCreateBuffer(context, CL_MEM_READ_WRITE | CL_MEM_USE_HOST_PTR, sizeof(used), used, &status);
+    CHECK(status);
+    note(6015, used, sizeof(used));
+    CHECK(clEnqueueWriteBuffer(queue, bufU, CL_FALSE, 0, sizeof(later), later, 0, NULL, NULL));
+    note(6056, later, sizeof(later));
+    CHECK(clFinish(queue));
+    CHECK(clEnqueueReadBuffer(queue, bufU, CL_TRUE, 0, sizeof(usedBack), usedBack, 0, NULL, NULL));
+    note(6054, usedBack, sizeof(usedBack));
+    expect(memcmp(usedBack, later, sizeof(later)) == 0 && usedBack[128] == 384.0f && usedBack[255] == 765.0f,
+           "the buffer on host memory");
+    CHECK(clReleaseMemObject(bufU));
+
     /* An RGBA8 image of 16x8 from host rows of 80 bytes (16 bytes of padding each). */
     cl_bool images = CL_FALSE;
     clGetDeviceInfo(device, CL_DEVICE_IMAGE_SUPPORT, sizeof(images), &images, NULL);
@@ -205,6 +241,34 @@ int main(int argc, char **argv) {
                 imageOk &= memcmp(readBack + y * 96 + x * 4, want, 4) == 0;
             }
         expect(imageOk, "the image read back");
+
+        /* A kernel that samples the image: an image and a sampler among its arguments. */
+        cl_program sampling = clCreateProgramWithSource(context, 1, &kSamplingSource, NULL, &status);
+        CHECK(status);
+        CHECK(clBuildProgram(sampling, 1, &device, "", NULL, NULL));
+        cl_kernel fetch = clCreateKernel(sampling, "fetch", &status);
+        CHECK(status);
+        cl_sampler sampler =
+            clCreateSampler(context, CL_FALSE, CL_ADDRESS_CLAMP_TO_EDGE, CL_FILTER_NEAREST, &status);
+        CHECK(status);
+        cl_mem texels = clCreateBuffer(context, CL_MEM_WRITE_ONLY, 16 * 8 * 4, NULL, &status);
+        CHECK(status);
+        CHECK(clSetKernelArg(fetch, 0, sizeof(cl_mem), &image));
+        CHECK(clSetKernelArg(fetch, 1, sizeof(cl_sampler), &sampler));
+        CHECK(clSetKernelArg(fetch, 2, sizeof(cl_mem), &texels));
+        const size_t pixelsWide[2] = {16, 8};
+        CHECK(clEnqueueNDRangeKernel(queue, fetch, 2, NULL, pixelsWide, NULL, 0, NULL, NULL));
+        static unsigned char sampled[16 * 8 * 4];
+        CHECK(clEnqueueReadBuffer(queue, texels, CL_TRUE, 0, sizeof(sampled), sampled, 0, NULL, NULL));
+        note(6054, sampled, sizeof(sampled));
+        int sampledOk = 1;
+        for (int y = 0; y < 8; ++y)
+            sampledOk &= memcmp(sampled + y * 64, readBack + y * 96, 64) == 0;
+        expect(sampledOk, "the sampled image");
+        clReleaseMemObject(texels);
+        clReleaseSampler(sampler);
+        clReleaseKernel(fetch);
+        clReleaseProgram(sampling);
         CHECK(clReleaseMemObject(image));
     }
 
