@@ -27,7 +27,11 @@ KALVOREN_CONFIG=$work/config.json LD_LIBRARY_PATH=$build/lib "$program" --frames
 app=$!
 
 # Wait on: the program holds its first call until a client comes.
-sleep 2
+for _ in $(seq 1 300); do
+    grep -q "Waiting for Client..." "$work/app.err" 2>/dev/null && break
+    sleep 0.2
+done
+sleep 1
 kill -0 "$app" 2>/dev/null || fail "the program ended before a client came"
 grep -q "Waiting for Client..." "$work/app.err" || fail "the program does not wait for the client"
 grep -q "frames_program:" "$work/app.txt" && fail "the program ran without waiting"

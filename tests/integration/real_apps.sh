@@ -105,15 +105,26 @@ for scene in "${scenes[@]}"; do
 done
 
 if [ -n "$gears" ]; then
-    # es2gears draws until it is stopped and reports the frames it drew every five seconds.
+    # es2gears draws until it is stopped and reports the frames it drew every five seconds. It is
+    # stopped once it has made its first report, however long the start took on a busy machine
+    # (`timeout` hands the interrupt on to it).
+    gears_until_report() {  # gears_until_report OUT ERR: runs es2gears, prints its exit status
+        timeout -s INT 120 xvfb-run -a stdbuf -oL "$gears" >"$1" 2>"$2" &
+        local pid=$!
+        for _ in $(seq 1 600); do
+            grep -q "frames in" "$1" 2>/dev/null && break
+            sleep 0.2
+        done
+        kill -INT $pid 2>/dev/null
+        wait $pid
+        echo $?
+    }
     name="es2gears_x11"
-    timeout -s INT 7 xvfb-run -a stdbuf -oL "$gears" >"$work/plain.txt" 2>/dev/null
-    plain=$?
+    plain=$(gears_until_report "$work/plain.txt" /dev/null)
     trace=$work/gears.kalvoren
     write_config "$trace"
-    KALVOREN_CONFIG=$work/config.json LD_LIBRARY_PATH=$lib${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH} \
-        timeout -s INT 7 xvfb-run -a stdbuf -oL "$gears" >"$work/traced.txt" 2>"$work/traced.err"
-    traced=$?
+    traced=$(KALVOREN_CONFIG=$work/config.json LD_LIBRARY_PATH=$lib${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH} \
+        gears_until_report "$work/traced.txt" "$work/traced.err")
     if check_common "$name" $plain $traced "$trace" "$work/plain.txt" "$work/traced.txt"; then
         reported=$(sed -nE 's/^([0-9]+) frames in.*/\1/p' "$work/traced.txt" | awk '{s += $1} END {print s + 0}')
         swaps=$(swaps_in "$trace")

@@ -48,7 +48,7 @@ traced() {
 }
 
 wait_ready() {
-    for _ in $(seq 1 200); do
+    for _ in $(seq 1 1200); do
         grep -q ready "$work/$1.out" 2>/dev/null && return 0
         sleep 0.05
     done
