@@ -318,10 +318,10 @@ void CNetworkServer::beginRecordedTrace(Settings &s) {
     sendText("Start Recording\n");
     if (s.debugLevel >= 2) msg::info("Saving Render State");
     sendText("Saving Render State...\n");
+    // Forwarding stays on: the snapshot writes its records without calling through a wrapper, and
+    // a call another thread makes meanwhile must still reach the driver.
     s.snapshotInProgress = true;
-    s.forwardToHost = false;
     frames::saveRenderState(s, true);
-    s.forwardToHost = true;
     s.snapshotInProgress = false;
     sendText("Saving Render State... Done\n");
 }

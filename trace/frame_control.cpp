@@ -5,6 +5,7 @@
 #include "trace/trace_writer.h"
 
 #include <atomic>
+#include <mutex>
 
 namespace kv::frames {
 
@@ -12,6 +13,8 @@ namespace {
 std::atomic<SnapshotWriter> g_snapshotWriter{nullptr};
 // Whether the calling thread's state was written since recording started.
 thread_local bool t_stateSaved = false;
+// Held while a snapshot (the full one or a thread's own part) is written.
+std::mutex g_snapshotTurn;
 
 void report(const char *fmt, int value) {
     msg::info(fmt, value);
@@ -59,7 +62,11 @@ bool shouldRecord(Settings &s) {
             s.lastReportedFrame = static_cast<int32_t>(f);
             report("Recording... Current frame: %d", static_cast<int>(f));
         }
-        if (s.startFrame != 0) {
+        if (s.startFrame != 0 && (!t_stateSaved || s.snapshotPending.load())) {
+            // Threads that reach the start together take turns: the first writes the full
+            // snapshot, and the others wait for it before their own state and calls go in, so the
+            // objects are made once and before anything uses them.
+            std::lock_guard<std::mutex> turn(g_snapshotTurn);
             if (s.snapshotPending.load()) {
                 if (s.debugLevel >= 2) msg::info("Saving Render State");
                 withSnapshotInProgress(s, [&] { saveRenderState(s, true); });

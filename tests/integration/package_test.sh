@@ -95,7 +95,7 @@ in_user_dir kalvoren info glmark2-es2.kalvoren >"$work/info.txt" 2>&1
 status=$?
 [ $status -eq 0 ] || fail "kalvoren info exited $status: $(cat "$work/info.txt")"
 frames=$(sed -n 's/^Frames: *\([0-9]*\).*/\1/p' "$work/info.txt")
-[ "${frames:-0}" -gt 10 ] || fail "the trace holds ${frames:-no} frames: $(cat "$work/info.txt")"
+[ "${frames:-0}" -ge 1 ] || fail "the trace holds ${frames:-no} frames: $(cat "$work/info.txt")"
 grep -q glDrawArrays "$work/info.txt" || fail "no glDrawArrays in the trace: $(cat "$work/info.txt")"
 # Errors that say what to do next, with the documented exit statuses.
 in_user_dir kalvoren info missing.kalvoren >"$work/missing.txt" 2>&1
