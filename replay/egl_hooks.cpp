@@ -157,7 +157,9 @@ void Hooks<fn::eglCreateContext>::after(Call &c, EGLContext &result, EGLDisplay,
     if (c.value(2) && share != c.player.contexts.end()) context->shared = share->second->shared;
     for (const EGLint *a = attribs; a && a[0] != EGL_NONE; a += 2)
         if (a[0] == EGL_CONTEXT_CLIENT_VERSION) context->apiVersion = a[1];
-    c.player.contexts[c.e.result] = std::move(context);
+    auto &slot = c.player.contexts[c.e.result];
+    if (slot) c.player.replacedContexts.push_back(std::move(slot));
+    slot = std::move(context);
 }
 
 void Hooks<fn::eglMakeCurrent>::after(Call &c, EGLBoolean &result, EGLDisplay, EGLSurface draw, EGLSurface,

@@ -36,6 +36,9 @@ public:
 
     NameMap handles[static_cast<int>(Handle::Count)];
     std::map<uint64_t, std::unique_ptr<ContextState>> contexts; // by recorded handle
+    // Contexts whose recorded handle a later context took (a driver may hand out the address of a
+    // destroyed context again): kept, since a thread may still have them current.
+    std::vector<std::unique_ptr<ContextState>> replacedContexts;
     ContextState noContext;
 
     EGLDisplay localDisplay();
