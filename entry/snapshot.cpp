@@ -5,6 +5,7 @@
 // the recorder does not keep (buffer and texture data) and the queries of state it does not shadow.
 #include "entry/snapshot.h"
 #include "entry/snapshot_readback.h"
+#include "entry/snapshot_record.h"
 
 #include "base/messages.h"
 #include "core/call.h"
@@ -38,51 +39,10 @@ const SEglHostFns &eglHost() {
     return SEglHost::get().fn;
 }
 
-// ---- Writing one record ------------------------------------------------------------------------
-
-// A record of F with the given error and result, its arguments written by F's own record writer.
-template <class F, class R, class... A>
-void callR(uint32_t error, R result, A... args) {
-    CallCtx c;
-    c.id = F::id;
-    c.d.record = true;
-    c.d.recordData = true;
-    c.error = error;
-    if constexpr (F::result != api::Type::None) c.result = toSlot(result);
-    RecordHandle h = trace::begin(F::id);
-    if (!h) {
-        trace::finish(h);
-        return;
-    }
-    c.record = &h;
-    try {
-        h.u32(error);
-        if constexpr (F::result != api::Type::None) rec::put<F::result>(h, result);
-        F::write(h, c, args...);
-    } catch (...) {
-        trace::abandon(h);
-        reportUnrecorded(F::id);
-        return;
-    }
-    c.record = nullptr;
-    trace::finish(h);
-}
-
-// An OpenGL ES call that succeeded and returns nothing.
-template <class F, class... A>
-void record(A... args) {
-    callR<F>(GL_NO_ERROR, Void{}, args...);
-}
 // An EGL call that succeeded.
 template <class F, class R, class... A>
 void recordEgl(R result, A... args) {
     callR<F>(EGL_SUCCESS, result, args...);
-}
-
-// glGen* of one name.
-template <class F>
-void genOne(GLuint name) {
-    record<F>(1, &name);
 }
 
 // The catalogue name of a call id without the "gl" prefix and the "Program" of the separate

@@ -4,6 +4,7 @@
 // (or the extension ones for the OES functions) from the shadow; the driver is asked only for the
 // texture contents, which the shadow does not keep, and the current context's viewport and scissor.
 #include "entry/es1/es1_snapshot.h"
+#include "entry/snapshot_record.h"
 
 #include "base/messages.h"
 #include "core/call.h"
@@ -29,46 +30,6 @@ constexpr GLenum kLight0 = 0x4000, kClipPlane0 = 0x3000, kFrontAndBack = 0x0408;
 constexpr GLenum kVertexArray = 0x8074, kNormalArray = 0x8075, kColorArray = 0x8076, kTexCoordArray = 0x8078,
                  kPointSizeArray = 0x8B9C, kMatrixIndexArray = 0x8844, kWeightArray = 0x86AD;
 constexpr GLenum kLuminance = 0x1909, kLuminanceAlpha = 0x190A, kAlpha = 0x1906;
-
-// A record of F with the given error and result, written by F's own record writer without reaching
-// the driver.
-template <class F, class R, class... A>
-void callR(uint32_t error, R result, A... args) {
-    CallCtx c;
-    c.id = F::id;
-    c.d.record = true;
-    c.d.recordData = true;
-    c.error = error;
-    if constexpr (F::result != api::Type::None) c.result = toSlot(result);
-    RecordHandle h = trace::begin(F::id);
-    if (!h) {
-        trace::finish(h);
-        return;
-    }
-    c.record = &h;
-    try {
-        h.u32(error);
-        if constexpr (F::result != api::Type::None) rec::put<F::result>(h, result);
-        F::write(h, c, args...);
-    } catch (...) {
-        trace::abandon(h);
-        reportUnrecorded(F::id);
-        return;
-    }
-    c.record = nullptr;
-    trace::finish(h);
-}
-
-// An OpenGL ES call that succeeded and returns nothing.
-template <class F, class... A>
-void record(A... args) {
-    callR<F>(GL_NO_ERROR, Void{}, args...);
-}
-
-template <class F>
-void genOne(GLuint name) {
-    record<F>(1, &name);
-}
 
 const SEs1HostFns &gl() {
     return SEs1Host::get().fn;

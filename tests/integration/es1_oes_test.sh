@@ -41,15 +41,20 @@ JSON
         LD_LIBRARY_PATH=$build/lib${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH} timeout 120 "$run" "$@" >"$name.out" 2>"$name.err")
 }
 
-# checked NAME FRAMES: the trace reads back with no problems and replays to FRAMES identical frames.
+# checked NAME FRAMES [MORE]: the trace reads back with no problems and replays to FRAMES identical
+# frames (with MORE, up to MORE further ones, all identical).
 checked() {
-    local name=$1 want=$2
+    local name=$1 want=$2 more=${3:-0}
     "$kalvoren" info "$work/$name.kalvoren" >"$work/$name.info" 2>&1
     grep -q '^Problems: *none' "$work/$name.info" && pass "$name: trace reads back with no problems" ||
         { fail "$name: trace problems"; grep -A5 Problems "$work/$name.info"; }
     "$kalvoren" replay "$work/$name.kalvoren" >"$work/$name.replay" 2>&1
     local replayed=$? identical
     identical=$(grep -c ': identical$' "$work/$name.replay")
+    if [ "$more" -gt 0 ] && [ "$identical" -gt "$want" ] && [ "$identical" -le $((want + more)) ] &&
+        ! grep -q ': differs' "$work/$name.replay"; then
+        want=$identical
+    fi
     [ $replayed -eq 0 ] && [ "$identical" = "$want" ] &&
         pass "$name: replayed, $want frames identical to the frames the program drew" ||
         { fail "$name: replay exit $replayed, $identical of $want frames identical"; tail -5 "$work/$name.replay"; }
@@ -139,9 +144,11 @@ PY
         checked lateoes 3
         traced latees1 ", $late" -- "$es1_program" 6 "$work/latees1.rgba"
         checked latees1 3
-        # Both contexts' state at once, written on whichever thread reaches the start first.
+        # Both contexts' state at once, written on whichever thread reaches the start first. Both
+        # threads swap in each of the program's frames, so the frame after the last may have begun
+        # on one thread while the other still records it: three or four frames.
         traced latemixed ", $late" -- mixed 6 "$work/latemixed"
-        checked latemixed 3
+        checked latemixed 3 1
         ;;
     *)
         fail "unknown part $part"

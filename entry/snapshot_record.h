@@ -1,0 +1,52 @@
+// Writing one snapshot record: a call that made an object or set a value, written by the
+// function's own record writer (fn::X::write) as if the application had made it, without reaching
+// the driver. Shared by the ES2/3 and the ES1 snapshots.
+#pragma once
+
+#include "base/messages.h"
+#include "core/call.h"
+#include "trace/trace_writer.h"
+
+namespace kv::snapshot {
+
+// A record of F with the given error and result.
+template <class F, class R, class... A>
+void callR(uint32_t error, R result, A... args) {
+    CallCtx c;
+    c.id = F::id;
+    c.d.record = true;
+    c.d.recordData = true;
+    c.error = error;
+    if constexpr (F::result != api::Type::None) c.result = toSlot(result);
+    RecordHandle h = trace::begin(F::id);
+    if (!h) {
+        trace::finish(h);
+        return;
+    }
+    c.record = &h;
+    try {
+        h.u32(error);
+        if constexpr (F::result != api::Type::None) rec::put<F::result>(h, result);
+        F::write(h, c, args...);
+    } catch (...) {
+        trace::abandon(h);
+        reportUnrecorded(F::id);
+        return;
+    }
+    c.record = nullptr;
+    trace::finish(h);
+}
+
+// An OpenGL ES call that succeeded and returns nothing.
+template <class F, class... A>
+void record(A... args) {
+    callR<F>(GL_NO_ERROR, Void{}, args...);
+}
+
+// glGen* of one name.
+template <class F>
+void genOne(GLuint name) {
+    record<F>(1, &name);
+}
+
+} // namespace kv::snapshot
