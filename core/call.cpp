@@ -45,9 +45,10 @@ void fillDecision(Settings &s, uint16_t id, CallDecision &d, ParamDesc *params) 
             d.record = false;
         else if (!d.callHost)
             d.record = true;
-        else if (s.networkEnabled)
+        else if (s.networkEnabled) {
             d.record = net::recordingDecision(s);
-        else
+            if (d.record) frames::saveOwnState(s);
+        } else
             d.record = frames::shouldRecord(s);
         d.saveFrameBuffer = d.record && s.saveFrameBuffer;
         d.recordData = (d.record || d.beforeStartFrame) ? s.recordData : false;

@@ -11,10 +11,16 @@ namespace kv::frames {
 
 namespace {
 std::atomic<SnapshotWriter> g_snapshotWriter{nullptr};
-// Whether the calling thread's state was written since recording started.
-thread_local bool t_stateSaved = false;
+// Counts the full snapshots written (a recording started over the network may start again); a
+// thread whose own state went in after the last one holds its number.
+std::atomic<uint32_t> g_snapshots{0};
+thread_local uint32_t t_stateSaved = 0;
 // Held while a snapshot (the full one or a thread's own part) is written.
 std::mutex g_snapshotTurn;
+
+bool ownStateDue() {
+    return t_stateSaved != g_snapshots.load(std::memory_order_acquire);
+}
 
 void report(const char *fmt, int value) {
     msg::info(fmt, value);
@@ -35,13 +41,26 @@ void setSnapshotWriter(SnapshotWriter writer) {
     g_snapshotWriter.store(writer);
 }
 
-void saveRenderState(Settings &s, bool full) {
-    if (!full && t_stateSaved) return;
-    (void)s;
+namespace {
+// With the snapshot turn held.
+void writeState(bool full) {
+    if (!full && !ownStateDue()) return;
     trace::writeSnapshotMarker();
     if (SnapshotWriter writer = g_snapshotWriter.load()) writer(full);
-    t_stateSaved = true;
+    if (full) g_snapshots.fetch_add(1, std::memory_order_acq_rel);
+    t_stateSaved = g_snapshots.load(std::memory_order_acquire);
     trace::writeSnapshotMarker();
+}
+} // namespace
+
+void saveRenderState(Settings &, bool full) {
+    std::lock_guard<std::mutex> turn(g_snapshotTurn);
+    writeState(full);
+}
+
+void saveOwnState(Settings &s) {
+    if (!ownStateDue()) return;
+    withSnapshotInProgress(s, [&] { saveRenderState(s, false); });
 }
 
 bool shouldRecord(Settings &s) {
@@ -62,18 +81,18 @@ bool shouldRecord(Settings &s) {
             s.lastReportedFrame = static_cast<int32_t>(f);
             report("Recording... Current frame: %d", static_cast<int>(f));
         }
-        if (s.startFrame != 0 && (!t_stateSaved || s.snapshotPending.load())) {
+        if (s.startFrame != 0 && (ownStateDue() || s.snapshotPending.load())) {
             // Threads that reach the start together take turns: the first writes the full
             // snapshot, and the others wait for it before their own state and calls go in, so the
             // objects are made once and before anything uses them.
             std::lock_guard<std::mutex> turn(g_snapshotTurn);
             if (s.snapshotPending.load()) {
                 if (s.debugLevel >= 2) msg::info("Saving Render State");
-                withSnapshotInProgress(s, [&] { saveRenderState(s, true); });
+                withSnapshotInProgress(s, [&] { writeState(true); });
                 s.snapshotPending = false;
-            } else if (!t_stateSaved) {
+            } else {
                 // A thread's first recorded call after the full snapshot brings its own state.
-                withSnapshotInProgress(s, [&] { saveRenderState(s, false); });
+                withSnapshotInProgress(s, [&] { writeState(false); });
             }
         }
         if (f == s.endFrame && s.debugLevel >= 1 && static_cast<int32_t>(f) != s.lastReportedFrame) {

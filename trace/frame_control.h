@@ -22,6 +22,10 @@ void frameEnded(Settings &settings);
 // the calling thread only (partial).
 void saveRenderState(Settings &settings, bool full);
 
+// A thread's first recorded call after a full snapshot written on another thread brings the
+// thread's own state (its current context and surfaces) first.
+void saveOwnState(Settings &settings);
+
 // What writes the state between the markers; installed by the state tracker.
 using SnapshotWriter = void (*)(bool full);
 void setSnapshotWriter(SnapshotWriter writer);
