@@ -141,6 +141,21 @@ late() {
     else
         fail "snapshot-late: an EGL image, sync, pipeline or transform feedback object is missing from the snapshot"
     fi
+    # The snapshot's read-backs give their helper objects back: the names the program makes after
+    # a late start are the ones it gets untraced.
+    "$build/bin/snapshot_program" --frames 4 >"$work/names-plain.out" 2>&1
+    printf '{ "*": { "Tracing": { "OutputFilename": "%s", "StartFrame": 2 } } }\n' "$work/names.kalvoren" \
+        >"$work/names.json"
+    KALVOREN_CONFIG=$work/names.json LD_LIBRARY_PATH=$lib${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH} \
+        timeout 120 "$build/bin/snapshot_program" --frames 4 >"$work/names-traced.out" 2>/dev/null
+    local plainNames tracedNames
+    plainNames=$(grep '^names made last:' "$work/names-plain.out")
+    tracedNames=$(grep '^names made last:' "$work/names-traced.out")
+    if [ -n "$plainNames" ] && [ "$plainNames" = "$tracedNames" ]; then
+        pass "snapshot-late: objects made after the start get their untraced names (${plainNames#*: })"
+    else
+        fail "snapshot-late: names after the start: untraced '${plainNames#*: }', traced '${tracedNames#*: }'"
+    fi
     # The two contexts share one group: its program, buffer and texture are made once; each
     # thread gets its own current context back.
     local made

@@ -368,6 +368,17 @@ int main(int argc, char **argv) {
         glBindFramebuffer(GL_READ_FRAMEBUFFER, 0);
         eglSwapBuffers(egl.display, egl.surface);
     }
+    /* Names made after the recording started are the ones the driver gives untraced. */
+    GLuint later[7];
+    glGenTextures(1, &later[0]);
+    glGenBuffers(1, &later[1]);
+    glGenFramebuffers(1, &later[2]);
+    glGenRenderbuffers(1, &later[3]);
+    glGenVertexArrays(1, &later[4]);
+    later[5] = glCreateShader(GL_VERTEX_SHADER);
+    later[6] = glCreateProgram();
+    printf("names made last: %u %u %u %u %u %u %u\n", later[0], later[1], later[2], later[3], later[4],
+           later[5], later[6]);
     GLenum error = glGetError();
     eglDestroySync(egl.display, fence);
     eglDestroySurface(egl.display, spare);
