@@ -5,7 +5,7 @@
 
 #include "analysis/counters.h"
 #include "analysis/overrides.h"
-#include "core/profiler.h"
+#include "core/profiling.h"
 #include "net/counter_link.h"
 #include "platform/platform.h"
 

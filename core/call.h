@@ -12,7 +12,7 @@
 #include "core/functions_autogen.h"
 #include "core/call_types.h"
 #include "core/manager.h"
-#include "core/profiler.h"
+#include "core/profiling.h"
 #include "core/settings.h"
 #include "base/slots.h"
 #include "host/hosts.h"

@@ -3,7 +3,7 @@
 
 #include "base/messages.h"
 #include "core/settings.h"
-#include "core/profiler.h"
+#include "core/profiling.h"
 #include "net/server.h"
 #include "trace/record.h"
 #include "trace/trace_writer.h"

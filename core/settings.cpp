@@ -3,7 +3,7 @@
 
 #include "config/config.h"
 #include "core/lifecycle.h"
-#include "core/profiler.h"
+#include "core/profiling.h"
 #include "base/messages.h"
 #include "trace/trace_writer.h"
 
