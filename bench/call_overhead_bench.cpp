@@ -68,6 +68,7 @@ std::map<std::string, Runs> g_library;
 
 using EnableFn = void(KV_APIENTRY *)(GLenum);
 using Uniform4fFn = void(KV_APIENTRY *)(GLint, GLfloat, GLfloat, GLfloat, GLfloat);
+using GetErrorFn = GLenum(KV_APIENTRY *)();
 
 // Runs `call` for the benchmark's iterations and returns the processor nanoseconds per call (the
 // machine may be shared: time spent in other processes does not count).
@@ -101,6 +102,15 @@ void directEnable(benchmark::State &state) {
 void directUniform4f(benchmark::State &state) {
     auto uniform = reinterpret_cast<Uniform4fFn>(kvth_function_address("glUniform4f"));
     reportDirect(state, "glUniform4f", timeCalls(state, [&] { uniform(1, 0.5f, 0.25f, 0.125f, 1.0f); }));
+}
+
+void directGetError(benchmark::State &state) {
+    auto getError = reinterpret_cast<GetErrorFn>(kvth_function_address("glGetError"));
+    reportDirect(state, "glGetError", timeCalls(state, [&] { benchmark::DoNotOptimize(getError()); }));
+}
+
+void libraryGetError(benchmark::State &state) {
+    reportLibrary(state, "glGetError", timeCalls(state, [] { benchmark::DoNotOptimize(gles::getError()); }));
 }
 
 void libraryEnable(benchmark::State &state) {
@@ -325,10 +335,12 @@ int main(int argc, char **argv) {
 
     benchmark::RegisterBenchmark("direct/glEnable", directEnable);
     benchmark::RegisterBenchmark("direct/glUniform4f", directUniform4f);
+    benchmark::RegisterBenchmark("direct/glGetError", directGetError);
     benchmark::RegisterBenchmark("direct/eglSwapBuffers", directSwap);
     if (mode != Mode::Direct) {
         benchmark::RegisterBenchmark((name + "/glEnable").c_str(), libraryEnable);
         benchmark::RegisterBenchmark((name + "/glUniform4f").c_str(), libraryUniform4f);
+        benchmark::RegisterBenchmark((name + "/glGetError").c_str(), libraryGetError);
     }
     if (mode == Mode::Profiled || mode == Mode::PassThrough)
         benchmark::RegisterBenchmark((name + "/eglSwapBuffers").c_str(), librarySwap);

@@ -4,7 +4,7 @@
 #   glmark2-es2 ideas and build:use-vbo=false (under Xvfb, a small window)
 #   glmark2-es2 texture and clear at 320x240: scenes that draw little per frame, where what each
 #   frame costs (swap, frame-end bookkeeping) shows
-# each run plainly, through Kalvoren (recording every frame) and under apitrace
+# each run plainly, through Kalvoren (recording every frame, without and with UseCompression) and under apitrace
 # (`apitrace trace --api egl`). Every configuration runs RUNS times (default 3), interleaved, and
 # the median is reported: the overhead per call in ns, the time added per frame in microseconds
 # and the slowdown as a ratio.
@@ -31,6 +31,11 @@ config=$work/config.json
 cat >"$config" <<JSON
 { "*": { "Tracing": { "OutputFilename": "$work/trace.kalvoren", "StartFrame": 0, "EndFrame": 4294967295 } } }
 JSON
+# The same with the data blocks compressed (the kalvoren-z column).
+configz=$work/config-z.json
+cat >"$configz" <<JSON
+{ "*": { "Tracing": { "OutputFilename": "$work/trace-z.kalvoren", "UseCompression": true, "StartFrame": 0, "EndFrame": 4294967295 } } }
+JSON
 
 median() { sort -g | awk '{v[NR] = $1} END {print (NR ? v[int((NR + 1) / 2)] : "")}'; }
 
@@ -47,12 +52,13 @@ run() {
     case $tool in
     plain) "${x[@]}" "$@" 2>/dev/null ;;
     kalvoren) KALVOREN_CONFIG=$config LD_LIBRARY_PATH=$lib "${x[@]}" "$@" 2>/dev/null ;;
+    kalvoren-z) KALVOREN_CONFIG=$configz LD_LIBRARY_PATH=$lib "${x[@]}" "$@" 2>/dev/null ;;
     baseline) KALVOREN_CONFIG=$config LD_LIBRARY_PATH=$BASELINE_BUILD/lib "${x[@]}" "$@" 2>/dev/null ;;
     apitrace) "${x[@]}" apitrace trace --api egl -o "$work/trace.trace" "$@" 2>/dev/null ;;
     esac
 }
 
-tools=(plain kalvoren)
+tools=(plain kalvoren kalvoren-z)
 [ $have_apitrace = 1 ] && tools+=(apitrace)
 if [ -n "${BASELINE_BUILD:-}" ]; then
     BASELINE_BUILD=$(cd "$BASELINE_BUILD" && pwd)
@@ -96,6 +102,7 @@ ratio=$([ -n "$a" ] && awk -v p="$p" -v k="$k" -v a="$a" 'BEGIN { printf "%.2f",
 printf '%-26s %9s ns %9s ns %9s ns   %s\n' "call_heavy, per call" "$p" "$k" "${a:--}" "${ratio:--}"
 printf '%-26s %12s %11sx %11sx\n' "  slowdown" "1.00x" "$(awk -v p="$p" -v k="$k" 'BEGIN{printf "%.2f", k/p}')" \
     "$([ -n "$a" ] && awk -v p="$p" -v a="$a" 'BEGIN{printf "%.2f", a/p}' || echo -)"
+printf '%-26s %12s %9s ns   (UseCompression)\n' "  compressed, per call" "" "${heavy_ns[kalvoren-z]}"
 for scene in "${scenes[@]}"; do
     p=${fps[$scene.plain]} k=${fps[$scene.kalvoren]} a=${fps[$scene.apitrace]:-}
     calls=$(sed -nE "s/^Records: *[0-9]+ \\(([0-9]+) calls.*/\\1/p" "$work/info.$scene" | head -n1)
@@ -116,6 +123,9 @@ for scene in "${scenes[@]}"; do
     printf '%-26s %12s %9s us %9s us   %s\n' "  added per frame" "" "$kf" "$af" "$ratio"
     printf '%-26s %12s %11sx %11sx\n' "  slowdown" "1.00x" "$(awk -v p="$p" -v k="$k" 'BEGIN{printf "%.2f", k ? p/k : 0}')" \
         "$([ -n "$a" ] && awk -v p="$p" -v a="$a" 'BEGIN{printf "%.2f", a ? p/a : 0}' || echo -)"
+    z=${fps[$scene.kalvoren-z]}
+    printf '%-26s %12s %11sx   (%s fps, UseCompression)\n' "  slowdown, compressed" "" \
+        "$(awk -v p="$p" -v z="$z" 'BEGIN{printf "%.2f", z ? p/z : 0}')" "$z"
 done
 
 if [ -n "${BASELINE_BUILD:-}" ]; then

@@ -60,7 +60,11 @@ struct GlesApi {
     static uint32_t queryError() { return host().fn.glGetError(); }
     static bool failed(uint32_t error) { return error != GL_NO_ERROR; }
     // Keeps the error for the application's own glGetError, which the check consumed.
-    static void noteError(uint32_t error);
+    static void noteError(uint32_t error) {
+        g_lastErrorEs2 = error;
+        if (KV_UNLIKELY(error != GL_NO_ERROR)) keepError(error);
+    }
+    static void keepError(uint32_t error);
 };
 
 struct EglApi {
@@ -140,6 +144,9 @@ struct HookDefaults {
     static void done(CallCtx &, R &, A...) {}
     // When set, Hooks::host(ctx, args...) replaces the host call.
     static constexpr bool kReplacesHost = false;
+    // Cleared for a call after which the driver can hold no error of its own (the error query
+    // itself): the check after it would only ask the driver again.
+    static constexpr bool kChecksError = true;
 };
 
 template <class F>
@@ -246,7 +253,7 @@ private:
                 if (!tracked) Es1Api::extensionBefore(c, es1Args);
             }
             result = callHost(c, args...);
-            if (c.d.checkErrors && tracked) {
+            if (H::kChecksError && c.d.checkErrors && tracked) {
                 c.error = Api::queryError();
                 c.failed = Api::failed(c.error);
                 Api::noteError(c.error);

@@ -40,6 +40,13 @@ struct ParamDesc {
 
 // One call in flight.
 struct CallCtx {
+    // Every wrapped call makes one: its fields are cleared one by one, which is several times cheaper
+    // than the block clear (`rep stos`) a compiler makes of an object this size.
+    CallCtx() {
+        for (uint64_t &s : scratch)
+            s = 0;
+    }
+
     CallDecision d;
     uint16_t id = 0;
     uint32_t error = 0;  // the API's error code after the call
@@ -49,7 +56,7 @@ struct CallCtx {
     bool es1 = false;
     // Values a function's hooks hand to each other (for example the frame buffer read before a
     // swap, for the record written after it).
-    uint64_t scratch[6] = {};
+    uint64_t scratch[6];
     void *extra = nullptr;
     // The result as a 64-bit slot, the record being written and, once it is written, the file
     // position of its length field.

@@ -37,7 +37,7 @@ ThreadState &threadState() {
     return threadSlot().getOrCreate();
 }
 ThreadState *threadStateIfAny() {
-    return threadSlot().get();
+    return FastThreadLocalPointer<ThreadState>::current();
 }
 
 DisplayRecord *display(EGLDisplay handle, bool create) {

@@ -99,9 +99,7 @@ void applyValueOverride(const CallCtx &c, GLenum pname, T *data) {
 
 } // namespace
 
-void GlesApi::noteError(uint32_t error) {
-    g_lastErrorEs2 = error;
-    if (error == GL_NO_ERROR) return;
+void GlesApi::keepError(uint32_t error) {
     if (CEs2ContextState *state = egl::currentEs2StateQuiet()) {
         if (state->pendingError == GL_NO_ERROR) state->pendingError = error;
     } else if (CFFContextState *es1 = egl::currentEs1StateQuiet()) {
