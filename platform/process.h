@@ -39,10 +39,11 @@ bool processAlive(uint64_t pid);
 // Whether the stream is connected to a terminal.
 bool isTerminal(std::FILE *stream);
 
-// Windows for a player that shows what it replays: the window system's connection (an X11
-// display on POSIX, opened once; null when there is none), and a visible window of the given size
-// on it, as the native window handle EGL takes (0 when none could be made).
-void *openWindowSystem();
+// Windows for a player that shows what it replays: whether there is a window system, with its
+// connection in *connection (an X11 display on POSIX, opened once; null on Windows, where EGL
+// takes the default display and windows need no connection), and a visible window of the given
+// size on it, as the native window handle EGL takes (0 when none could be made).
+bool openWindowSystem(void **connection);
 uint64_t createWindow(void *windowSystem, int32_t width, int32_t height, const char *title);
 
 // The environment variable that lists the directories in which the loader looks for a

@@ -177,9 +177,10 @@ Xlib &xlib() {
 
 } // namespace
 
-void *openWindowSystem() {
+bool openWindowSystem(void **connection) {
     static void *display = xlib().loaded ? xlib().openDisplay(nullptr) : nullptr;
-    return display;
+    *connection = display;
+    return display != nullptr;
 }
 
 uint64_t createWindow(void *windowSystem, int32_t width, int32_t height, const char *title) {

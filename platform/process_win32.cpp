@@ -180,9 +180,10 @@ char pathListSeparator() {
     return ';';
 }
 
-void *openWindowSystem() {
+bool openWindowSystem(void **connection) {
     // EGL on Windows takes the default display; windows need no connection of their own.
-    return nullptr;
+    *connection = nullptr;
+    return true;
 }
 
 uint64_t createWindow(void *, int32_t width, int32_t height, const char *title) {

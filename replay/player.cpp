@@ -133,8 +133,8 @@ EGLDisplay Player::localDisplay() {
     if (displayMade_) return display_;
     displayMade_ = true;
     if (options.window) {
-        nativeDisplay_ = platform::openWindowSystem();
-        if (!nativeDisplay_) std::fprintf(stderr, "kalvoren: no window system to open windows on\n");
+        if (!platform::openWindowSystem(&nativeDisplay_))
+            std::fprintf(stderr, "kalvoren: no window system to open windows on\n");
         display_ = egl->eglGetDisplay(reinterpret_cast<EGLNativeDisplayType>(nativeDisplay_));
         return display_;
     }

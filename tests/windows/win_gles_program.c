@@ -35,17 +35,22 @@ static LRESULT CALLBACK windowProc(HWND window, UINT message, WPARAM w, LPARAM l
     return DefWindowProcA(window, message, w, l);
 }
 
-static HWND openWindow(int x) {
-    static LONG registered = 0;
-    if (InterlockedExchange(&registered, 1) == 0) {
-        WNDCLASSA wc;
-        memset(&wc, 0, sizeof(wc));
-        wc.style = CS_OWNDC;
-        wc.lpfnWndProc = windowProc;
-        wc.hInstance = GetModuleHandleA(NULL);
-        wc.lpszClassName = "kv_gles_window";
-        RegisterClassA(&wc);
+/* Once, before any thread opens a window: a thread that found the class "being registered" by
+ * another would otherwise create its window before the class exists. */
+static void registerWindowClass(void) {
+    WNDCLASSA wc;
+    memset(&wc, 0, sizeof(wc));
+    wc.style = CS_OWNDC;
+    wc.lpfnWndProc = windowProc;
+    wc.hInstance = GetModuleHandleA(NULL);
+    wc.lpszClassName = "kv_gles_window";
+    if (!RegisterClassA(&wc)) {
+        fprintf(stderr, "RegisterClass failed: %lu\n", (unsigned long)GetLastError());
+        exit(1);
     }
+}
+
+static HWND openWindow(int x) {
     /* A popup window: its client area is exactly the size asked for. */
     HWND window = CreateWindowExA(0, "kv_gles_window", "kv", WS_POPUP | WS_VISIBLE, x, 0, kWidth, kHeight,
                                   NULL, NULL, GetModuleHandleA(NULL), NULL);
@@ -149,7 +154,8 @@ static GLuint link(const char *vs, const char *fs, const char *attribute0, const
 /* Reads the frame back, writes it to DIR/NAME-frame-N.rgba and prints its hash; 1 on a GL error
  * during the frame. */
 static int finishFrame(const char *name, int frame) {
-    static unsigned char pixels[kWidth * kHeight * 4];
+    /* Each thread its own: the two threads of "threads" finish frames at the same time. */
+    unsigned char pixels[kWidth * kHeight * 4];
     glReadPixels(0, 0, kWidth, kHeight, GL_RGBA, GL_UNSIGNED_BYTE, pixels);
     GLenum error = glGetError();
     uint64_t hash = 1469598103934665603ull;
@@ -396,6 +402,7 @@ int main(int argc, char **argv) {
     g_dir = argv[2];
     if (argc > 3) g_frames = atoi(argv[3]);
     InitializeCriticalSection(&g_printLock);
+    registerWindowClass();
     g_display = eglGetDisplay(EGL_DEFAULT_DISPLAY);
     EGLint major = 0, minor = 0;
     if (!eglInitialize(g_display, &major, &minor)) {
