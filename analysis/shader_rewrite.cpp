@@ -25,9 +25,9 @@ bool discardBoundary(char c) {
 }
 
 const char *const kOutputTypes[] = {
-    "bool",   "bvec2",  "bvec3",  "bvec4",  "float",  "int",    "ivec2",  "ivec3",  "ivec4",  "mat2",
-    "mat3",   "mat4",   "mat2x2", "mat2x3", "mat2x4", "mat3x2", "mat3x3", "mat3x4", "mat4x2", "mat4x3",
-    "mat4x4", "uint",   "uvec2",  "uvec3",  "uvec4",  "vec2",   "vec3",   "vec4",
+    "bool",   "bvec2", "bvec3",  "bvec4",  "float",  "int",    "ivec2",  "ivec3",  "ivec4",  "mat2",
+    "mat3",   "mat4",  "mat2x2", "mat2x3", "mat2x4", "mat3x2", "mat3x3", "mat3x4", "mat4x2", "mat4x3",
+    "mat4x4", "uint",  "uvec2",  "uvec3",  "uvec4",  "vec2",   "vec3",   "vec4",
 };
 bool outputType(const std::string &word) {
     for (const char *t : kOutputTypes)

@@ -40,7 +40,8 @@ TEST(ShaderRewrite, CommentsMainAndVersions) {
     DiscardRewriter r;
     std::string out;
     // "domain" is not renamed (no white space before "main"); main at the very start is.
-    ASSERT_TRUE(r.rewrite("main (void) {}\nfloat domain(float x) { return x; }\nvoid\tmain\n() { discard; }", &out));
+    ASSERT_TRUE(
+        r.rewrite("main (void) {}\nfloat domain(float x) { return x; }\nvoid\tmain\n() { discard; }", &out));
     EXPECT_NE(out.find("pellum_kast_original_main_trimbel_osk (void)"), std::string::npos) << out;
     EXPECT_NE(out.find("float domain(float x)"), std::string::npos) << out;
     EXPECT_NE(out.find("void\tpellum_kast_original_main_trimbel_osk\n()"), std::string::npos) << out;
@@ -71,9 +72,10 @@ TEST(ShaderRewrite, OutputsAndTheKeptFirstWrapper) {
 
     DiscardRewriter r;
     std::string first, second;
-    ASSERT_TRUE(r.rewrite("#version 300 es\nprecision mediump float;\nlayout(location = 0) out highp vec4 "
-                          "fragColor;\nvoid main() { if (gl_FragCoord.x < 1.0) discard; fragColor = vec4(1); }\n",
-                          &first));
+    ASSERT_TRUE(
+        r.rewrite("#version 300 es\nprecision mediump float;\nlayout(location = 0) out highp vec4 "
+                  "fragColor;\nvoid main() { if (gl_FragCoord.x < 1.0) discard; fragColor = vec4(1); }\n",
+                  &first));
     EXPECT_EQ(first.rfind("#version 300 es\nbool b_vandor_ostrek = false;\nprecision", 0), 0u) << first;
     const std::string wrapper = "\nvoid main()\n{\n\tpellum_kast_original_main_trimbel_osk();\n"
                                 "\tif(b_vandor_ostrek)\n\t\tfragColor = vec4(1.0,0.0,1.0,1.0);\n}\n";
