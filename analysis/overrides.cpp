@@ -118,10 +118,6 @@ bool isDraw(CallKind k) {
     }
 }
 
-bool named(uint16_t id, const char *name) {
-    const char *n = api::functionName(id);
-    return n && std::strcmp(n, name) == 0;
-}
 } // namespace
 
 std::string cullingItemText(uint32_t mode) {
@@ -198,7 +194,7 @@ bool Overrides::framePoint(uint16_t id) const {
     if (id == swapIds_[0] || id == swapIds_[1]) return true;
     const CallKind k = kinds_.kind(id);
     if (k == CallKind::ReadPixels) return true;
-    return named(id, "glFinish") || named(id, "glFlush");
+    return flushOrFinish(id);
 }
 
 bool Overrides::preCall(uint16_t id, const uint64_t *slots, uint32_t count) {
@@ -213,7 +209,7 @@ bool Overrides::preCall(uint16_t id, const uint64_t *slots, uint32_t count) {
     if (k == CallKind::ReadPixels) return !values_[kItemDisableFrameBufferAccess];
     if (k == CallKind::TexSubImage2D || k == CallKind::TexSubImageOther)
         return !values_[kItemDisableTextureModifications];
-    if (values_[kItemDisableFlushFinish] && (named(id, "glFinish") || named(id, "glFlush"))) return false;
+    if (values_[kItemDisableFlushFinish] && flushOrFinish(id)) return false;
     return true;
 }
 

@@ -6,6 +6,7 @@
 
 #include "analysis/counters.h"
 #include "analysis/shader_shadows.h"
+#include "core/functions_autogen.h"
 #include "net/counter_link.h"
 
 #include <cstdint>
@@ -72,6 +73,11 @@ private:
     uint32_t values_[kItemCount] = {};
     uint16_t es1First_ = 0, es1Last_ = 0;
     uint16_t swapIds_[2];
+    // glFinish and glFlush of both families: asked on every call, so compared by id.
+    uint16_t flushIds_[4] = {fn::glFinish::id, fn::glFlush::id, fn::es1::glFinish::id, fn::es1::glFlush::id};
+    bool flushOrFinish(uint16_t id) const {
+        return id == flushIds_[0] || id == flushIds_[1] || id == flushIds_[2] || id == flushIds_[3];
+    }
 };
 
 } // namespace kv::analysis

@@ -235,8 +235,9 @@ bool ShaderShadows::build(Context &c, GLuint program, bool flat, Shadow &s) {
     if (flat) {
         const int generation = p.fragmentVersion >= 1 ? 1 : 0;
         if (!c.flatShader[generation])
-            c.flatShader[generation] = compiled(GL_FRAGMENT_SHADER, generation ? kFlatColour300 : kFlatColour100,
-                                                "(*ourProgram).flatColour '%s'");
+            c.flatShader[generation] =
+                compiled(GL_FRAGMENT_SHADER, generation ? kFlatColour300 : kFlatColour100,
+                         "(*ourProgram).flatColour '%s'");
         fragment = c.flatShader[generation];
     } else {
         fragment = compiled(GL_FRAGMENT_SHADER, p.discardFree, "(*ourProgram).discardless '%s'");
@@ -246,8 +247,9 @@ bool ShaderShadows::build(Context &c, GLuint program, bool flat, Shadow &s) {
     g.glAttachShader(s.program, fragment);
     if (!flat) g.glDeleteShader(fragment); // goes with the program
     for (const auto &stage : p.stages) {
-        const GLuint shader = compiled(stage.first, stage.second, flat ? "(*ourProgram).flatColour '%s'"
-                                                                       : "(*ourProgram).discardless '%s'");
+        const GLuint shader =
+            compiled(stage.first, stage.second,
+                     flat ? "(*ourProgram).flatColour '%s'" : "(*ourProgram).discardless '%s'");
         g.glAttachShader(s.program, shader);
         g.glDeleteShader(shader);
     }
@@ -259,8 +261,8 @@ bool ShaderShadows::build(Context &c, GLuint program, bool flat, Shadow &s) {
     for (GLint i = 0; i < attributes; ++i) {
         GLint size = 0;
         GLenum type = 0;
-        g.glGetActiveAttrib(program, static_cast<GLuint>(i), static_cast<GLsizei>(name.size()), nullptr, &size,
-                            &type, &name[0]);
+        g.glGetActiveAttrib(program, static_cast<GLuint>(i), static_cast<GLsizei>(name.size()), nullptr,
+                            &size, &type, &name[0]);
         if (std::strncmp(name.c_str(), "gl_", 3) == 0) continue;
         const GLint location = g.glGetAttribLocation(program, name.c_str());
         if (location >= 0) g.glBindAttribLocation(s.program, static_cast<GLuint>(location), name.c_str());
@@ -269,7 +271,8 @@ bool ShaderShadows::build(Context &c, GLuint program, bool flat, Shadow &s) {
     GLint ok = 0;
     g.glGetProgramiv(s.program, GL_LINK_STATUS, &ok);
     if (!ok) {
-        report(flat ? "(*ourProgram).flatColour '%s'" : "(*ourProgram).discardless '%s'", programLog(s.program));
+        report(flat ? "(*ourProgram).flatColour '%s'" : "(*ourProgram).discardless '%s'",
+               programLog(s.program));
         g.glDeleteProgram(s.program);
         s.program = 0;
         return false;
@@ -283,16 +286,15 @@ bool ShaderShadows::build(Context &c, GLuint program, bool flat, Shadow &s) {
     for (GLint i = 0; i < uniforms; ++i) {
         GLint size = 0;
         GLenum type = 0;
-        g.glGetActiveUniform(s.program, static_cast<GLuint>(i), static_cast<GLsizei>(name.size()), nullptr, &size,
-                             &type, &name[0]);
+        g.glGetActiveUniform(s.program, static_cast<GLuint>(i), static_cast<GLsizei>(name.size()), nullptr,
+                             &size, &type, &name[0]);
         std::string base = name.c_str();
         if (flat && base == "colour") continue;
         const size_t bracket = base.find('[');
         if (bracket != std::string::npos) base.resize(bracket);
         for (GLint e = 0; e < size; ++e) {
-            const std::string element = size > 1 || bracket != std::string::npos
-                                            ? base + "[" + std::to_string(e) + "]"
-                                            : base;
+            const std::string element =
+                size > 1 || bracket != std::string::npos ? base + "[" + std::to_string(e) + "]" : base;
             const GLint from = g.glGetUniformLocation(program, element.c_str());
             const GLint to = g.glGetUniformLocation(s.program, element.c_str());
             if (from >= 0 && to >= 0) s.uniforms.push_back({type, from, to});
@@ -307,7 +309,8 @@ bool ShaderShadows::build(Context &c, GLuint program, bool flat, Shadow &s) {
         g.glGetProgramiv(s.program, GL_ACTIVE_UNIFORM_BLOCKS, &blocks);
         for (GLint i = 0; i < blocks; ++i) {
             char blockName[256] = {};
-            g.glGetActiveUniformBlockName(s.program, static_cast<GLuint>(i), sizeof blockName, nullptr, blockName);
+            g.glGetActiveUniformBlockName(s.program, static_cast<GLuint>(i), sizeof blockName, nullptr,
+                                          blockName);
             const GLuint from = g.glGetUniformBlockIndex(program, blockName);
             if (from != GL_INVALID_INDEX) s.blocks.emplace_back(from, static_cast<GLuint>(i));
         }
@@ -343,15 +346,33 @@ void ShaderShadows::copyUniforms(GLuint application, const Shadow &s) {
         case Kind::Matrix:
             g.glGetUniformfv(application, u.from, v.f);
             switch (u.type) {
-            case GL_FLOAT_MAT2: g.glUniformMatrix2fv(u.to, 1, GL_FALSE, v.f); break;
-            case GL_FLOAT_MAT3: g.glUniformMatrix3fv(u.to, 1, GL_FALSE, v.f); break;
-            case GL_FLOAT_MAT4: g.glUniformMatrix4fv(u.to, 1, GL_FALSE, v.f); break;
-            case GL_FLOAT_MAT2x3: g.glUniformMatrix2x3fv(u.to, 1, GL_FALSE, v.f); break;
-            case GL_FLOAT_MAT2x4: g.glUniformMatrix2x4fv(u.to, 1, GL_FALSE, v.f); break;
-            case GL_FLOAT_MAT3x2: g.glUniformMatrix3x2fv(u.to, 1, GL_FALSE, v.f); break;
-            case GL_FLOAT_MAT3x4: g.glUniformMatrix3x4fv(u.to, 1, GL_FALSE, v.f); break;
-            case GL_FLOAT_MAT4x2: g.glUniformMatrix4x2fv(u.to, 1, GL_FALSE, v.f); break;
-            default: g.glUniformMatrix4x3fv(u.to, 1, GL_FALSE, v.f); break;
+            case GL_FLOAT_MAT2:
+                g.glUniformMatrix2fv(u.to, 1, GL_FALSE, v.f);
+                break;
+            case GL_FLOAT_MAT3:
+                g.glUniformMatrix3fv(u.to, 1, GL_FALSE, v.f);
+                break;
+            case GL_FLOAT_MAT4:
+                g.glUniformMatrix4fv(u.to, 1, GL_FALSE, v.f);
+                break;
+            case GL_FLOAT_MAT2x3:
+                g.glUniformMatrix2x3fv(u.to, 1, GL_FALSE, v.f);
+                break;
+            case GL_FLOAT_MAT2x4:
+                g.glUniformMatrix2x4fv(u.to, 1, GL_FALSE, v.f);
+                break;
+            case GL_FLOAT_MAT3x2:
+                g.glUniformMatrix3x2fv(u.to, 1, GL_FALSE, v.f);
+                break;
+            case GL_FLOAT_MAT3x4:
+                g.glUniformMatrix3x4fv(u.to, 1, GL_FALSE, v.f);
+                break;
+            case GL_FLOAT_MAT4x2:
+                g.glUniformMatrix4x2fv(u.to, 1, GL_FALSE, v.f);
+                break;
+            default:
+                g.glUniformMatrix4x3fv(u.to, 1, GL_FALSE, v.f);
+                break;
             }
             break;
         case Kind::Int:

@@ -19,10 +19,11 @@ bool oneOf(const char *name, std::initializer_list<const char *> names) {
 uint8_t Timeline::levelOf(const char *name, CallKind kind) {
     if (!name) return 3;
     if (kind == CallKind::ReadPixels ||
-        oneOf(name, {"eglSwapBuffers", "eglSwapBuffersWithDamageEXT", "eglSwapBuffersWithDamageKHR", "glFinish",
-                     "glFlush", "glClientWaitSync", "glClientWaitSyncAPPLE", "glWaitSync", "eglClientWaitSync",
-                     "eglClientWaitSyncKHR", "eglWaitSync", "eglWaitSyncKHR", "eglWaitClient", "eglWaitGL",
-                     "eglWaitNative", "clFinish", "clFlush", "clWaitForEvents"}))
+        oneOf(name,
+              {"eglSwapBuffers", "eglSwapBuffersWithDamageEXT", "eglSwapBuffersWithDamageKHR", "glFinish",
+               "glFlush", "glClientWaitSync", "glClientWaitSyncAPPLE", "glWaitSync", "eglClientWaitSync",
+               "eglClientWaitSyncKHR", "eglWaitSync", "eglWaitSyncKHR", "eglWaitClient", "eglWaitGL",
+               "eglWaitNative", "clFinish", "clFlush", "clWaitForEvents"}))
         return 1;
     switch (kind) {
     case CallKind::Other:
@@ -35,9 +36,9 @@ uint8_t Timeline::levelOf(const char *name, CallKind kind) {
     default:
         return 2; // draws, uploads, compiles, links
     }
-    if (std::strncmp(name, "clEnqueue", 9) == 0 || oneOf(name, {"clBuildProgram", "clCompileProgram", "clLinkProgram",
-                                                                 "glDispatchCompute", "glDispatchComputeIndirect",
-                                                                 "glGenerateMipmap", "glBlitFramebuffer"}))
+    if (std::strncmp(name, "clEnqueue", 9) == 0 ||
+        oneOf(name, {"clBuildProgram", "clCompileProgram", "clLinkProgram", "glDispatchCompute",
+                     "glDispatchComputeIndirect", "glGenerateMipmap", "glBlitFramebuffer"}))
         return 2;
     return 3;
 }
