@@ -150,6 +150,14 @@ void ShaderShadows::flatColour(uint32_t application, uint32_t shadow, float rgba
     rgba[3] = 1.0f;
 }
 
+bool ShaderShadows::es3(Context &c) {
+    if (c.es3 < 0) {
+        const char *version = reinterpret_cast<const char *>(gl().glGetString(GL_VERSION));
+        c.es3 = version && std::strncmp(version, "OpenGL ES ", 10) == 0 && version[10] >= '3';
+    }
+    return c.es3 != 0;
+}
+
 ShaderShadows::Context &ShaderShadows::current() {
     void *key = nullptr;
     if (auto getContext = SEglHost::get().fn.eglGetCurrentContext) key = getContext();
@@ -300,11 +308,7 @@ bool ShaderShadows::build(Context &c, GLuint program, bool flat, Shadow &s) {
             if (from >= 0 && to >= 0) s.uniforms.push_back({type, from, to});
         }
     }
-    if (c.es3 < 0) {
-        const char *version = reinterpret_cast<const char *>(g.glGetString(GL_VERSION));
-        c.es3 = version && std::strncmp(version, "OpenGL ES ", 10) == 0 && version[10] >= '3';
-    }
-    if (c.es3 && g.glGetActiveUniformBlockName && g.glGetUniformBlockIndex) {
+    if (es3(c) && g.glGetActiveUniformBlockName && g.glGetUniformBlockIndex) {
         GLint blocks = 0;
         g.glGetProgramiv(s.program, GL_ACTIVE_UNIFORM_BLOCKS, &blocks);
         for (GLint i = 0; i < blocks; ++i) {
@@ -413,6 +417,13 @@ bool ShaderShadows::substitute(bool flat, bool discardless, uint32_t *applicatio
     // The flat colour wins: it replaces the whole fragment stage, discards and all.
     Shadow *s = flat ? &p.flat : discardless && p.hasDiscardFree ? &p.discardless : nullptr;
     if (!s) return false;
+    // A draw that captures transform feedback keeps the application's program: the copy captures
+    // nothing, and changing programs then is an error the application would see.
+    if (es3(c) && g.glGetBooleanv) {
+        GLboolean capturing = GL_FALSE;
+        g.glGetBooleanv(GL_TRANSFORM_FEEDBACK_ACTIVE, &capturing);
+        if (capturing) return false;
+    }
     if (!s->tried) build(c, program, s == &p.flat, *s);
     if (!s->program) return false;
     g.glUseProgram(s->program);

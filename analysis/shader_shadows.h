@@ -39,6 +39,7 @@ private:
     struct Context;
     struct Shadow;
     Context &current();
+    static bool es3(Context &c);
     bool build(Context &c, uint32_t program, bool flat, Shadow &s);
     void copyUniforms(uint32_t application, const Shadow &s);
 

@@ -121,6 +121,21 @@ sleep 0.2
 (cd sections && LD_LIBRARY_PATH=$build/lib "$program" --frames $frames --dump frame >app.out 2>app.err)
 wait $perf
 
+# An OpenGL ES 3.1 program (transform feedback, uniform blocks, "#version 300 es" and "310 es"
+# shaders, checking glGetError) runs to its end with both shader overrides on: the copies never
+# put an error in its way.
+es3=$(dirname "$program")/es3_program
+if [[ -x $es3 ]]; then
+    mkdir -p es3
+    printf '{"*": {"Profiling": {"Enabled": true, "Overrides": {"ForceFlatColourFrag": true, "DisableAlphaTest": true}}}}\n' \
+        >es3/kalvorenconfig.json
+    (cd es3 && LD_LIBRARY_PATH=$build/lib "$es3" >app.out 2>app.err) || {
+        tail -5 es3/app.err
+        echo "es3_program failed with the shader overrides on"
+        exit 1
+    }
+fi
+
 python3 - $frames <<'PY'
 import sys
 frames = int(sys.argv[1])
