@@ -79,6 +79,8 @@ struct DrawState {
     GLint activeUnit = GL_TEXTURE0;
     Unit units[kTextureUnitsTouched];
     bool texturesTouched = false;
+    bool programSwapped = false;
+    uint32_t program = 0; // the application's, while a copy is current
 };
 KV_FAST_THREAD_LOCAL DrawState *t_drawState = nullptr;
 DrawState &drawState() {
@@ -116,10 +118,6 @@ bool isDraw(CallKind k) {
     }
 }
 
-bool named(uint16_t id, const char *name) {
-    const char *n = api::functionName(id);
-    return n && std::strcmp(n, name) == 0;
-}
 } // namespace
 
 std::string cullingItemText(uint32_t mode) {
@@ -196,7 +194,7 @@ bool Overrides::framePoint(uint16_t id) const {
     if (id == swapIds_[0] || id == swapIds_[1]) return true;
     const CallKind k = kinds_.kind(id);
     if (k == CallKind::ReadPixels) return true;
-    return named(id, "glFinish") || named(id, "glFlush");
+    return flushOrFinish(id);
 }
 
 bool Overrides::preCall(uint16_t id, const uint64_t *slots, uint32_t count) {
@@ -211,12 +209,17 @@ bool Overrides::preCall(uint16_t id, const uint64_t *slots, uint32_t count) {
     if (k == CallKind::ReadPixels) return !values_[kItemDisableFrameBufferAccess];
     if (k == CallKind::TexSubImage2D || k == CallKind::TexSubImageOther)
         return !values_[kItemDisableTextureModifications];
-    if (values_[kItemDisableFlushFinish] && (named(id, "glFinish") || named(id, "glFlush"))) return false;
+    if (values_[kItemDisableFlushFinish] && flushOrFinish(id)) return false;
     return true;
 }
 
-void Overrides::postCall(uint16_t id) {
-    if (!active_ || !t_drawState || !t_drawState->applied) return;
+void Overrides::postCall(uint16_t id, const uint64_t *slots, uint32_t count, bool failed) {
+    if (!active_) return;
+    if (!failed &&
+        (id == fn::glShaderSource::id || id == fn::glAttachShader::id || id == fn::glDetachShader::id ||
+         id == fn::glLinkProgram::id || id == fn::glDeleteProgram::id))
+        shaders_.postCall(id, slots, count);
+    if (!t_drawState || !t_drawState->applied) return;
     const bool es1 = id >= es1First_ && id <= es1Last_;
     if (isDraw(kinds_.kind(id))) restore(es1);
 }
@@ -290,6 +293,8 @@ void Overrides::apply(bool es1) {
         }
         g.activeTexture(static_cast<GLenum>(d.activeUnit));
     }
+    const bool flat = values_[kItemFlatColour] != 0, discardFree = values_[kItemDisableAlphaTest] != 0;
+    if (!es1 && (flat || discardFree)) d.programSwapped = shaders_.substitute(flat, discardFree, &d.program);
 }
 
 void Overrides::restore(bool es1) {
@@ -321,6 +326,7 @@ void Overrides::restore(bool es1) {
         }
         g.activeTexture(static_cast<GLenum>(d.activeUnit));
     }
+    if (d.programSwapped) shaders_.putBack(d.program);
 }
 
 } // namespace kv::analysis

@@ -5,6 +5,8 @@
 #pragma once
 
 #include "analysis/counters.h"
+#include "analysis/shader_shadows.h"
+#include "core/functions_autogen.h"
 #include "net/counter_link.h"
 
 #include <cstdint>
@@ -54,8 +56,9 @@ public:
 
     // Before the host call: whether it is made; a draw gets the overrides applied.
     bool preCall(uint16_t id, const uint64_t *slots, uint32_t count);
-    // After the host call: a draw's overrides undone.
-    void postCall(uint16_t id);
+    // After the host call: a draw's overrides undone; the shaders and programs the application
+    // makes are followed for the shader overrides.
+    void postCall(uint16_t id, const uint64_t *slots, uint32_t count, bool failed);
     // Whether the call ends or synchronises a frame (edits are applied there).
     bool framePoint(uint16_t id) const;
 
@@ -65,10 +68,16 @@ private:
     void restore(bool es1);
 
     const Counters &kinds_;
+    ShaderShadows shaders_;
     bool active_;
     uint32_t values_[kItemCount] = {};
     uint16_t es1First_ = 0, es1Last_ = 0;
     uint16_t swapIds_[2];
+    // glFinish and glFlush of both families: asked on every call, so compared by id.
+    uint16_t flushIds_[4] = {fn::glFinish::id, fn::glFlush::id, fn::es1::glFinish::id, fn::es1::glFlush::id};
+    bool flushOrFinish(uint16_t id) const {
+        return id == flushIds_[0] || id == flushIds_[1] || id == flushIds_[2] || id == flushIds_[3];
+    }
 };
 
 } // namespace kv::analysis

@@ -9,6 +9,7 @@ namespace kv::analysis {
 
 namespace {
 constexpr const char kLinkName[] = "Kalvoren";
+KV_FAST_THREAD_LOCAL uint32_t t_callBegin = 0; // link time before the host call on the timeline
 
 uint32_t hostShaderType(uint32_t shader) {
     auto get = GLESPPHost::get().fn.glGetShaderiv;
@@ -31,6 +32,8 @@ Profiler::Profiler(Settings &settings, net::CCounterLink::PathFactory path)
       counters_(new Counters()), swapIds_{fn::eglSwapBuffers::id, fn::eglSwapBuffersWithDamageEXT::id} {
     counters_->shaderType = &hostShaderType;
     overrides_.reset(new Overrides(settings, *counters_));
+    if (settings.functionTimelineLevel)
+        timeline_.reset(new Timeline(settings.functionTimelineLevel, *counters_));
     // The link is made at once, so that every call from the first one on is counted against it.
     ensureLink();
 }
@@ -70,6 +73,7 @@ bool Profiler::ensureLink() {
         return false;
     }
     counters_->zero();
+    if (timeline_) timeline_->linkMade();
     uint32_t values[kCounterCount] = {};
     link_->sendCounterValues(values);
     link_->flush();
@@ -96,19 +100,31 @@ bool Profiler::preCall(uint16_t id, const ParamDesc &params) {
                 overrides_->applyEdits(*link_);
             }
         }
-        return overrides_->preCall(id, params.slots, params.count);
+        if (!overrides_->preCall(id, params.slots, params.count)) return false;
     }
+    if (timeline_ && timeline_->covers(id)) t_callBegin = net::linkTime();
     return true;
 }
 
 void Profiler::postCall(uint16_t id, const ParamDesc &params, uint64_t result, bool failed, bool called) {
-    if (called) overrides_->postCall(id);
+    if (called && timeline_ && timeline_->covers(id)) {
+        const uint32_t begin = t_callBegin;
+        const SEglHostFns &egl = SEglHost::get().fn;
+        const uint64_t display =
+            egl.eglGetCurrentDisplay ? reinterpret_cast<uintptr_t>(egl.eglGetCurrentDisplay()) : 0;
+        const uint64_t context =
+            egl.eglGetCurrentContext ? reinterpret_cast<uintptr_t>(egl.eglGetCurrentContext()) : 0;
+        platform::LockGuard<platform::Mutex> guard(linkLock_);
+        if (link_) timeline_->send(*link_, id, begin, frame_, display, context);
+    }
+    if (called) overrides_->postCall(id, params.slots, params.count, failed);
     if (settings_.softwareCounters) counters_->count(id, params.slots, params.count, failed || !called);
     if (id == swapIds_[0] || id == swapIds_[1]) frameEnd();
 }
 
 bool Profiler::frameEnd() {
     platform::LockGuard<platform::Mutex> guard(linkLock_);
+    ++frame_;
     if (!settings_.softwareCounters || !ensureLink()) return false;
     uint32_t values[kCounterCount];
     counters_->sum(values);

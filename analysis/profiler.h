@@ -1,10 +1,12 @@
 // The profiler of a profiling run: counts every call (analysis/counters.h), owns the counter link
-// to the performance server, publishes the counters and the override items on it and applies the
-// render-state overrides the server switches (analysis/overrides.h).
+// to the performance server, publishes the counters and the override items on it, applies the
+// render-state overrides the server switches (analysis/overrides.h) and sends the function
+// timeline (analysis/timeline.h).
 #pragma once
 
 #include "analysis/counters.h"
 #include "analysis/overrides.h"
+#include "analysis/timeline.h"
 #include "core/profiling.h"
 #include "net/counter_link.h"
 #include "platform/platform.h"
@@ -37,6 +39,8 @@ private:
     net::CCounterLink::PathFactory pathFactory_;
     std::unique_ptr<Counters> counters_;
     std::unique_ptr<Overrides> overrides_;
+    std::unique_ptr<Timeline> timeline_;
+    uint32_t frame_ = 0; // frames ended, under the link's lock
     std::unique_ptr<net::CCounterLink> link_;
     platform::Mutex linkLock_;
     bool ended_ = false;

@@ -8,6 +8,8 @@
 //   profiled     the library in profiling mode, every call counted, `kalvoren perf`'s end of the
 //                counter link served by a thread of this process (frame ends send the counters)
 //   uncounted    the same without the software counters: the difference is what counting costs
+//   timeline     profiled, with every call also on the function timeline (level 3): a span per call
+//                sent on the counter link
 //
 // Each process also measures the direct calls, and reports for every function the processor
 // nanoseconds per call (counter ns_per_call) and the ratio to the direct call (counter x_direct),
@@ -41,7 +43,7 @@
 
 namespace {
 
-enum class Mode { Direct, PassThrough, Recorded, Profiled, Uncounted };
+enum class Mode { Direct, PassThrough, Recorded, Profiled, Uncounted, Timeline };
 
 // The runs of one benchmark: iterations and processor nanoseconds per call of each.
 struct Runs {
@@ -232,7 +234,8 @@ std::string workDirectory(bool &owned) {
 }
 
 // Points the library at the test host, with its trace in `dir`.
-void configureLibrary(const std::string &dir, bool enabled, bool profiled, bool counted) {
+void configureLibrary(const std::string &dir, bool enabled, bool profiled, bool counted,
+                      uint32_t timelineLevel) {
     std::filesystem::create_directories(dir);
     const std::string host = KV_BENCH_TEST_HOST;
     const std::string config = dir + "/kalvorenconfig.json";
@@ -241,7 +244,9 @@ void configureLibrary(const std::string &dir, bool enabled, bool profiled, bool 
         << ", \"Host\": {\"EglLibraryPath\": " << kv::test::jsonQuoted(host)
         << ", \"Es2LibraryPath\": " << kv::test::jsonQuoted(host)
         << "}, \"Tracing\": {\"OutputFilename\": " << kv::test::jsonQuoted(dir + "/bench.kalvoren") << "}"
-        << (profiled ? ", \"Profiling\": {\"Enabled\": true, \"SoftwareCounters\": " : "")
+        << (profiled ? ", \"Profiling\": {\"Enabled\": true, \"FunctionTimelineLevel\": " +
+                           std::to_string(timelineLevel) + ", \"SoftwareCounters\": "
+                     : "")
         << (profiled ? (counted ? "true}" : "false}") : "") << "}}\n";
     kv::platform::setEnv("KALVOREN_CONFIG", config);
     kv::platform::setEnv("KALVOREN_NO_MESSAGE_BOX", "1");
@@ -294,10 +299,14 @@ int main(int argc, char **argv) {
         mode = Mode::Profiled;
     } else if (name == "uncounted") {
         mode = Mode::Uncounted;
+    } else if (name == "timeline") {
+        mode = Mode::Timeline;
     } else {
-        std::fprintf(stderr,
-                     "KV_BENCH_MODE must be direct, passthrough, recorded, profiled or uncounted, not '%s'\n",
-                     name.c_str());
+        std::fprintf(
+            stderr,
+            "KV_BENCH_MODE must be direct, passthrough, recorded, profiled, uncounted or timeline, not "
+            "'%s'\n",
+            name.c_str());
         return 2;
     }
 
@@ -307,7 +316,8 @@ int main(int argc, char **argv) {
     std::unique_ptr<kv::net::CCounterServer> server;
     std::atomic<bool> serving{true};
     std::thread serverThread;
-    if (mode == Mode::Profiled || mode == Mode::Uncounted) {
+    const bool profiled = mode == Mode::Profiled || mode == Mode::Uncounted || mode == Mode::Timeline;
+    if (profiled) {
         server.reset(new kv::net::CCounterServer());
         if (!server->listen()) {
             std::fprintf(stderr, "could not make the counter link\n");
@@ -323,8 +333,8 @@ int main(int argc, char **argv) {
         });
     }
     if (mode != Mode::Direct) {
-        configureLibrary(dir, mode != Mode::PassThrough, mode == Mode::Profiled || mode == Mode::Uncounted,
-                         mode == Mode::Profiled);
+        configureLibrary(dir, mode != Mode::PassThrough, profiled, mode != Mode::Uncounted,
+                         mode == Mode::Timeline ? 3 : 0);
         if (!makeContextCurrent()) {
             std::fprintf(stderr, "could not make a context current through the library\n");
             return 1;
@@ -342,7 +352,7 @@ int main(int argc, char **argv) {
         benchmark::RegisterBenchmark((name + "/glUniform4f").c_str(), libraryUniform4f);
         benchmark::RegisterBenchmark((name + "/glGetError").c_str(), libraryGetError);
     }
-    if (mode == Mode::Profiled || mode == Mode::PassThrough)
+    if (mode == Mode::Profiled || mode == Mode::Timeline || mode == Mode::PassThrough)
         benchmark::RegisterBenchmark((name + "/eglSwapBuffers").c_str(), librarySwap);
     if (mode == Mode::Recorded) {
         // A fixed number of draws: each client-array draw adds a kilobyte to the trace.

@@ -18,7 +18,7 @@ fi
 work=$(mktemp -d "${TMPDIR:-/tmp}/kalvoren-bench.XXXXXX")
 trap 'rm -rf "$work"' EXIT INT TERM
 
-for mode in direct passthrough recorded profiled uncounted; do
+for mode in direct passthrough recorded profiled uncounted timeline; do
     mkdir "$work/$mode"
     if ! KV_BENCH_MODE=$mode KV_BENCH_DIR=$work/$mode "$program" \
         --benchmark_min_time=0.2 --benchmark_repetitions=5 "$@" \

@@ -217,10 +217,14 @@ bool CCounterLink::sendMark(const char *text, uint32_t length) {
 }
 
 bool CCounterLink::sendProcessingBegin(const char *text, uint32_t length, uint32_t frame) {
+    return sendProcessingBegin(text, length, frame, linkTime());
+}
+
+bool CCounterLink::sendProcessingBegin(const char *text, uint32_t length, uint32_t frame, uint32_t time) {
     receiveStep();
     if (!connected_) return false;
     std::vector<uint8_t> p;
-    putU32(p, linkTime());
+    putU32(p, time);
     putU32(p, frame);
     putU32(p, length);
     putBytes(p, text, length);

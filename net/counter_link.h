@@ -60,6 +60,8 @@ public:
 
     bool sendMark(const char *text, uint32_t length);
     bool sendProcessingBegin(const char *text, uint32_t length, uint32_t frame);
+    // A processing begin that happened at `time` (link time), sent later.
+    bool sendProcessingBegin(const char *text, uint32_t length, uint32_t frame, uint32_t time);
     bool sendProcessingEnd();
     bool defineItems(const LinkItem *items, uint32_t count);
     // The next edited item, newest first: its index, data length and data (valid until the next

@@ -35,9 +35,8 @@ private:
     intptr_t handle_ = -1;
 };
 
-// A named lock shared between processes. On POSIX any thread of the owning process may release
-// it; a Windows mutex must be released by the thread that took it (each end of a link is used by
-// one thread at a time).
+// A named lock shared between processes. Any thread of the owning process may release it (each end
+// of a link is used by one thread at a time, not always the same one).
 class NamedLock {
 public:
     NamedLock() = default;

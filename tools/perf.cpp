@@ -10,6 +10,7 @@
 #include <csignal>
 #include <cstring>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -146,16 +147,35 @@ int perfCommand(const std::vector<std::string> &args) {
     uint64_t frame = 0, sinceCheck = 0;
     std::vector<uint32_t> previous;
     bool haveBaseline = false, headerWritten = false, itemsListed = false, firstEvent = true;
+    uint64_t timelineThread = 0;
+    std::set<uint64_t> namedThreads;
     int status = kExitOk;
     if (timeline) std::fputs("{\"traceEvents\":[\n", timeline);
     while (!g_stop) {
         const bool alive = server.poll();
-        // Timeline: marks as instant events, processing spans as begin/end pairs.
+        // Timeline: marks as instant events, processing spans as begin/end pairs on the thread
+        // the last "Thread" mark named (each thread gets its name once).
         for (const auto &e : server.events) {
             if (!timeline) break;
+            if (e.type == net::kLinkMark && e.text.compare(0, 7, "Thread ") == 0) {
+                uint64_t id = 0;
+                if (parseNumber(e.text.substr(7), id)) {
+                    timelineThread = id;
+                    if (namedThreads.insert(id).second) {
+                        std::fprintf(timeline,
+                                     "%s{\"name\":\"thread_name\",\"ph\":\"M\",\"pid\":%u,\"tid\":%llu,"
+                                     "\"args\":{\"name\":\"%s\"}}",
+                                     firstEvent ? "" : ",\n", server.processId,
+                                     static_cast<unsigned long long>(id), jsonEscape(e.text).c_str());
+                        firstEvent = false;
+                    }
+                    continue;
+                }
+            }
             const char *ph = e.type == net::kLinkBegin ? "B" : e.type == net::kLinkEnd ? "E" : "i";
-            std::fprintf(timeline, "%s{\"name\":\"%s\",\"ph\":\"%s\",\"ts\":%u,\"pid\":%u,\"tid\":0%s}",
+            std::fprintf(timeline, "%s{\"name\":\"%s\",\"ph\":\"%s\",\"ts\":%u,\"pid\":%u,\"tid\":%llu%s}",
                          firstEvent ? "" : ",\n", jsonEscape(e.text).c_str(), ph, e.time, server.processId,
+                         static_cast<unsigned long long>(timelineThread),
                          e.type == net::kLinkMark ? ",\"s\":\"p\"" : "");
             firstEvent = false;
         }

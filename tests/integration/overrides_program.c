@@ -1,7 +1,8 @@
 /* A small scene for the profiling tests: per frame a depth-tested pair of overlapping quads (the
  * near one drawn first), a blended half-transparent quad, a textured quad with a checker texture,
- * a buffer upload, uniforms, and a glReadPixels of the frame kept in PREFIX.N.rgba. Every quad
- * faces front (counter-clockwise); the program leaves face culling off.
+ * a buffer upload, uniforms, a quad of a second program (top left) placed by a vertex-shader
+ * uniform whose fragment shader discards its left part, and a glReadPixels of the frame kept in
+ * PREFIX.N.rgba. Every quad faces front (counter-clockwise); the program leaves face culling off.
  *
  *   overrides_program [--frames N] [--dump PREFIX] [--sleep MS] */
 #define _POSIX_C_SOURCE 200809L /* nanosleep */
@@ -40,6 +41,7 @@ int main(int argc, char **argv) {
     HeadlessEgl egl;
     if (!headlessEglOpen(&egl, 2, kSize, kSize, 24)) return 1;
     GLuint program = glCreateProgram();
+    glBindAttribLocation(program, 0, "p");
     glAttachShader(program, compile(GL_VERTEX_SHADER,
                                     "attribute vec3 p; varying vec2 uv;\n"
                                     "void main() { uv = p.xy * 0.5 + 0.5; gl_Position = vec4(p, 1.0); }\n"));
@@ -49,6 +51,19 @@ int main(int argc, char **argv) {
                          "uniform float textured; uniform sampler2D t; varying vec2 uv;\n"
                          "void main() { gl_FragColor = mix(colour, texture2D(t, uv * 4.0), textured); }\n"));
     glLinkProgram(program);
+    GLuint second = glCreateProgram();
+    glBindAttribLocation(second, 0, "p");
+    glAttachShader(second, compile(GL_VERTEX_SHADER,
+                                   "attribute vec3 p; uniform vec2 offset;\n"
+                                   "void main() { gl_Position = vec4(p.xy + offset, p.z, 1.0); }\n"));
+    glAttachShader(second,
+                   compile(GL_FRAGMENT_SHADER, "precision mediump float;\n"
+                                               "void main() {\n"
+                                               "    if (gl_FragCoord.x < 12.0) discard; // the left part\n"
+                                               "    gl_FragColor = vec4(1.0, 1.0, 0.0, 1.0);\n"
+                                               "}\n"));
+    glLinkProgram(second);
+    GLint offset = glGetUniformLocation(second, "offset");
     glUseProgram(program);
     GLint position = glGetAttribLocation(program, "p");
     GLint colour = glGetUniformLocation(program, "colour");
@@ -92,6 +107,10 @@ int main(int argc, char **argv) {
         glDisable(GL_BLEND);
         glUniform1f(textured, 1.0f); /* textured, bottom right */
         quad(position, 0.3f, -0.95f, 0.95f, -0.3f, 0.0f);
+        glUseProgram(second); /* top left, moved there by its uniform */
+        glUniform2f(offset, 0.5f, 0.0f);
+        quad(position, -1.45f, 0.3f, -0.8f, 0.95f, 0.0f);
+        glUseProgram(program);
         glReadPixels(0, 0, kSize, kSize, GL_RGBA, GL_UNSIGNED_BYTE, pixels);
         if (dump) {
             char name[4096];
