@@ -45,9 +45,11 @@ static void expect(int ok, const char *what) {
 }
 
 static const char *kSource =
-    "__kernel void add(__global const float *a, __global const float *b, __global float *c, float scale) {\n"
+    "__kernel void add(__global const float *a, __global const float *b, __global float *c, float scale,\n"
+    "                  ulong bias) {\n"
     "    size_t i = get_global_id(0);\n"
-    "    c[i] = (a[i] + b[i]) * scale;\n"
+    "    float s = scale + (float)((bias >> 40) & 0xff) - 3.0f + (float)(bias & 0xffffffff) - 1.0f;\n"
+    "    c[i] = (a[i] + b[i]) * s;\n"
     "}\n";
 
 static const char *kSamplingSource =
@@ -158,6 +160,11 @@ int main(int argc, char **argv) {
     CHECK(clSetKernelArg(kernel, 2, sizeof(cl_mem), &bufC));
     CHECK(clSetKernelArg(kernel, 3, sizeof(float), &scale));
     note(6041, &scale, sizeof(scale));
+    /* A value as wide as a handle that is none: passed on as its bytes (the kernel's scale is right
+     * only with these). */
+    const cl_ulong bias = (3ull << 40) | 1;
+    CHECK(clSetKernelArg(kernel, 4, sizeof(bias), &bias));
+    note(6041, &bias, sizeof(bias));
     /* A bad argument: the driver's status reaches the program unchanged. */
     expect(clSetKernelArg(kernel, 3, 0, &scale) == CL_INVALID_ARG_SIZE, "an argument of size 0 refused");
     size_t global = N, local = 64;
