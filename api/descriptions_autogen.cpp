@@ -5396,7 +5396,7 @@ const FieldDesc kFields_clGetDeviceInfo_6004[] = {
 };
 // clCreateContext (6005): status i32 | result Handle | properties Blob<I64> | num_devices U32 | devices Blob<Handle> | pfn_notify Ptr | user_data Ptr | errcode_ret Blob<ClStatus>(out)
 const FieldDesc kFields_clCreateContext_6005[] = {
-    {"properties", Field::Blob, Type::I64, 0, -1, 0},
+    {"properties", Field::Blob, Type::I64, 0, -1, 111},
     {"num_devices", Field::Value, Type::U32, 0, -1, 0},
     {"devices", Field::Blob, Type::Handle, 0, -1, 0},
     {"pfn_notify", Field::Value, Type::Ptr, 0, -1, 0},
@@ -5405,7 +5405,7 @@ const FieldDesc kFields_clCreateContext_6005[] = {
 };
 // clCreateContextFromType (6006): status i32 | result Handle | properties Blob<I64> | device_type U64 | pfn_notify Ptr | user_data Ptr | errcode_ret Blob<ClStatus>(out)
 const FieldDesc kFields_clCreateContextFromType_6006[] = {
-    {"properties", Field::Blob, Type::I64, 0, -1, 0},
+    {"properties", Field::Blob, Type::I64, 0, -1, 111},
     {"device_type", Field::Value, Type::U64, 0, -1, 0},
     {"pfn_notify", Field::Value, Type::Ptr, 0, -1, 0},
     {"user_data", Field::Value, Type::Ptr, 0, -1, 0},
@@ -5422,7 +5422,7 @@ const FieldDesc kFields_clReleaseContext_6008[] = {
 // clGetContextInfo (6009): status i32 | result ClStatus | context Handle | param_name GlEnum | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
 const FieldDesc kFields_clGetContextInfo_6009[] = {
     {"context", Field::Value, Type::Handle, 0, -1, 0},
-    {"param_name", Field::Value, Type::GlEnum, 0, -1, 111},
+    {"param_name", Field::Value, Type::GlEnum, 0, -1, 112},
     {"param_value_size", Field::Value, Type::U64, 0, -1, 0},
     {"param_value", Field::Blob, Type::U8, kOutput, -1, 0},
     {"param_value_size_ret", Field::Blob, Type::U64, kOutput, -1, 0},
@@ -5445,7 +5445,7 @@ const FieldDesc kFields_clReleaseCommandQueue_6012[] = {
 // clGetCommandQueueInfo (6013): status i32 | result ClStatus | command_queue Handle | param_name GlEnum | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
 const FieldDesc kFields_clGetCommandQueueInfo_6013[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
-    {"param_name", Field::Value, Type::GlEnum, 0, -1, 112},
+    {"param_name", Field::Value, Type::GlEnum, 0, -1, 113},
     {"param_value_size", Field::Value, Type::U64, 0, -1, 0},
     {"param_value", Field::Blob, Type::U8, kOutput, -1, 0},
     {"param_value_size_ret", Field::Blob, Type::U64, kOutput, -1, 0},
@@ -5454,7 +5454,7 @@ const FieldDesc kFields_clGetCommandQueueInfo_6013[] = {
 const FieldDesc kFields_clSetCommandQueueProperty_6014[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"properties", Field::Value, Type::U64, 0, -1, 0},
-    {"enable", Field::Value, Type::GlEnum, 0, -1, 113},
+    {"enable", Field::Value, Type::GlEnum, 0, -1, 114},
     {"old_properties", Field::Blob, Type::U64, kOutput, -1, 0},
 };
 // clCreateBuffer (6015): status i32 | result Handle | context Handle | flags U64 | size U64 | host_ptr Blob<U8>(z) | errcode_ret Blob<ClStatus>(out)
@@ -5469,7 +5469,7 @@ const FieldDesc kFields_clCreateBuffer_6015[] = {
 const FieldDesc kFields_clCreateSubBuffer_6016[] = {
     {"buffer", Field::Value, Type::Handle, 0, -1, 0},
     {"flags", Field::Value, Type::U64, 0, -1, 0},
-    {"buffer_create_type", Field::Value, Type::GlEnum, 0, -1, 114},
+    {"buffer_create_type", Field::Value, Type::GlEnum, 0, -1, 115},
     {"buffer_create_info", Field::Blob, Type::U8, 0, -1, 0},
     {"errcode_ret", Field::Blob, Type::ClStatus, kOutput, -1, 0},
 };
@@ -5509,7 +5509,7 @@ const FieldDesc kFields_clReleaseMemObject_6020[] = {
 const FieldDesc kFields_clGetSupportedImageFormats_6021[] = {
     {"context", Field::Value, Type::Handle, 0, -1, 0},
     {"flags", Field::Value, Type::U64, 0, -1, 0},
-    {"image_type", Field::Value, Type::GlEnum, 0, -1, 115},
+    {"image_type", Field::Value, Type::GlEnum, 0, -1, 116},
     {"num_entries", Field::Value, Type::U32, 0, -1, 0},
     {"image_formats", Field::Blob, Type::U8, kOutput, -1, 0},
     {"num_image_formats", Field::Blob, Type::U32, kOutput, -1, 0},
@@ -5517,7 +5517,7 @@ const FieldDesc kFields_clGetSupportedImageFormats_6021[] = {
 // clGetMemObjectInfo (6022): status i32 | result ClStatus | memobj Handle | param_name GlEnum | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
 const FieldDesc kFields_clGetMemObjectInfo_6022[] = {
     {"memobj", Field::Value, Type::Handle, 0, -1, 0},
-    {"param_name", Field::Value, Type::GlEnum, 0, -1, 116},
+    {"param_name", Field::Value, Type::GlEnum, 0, -1, 117},
     {"param_value_size", Field::Value, Type::U64, 0, -1, 0},
     {"param_value", Field::Blob, Type::U8, kOutput, -1, 0},
     {"param_value_size_ret", Field::Blob, Type::U64, kOutput, -1, 0},
@@ -5525,7 +5525,7 @@ const FieldDesc kFields_clGetMemObjectInfo_6022[] = {
 // clGetImageInfo (6023): status i32 | result ClStatus | image Handle | param_name GlEnum | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
 const FieldDesc kFields_clGetImageInfo_6023[] = {
     {"image", Field::Value, Type::Handle, 0, -1, 0},
-    {"param_name", Field::Value, Type::GlEnum, 0, -1, 117},
+    {"param_name", Field::Value, Type::GlEnum, 0, -1, 118},
     {"param_value_size", Field::Value, Type::U64, 0, -1, 0},
     {"param_value", Field::Blob, Type::U8, kOutput, -1, 0},
     {"param_value_size_ret", Field::Blob, Type::U64, kOutput, -1, 0},
@@ -5539,9 +5539,9 @@ const FieldDesc kFields_clSetMemObjectDestructorCallback_6024[] = {
 // clCreateSampler (6025): status i32 | result Handle | context Handle | normalized_coords GlEnum | addressing_mode GlEnum | filter_mode GlEnum | errcode_ret Blob<ClStatus>(out)
 const FieldDesc kFields_clCreateSampler_6025[] = {
     {"context", Field::Value, Type::Handle, 0, -1, 0},
-    {"normalized_coords", Field::Value, Type::GlEnum, 0, -1, 113},
-    {"addressing_mode", Field::Value, Type::GlEnum, 0, -1, 118},
-    {"filter_mode", Field::Value, Type::GlEnum, 0, -1, 119},
+    {"normalized_coords", Field::Value, Type::GlEnum, 0, -1, 114},
+    {"addressing_mode", Field::Value, Type::GlEnum, 0, -1, 119},
+    {"filter_mode", Field::Value, Type::GlEnum, 0, -1, 120},
     {"errcode_ret", Field::Blob, Type::ClStatus, kOutput, -1, 0},
 };
 // clRetainSampler (6026): status i32 | result ClStatus | sampler Handle
@@ -5555,7 +5555,7 @@ const FieldDesc kFields_clReleaseSampler_6027[] = {
 // clGetSamplerInfo (6028): status i32 | result ClStatus | sampler Handle | param_name GlEnum | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
 const FieldDesc kFields_clGetSamplerInfo_6028[] = {
     {"sampler", Field::Value, Type::Handle, 0, -1, 0},
-    {"param_name", Field::Value, Type::GlEnum, 0, -1, 120},
+    {"param_name", Field::Value, Type::GlEnum, 0, -1, 121},
     {"param_value_size", Field::Value, Type::U64, 0, -1, 0},
     {"param_value", Field::Blob, Type::U8, kOutput, -1, 0},
     {"param_value_size_ret", Field::Blob, Type::U64, kOutput, -1, 0},
@@ -5598,7 +5598,7 @@ const FieldDesc kFields_clBuildProgram_6033[] = {
 // clGetProgramInfo (6035): status i32 | result ClStatus | program Handle | param_name GlEnum | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
 const FieldDesc kFields_clGetProgramInfo_6035[] = {
     {"program", Field::Value, Type::Handle, 0, -1, 0},
-    {"param_name", Field::Value, Type::GlEnum, 0, -1, 121},
+    {"param_name", Field::Value, Type::GlEnum, 0, -1, 122},
     {"param_value_size", Field::Value, Type::U64, 0, -1, 0},
     {"param_value", Field::Blob, Type::U8, kOutput, -1, 0},
     {"param_value_size_ret", Field::Blob, Type::U64, kOutput, -1, 0},
@@ -5607,7 +5607,7 @@ const FieldDesc kFields_clGetProgramInfo_6035[] = {
 const FieldDesc kFields_clGetProgramBuildInfo_6036[] = {
     {"program", Field::Value, Type::Handle, 0, -1, 0},
     {"device", Field::Value, Type::Handle, 0, -1, 0},
-    {"param_name", Field::Value, Type::GlEnum, 0, -1, 122},
+    {"param_name", Field::Value, Type::GlEnum, 0, -1, 123},
     {"param_value_size", Field::Value, Type::U64, 0, -1, 0},
     {"param_value", Field::Blob, Type::U8, kOutput, -1, 0},
     {"param_value_size_ret", Field::Blob, Type::U64, kOutput, -1, 0},
@@ -5643,7 +5643,7 @@ const FieldDesc kFields_clSetKernelArg_6041[] = {
 // clGetKernelInfo (6042): status i32 | result ClStatus | kernel Handle | param_name GlEnum | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
 const FieldDesc kFields_clGetKernelInfo_6042[] = {
     {"kernel", Field::Value, Type::Handle, 0, -1, 0},
-    {"param_name", Field::Value, Type::GlEnum, 0, -1, 123},
+    {"param_name", Field::Value, Type::GlEnum, 0, -1, 124},
     {"param_value_size", Field::Value, Type::U64, 0, -1, 0},
     {"param_value", Field::Blob, Type::U8, kOutput, -1, 0},
     {"param_value_size_ret", Field::Blob, Type::U64, kOutput, -1, 0},
@@ -5652,7 +5652,7 @@ const FieldDesc kFields_clGetKernelInfo_6042[] = {
 const FieldDesc kFields_clGetKernelWorkGroupInfo_6043[] = {
     {"kernel", Field::Value, Type::Handle, 0, -1, 0},
     {"device", Field::Value, Type::Handle, 0, -1, 0},
-    {"param_name", Field::Value, Type::GlEnum, 0, -1, 124},
+    {"param_name", Field::Value, Type::GlEnum, 0, -1, 125},
     {"param_value_size", Field::Value, Type::U64, 0, -1, 0},
     {"param_value", Field::Blob, Type::U8, kOutput, -1, 0},
     {"param_value_size_ret", Field::Blob, Type::U64, kOutput, -1, 0},
@@ -5665,7 +5665,7 @@ const FieldDesc kFields_clWaitForEvents_6044[] = {
 // clGetEventInfo (6045): status i32 | result ClStatus | event Handle | param_name GlEnum | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
 const FieldDesc kFields_clGetEventInfo_6045[] = {
     {"event", Field::Value, Type::Handle, 0, -1, 0},
-    {"param_name", Field::Value, Type::GlEnum, 0, -1, 125},
+    {"param_name", Field::Value, Type::GlEnum, 0, -1, 126},
     {"param_value_size", Field::Value, Type::U64, 0, -1, 0},
     {"param_value", Field::Blob, Type::U8, kOutput, -1, 0},
     {"param_value_size_ret", Field::Blob, Type::U64, kOutput, -1, 0},
@@ -5698,7 +5698,7 @@ const FieldDesc kFields_clSetEventCallback_6050[] = {
 // clGetEventProfilingInfo (6051): status i32 | result ClStatus | event Handle | param_name GlEnum | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
 const FieldDesc kFields_clGetEventProfilingInfo_6051[] = {
     {"event", Field::Value, Type::Handle, 0, -1, 0},
-    {"param_name", Field::Value, Type::GlEnum, 0, -1, 126},
+    {"param_name", Field::Value, Type::GlEnum, 0, -1, 127},
     {"param_value_size", Field::Value, Type::U64, 0, -1, 0},
     {"param_value", Field::Blob, Type::U8, kOutput, -1, 0},
     {"param_value_size_ret", Field::Blob, Type::U64, kOutput, -1, 0},
@@ -5715,7 +5715,7 @@ const FieldDesc kFields_clFinish_6053[] = {
 const FieldDesc kFields_clEnqueueReadBuffer_6054[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"buffer", Field::Value, Type::Handle, 0, -1, 0},
-    {"blocking_read", Field::Value, Type::GlEnum, 0, -1, 113},
+    {"blocking_read", Field::Value, Type::GlEnum, 0, -1, 114},
     {"offset", Field::Value, Type::U64, 0, -1, 0},
     {"size", Field::Value, Type::U64, 0, -1, 0},
     {"ptr", Field::Blob, Type::U8, kCompressible | kOutput, -1, 0},
@@ -5727,7 +5727,7 @@ const FieldDesc kFields_clEnqueueReadBuffer_6054[] = {
 const FieldDesc kFields_clEnqueueReadBufferRect_6055[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"buffer", Field::Value, Type::Handle, 0, -1, 0},
-    {"blocking_read", Field::Value, Type::GlEnum, 0, -1, 113},
+    {"blocking_read", Field::Value, Type::GlEnum, 0, -1, 114},
     {"buffer_origin", Field::Blob, Type::U64, kHostRead, -1, 0},
     {"host_origin", Field::Blob, Type::U64, kHostRead, -1, 0},
     {"region", Field::Blob, Type::U64, kHostRead, -1, 0},
@@ -5744,7 +5744,7 @@ const FieldDesc kFields_clEnqueueReadBufferRect_6055[] = {
 const FieldDesc kFields_clEnqueueWriteBuffer_6056[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"buffer", Field::Value, Type::Handle, 0, -1, 0},
-    {"blocking_write", Field::Value, Type::GlEnum, 0, -1, 113},
+    {"blocking_write", Field::Value, Type::GlEnum, 0, -1, 114},
     {"offset", Field::Value, Type::U64, 0, -1, 0},
     {"size", Field::Value, Type::U64, 0, -1, 0},
     {"ptr", Field::Blob, Type::U8, kCompressible, -1, 0},
@@ -5756,7 +5756,7 @@ const FieldDesc kFields_clEnqueueWriteBuffer_6056[] = {
 const FieldDesc kFields_clEnqueueWriteBufferRect_6057[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"buffer", Field::Value, Type::Handle, 0, -1, 0},
-    {"blocking_write", Field::Value, Type::GlEnum, 0, -1, 113},
+    {"blocking_write", Field::Value, Type::GlEnum, 0, -1, 114},
     {"buffer_origin", Field::Blob, Type::U64, kHostRead, -1, 0},
     {"host_origin", Field::Blob, Type::U64, kHostRead, -1, 0},
     {"region", Field::Blob, Type::U64, kHostRead, -1, 0},
@@ -5801,7 +5801,7 @@ const FieldDesc kFields_clEnqueueCopyBufferRect_6059[] = {
 const FieldDesc kFields_clEnqueueReadImage_6060[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"image", Field::Value, Type::Handle, 0, -1, 0},
-    {"blocking_read", Field::Value, Type::GlEnum, 0, -1, 113},
+    {"blocking_read", Field::Value, Type::GlEnum, 0, -1, 114},
     {"origin", Field::Blob, Type::U64, kHostRead, -1, 0},
     {"region", Field::Blob, Type::U64, kHostRead, -1, 0},
     {"row_pitch", Field::Value, Type::U64, 0, -1, 0},
@@ -5815,7 +5815,7 @@ const FieldDesc kFields_clEnqueueReadImage_6060[] = {
 const FieldDesc kFields_clEnqueueWriteImage_6061[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"image", Field::Value, Type::Handle, 0, -1, 0},
-    {"blocking_write", Field::Value, Type::GlEnum, 0, -1, 113},
+    {"blocking_write", Field::Value, Type::GlEnum, 0, -1, 114},
     {"origin", Field::Blob, Type::U64, kHostRead, -1, 0},
     {"region", Field::Blob, Type::U64, kHostRead, -1, 0},
     {"input_row_pitch", Field::Value, Type::U64, 0, -1, 0},
@@ -5865,7 +5865,7 @@ const FieldDesc kFields_clEnqueueCopyBufferToImage_6064[] = {
 const FieldDesc kFields_clEnqueueMapBuffer_6065[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"buffer", Field::Value, Type::Handle, 0, -1, 0},
-    {"blocking_map", Field::Value, Type::GlEnum, 0, -1, 113},
+    {"blocking_map", Field::Value, Type::GlEnum, 0, -1, 114},
     {"map_flags", Field::Value, Type::U64, 0, -1, 0},
     {"offset", Field::Value, Type::U64, 0, -1, 0},
     {"size", Field::Value, Type::U64, 0, -1, 0},
@@ -5878,7 +5878,7 @@ const FieldDesc kFields_clEnqueueMapBuffer_6065[] = {
 const FieldDesc kFields_clEnqueueMapImage_6066[] = {
     {"command_queue", Field::Value, Type::Handle, 0, -1, 0},
     {"image", Field::Value, Type::Handle, 0, -1, 0},
-    {"blocking_map", Field::Value, Type::GlEnum, 0, -1, 113},
+    {"blocking_map", Field::Value, Type::GlEnum, 0, -1, 114},
     {"map_flags", Field::Value, Type::U64, 0, -1, 0},
     {"origin", Field::Blob, Type::U64, kHostRead, -1, 0},
     {"region", Field::Blob, Type::U64, kHostRead, -1, 0},
@@ -6016,7 +6016,7 @@ const FieldDesc kFields_clUnloadPlatformCompiler_6082[] = {
 const FieldDesc kFields_clGetKernelArgInfo_6083[] = {
     {"kernel", Field::Value, Type::Handle, 0, -1, 0},
     {"arg_indx", Field::Value, Type::U32, 0, -1, 0},
-    {"param_name", Field::Value, Type::GlEnum, 0, -1, 127},
+    {"param_name", Field::Value, Type::GlEnum, 0, -1, 128},
     {"param_value_size", Field::Value, Type::U64, 0, -1, 0},
     {"param_value", Field::Blob, Type::U8, kOutput, -1, 0},
     {"param_value_size_ret", Field::Blob, Type::U64, kOutput, -1, 0},
@@ -6120,7 +6120,7 @@ const FieldDesc kFields_clGetGLObjectInfo_6505[] = {
 // clGetGLTextureInfo (6506): status i32 | result ClStatus | memobj Handle | param_name GlEnum | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
 const FieldDesc kFields_clGetGLTextureInfo_6506[] = {
     {"memobj", Field::Value, Type::Handle, 0, -1, 0},
-    {"param_name", Field::Value, Type::GlEnum, 0, -1, 128},
+    {"param_name", Field::Value, Type::GlEnum, 0, -1, 129},
     {"param_value_size", Field::Value, Type::U64, 0, -1, 0},
     {"param_value", Field::Blob, Type::U8, kOutput, -1, 0},
     {"param_value_size_ret", Field::Blob, Type::U64, kOutput, -1, 0},
@@ -6154,8 +6154,8 @@ const FieldDesc kFields_clCreateFromGLTexture_6509[] = {
 };
 // clGetGLContextInfoKHR (6510): status i32 | result ClStatus | properties Blob<I64> | param_name GlEnum | param_value_size U64 | param_value Blob<U8>(out) | param_value_size_ret Blob<U64>(out)
 const FieldDesc kFields_clGetGLContextInfoKHR_6510[] = {
-    {"properties", Field::Blob, Type::I64, 0, -1, 0},
-    {"param_name", Field::Value, Type::GlEnum, 0, -1, 129},
+    {"properties", Field::Blob, Type::I64, 0, -1, 111},
+    {"param_name", Field::Value, Type::GlEnum, 0, -1, 130},
     {"param_value_size", Field::Value, Type::U64, 0, -1, 0},
     {"param_value", Field::Blob, Type::U8, kOutput, -1, 0},
     {"param_value_size_ret", Field::Blob, Type::U64, kOutput, -1, 0},

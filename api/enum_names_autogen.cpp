@@ -6836,12 +6836,16 @@ static const EnumName kGroup110[] = {
     {0x1032u, "CL_DEVICE_DOUBLE_FP_CONFIG"},
 };
 static const EnumName kGroup111[] = {
+    {0x1084u, "CL_CONTEXT_PLATFORM"},
+    {0x1085u, "CL_CONTEXT_INTEROP_USER_SYNC"},
+};
+static const EnumName kGroup112[] = {
     {0x1080u, "CL_CONTEXT_REFERENCE_COUNT"},
     {0x1081u, "CL_CONTEXT_DEVICES"},
     {0x1082u, "CL_CONTEXT_PROPERTIES"},
     {0x1083u, "CL_CONTEXT_NUM_DEVICES"},
 };
-static const EnumName kGroup112[] = {
+static const EnumName kGroup113[] = {
     {0x1090u, "CL_QUEUE_CONTEXT"},
     {0x1091u, "CL_QUEUE_DEVICE"},
     {0x1092u, "CL_QUEUE_REFERENCE_COUNT"},
@@ -6850,14 +6854,14 @@ static const EnumName kGroup112[] = {
     {0x1095u, "CL_QUEUE_DEVICE_DEFAULT"},
     {0x1098u, "CL_QUEUE_PROPERTIES_ARRAY"},
 };
-static const EnumName kGroup113[] = {
+static const EnumName kGroup114[] = {
     {0x0u, "CL_FALSE"},
     {0x1u, "CL_TRUE"},
 };
-static const EnumName kGroup114[] = {
+static const EnumName kGroup115[] = {
     {0x1220u, "CL_BUFFER_CREATE_TYPE_REGION"},
 };
-static const EnumName kGroup115[] = {
+static const EnumName kGroup116[] = {
     {0x10F0u, "CL_MEM_OBJECT_BUFFER"},
     {0x10F1u, "CL_MEM_OBJECT_IMAGE2D"},
     {0x10F2u, "CL_MEM_OBJECT_IMAGE3D"},
@@ -6867,7 +6871,7 @@ static const EnumName kGroup115[] = {
     {0x10F6u, "CL_MEM_OBJECT_IMAGE1D_BUFFER"},
     {0x10F7u, "CL_MEM_OBJECT_PIPE"},
 };
-static const EnumName kGroup116[] = {
+static const EnumName kGroup117[] = {
     {0x1100u, "CL_MEM_TYPE"},
     {0x1101u, "CL_MEM_FLAGS"},
     {0x1102u, "CL_MEM_SIZE"},
@@ -6880,7 +6884,7 @@ static const EnumName kGroup116[] = {
     {0x1109u, "CL_MEM_USES_SVM_POINTER"},
     {0x110Au, "CL_MEM_PROPERTIES"},
 };
-static const EnumName kGroup117[] = {
+static const EnumName kGroup118[] = {
     {0x1110u, "CL_IMAGE_FORMAT"},
     {0x1111u, "CL_IMAGE_ELEMENT_SIZE"},
     {0x1112u, "CL_IMAGE_ROW_PITCH"},
@@ -6893,25 +6897,25 @@ static const EnumName kGroup117[] = {
     {0x1119u, "CL_IMAGE_NUM_MIP_LEVELS"},
     {0x111Au, "CL_IMAGE_NUM_SAMPLES"},
 };
-static const EnumName kGroup118[] = {
+static const EnumName kGroup119[] = {
     {0x1130u, "CL_ADDRESS_NONE"},
     {0x1131u, "CL_ADDRESS_CLAMP_TO_EDGE"},
     {0x1132u, "CL_ADDRESS_CLAMP"},
     {0x1133u, "CL_ADDRESS_REPEAT"},
     {0x1134u, "CL_ADDRESS_MIRRORED_REPEAT"},
 };
-static const EnumName kGroup119[] = {
+static const EnumName kGroup120[] = {
     {0x1140u, "CL_FILTER_NEAREST"},
     {0x1141u, "CL_FILTER_LINEAR"},
 };
-static const EnumName kGroup120[] = {
+static const EnumName kGroup121[] = {
     {0x1150u, "CL_SAMPLER_REFERENCE_COUNT"},
     {0x1151u, "CL_SAMPLER_CONTEXT"},
     {0x1152u, "CL_SAMPLER_NORMALIZED_COORDS"},
     {0x1153u, "CL_SAMPLER_ADDRESSING_MODE"},
     {0x1154u, "CL_SAMPLER_FILTER_MODE"},
 };
-static const EnumName kGroup121[] = {
+static const EnumName kGroup122[] = {
     {0x1160u, "CL_PROGRAM_REFERENCE_COUNT"},
     {0x1161u, "CL_PROGRAM_CONTEXT"},
     {0x1162u, "CL_PROGRAM_NUM_DEVICES"},
@@ -6925,14 +6929,14 @@ static const EnumName kGroup121[] = {
     {0x116Au, "CL_PROGRAM_SCOPE_GLOBAL_CTORS_PRESENT"},
     {0x116Bu, "CL_PROGRAM_SCOPE_GLOBAL_DTORS_PRESENT"},
 };
-static const EnumName kGroup122[] = {
+static const EnumName kGroup123[] = {
     {0x1181u, "CL_PROGRAM_BUILD_STATUS"},
     {0x1182u, "CL_PROGRAM_BUILD_OPTIONS"},
     {0x1183u, "CL_PROGRAM_BUILD_LOG"},
     {0x1184u, "CL_PROGRAM_BINARY_TYPE"},
     {0x1185u, "CL_PROGRAM_BUILD_GLOBAL_VARIABLE_TOTAL_SIZE"},
 };
-static const EnumName kGroup123[] = {
+static const EnumName kGroup124[] = {
     {0x1190u, "CL_KERNEL_FUNCTION_NAME"},
     {0x1191u, "CL_KERNEL_NUM_ARGS"},
     {0x1192u, "CL_KERNEL_REFERENCE_COUNT"},
@@ -6940,7 +6944,7 @@ static const EnumName kGroup123[] = {
     {0x1194u, "CL_KERNEL_PROGRAM"},
     {0x1195u, "CL_KERNEL_ATTRIBUTES"},
 };
-static const EnumName kGroup124[] = {
+static const EnumName kGroup125[] = {
     {0x11B0u, "CL_KERNEL_WORK_GROUP_SIZE"},
     {0x11B1u, "CL_KERNEL_COMPILE_WORK_GROUP_SIZE"},
     {0x11B2u, "CL_KERNEL_LOCAL_MEM_SIZE"},
@@ -6948,33 +6952,33 @@ static const EnumName kGroup124[] = {
     {0x11B4u, "CL_KERNEL_PRIVATE_MEM_SIZE"},
     {0x11B5u, "CL_KERNEL_GLOBAL_WORK_SIZE"},
 };
-static const EnumName kGroup125[] = {
+static const EnumName kGroup126[] = {
     {0x11D0u, "CL_EVENT_COMMAND_QUEUE"},
     {0x11D1u, "CL_EVENT_COMMAND_TYPE"},
     {0x11D2u, "CL_EVENT_REFERENCE_COUNT"},
     {0x11D3u, "CL_EVENT_COMMAND_EXECUTION_STATUS"},
     {0x11D4u, "CL_EVENT_CONTEXT"},
 };
-static const EnumName kGroup126[] = {
+static const EnumName kGroup127[] = {
     {0x1280u, "CL_PROFILING_COMMAND_QUEUED"},
     {0x1281u, "CL_PROFILING_COMMAND_SUBMIT"},
     {0x1282u, "CL_PROFILING_COMMAND_START"},
     {0x1283u, "CL_PROFILING_COMMAND_END"},
     {0x1284u, "CL_PROFILING_COMMAND_COMPLETE"},
 };
-static const EnumName kGroup127[] = {
+static const EnumName kGroup128[] = {
     {0x1196u, "CL_KERNEL_ARG_ADDRESS_QUALIFIER"},
     {0x1197u, "CL_KERNEL_ARG_ACCESS_QUALIFIER"},
     {0x1198u, "CL_KERNEL_ARG_TYPE_NAME"},
     {0x1199u, "CL_KERNEL_ARG_TYPE_QUALIFIER"},
     {0x119Au, "CL_KERNEL_ARG_NAME"},
 };
-static const EnumName kGroup128[] = {
+static const EnumName kGroup129[] = {
     {0x2004u, "CL_GL_TEXTURE_TARGET"},
     {0x2005u, "CL_GL_MIPMAP_LEVEL"},
     {0x2012u, "CL_GL_NUM_SAMPLES"},
 };
-static const EnumName kGroup129[] = {
+static const EnumName kGroup130[] = {
     {0x2006u, "CL_CURRENT_DEVICE_FOR_GL_CONTEXT_KHR"},
     {0x2007u, "CL_DEVICES_FOR_GL_CONTEXT_KHR"},
 };
@@ -7090,26 +7094,27 @@ const EnumGroup kGlGroups[] = {
     {"CopyImageSubDataTarget", kGroup108, 11},
     {"cl_platform_info", kGroup109, 8},
     {"cl_device_info", kGroup110, 51},
-    {"cl_context_info", kGroup111, 4},
-    {"cl_command_queue_info", kGroup112, 7},
-    {"cl_bool", kGroup113, 2},
-    {"cl_buffer_create_type", kGroup114, 1},
-    {"cl_mem_object_type", kGroup115, 8},
-    {"cl_mem_info", kGroup116, 11},
-    {"cl_image_info", kGroup117, 11},
-    {"cl_addressing_mode", kGroup118, 5},
-    {"cl_filter_mode", kGroup119, 2},
-    {"cl_sampler_info", kGroup120, 5},
-    {"cl_program_info", kGroup121, 12},
-    {"cl_program_build_info", kGroup122, 5},
-    {"cl_kernel_info", kGroup123, 6},
-    {"cl_kernel_work_group_info", kGroup124, 6},
-    {"cl_event_info", kGroup125, 5},
-    {"cl_profiling_info", kGroup126, 5},
-    {"cl_kernel_arg_info", kGroup127, 5},
-    {"cl_gl_texture_info", kGroup128, 3},
-    {"cl_gl_context_info", kGroup129, 2},
+    {"cl_context_properties", kGroup111, 2},
+    {"cl_context_info", kGroup112, 4},
+    {"cl_command_queue_info", kGroup113, 7},
+    {"cl_bool", kGroup114, 2},
+    {"cl_buffer_create_type", kGroup115, 1},
+    {"cl_mem_object_type", kGroup116, 8},
+    {"cl_mem_info", kGroup117, 11},
+    {"cl_image_info", kGroup118, 11},
+    {"cl_addressing_mode", kGroup119, 5},
+    {"cl_filter_mode", kGroup120, 2},
+    {"cl_sampler_info", kGroup121, 5},
+    {"cl_program_info", kGroup122, 12},
+    {"cl_program_build_info", kGroup123, 5},
+    {"cl_kernel_info", kGroup124, 6},
+    {"cl_kernel_work_group_info", kGroup125, 6},
+    {"cl_event_info", kGroup126, 5},
+    {"cl_profiling_info", kGroup127, 5},
+    {"cl_kernel_arg_info", kGroup128, 5},
+    {"cl_gl_texture_info", kGroup129, 3},
+    {"cl_gl_context_info", kGroup130, 2},
 };
-const uint32_t kGlGroupCount = 130;
+const uint32_t kGlGroupCount = 131;
 
 } // namespace kv::names

@@ -79,6 +79,10 @@ EGL_HANDLES = {
     "EGLNativePixmapType", "EGLStreamKHR", "EGLDeviceEXT", "EGLOutputLayerEXT",
     "EGLOutputPortEXT", "EGLLabelKHR", "EGLObjectKHR", "EGLSyncNV",
 }
+# OpenCL property lists: name/value pairs ending in 0, whose names the headers list under the
+# list's element type. The reader names the names of each pair.
+CL_PROPERTY_LISTS = {"cl_context_properties"}
+
 CL_BASE = {
     "cl_char": "U8", "cl_uchar": "U8", "cl_short": "I16", "cl_ushort": "U16", "cl_int": "I32",
     "cl_uint": "U32", "cl_long": "I64", "cl_ulong": "U64", "cl_half": "U16", "cl_float": "F32",
@@ -566,7 +570,8 @@ def build_layout(func, rec, cl_typedefs, hooks):
                     hooks.append((func, p.name))
                 fields.append(Field(p.name, "Blob", et, fl, expr=("hook", f"{owner.name}_{op.name}"), param=p))
             else:
-                fields.append(Field(p.name, "Blob", et, fl, expr=("count", arg, width), param=p))
+                group = p.group if p.group in CL_PROPERTY_LISTS else None
+                fields.append(Field(p.name, "Blob", et, fl, group=group, expr=("count", arg, width), param=p))
         elif rule.startswith("text_in("):
             arg = rule[rule.index("(") + 1 : -1].strip()
             fields.append(Field(p.name, "String", "Char", expr=("textin", arg), param=p))
@@ -1466,6 +1471,8 @@ def main():
                 base = " ".join(p.ctype.replace("const", " ").split())
                 if base in cl_groups:
                     p.group = base
+                elif base.endswith(" *") and base[:-2] in CL_PROPERTY_LISTS and base[:-2] in cl_groups:
+                    p.group = base[:-2]
 
     gl_provides, gl_aliases = read_gl_extension_map()
     mark_extension_functions(funcs, rec, gl_provides, gl_aliases, read_egl_extension_map())
@@ -1474,7 +1481,8 @@ def main():
     group_ids = {}
     for f in funcs:
         for p in f.params or []:
-            if p.group and p.group in gl_groups and p.depth == 0 and p.group not in group_ids:
+            if (p.group and p.group in gl_groups and (p.depth == 0 or p.group in CL_PROPERTY_LISTS)
+                    and p.group not in group_ids):
                 group_ids[p.group] = len(group_ids) + 1
 
     hooks = []

@@ -637,6 +637,37 @@ uint8_t *MappedFile::span(uint64_t offset, size_t *available) {
     return window_ + (offset - windowStart_);
 }
 
+bool MappedFile::writeDirect(uint64_t offset, const void *src, size_t n, size_t *taken) {
+    *taken = 0;
+    if (KV_UNLIKELY(failure_ != Failure::None)) return false;
+    if (KV_UNLIKELY(g_trace.mappingLost.load(std::memory_order_relaxed))) {
+        failure_ = Failure::CutShort;
+        fastEnd_ = 0;
+        return false;
+    }
+    // The blocks are allocated before the write, as for the window: the file never grows past
+    // what the ending handlers know of.
+    if (!grow(offset + n)) return false;
+    const uint8_t *from = static_cast<const uint8_t *>(src);
+    while (*taken < n) {
+        ssize_t wrote =
+            pwrite(static_cast<int>(fd_), from + *taken, n - *taken, static_cast<off_t>(offset + *taken));
+        if (wrote > 0) {
+            *taken += static_cast<size_t>(wrote);
+            continue;
+        }
+        if (wrote < 0 && errno == EINTR) continue;
+        // An unreadable source: what follows is the caller's to write as zeros.
+        if (wrote < 0 && errno == EFAULT) return true;
+        failure_ = wrote < 0 && errno == ENOSPC  ? Failure::DiskFull
+                   : wrote < 0 && errno == EFBIG ? Failure::SizeLimit
+                                                 : Failure::Other;
+        fastEnd_ = 0;
+        return false;
+    }
+    return true;
+}
+
 void MappedFile::commit(uint64_t end) {
     committed_ = end;
     g_trace.committed.store(end, std::memory_order_release);

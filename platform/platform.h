@@ -276,6 +276,15 @@ public:
     uint8_t *fastSpan(uint64_t offset, size_t n) const {
         return offset >= windowStart_ && offset + n <= fastEnd_ ? window_ + (offset - windowStart_) : nullptr;
     }
+    // Writes a large block of application memory at `offset` with the system's file write rather
+    // than through the window, growing the file first. The first write of a fresh page of the
+    // mapping costs a fault several times dearer than the copy itself; the file write fills the
+    // same pages without one. The system reads `src` itself and answers an unreadable address with
+    // an error, never a fault. `*taken` receives how many bytes came from `src`: all n, fewer when
+    // an unreadable page stopped the write (or where the system keeps the window and the file
+    // write apart, none): the caller writes the rest through span(). False when the file cannot
+    // grow or the write failed; failure() says why.
+    bool writeDirect(uint64_t offset, const void *src, size_t n, size_t *taken);
     // Everything before `end` is complete: an ending cuts the file there.
     void commit(uint64_t end);
     uint64_t committed() const { return committed_; }

@@ -218,6 +218,18 @@ bool Hooks<cl::clSetKernelArg>::before(Call &c, cl_kernel &, cl_uint &, size_t &
     return true;
 }
 
+cl_int Hooks<cl::clEnqueueNativeKernel>::call(Call &c, cl_command_queue queue, std::nullptr_t, void *, size_t,
+                                              cl_uint, const cl_mem *, const void **, cl_uint waitCount,
+                                              const cl_event *waitList, cl_event *event) {
+    c.player.problem(c.e, "a native kernel runs a function of the recorded program and cannot be replayed; "
+                          "a marker stands in its place");
+    if (!c.cl().clEnqueueMarkerWithWaitList) {
+        if (event) *event = nullptr;
+        return CL_SUCCESS;
+    }
+    return c.cl().clEnqueueMarkerWithWaitList(queue, waitCount, waitList, event);
+}
+
 // ---- Reads ---------------------------------------------------------------------------------------
 
 bool Hooks<cl::clEnqueueReadBuffer>::before(Call &c, cl_command_queue &, cl_mem &, cl_bool &blocking,

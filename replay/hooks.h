@@ -218,6 +218,17 @@ struct Hooks<cl::clSetKernelArg> : HookDefaults {
     static bool before(Call &c, cl_kernel &, cl_uint &, size_t &size, const void *&value);
 };
 
+// A native kernel is a function of the recorded program, which the player does not have: the call
+// is said to be unreplayable, and a marker with the same wait list stands in its place so that
+// what waits on its event still runs.
+template <>
+struct Hooks<cl::clEnqueueNativeKernel> : HookDefaults {
+    static constexpr bool kReplacesCall = true;
+    static cl_int call(Call &c, cl_command_queue queue, std::nullptr_t, void *, size_t, cl_uint,
+                       const cl_mem *, const void **, cl_uint waitCount, const cl_event *waitList,
+                       cl_event *event);
+};
+
 // Writes block here: the bytes they give the device live in the record being played, which the
 // next record replaces.
 struct BlockingWrite : HookDefaults {

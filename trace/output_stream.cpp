@@ -112,6 +112,11 @@ public:
     bool write(const void *bytes, size_t n) override {
         if (uint8_t *dst = file_.fastSpan(pos_, n)) {
             std::memcpy(dst, bytes, n);
+        } else if (n >= kDirectBlock) {
+            size_t taken = 0;
+            if (!file_.writeDirect(pos_, bytes, n, &taken) ||
+                !copyAt(pos_ + taken, static_cast<const uint8_t *>(bytes) + taken, n - taken))
+                return false;
         } else if (!copyAt(pos_, bytes, n)) {
             return false;
         }
@@ -123,7 +128,14 @@ public:
         *readable = 0;
         const uint8_t *src = static_cast<const uint8_t *>(bytes);
         bool faulted = false;
-        for (size_t done = 0; done < n;) {
+        size_t done = 0;
+        // Large blocks (buffer and image contents) go by the file write: see writeDirect.
+        if (n >= kDirectBlock) {
+            if (!file_.writeDirect(pos_, src, n, &done)) return false;
+            *readable = done;
+            advance(done);
+        }
+        while (done < n) {
             size_t available = 0;
             uint8_t *dst = file_.span(pos_, &available);
             if (!dst) return false;
@@ -214,6 +226,8 @@ private:
         pos_ += n;
         if (pos_ > end_) end_ = pos_;
     }
+
+    static constexpr size_t kDirectBlock = 64 * 1024;
 
     platform::MappedFile file_;
     uint64_t pos_ = 0;

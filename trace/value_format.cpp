@@ -106,6 +106,26 @@ std::string attribPairs(const std::vector<uint8_t> &bytes, uint32_t width, size_
     return s + "]";
 }
 
+// An OpenCL property list: name/value pairs ending in a name of 0. Values are mostly handles
+// (a platform, a GL context), shown in hex; small ones as numbers.
+std::string propertyPairs(const std::vector<uint8_t> &bytes, size_t total, uint16_t group) {
+    std::string s = "[";
+    size_t n = bytes.size() / 8;
+    for (size_t i = 0; i < n; i += 2) {
+        if (i) s += ", ";
+        uint64_t key = readLe(&bytes[i * 8], 8);
+        const char *keyName =
+            key <= UINT32_MAX ? names::glEnumName(static_cast<uint32_t>(key), group) : nullptr;
+        s += keyName ? keyName : key == 0 ? std::string("0") : hex(key);
+        if (key == 0 || i + 1 >= n) break;
+        int64_t value = static_cast<int64_t>(readLe(&bytes[(i + 1) * 8], 8));
+        s +=
+            "=" + (value > -65536 && value < 65536 ? signedNumber(value) : hex(static_cast<uint64_t>(value)));
+    }
+    if (bytes.size() < total) s += ", ...";
+    return s + "]";
+}
+
 std::string values(const std::vector<uint8_t> &bytes, api::Type type, uint32_t width, size_t total,
                    size_t limit, uint16_t group) {
     std::string s = "{";
@@ -454,6 +474,9 @@ std::string summarizeBlock(Reader &reader, const Entry &entry, const Block &bloc
         uint32_t width = kind == api::Field::Attribs ? 4 : 8;
         return attribPairs(bytes, width, block.size);
     }
+    // 64-bit lists with names are the OpenCL property lists.
+    if (block.element == api::Type::I64 && arg && arg->field->enumGroup)
+        return propertyPairs(bytes, block.size, arg->field->enumGroup);
     if (part && part->kind == Part::Kind::Indices) {
         uint32_t width = indexWidth(entry);
         if (width) {

@@ -95,6 +95,22 @@ if [ -n "$program" ]; then
     grep -q '^[57] OpenCL reads brought back the recorded bytes' "$work/replay.out" ||
         fail "cl_program: the replay's reads differ from the recorded ones: $(cat "$work/replay.out")"
     echo "cl_program replayed: $(grep 'OpenCL reads' "$work/replay.out")"
+    # The context's properties are named in the dump.
+    grep -q 'clCreateContext(properties=0x[0-9a-f]* \[CL_CONTEXT_PLATFORM=0x[0-9a-f]*, 0\]' "$work/cl_program.dump" ||
+        fail "cl_program: the dump does not name the context's properties: $(grep -m1 clCreateContext "$work/cl_program.dump")"
+
+    # A native kernel is recorded with its arguments; the player says it cannot run it.
+    "$kalvoren" record --no-info -o "$work/native.kalvoren" -- "$program" "$work/native.bin" native \
+        >"$work/native.out" 2>&1 || fail "cl_program native: $(tail -3 "$work/native.out")"
+    if "$kalvoren" dump "$work/native.kalvoren" 2>&1 | grep -q 'clEnqueueNativeKernel(.*args=0x[0-9a-f]* <16 bytes'; then
+        "$kalvoren" replay "$work/native.kalvoren" >"$work/native.replay" 2>&1 &&
+            fail "cl_program native: the replay did not report the native kernel"
+        grep -q 'clEnqueueNativeKernel): a native kernel runs a function of the recorded program and cannot be replayed' \
+            "$work/native.replay" || fail "cl_program native: no clear message: $(cat "$work/native.replay")"
+        echo "cl_program native: recorded, reported unreplayable"
+    elif "$kalvoren" dump "$work/native.kalvoren" 2>&1 | grep -q clEnqueueNativeKernel; then
+        fail "cl_program native: the record lacks its arguments: $("$kalvoren" dump "$work/native.kalvoren" | grep clEnqueueNativeKernel)"
+    fi
 fi
 
 [ "$failures" = 0 ] || { echo "$failures failure(s)"; exit 1; }

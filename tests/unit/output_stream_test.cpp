@@ -92,12 +92,18 @@ TEST_P(OutputStreamTest, ClientMemoryThatCannotBeReadIsWrittenAsZeros) {
     ASSERT_TRUE(out->writeClient(src, 300, &readable));
     EXPECT_EQ(readable, 100u);
     EXPECT_EQ(out->tell(), big.size() + 300);
+    // A block large enough for the mapped stream's file write, stopped by the unreadable page.
+    ASSERT_TRUE(out->writeClient(src, 70000, &readable));
+    EXPECT_EQ(readable, 100u);
+    EXPECT_EQ(out->tell(), big.size() + 300 + 70000);
     out->commit();
     out->close();
 
     std::vector<uint8_t> expected = big;
     expected.insert(expected.end(), 100, 0xAB);
     expected.insert(expected.end(), 200, 0x00);
+    expected.insert(expected.end(), 100, 0xAB);
+    expected.insert(expected.end(), 69900, 0x00);
     EXPECT_EQ(test::readFile(file), expected);
 }
 
