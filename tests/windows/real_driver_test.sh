@@ -15,7 +15,13 @@
 # was recorded on to exactly the frames the program drew, and, with a Linux build, across systems
 # (see "Replays" below).
 #
+# Then the es2 program runs with the library's tools attached over Windows' own channels (see
+# "Profiling and network control" below): `kalvoren.exe perf` over named mappings, and `kalvoren
+# ctl` over Winsock.
+#
 #   real_driver_test.sh SOURCE_DIR BUILD_DIR GLES_PROGRAM ES1_PROGRAM [MODE...]
+#
+# MODE is es2, es3, threads, es1, perf or network; all of them when none is given.
 #
 # Exit status 77 (skipped) when Mesa's Windows driver has not been built on this machine.
 set -u
@@ -25,8 +31,14 @@ build=$(cd "${2:?$usage}" && pwd)
 gles_program=${3:?$usage}
 es1_program=${4:?$usage}
 shift 4
-modes=("$@")
-[ ${#modes[@]} -eq 0 ] && modes=(es2 es3 threads es1)
+[ $# -eq 0 ] && set -- es2 es3 threads es1 perf network
+modes=() tools=()
+for m in "$@"; do
+    case $m in
+    perf | network) tools+=("$m") ;;
+    *) modes+=("$m") ;;
+    esac
+done
 
 mesa=${KV_MESA_WINDOWS_DIR:-}
 if [ -z "$mesa" ]; then
@@ -143,7 +155,7 @@ if saved != drawn:
 PY
 }
 
-for mode in "${modes[@]}"; do
+for mode in ${modes[@]+"${modes[@]}"}; do
     install_driver
     run_program "$mode" plain
     plain=$?
@@ -220,7 +232,7 @@ replayed() {
 
 # On the driver it was recorded on, a trace replays to exactly the frames the program drew.
 install_driver
-for mode in "${modes[@]}"; do
+for mode in ${modes[@]+"${modes[@]}"}; do
     trace=$mode-default/$mode.kalvoren
     [ -s "$work/$trace" ] || continue
     frames=$(ls "$work/$mode-plain"/*-frame-*.rgba | wc -l)
@@ -246,7 +258,7 @@ linux_kalvoren=${KV_LINUX_KALVOREN:-}
 if [ -z "$linux_kalvoren" ] || [ ! -x "$linux_kalvoren" ]; then
     echo "note: no Linux build (KV_LINUX_KALVOREN): traces not replayed across systems"
 else
-    for mode in "${modes[@]}"; do
+    for mode in ${modes[@]+"${modes[@]}"}; do
         trace=$work/$mode-default/$mode.kalvoren
         [ -s "$trace" ] || continue
         frames=$(ls "$work/$mode-plain"/*-frame-*.rgba | wc -l)
@@ -277,6 +289,134 @@ EOF
         echo "note: glmark2-es2 missing (package glmark2-es2-x11): no Linux trace replayed on Windows"
     fi
 fi
+
+# ---- Profiling and network control ----------------------------------------------------------------
+# The es2 program as a user installs it (driver in system32, fronts next to it, no Host paths), run
+# for many frames with a pause after each so that the tool attached to it sees frames come.
+install_driver
+program_name=$(basename "$gles_program")
+# tool_app DIR CONFIG: the program and the fronts in DIR/app, CONFIG as DIR's kalvorenconfig.json.
+tool_app() {
+    mkdir -p "$1/app"
+    cp "$gles_program" "$1/app/"
+    for f in "${fronts[@]}"; do cp "$build/bin/$f" "$1/app/"; done
+    printf '%s\n' "$2" >"$1/kalvorenconfig.json"
+}
+# wait_for TEXT FILE...: until one of the FILEs holds TEXT (at most a minute).
+wait_for() {
+    local text=$1
+    shift
+    for _ in $(seq 1 300); do
+        grep -qs "$text" "$@" && return 0
+        sleep 0.2
+    done
+    return 1
+}
+# The Linux build's tools when there is one (the way a user on Linux drives a Windows
+# program), else the Windows build's own under Wine.
+if [ -n "$linux_kalvoren" ] && [ -x "$linux_kalvoren" ]; then
+    host_kalvoren=("$linux_kalvoren")
+else
+    host_kalvoren=("$wine" "$kalvoren_exe")
+fi
+
+for tool in ${tools[@]+"${tools[@]}"}; do
+    dir=$work/$tool
+    case $tool in
+    perf)
+        # The library and `kalvoren.exe perf` meet in named mappings. Per frame the program draws
+        # one glDrawArrays and two glDrawElements; the CSV has one row per frame and one for the
+        # calls after the last swap.
+        frames=10
+        tool_app "$dir" '{ "*": { "Profiling": { "Enabled": true } } }'
+        (cd "$dir" && timeout 300 "$wine" "$kalvoren_exe" perf --wait 120 --csv counters.csv \
+            </dev/null >perf.out 2>perf.err) &
+        perf=$!
+        wait_for "waiting for a profiled program" "$dir/perf.err" ||
+            fail "perf: kalvoren.exe perf did not start: $(head -3 "$dir/perf.err")"
+        (cd "$dir" && timeout 300 "$wine" "app/$program_name" es2 . $frames 20 </dev/null >out.txt 2>err.txt)
+        status=$?
+        wait $perf
+        perf_status=$?
+        if [ $status -ne 0 ] || [ $perf_status -ne 0 ]; then
+            fail "perf: the program exited $status, kalvoren.exe perf $perf_status"
+            tail -n 5 "$dir/err.txt" "$dir/perf.err"
+        elif python3 - "$dir/counters.csv" $frames <<'PY'; then
+import csv, sys
+rows = list(csv.DictReader(open(sys.argv[1])))
+frames = int(sys.argv[2])
+bad = []
+if len(rows) != frames + 1:
+    bad.append(f"{len(rows)} rows for {frames} frames and the end")
+if [int(r["frame"]) for r in rows] != list(range(len(rows))):
+    bad.append("the frames do not advance one by one")
+for r in rows[:frames]:
+    draws = (int(r["Non-indexed draw calls"]), int(r["Indexed draw calls"]))
+    if draws != (1, 2):
+        bad.append(f"frame {r['frame']}: {draws[0]} non-indexed and {draws[1]} indexed draw calls")
+if bad:
+    sys.exit("perf: " + "; ".join(bad))
+PY
+            pass "perf: kalvoren.exe perf counted 1 + 2 draw calls in each of $frames frames"
+        else
+            fail "perf: the counters"
+            head -n 4 "$dir/counters.csv"
+        fi
+        ;;
+    network)
+        # The program waits for a client before its first call; `kalvoren ctl` connects over TCP
+        # (Winsock on the program's side), records two seconds and fetches the trace, which must
+        # read back with no problems and replay to the frames saved in it.
+        port=$(python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
+        tool_app "$dir" "{ \"*\": { \"Tracing\": { \"OutputFilename\": \"network.kalvoren\", \"SaveFrameBuffer\": true },
+         \"Network\": { \"Enabled\": true, \"Wait\": true, \"Port\": $port, \"Address\": \"127.0.0.1\" } } }"
+        (cd "$dir" && timeout 300 "$wine" "app/$program_name" es2 . 300 20 </dev/null >out.txt 2>err.txt) &
+        app=$!
+        # The Windows build writes the library's progress to the console's standard output.
+        if ! wait_for "Waiting for Client" "$dir/out.txt" "$dir/err.txt"; then
+            fail "network: the program does not wait for a client"
+            kill $app 2>/dev/null
+            wait $app
+            tail -n 5 "$dir/out.txt" "$dir/err.txt"
+            continue
+        fi
+        (cd "$dir" && timeout 300 "${host_kalvoren[@]}" ctl 127.0.0.1:$port start wait 2 stop fetch -o fetched.kalvoren \
+            </dev/null >ctl.txt 2>&1)
+        ctl_status=$?
+        wait $app
+        status=$?
+        if [ $status -ne 0 ] || [ $ctl_status -ne 0 ]; then
+            fail "network: the program exited $status, kalvoren ctl $ctl_status"
+            tail -n 8 "$dir/ctl.txt" "$dir/err.txt"
+            continue
+        fi
+        (cd "$dir" && "${host_kalvoren[@]}" info --top 0 fetched.kalvoren </dev/null 2>&1 | tr -d '\r' >info.txt)
+        recorded=$(awk '/^Frames:/ {print $2; exit}' "$dir/info.txt")
+        if grep -q '^Problems: *none' "$dir/info.txt" && grep -q '^Platform: .*Windows' "$dir/info.txt" &&
+            [ "${recorded:-0}" -gt 0 ]; then
+            pass "network: kalvoren ctl recorded $recorded frames and fetched a trace with no problems"
+        else
+            fail "network: the fetched trace"
+            grep -E '^(Platform|Problems|Frames)' -A3 "$dir/info.txt"
+            continue
+        fi
+        if [ "${host_kalvoren[0]}" = "$linux_kalvoren" ]; then
+            (cd "$dir" && GALLIUM_DRIVER=softpipe timeout 300 "$linux_kalvoren" replay fetched.kalvoren >replay.txt 2>&1)
+        else
+            (cd "$dir" && timeout 300 "$wine" "$kalvoren_exe" replay --window fetched.kalvoren </dev/null 2>&1 |
+                tr -d '\r' >replay.txt; exit "${PIPESTATUS[0]}")
+        fi
+        replay_status=$?
+        if [ $replay_status -eq 0 ] && grep -Eq "; ([1-9][0-9]*) frames compared: \1 identical$" "$dir/replay.txt"; then
+            pass "network: the fetched trace replayed ($(grep -Eo '[0-9]+ frames compared: [0-9]+ identical' "$dir/replay.txt"))"
+        else
+            fail "network: the fetched trace's replay: exit $replay_status"
+            grep -v 'ost library' "$dir/replay.txt" | tail -n 5
+        fi
+        ;;
+    *) fail "unknown mode '$tool'" ;;
+    esac
+done
 
 [ $failures -eq 0 ] && echo "all passed" || echo "$failures failed"
 [ $failures -eq 0 ]

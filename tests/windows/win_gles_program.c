@@ -3,8 +3,10 @@
  * the frame back and writes the pixels (RGBA, bottom row first) to DIR/NAME-frame-N.rgba, so that
  * a run through the front DLLs can be compared byte for byte with a run straight on the driver.
  *
- *   win_gles_program es2|es3|threads DIR [FRAMES]
+ *   win_gles_program es2|es3|threads DIR [FRAMES [SLEEP_MS]]
  *
+ * SLEEP_MS, slept after each frame is read back, paces a long run so that a tool attached to it
+ * (a counter reader, a network client) sees frames come while it works.
  * es2      OpenGL ES 2.0: client vertex arrays, client indices over a vertex buffer, an index
  *          buffer, a texture updated every frame
  * es3      OpenGL ES 3.x: a vertex array object, instanced draws, a uniform buffer written through
@@ -28,6 +30,7 @@ enum { kWidth = 64, kHeight = 48 };
 
 static const char *g_dir = ".";
 static int g_frames = 4;
+static int g_sleepMs = 0;
 static EGLDisplay g_display;
 static CRITICAL_SECTION g_printLock;
 
@@ -172,6 +175,7 @@ static int finishFrame(const char *name, int frame) {
     EnterCriticalSection(&g_printLock);
     fprintf(stderr, "%s frame %d: %016llx, error 0x%x\n", name, frame, (unsigned long long)hash, error);
     LeaveCriticalSection(&g_printLock);
+    if (g_sleepMs > 0) Sleep((DWORD)g_sleepMs);
     return error != GL_NO_ERROR;
 }
 
@@ -396,11 +400,12 @@ static DWORD WINAPI threadMain(void *argument) {
 
 int main(int argc, char **argv) {
     if (argc < 3) {
-        fprintf(stderr, "usage: win_gles_program es2|es3|threads DIR [FRAMES]\n");
+        fprintf(stderr, "usage: win_gles_program es2|es3|threads DIR [FRAMES [SLEEP_MS]]\n");
         return 2;
     }
     g_dir = argv[2];
     if (argc > 3) g_frames = atoi(argv[3]);
+    if (argc > 4) g_sleepMs = atoi(argv[4]);
     InitializeCriticalSection(&g_printLock);
     registerWindowClass();
     g_display = eglGetDisplay(EGL_DEFAULT_DISPLAY);
