@@ -1092,18 +1092,6 @@ void Writer::bindings() {
     record<fn::glUseProgram>(s_.currentProgram);
 }
 
-// The thread's view of which context is current, moved for the records of another context: the
-// record writers size what they copy from the current context's shadow.
-struct CurrentFor {
-    egl::ThreadState &t;
-    std::shared_ptr<egl::ContextRecord> saved;
-    CurrentFor(egl::ThreadState &thread, std::shared_ptr<egl::ContextRecord> context)
-        : t(thread), saved(thread.current) {
-        t.current = std::move(context);
-    }
-    ~CurrentFor() { t.current = std::move(saved); }
-};
-
 void writeContextInformation(const egl::ContextRecord &context) {
     RecordHandle h = trace::begin(1502);
     if (h) {

@@ -5,7 +5,11 @@
 
 #include "base/messages.h"
 #include "core/call.h"
+#include "state/egl_state.h"
 #include "trace/trace_writer.h"
+
+#include <memory>
+#include <utility>
 
 namespace kv::snapshot {
 
@@ -48,5 +52,17 @@ template <class F>
 void genOne(GLuint name) {
     record<F>(1, &name);
 }
+
+// The thread's view of which context is current, moved for the records of another context: the
+// record writers size what they copy (texture rows, for example) from the current context's shadow.
+struct CurrentFor {
+    egl::ThreadState &t;
+    std::shared_ptr<egl::ContextRecord> saved;
+    CurrentFor(egl::ThreadState &thread, std::shared_ptr<egl::ContextRecord> context)
+        : t(thread), saved(thread.current) {
+        t.current = std::move(context);
+    }
+    ~CurrentFor() { t.current = std::move(saved); }
+};
 
 } // namespace kv::snapshot

@@ -35,18 +35,6 @@ const SEs1HostFns &gl() {
     return SEs1Host::get().fn;
 }
 
-// The thread's view of which context is current, moved to the context being written: the record
-// writers size what they copy (texture rows) from the current context's shadow.
-struct CurrentFor {
-    egl::ThreadState &t;
-    std::shared_ptr<egl::ContextRecord> saved;
-    CurrentFor(egl::ThreadState &thread, std::shared_ptr<egl::ContextRecord> context)
-        : t(thread), saved(thread.current) {
-        t.current = std::move(context);
-    }
-    ~CurrentFor() { t.current = std::move(saved); }
-};
-
 // The bytes per texel of the uncompressed formats OpenGL ES 1 uploads; 0 for any other.
 uint32_t texelBytes(GLenum format, GLenum type) {
     if (type == GL_UNSIGNED_SHORT_5_6_5 || type == GL_UNSIGNED_SHORT_4_4_4_4 ||
