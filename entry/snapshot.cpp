@@ -10,6 +10,7 @@
 #include "base/messages.h"
 #include "core/call.h"
 #include "core/settings.h"
+#include "entry/egl/egl_information.h"
 #include "entry/es1/es1_snapshot.h"
 #include "entry/ext/ext_functions_autogen.h"
 #include "entry/hooks.h"
@@ -34,9 +35,6 @@ using Resources = CEs2ContextState::SEs2Resources;
 
 const GLESPPHostFns &gl() {
     return GLESPPHost::get().fn;
-}
-const SEglHostFns &eglHost() {
-    return SEglHost::get().fn;
 }
 
 // An EGL call that succeeded.
@@ -1092,58 +1090,6 @@ void Writer::bindings() {
     record<fn::glUseProgram>(s_.currentProgram);
 }
 
-void writeContextInformation(const egl::ContextRecord &context) {
-    RecordHandle h = trace::begin(1502);
-    if (h) {
-        CallCtx c;
-        c.d.record = c.d.recordData = true;
-        h.ptr(context.display);
-        h.ptr(context.context);
-        h.ptr(context.config);
-        h.ptr(context.shareContext);
-        h.u32(context.apiVersion);
-        rec::blob(h, c, context.contextAttributes.data(), context.contextAttributes.size() * sizeof(EGLint),
-                  0);
-        rec::blob(h, c, context.configAttributes.data(), context.configAttributes.size() * sizeof(EGLint), 0);
-    }
-    trace::finish(h);
-}
-
-// The description of a config that only surfaces use, so that a player matches it from the
-// trace alone: a context information record with no context, no share context and API code 0.
-// A trace from frame 0 has the application's own configuration queries for this; a late one
-// does not.
-void writeConfigInformation(EGLDisplay display, EGLConfig config) {
-    const std::vector<EGLint> attributes = egl::captureConfigAttributes(display, config);
-    const EGLint none = EGL_NONE;
-    RecordHandle h = trace::begin(1502);
-    if (h) {
-        CallCtx c;
-        c.d.record = c.d.recordData = true;
-        h.ptr(display);
-        h.ptr(EGL_NO_CONTEXT);
-        h.ptr(config);
-        h.ptr(EGL_NO_CONTEXT);
-        h.u32(0);
-        rec::blob(h, c, &none, sizeof(EGLint), 0);
-        rec::blob(h, c, attributes.data(), attributes.size() * sizeof(EGLint), 0);
-    }
-    trace::finish(h);
-}
-
-void writeDisplayInformation(const egl::DisplayRecord &d) {
-    EGLint configs = 0;
-    eglHost().eglGetConfigs(d.display, nullptr, 0, &configs);
-    RecordHandle h = trace::begin(1503);
-    if (h) {
-        h.ptr(d.display);
-        h.i32(d.major);
-        h.i32(d.minor);
-        h.i32(configs);
-    }
-    trace::finish(h);
-}
-
 void writeSurface(EGLDisplay display, const egl::SurfaceRecord &s) {
     CallCtx c;
     c.d.record = c.d.recordData = true;
@@ -1223,7 +1169,9 @@ void saveDisplay(egl::DisplayRecord &d, egl::ThreadState &t) {
     recordEgl<fn::eglGetDisplay>(d.display, static_cast<EGLNativeDisplayType>(EGL_DEFAULT_DISPLAY));
     recordEgl<fn::eglInitialize>(EGLBoolean(EGL_TRUE), d.display, static_cast<EGLint *>(nullptr),
                                  static_cast<EGLint *>(nullptr));
-    writeDisplayInformation(d);
+    writeDisplayInformation(d.display, d.major, d.minor);
+    CallCtx information;
+    information.d.record = information.d.recordData = true;
     std::vector<std::shared_ptr<egl::ContextRecord>> contexts;
     std::map<EGLSurface, egl::SurfaceRecord *> surfaces;
     {
@@ -1238,7 +1186,7 @@ void saveDisplay(egl::DisplayRecord &d, egl::ThreadState &t) {
         recordEgl<fn::eglCreateContext>(
             context->context, d.display, context->config, context->shareContext,
             context->contextAttributes.empty() ? nullptr : context->contextAttributes.data());
-        writeContextInformation(*context);
+        writeContextInformation(information, *context);
         saveEs1Context(d.display, t, context); // OpenGL ES 1 contexts (entry/es1/es1_snapshot.cpp)
         if (!context->es2 || !context->es2->everCurrent) continue;
         recordEgl<fn::eglMakeCurrent>(EGLBoolean(EGL_TRUE), d.display, EGL_NO_SURFACE, EGL_NO_SURFACE,
@@ -1262,7 +1210,7 @@ void saveDisplay(egl::DisplayRecord &d, egl::ThreadState &t) {
     for (auto &context : contexts)
         described.insert(context->config);
     for (auto &[handle, s] : surfaces)
-        if (described.insert(s->config).second) writeConfigInformation(d.display, s->config);
+        if (described.insert(s->config).second) writeConfigInformation(information, d.display, s->config);
     for (auto &[handle, s] : surfaces)
         if (s->kind == egl::SurfaceKind::Window) writeSurface(d.display, *s);
     for (auto &[handle, s] : surfaces)

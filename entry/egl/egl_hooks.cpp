@@ -5,6 +5,7 @@
 #include "base/no_destructor.h"
 #include "entry/gles/hooks_state.h"
 #include "entry/hooks.h"
+#include "entry/egl/egl_information.h"
 #include "entry/ext/ext_call.h"
 #include "entry/ext/unknown_calls.h"
 #include "entry/proc_table.h"
@@ -70,21 +71,6 @@ std::vector<EGLint> copyAttributes64(const EGLAttrib *list) {
     std::vector<EGLint> out(wide.begin(), wide.end());
     if (out.empty() || out.back() != EGL_NONE) out.push_back(EGL_NONE);
     return out;
-}
-
-void writeContextInformation(CallCtx &c, const egl::ContextRecord &context) {
-    RecordHandle h = trace::begin(1502);
-    if (h) {
-        h.ptr(context.display);
-        h.ptr(context.context);
-        h.ptr(context.config);
-        h.ptr(context.shareContext);
-        h.u32(context.apiVersion);
-        rec::blob(h, c, context.contextAttributes.data(), context.contextAttributes.size() * sizeof(EGLint),
-                  0);
-        rec::blob(h, c, context.configAttributes.data(), context.configAttributes.size() * sizeof(EGLint), 0);
-    }
-    trace::finish(h);
 }
 
 } // namespace
@@ -172,17 +158,8 @@ void Hooks<fn::eglInitialize>::after(CallCtx &c, EGLBoolean &result, EGLDisplay 
 void Hooks<fn::eglInitialize>::done(CallCtx &c, EGLBoolean &result, EGLDisplay dpy, EGLint *, EGLint *) {
     // The display information a player needs to choose configs of its own.
     if (!c.d.record || c.failed || result != EGL_TRUE) return;
-    egl::DisplayRecord *d = egl::display(dpy, true);
-    EGLint configs = 0;
-    SEglHost::get().fn.eglGetConfigs(dpy, nullptr, 0, &configs);
-    RecordHandle h = trace::begin(1503);
-    if (h) {
-        h.ptr(dpy);
-        h.i32(d->major);
-        h.i32(d->minor);
-        h.i32(configs);
-    }
-    trace::finish(h);
+    const egl::DisplayRecord *d = egl::display(dpy, true);
+    writeDisplayInformation(dpy, d->major, d->minor);
 }
 
 void Hooks<fn::eglBindAPI>::after(CallCtx &c, EGLBoolean &result, EGLenum api) {
