@@ -320,6 +320,16 @@ void Writer::programs() {
         }
 }
 
+// A vector uniform's values, by the vector's size (1 to 4).
+template <class T, class F1, class F2, class F3, class F4>
+void recordVectors(int size, GLint location, GLsizei count, const void *data) {
+    const T *v = static_cast<const T *>(data);
+    if (size == 1) record<F1>(location, count, v);
+    if (size == 2) record<F2>(location, count, v);
+    if (size == 3) record<F3>(location, count, v);
+    if (size == 4) record<F4>(location, count, v);
+}
+
 // A kept uniform value, written as the vector form of its call so that one record serves the
 // scalar and the vector calls alike.
 void writeUniform(GLint location, const Resources::Uniform &u) {
@@ -348,25 +358,15 @@ void writeUniform(GLint location, const Resources::Uniform &u) {
     const GLsizei count = words / size;
     std::string kind = n.substr(8);
     if (!kind.empty() && kind.back() == 'v') kind.pop_back();
-    if (kind == "f") {
-        const GLfloat *v = static_cast<const GLfloat *>(data);
-        if (size == 1) record<fn::glUniform1fv>(location, count, v);
-        if (size == 2) record<fn::glUniform2fv>(location, count, v);
-        if (size == 3) record<fn::glUniform3fv>(location, count, v);
-        if (size == 4) record<fn::glUniform4fv>(location, count, v);
-    } else if (kind == "i") {
-        const GLint *v = static_cast<const GLint *>(data);
-        if (size == 1) record<fn::glUniform1iv>(location, count, v);
-        if (size == 2) record<fn::glUniform2iv>(location, count, v);
-        if (size == 3) record<fn::glUniform3iv>(location, count, v);
-        if (size == 4) record<fn::glUniform4iv>(location, count, v);
-    } else if (kind == "ui") {
-        const GLuint *v = static_cast<const GLuint *>(data);
-        if (size == 1) record<fn::glUniform1uiv>(location, count, v);
-        if (size == 2) record<fn::glUniform2uiv>(location, count, v);
-        if (size == 3) record<fn::glUniform3uiv>(location, count, v);
-        if (size == 4) record<fn::glUniform4uiv>(location, count, v);
-    }
+    if (kind == "f")
+        recordVectors<GLfloat, fn::glUniform1fv, fn::glUniform2fv, fn::glUniform3fv, fn::glUniform4fv>(
+            size, location, count, data);
+    if (kind == "i")
+        recordVectors<GLint, fn::glUniform1iv, fn::glUniform2iv, fn::glUniform3iv, fn::glUniform4iv>(
+            size, location, count, data);
+    if (kind == "ui")
+        recordVectors<GLuint, fn::glUniform1uiv, fn::glUniform2uiv, fn::glUniform3uiv, fn::glUniform4uiv>(
+            size, location, count, data);
 }
 
 void Writer::uniforms(GLuint name, const Resources::Program &p) {

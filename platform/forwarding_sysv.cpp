@@ -29,38 +29,16 @@ struct Frame {
 };
 static_assert(sizeof(Frame) == 752, "the assembly's frame layout");
 
-kv::platform::ForwardedCall view(Frame &f, uint64_t *floats) {
-    for (int i = 0; i < 8; ++i)
-        floats[i] = f.vectors[i][0];
-    kv::platform::ForwardedCall call{};
-    call.integerArguments = f.integers;
-    call.integerCount = 6;
-    call.floatArguments = floats;
-    call.floatCount = 8;
-    call.stackArguments = f.stackCopy;
-    call.stackCount = kv::platform::kForwardedStackWords;
-    call.integerResult = f.results[0];
-    call.floatResult = f.vectorResults[0][0];
-    call.scratch = f.scratch;
-    return call;
-}
-
 } // namespace
 
 extern "C" {
 
 __attribute__((visibility("hidden"), used)) void *kv_forwarding_before(uint64_t stub, Frame *frame) {
-    auto before = kv::platform::forwarding::before.load(std::memory_order_acquire);
-    if (!before) return nullptr;
-    uint64_t floats[8];
-    return before(static_cast<uint32_t>(stub), view(*frame, floats));
+    return kv::platform::forwarding::runBefore<6, 8>(stub, *frame);
 }
 
 __attribute__((visibility("hidden"), used)) void kv_forwarding_after(uint64_t stub, Frame *frame) {
-    auto after = kv::platform::forwarding::after.load(std::memory_order_acquire);
-    if (!after) return;
-    uint64_t floats[8];
-    after(static_cast<uint32_t>(stub), view(*frame, floats));
+    kv::platform::forwarding::runAfter<6, 8>(stub, *frame);
 }
 
 } // extern "C"

@@ -42,8 +42,8 @@ void writeDisplayInformation(EGLDisplay display, EGLint major, EGLint minor) {
 }
 
 void writeContextInformation(CallCtx &c, const egl::ContextRecord &context) {
-    writeConfigRecord(c, context.display, context.context, context.config, context.shareContext, context.apiVersion,
-                      context.contextAttributes, context.configAttributes);
+    writeConfigRecord(c, context.display, context.context, context.config, context.shareContext,
+                      context.apiVersion, context.contextAttributes, context.configAttributes);
 }
 
 void writeConfigInformation(CallCtx &c, EGLDisplay display, EGLConfig config) {
