@@ -1,7 +1,7 @@
 // The fixed-function shadow of OpenGL ES 1 contexts: the update rules of CFFContextState, checked
 // against values worked out by hand from the GL ES 1.1 rules. Only what the ES1 programs of
-// tests/integration do not reach, or a quirk, is here: es1_test.sh and es1_oes_test.sh start their
-// traces late (share groups, lights, buffers, client arrays, OES framebuffer objects) and replay
+// tests/integration do not reach, or a quirk, is here: es1_oes_test.sh starts their
+// traces late (share groups, lights, buffers, client arrays, OES framebuffer objects) and replays
 // them to the pixels the programs drew.
 #include "state/ff_state.h"
 
