@@ -627,17 +627,24 @@ TEST(ContextRecords, VersionCodesAndShareGroups) {
     const EGLint v31[] = {EGL_CONTEXT_MINOR_VERSION_KHR, 1, EGL_CONTEXT_CLIENT_VERSION, 3, EGL_NONE};
     const EGLint v32[] = {EGL_CONTEXT_CLIENT_VERSION, 3, EGL_CONTEXT_MINOR_VERSION_KHR, 2, EGL_NONE};
     const EGLint es3 = EGL_OPENGL_ES3_BIT_KHR | EGL_OPENGL_ES2_BIT;
-    auto renderable = [](EGLint bits) { return std::vector<EGLint>{EGL_RED_SIZE, 8, EGL_RENDERABLE_TYPE, bits, EGL_NONE}; };
+    auto renderable = [](EGLint bits) {
+        return std::vector<EGLint>{EGL_RED_SIZE, 8, EGL_RENDERABLE_TYPE, bits, EGL_NONE};
+    };
     const struct {
         const EGLint *attributes;
         std::vector<EGLint> config;
         uint32_t code;
     } cases[] = {
-        {v2, renderable(es3), 3},           {v3, renderable(es3), 3},
-        {v31, renderable(es3), 4},          {v32, renderable(es3), 5},
-        {v2, renderable(EGL_OPENGL_ES2_BIT), 2}, {v3, renderable(EGL_OPENGL_ES2_BIT), 2},
-        {v2, renderable(EGL_OPENGL_ES_BIT), 1},  {v3, {}, 5},
-        {v2, {EGL_RED_SIZE, 8, EGL_NONE}, 5},    {v1, renderable(es3), 1},
+        {v2, renderable(es3), 3},
+        {v3, renderable(es3), 3},
+        {v31, renderable(es3), 4},
+        {v32, renderable(es3), 5},
+        {v2, renderable(EGL_OPENGL_ES2_BIT), 2},
+        {v3, renderable(EGL_OPENGL_ES2_BIT), 2},
+        {v2, renderable(EGL_OPENGL_ES_BIT), 1},
+        {v3, {}, 5},
+        {v2, {EGL_RED_SIZE, 8, EGL_NONE}, 5},
+        {v1, renderable(es3), 1},
         {nullptr, renderable(es3), 1},
     };
     for (size_t i = 0; i < sizeof(cases) / sizeof(cases[0]); ++i)
