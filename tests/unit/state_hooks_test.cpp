@@ -333,8 +333,9 @@ TEST_F(StateHooks, ShaderSourceFollowsTheLengthRules) {
 TEST_F(StateHooks, ProgramsKeepWhatRelinkingNeeds) {
     CallCtx c;
     c.d.callHost = true;
-    GLuint program = 30;
+    GLuint program = 30, shader = 21;
     Hooks<fn::glCreateProgram>::after(c, program);
+    Hooks<fn::glCreateShader>::after(c, shader, GL_VERTEX_SHADER);
     call<fn::glAttachShader>(30, 21);
     call<fn::glBindAttribLocation>(30, 2, "position");
     const GLchar *varyings[] = {"outA", "outB"};
