@@ -5,9 +5,7 @@
 // their element buffer from. Each configuration runs in a process of its own; the traces are read
 // back with the reader.
 #include "core/functions_autogen.h"
-#include "entry/entries_autogen.h"
-#include "tests/host/host_test_support.h"
-#include "tests/host/test_host.h"
+#include "tests/host/current_context.h"
 #include "platform/process.h"
 #include "trace/reader.h"
 
@@ -34,39 +32,9 @@ LibraryConfig recording(const std::string &host = testHostPath()) {
     return config;
 }
 
-template <class T>
-T handle(uint64_t value) {
-    return reinterpret_cast<T>(static_cast<uintptr_t>(value));
-}
-
 template <class F>
 F proc(const char *name) {
     return reinterpret_cast<F>(egl::getProcAddress(name));
-}
-
-struct Context {
-    EGLDisplay display;
-    EGLSurface surface;
-    EGLContext context;
-};
-
-// In the child: an OpenGL ES 3 context current on a pbuffer, made through the library.
-Context makeCurrent() {
-    kvth_set_result("eglGetDisplay", 0xD15);
-    kvth_set_result("eglCreateContext", 0xC7C);
-    kvth_set_result("eglCreatePbufferSurface", 0x5F5);
-    Context c;
-    c.display = egl::getDisplay(EGL_DEFAULT_DISPLAY);
-    egl::initialize(c.display, nullptr, nullptr);
-    EGLConfig config = nullptr;
-    EGLint count = 0;
-    const EGLint configAttributes[] = {EGL_RENDERABLE_TYPE, EGL_OPENGL_ES3_BIT, EGL_NONE};
-    egl::chooseConfig(c.display, configAttributes, &config, 1, &count);
-    const EGLint contextAttributes[] = {EGL_CONTEXT_CLIENT_VERSION, 3, EGL_NONE};
-    c.context = egl::createContext(c.display, config, EGL_NO_CONTEXT, contextAttributes);
-    c.surface = egl::createPbufferSurface(c.display, config, nullptr);
-    KVTH_CHILD_CHECK(egl::makeCurrent(c.display, c.surface, c.surface, c.context) == EGL_TRUE);
-    return c;
 }
 
 struct Records {
@@ -140,7 +108,7 @@ TEST_F(Extensions, WrappersSkipCallsWithoutAContextOrTheExtension) {
         bindVertexArray(3);
         KVTH_CHILD_CHECK_EQ(0u, kvth_call_count("glBindVertexArrayOES"));
 
-        makeCurrent();
+        makeContextCurrent();
         static const float vertices[9] = {};
         gles::enableVertexAttribArray(0);
         gles::vertexAttribPointer(0, 3, GL_FLOAT, GL_FALSE, 0, vertices);
@@ -194,7 +162,7 @@ using UnknownEgl = EGLBoolean(KV_APIENTRY *)(EGLDisplay, EGLint);
 TEST_F(Extensions, UnknownFunctionsGetOneStubPerNameAndAreRecordedByName) {
     useConfig(recording());
     KVTH_EXPECT_CHILD_PASSES([] {
-        Context c = makeCurrent();
+        CurrentContext c = makeContextCurrent();
         auto gl = proc<UnknownGl>("glKvthUnknownEXT");
         auto egl = proc<UnknownEgl>("eglKvthUnknownEXT");
         KVTH_CHILD_CHECK(gl && egl);
@@ -236,7 +204,7 @@ TEST_F(Extensions, ErrorsAreTheDriversWhateverHandedOutTheFunctions) {
     config.tracing = "\"RecordUnknownExtensionCalls\": false";
     useConfig(config);
     KVTH_EXPECT_CHILD_PASSES([] {
-        Context c = makeCurrent();
+        CurrentContext c = makeContextCurrent();
         // Not recorded: the OpenGL ES function is the host's own; the EGL one still a stub.
         auto gl = proc<UnknownGl>("glKvthUnknownEXT");
         auto egl = proc<UnknownEgl>("eglKvthUnknownEXT");
@@ -282,7 +250,7 @@ TEST_F(Extensions, ErrorsAreTheDriversWhateverHandedOutTheFunctions) {
 TEST_F(Extensions, AMissingHostFunctionIsAnsweredWithAMessageOnce) {
     useConfig(recording(egl11HostPath()));
     KVTH_EXPECT_CHILD_PASSES([] {
-        Context c = makeCurrent();
+        CurrentContext c = makeContextCurrent();
         KVTH_CHILD_CHECK(egl::createSync(c.display, EGL_SYNC_FENCE, nullptr) == EGL_NO_SYNC);
         KVTH_CHILD_CHECK(egl::createSync(c.display, EGL_SYNC_FENCE, nullptr) == EGL_NO_SYNC);
         KVTH_CHILD_CHECK(egl::swapInterval(c.display, 0) == EGL_TRUE);
@@ -299,7 +267,7 @@ TEST_F(Extensions, TheBlobCacheIsWithheldFromTheDriverUnlessAllowed) {
         config.internal = disable ? "" : "\"DisableBlobCache\": false";
         useConfig(config);
         KVTH_EXPECT_CHILD_PASSES([disable] {
-            Context c = makeCurrent();
+            CurrentContext c = makeContextCurrent();
             auto setFuncs = proc<PFNEGLSETBLOBCACHEFUNCSANDROIDPROC>("eglSetBlobCacheFuncsANDROID");
             KVTH_CHILD_CHECK(setFuncs != nullptr);
             setFuncs(c.display, handle<EGLSetBlobFuncANDROID>(0x5E7), handle<EGLGetBlobFuncANDROID>(0x6E7));
@@ -317,7 +285,7 @@ TEST_F(Extensions, ClientBufferContentsAreRecordedAtCreationAndWhenTheyChange) {
     config.tracing = "\"ClientBufferRecordFrequency\": 1";
     useConfig(config);
     KVTH_EXPECT_CHILD_PASSES([] {
-        Context c = makeCurrent();
+        CurrentContext c = makeContextCurrent();
         kvth_set_surface_size(4, 2);
         kvth_set_result("glCheckFramebufferStatus", GL_FRAMEBUFFER_COMPLETE);
         kvth_set_result("eglCreateImageKHR", 0x1A6E);
@@ -359,7 +327,7 @@ TEST_F(Extensions, ClientBufferContentsAreRecordedAtCreationAndWhenTheyChange) {
 TEST_F(Extensions, IndexedDrawsTakeTheElementBufferFromTheDriver) {
     useConfig(recording());
     KVTH_EXPECT_CHILD_PASSES([] {
-        makeCurrent();
+        makeContextCurrent();
         static const uint16_t indices[3] = {0, 1, 2};
         gles::bindBuffer(GL_ELEMENT_ARRAY_BUFFER, 7);
         gles::bufferData(GL_ELEMENT_ARRAY_BUFFER, sizeof(indices), indices, GL_STATIC_DRAW);
@@ -390,7 +358,7 @@ TEST_F(Extensions, IndexedDrawsTakeTheElementBufferFromTheDriver) {
 TEST_F(Extensions, PixelBufferOffsetsAreRecordedAsValuesTheReaderFollows) {
     useConfig(recording());
     KVTH_EXPECT_CHILD_PASSES([] {
-        makeCurrent();
+        makeContextCurrent();
         static uint8_t texels[4 * 4 * 4];
         gles::bindBuffer(GL_PIXEL_UNPACK_BUFFER, 5);
         gles::texImage2D(GL_TEXTURE_2D, 0, GL_RGBA, 4, 4, 0, GL_RGBA, GL_UNSIGNED_BYTE,

@@ -138,7 +138,7 @@ TEST_F(HostLibraryLoading, NoCandidateLoadingLeavesTheTableEmptyAndFailed) {
 
 class HostVersionGroups : public FreshProcessTest {};
 
-TEST_F(HostVersionGroups, CompleteEglHostFillsEveryGroupAndExtensionsComeFromItsGetProcAddress) {
+TEST_F(HostVersionGroups, CompleteHostsFillEveryGroupAndEglExtensionsComeFromItsGetProcAddress) {
     useConfig(hosts(testHostPath(), testHostPath()));
     KVTH_EXPECT_CHILD_PASSES([&] {
         const kv::SEglHost &egl = eglTable();
@@ -157,6 +157,10 @@ TEST_F(HostVersionGroups, CompleteEglHostFillsEveryGroupAndExtensionsComeFromIts
         for (uint32_t i = 0; i < extensions.count; ++i)
             expected.insert(extensions.symbols[i].name);
         KVTH_CHILD_CHECK(asked == expected);
+        const kv::GLESPPHost &es2 = es2Table();
+        KVTH_CHILD_CHECK(!es2.failed());
+        for (uint32_t g = 0; g < kv::kGLESPPHostGroupCount; ++g)
+            checkGroupResolved(es2, &es2.fn, kv::kGLESPPHostGroups[g]);
     });
     EXPECT_EQ(0u, countOf(childConsole(), "Warning failed to find")) << childConsole();
     EXPECT_EQ(0u, countOf(childConsole(), "Error getting function")) << childConsole();
@@ -180,17 +184,6 @@ TEST_F(HostVersionGroups, EglHostWithoutVersion12KeepsVersions10And11) {
     EXPECT_EQ(1u, countOf(console, "Warning failed to find EGL 1.2 functions")) << console;
     EXPECT_EQ(0u, countOf(console, "Warning failed to find EGL 1.1 functions")) << console;
     EXPECT_EQ(0u, countOf(console, "Warning failed to find EGL 1.5 functions")) << console;
-}
-
-TEST_F(HostVersionGroups, CompleteGlesHostFillsEveryGroup) {
-    useConfig(hosts(testHostPath(), testHostPath()));
-    KVTH_EXPECT_CHILD_PASSES([&] {
-        const kv::GLESPPHost &es2 = es2Table();
-        KVTH_CHILD_CHECK(!es2.failed());
-        for (uint32_t g = 0; g < kv::kGLESPPHostGroupCount; ++g)
-            checkGroupResolved(es2, &es2.fn, kv::kGLESPPHostGroups[g]);
-    });
-    EXPECT_EQ(0u, countOf(childConsole(), "Warning failed to find")) << childConsole();
 }
 
 // ---- Describing an EGL config -------------------------------------------------------------------

@@ -172,12 +172,6 @@ uint32_t TraceRecord::u32(size_t at) const {
     return v;
 }
 
-uint64_t TraceRecord::u64(size_t at) const {
-    uint64_t v = 0;
-    if (at + 8 <= payload.size()) std::memcpy(&v, payload.data() + at, 8);
-    return v;
-}
-
 std::vector<const TraceRecord *> TraceWalk::withId(uint16_t id) const {
     std::vector<const TraceRecord *> out;
     for (const TraceRecord &r : records)

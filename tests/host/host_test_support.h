@@ -112,7 +112,6 @@ struct TraceRecord {
     std::vector<uint8_t> payload;
 
     uint32_t u32(size_t at) const;
-    uint64_t u64(size_t at) const;
 };
 
 // The trace walked by its framing: the header, then u32 payload length, u16 id and the payload of

@@ -505,18 +505,6 @@ KVTH_API void kvth_set_result(const char *name, uint64_t value) {
     s.results[id] = value;
 }
 
-KVTH_API void kvth_set_gl_error(uint32_t error) {
-    auto &s = state();
-    std::lock_guard<std::mutex> guard(s.lock);
-    s.glError = error;
-}
-
-KVTH_API void kvth_set_egl_error(int32_t error) {
-    auto &s = state();
-    std::lock_guard<std::mutex> guard(s.lock);
-    s.eglError = error;
-}
-
 KVTH_API void kvth_raise_error_on(const char *name, uint32_t error) {
     uint16_t id = kvth_function_id(name);
     if (!id) return;

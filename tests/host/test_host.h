@@ -4,8 +4,8 @@
 // Every exported API function logs its call (its function id and its arguments as 64-bit slots)
 // and returns, in this order of preference: the result programmed with kvth_set_result, the
 // answer of the function's own behaviour, or 0 (EGL_TRUE for EGLBoolean results). Behaviours:
-//   glGetError                the first error raised (kvth_raise_error_on, kvth_set_gl_error, a
-//                             behaviour's) since it was last read; else GL_NO_ERROR
+//   glGetError                the first error raised (kvth_raise_error_on, a behaviour's) since
+//                             it was last read; else GL_NO_ERROR
 //   eglGetError               the error of the latest EGL call, once; else EGL_SUCCESS (every EGL
 //                             call sets it, to EGL_SUCCESS unless the call raises an error)
 //   eglGetProcAddress         the host's own exported function of that name, or null
@@ -54,10 +54,6 @@ KVTH_API void *kvth_function_address(const char *name);
 
 // Every later call of `name` returns `value` (a 64-bit slot: integers, pointers, float bits).
 KVTH_API void kvth_set_result(const char *name, uint64_t value);
-// The next glGetError returns `error`, once; so does the next eglGetError unless another EGL call
-// comes first.
-KVTH_API void kvth_set_gl_error(uint32_t error);
-KVTH_API void kvth_set_egl_error(int32_t error);
 // The next call of `name` raises `error` in its API, for the next error query to return.
 KVTH_API void kvth_raise_error_on(const char *name, uint32_t error);
 // What eglQuerySurface answers for EGL_WIDTH and EGL_HEIGHT (64 by 64 after loading).

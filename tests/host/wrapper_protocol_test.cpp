@@ -3,10 +3,8 @@
 // running once. Each configuration runs in a process of its own (the library reads its settings
 // once per process); the trace is read back once the process has ended.
 #include "core/functions_autogen.h"
-#include "entry/entries_autogen.h"
 #include "tests/host/all_entries.h"
-#include "tests/host/host_test_support.h"
-#include "tests/host/test_host.h"
+#include "tests/host/current_context.h"
 #include "tests/unit/test_support.h"
 #include "trace/format.h"
 #include "trace/reader.h"
@@ -35,11 +33,6 @@ LibraryConfig recording() {
     config.es2Host = testHostPath();
     config.traceFile = workPath("trace.kalvoren");
     return config;
-}
-
-template <class T>
-T handle(uint64_t value) {
-    return reinterpret_cast<T>(static_cast<uintptr_t>(value));
 }
 
 uint64_t slotOf(float value) {
@@ -84,36 +77,6 @@ void checkHostSaw(uint32_t first, const std::vector<HostCall> &expected, int lin
         same = seen[i].name == expected[i].name && seen[i].arguments == expected[i].arguments;
     if (!same)
         childFailure(__FILE__, line, "the host saw " + describe(seen) + "; expected " + describe(expected));
-}
-
-// In the child: an initialised display and an OpenGL ES 3 context current on a pbuffer, made
-// through the library as an application would.
-struct CurrentContext {
-    EGLDisplay display = EGL_NO_DISPLAY;
-    EGLConfig config = nullptr;
-    EGLContext context = EGL_NO_CONTEXT;
-    EGLSurface surface = EGL_NO_SURFACE;
-};
-
-CurrentContext makeContextCurrent() {
-    kvth_set_result("eglGetDisplay", 0xD15);
-    kvth_set_result("eglCreateContext", 0xC7C);
-    kvth_set_result("eglCreatePbufferSurface", 0x5F5);
-    CurrentContext c;
-    c.display = egl::getDisplay(EGL_DEFAULT_DISPLAY);
-    EGLint major = 0, minor = 0;
-    KVTH_CHILD_CHECK(egl::initialize(c.display, &major, &minor) == EGL_TRUE);
-    const EGLint configAttributes[] = {EGL_RENDERABLE_TYPE, EGL_OPENGL_ES3_BIT, EGL_NONE};
-    EGLint configs = 0;
-    KVTH_CHILD_CHECK(egl::chooseConfig(c.display, configAttributes, &c.config, 1, &configs) == EGL_TRUE);
-    KVTH_CHILD_CHECK_EQ(kKvthConfig, reinterpret_cast<uintptr_t>(c.config));
-    const EGLint contextAttributes[] = {EGL_CONTEXT_CLIENT_VERSION, 3, EGL_NONE};
-    c.context = egl::createContext(c.display, c.config, EGL_NO_CONTEXT, contextAttributes);
-    const EGLint surfaceAttributes[] = {EGL_WIDTH, 64, EGL_HEIGHT, 64, EGL_NONE};
-    c.surface = egl::createPbufferSurface(c.display, c.config, surfaceAttributes);
-    KVTH_CHILD_CHECK(egl::makeCurrent(c.display, c.surface, c.surface, c.context) == EGL_TRUE);
-    KVTH_CHILD_CHECK_EQ(EGL_SUCCESS, egl::getError());
-    return c;
 }
 
 std::string traceSummary(const TraceWalk &t) {
@@ -256,28 +219,29 @@ TEST_F(RecordedErrors, EglErrorIsRecordedWithTheCallAndAnsweredByTheLibrary) {
 
 class RecursionGuard : public FreshProcessTest {};
 
-TEST_F(RecursionGuard, EglHostNamingTheLibraryItselfEndsTheProcess) {
-    LibraryConfig config = recording();
-    config.eglHost = libraryPath();
-    useConfig(config);
-    EXPECT_EXIT(inChild([] { egl::getDisplay(EGL_DEFAULT_DISPLAY); }), exitedWithMinusOne, "");
-    EXPECT_EQ(1u, countOf(childConsole(), kRecursionMessage)) << childConsole();
-}
-
-TEST_F(RecursionGuard, EglHostNamingTheEglFrontLibraryEndsTheProcess) {
-    LibraryConfig config = recording();
-    config.eglHost = workPath("missing-egl.so") + ";" + eglFrontPath();
-    useConfig(config);
-    EXPECT_EXIT(inChild([] { egl::getDisplay(EGL_DEFAULT_DISPLAY); }), exitedWithMinusOne, "");
-    EXPECT_EQ(1u, countOf(childConsole(), kRecursionMessage)) << childConsole();
-}
-
-TEST_F(RecursionGuard, GlesHostNamingTheGlesFrontLibraryEndsTheProcess) {
-    LibraryConfig config = recording();
-    config.es2Host = gles2FrontPath();
-    useConfig(config);
-    EXPECT_EXIT(inChild([] { gles::clear(GL_COLOR_BUFFER_BIT); }), exitedWithMinusOne, "");
-    EXPECT_EQ(1u, countOf(childConsole(), kRecursionMessage)) << childConsole();
+// A host path that names the library itself or one of its front libraries would load the library
+// into itself: the first call that loads the host ends the process with the message, once.
+TEST_F(RecursionGuard, AHostNamingTheLibraryOrAFrontEndsTheProcess) {
+    const struct {
+        const char *name;
+        std::string eglHost, es2Host;
+        void (*call)();
+    } cases[] = {
+        {"the library as EGL host", libraryPath(), testHostPath(),
+         [] { egl::getDisplay(EGL_DEFAULT_DISPLAY); }},
+        {"the EGL front, second in the list", workPath("missing-egl.so") + ";" + eglFrontPath(),
+         testHostPath(), [] { egl::getDisplay(EGL_DEFAULT_DISPLAY); }},
+        {"the GLES front as GLES host", testHostPath(), gles2FrontPath(),
+         [] { gles::clear(GL_COLOR_BUFFER_BIT); }},
+    };
+    for (const auto &c : cases) {
+        LibraryConfig config = recording();
+        config.eglHost = c.eglHost;
+        config.es2Host = c.es2Host;
+        useConfig(config);
+        EXPECT_EXIT(inChild(c.call), exitedWithMinusOne, "") << c.name;
+        EXPECT_EQ(1u, countOf(childConsole(), kRecursionMessage)) << c.name << ": " << childConsole();
+    }
 }
 
 // ---- Every wrapper ----------------------------------------------------------------------------

@@ -1,6 +1,9 @@
 #!/usr/bin/env bash
-# OpenGL ES 1.1 programs that use the OES extensions, through the front libraries on Mesa:
+# OpenGL ES 1.1 programs through the front libraries on Mesa:
 #
+# es1    es1_program: the same pixels and answers traced and untraced, a trace with no problems that
+#        holds every byte of every client array the draws read, and that replays to the frames the
+#        program drew
 # oes    framebuffer objects, a buffer written through glMapBufferOES, a point size array and a
 #        multi-draw: the same pixels traced and untraced, a trace with no problems that holds what
 #        each mapping held and every array byte the draws read, and that replays to the frames the
@@ -11,14 +14,14 @@
 #        the trace starts with the snapshot of what they made and set before, and replays to the
 #        frames they drew
 #
-#   es1_oes_test.sh BUILD_DIR PROGRAM ES1_PROGRAM [oes|mixed|late]...     (default: all)
+#   es1_oes_test.sh BUILD_DIR PROGRAM ES1_PROGRAM [es1|oes|mixed|late]...     (default: all)
 set -u
 build=$(cd "${1:?usage: es1_oes_test.sh BUILD_DIR PROGRAM [PART]...}" && pwd)
 program=${2:?usage: es1_oes_test.sh BUILD_DIR PROGRAM ES1_PROGRAM [PART]...}
 es1_program=${3:?usage: es1_oes_test.sh BUILD_DIR PROGRAM ES1_PROGRAM [PART]...}
 shift 3
 parts=("$@")
-[ ${#parts[@]} -eq 0 ] && parts=(oes mixed late)
+[ ${#parts[@]} -eq 0 ] && parts=(es1 oes mixed late)
 kalvoren=$build/bin/kalvoren
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
@@ -62,6 +65,57 @@ checked() {
 
 for part in "${parts[@]}"; do
     case $part in
+    es1)
+        # es1_program alone: every client array byte of its draws from client memory (A and B) in
+        # the trace, none for the draw from buffers (C).
+        (cd "$work" && "$es1_program" $frames plain1.rgba expected1.bin >plain1.out 2>&1)
+        plain=$?
+        traced es1 "" -- "$es1_program" $frames "$work/es1.rgba"
+        status=$?
+        [ $plain -eq 0 ] && [ $status -eq 0 ] && pass "es1: exit status 0 both ways" ||
+            { fail "es1: exit status plain $plain, traced $status"; cat "$work/es1.err"; }
+        cmp -s "$work/plain1.rgba" "$work/es1.rgba" && pass "es1: pixels identical traced and untraced" ||
+            fail "es1: pixels differ traced and untraced"
+        # The program's view: the same strings (the renderer with the recorder's version) and errors.
+        sed 's/ + Kalvoren v[^ ]* ([^)]*)//' "$work/es1.out" | cmp -s - "$work/plain1.out" &&
+            grep -q '+ Kalvoren v' "$work/es1.out" && pass "es1: same strings and errors; version appended to GL_RENDERER" ||
+            { fail "es1: the program saw something else traced"; diff "$work/plain1.out" "$work/es1.out"; }
+        grep -q 'OpenGL ES 2 state' "$work/es1.err" && fail "es1: ES1 calls reached the ES2 state"
+        "$kalvoren" dump --json --function glDrawArrays,glDrawElements "$work/es1.kalvoren" >"$work/draws.json"
+        python3 - "$work/draws.json" "$work/es1.kalvoren" "$work/expected1.bin" <<'PY' &&
+import json, sys
+draws = [json.loads(l) for l in open(sys.argv[1])]
+trace = open(sys.argv[2], "rb").read()
+expected = open(sys.argv[3], "rb").read()
+sizes = {0: 72, 1: 72, 2: 96, 8: 48, 9: 24}
+offsets, at = {}, 0
+for key in (0, 1, 2, 8, 9):
+    offsets[key] = expected[at:at + sizes[key]]
+    at += sizes[key]
+checked = 0
+for d in draws:
+    parts = d["args"]["arrays"]["parts"]
+    blocks = {b["part"]: b for b in d["blocks"]}
+    attribs = {p["index"]: (i, p) for i, p in enumerate(parts) if p["kind"] == "attrib"}
+    indices = [p for p in parts if p["kind"] == "indices"]
+    if indices and indices[0].get("count", 0) > 0:
+        b = blocks[0]
+        got = trace[b["offset"]:b["offset"] + b["size"]]
+        assert got == bytes([5, 0, 3, 1]), ("indices", got)
+    if not attribs:
+        assert indices and indices[0].get("count", 0) == 0, "a buffer draw recorded arrays"
+        continue
+    assert sorted(attribs) == [0, 1, 2, 8, 9], sorted(attribs)
+    for key, (i, p) in attribs.items():
+        b = blocks[i]
+        got = trace[b["offset"]:b["offset"] + b["size"]]
+        assert not b["compressed"] and got == offsets[key], (d["index"], key, len(got))
+        checked += 1
+assert checked == 30, checked  # 5 arrays, 2 draws, 3 frames
+PY
+            pass "es1: every client array byte of every draw is in the trace" || fail "es1: client arrays"
+        checked es1 $frames
+        ;;
     oes)
         (cd "$work" && "$program" oes $frames plain.rgba expected.bin >plain.out 2>&1)
         plain=$?

@@ -1,5 +1,6 @@
 // Frame range control: which calls are recorded as the frames go by, the snapshot markers at the
-// start of a range, the end marker after it, and the end of the process after the last frame.
+// start of a range and the end marker after it. (The end of the process after the last frame:
+// RealPrograms.ExitsAfterTheLastFrameWithACompleteTrace, on a real program.)
 #include "trace/frame_control.h"
 #include "core/settings.h"
 #include "tests/unit/test_support.h"
@@ -146,39 +147,6 @@ TEST(FrameRangeThreads, AnotherThreadsFirstCallInTheRangeBringsItsOwnSnapshot) {
     std::string problem;
     EXPECT_EQ(describe(t.closeAndWalk(&problem), {{platform::threadId(), "M"}, {other, "W"}}),
               "T:M S S r1 T:W S S r1 r1 T:M r1");
-}
-
-// Reads the size of a trace header from its three texts.
-size_t headerSize(const std::vector<uint8_t> &file) {
-    size_t at = 18;
-    for (int text = 0; text < 3 && at < file.size(); ++text)
-        at += 1 + std::max<size_t>(file[at], 1);
-    return at + 1 + 4 + 4 + 4 + 1 + 41 + 1 + 32 + 4 + 4;
-}
-
-[[noreturn]] void recordUntilTheProcessEnds(const std::string &path) {
-    test::TraceSession t(path);
-    Settings &s = t.settings();
-    s.exitOnLastFrame = true;
-    for (int frame = 0; frame < 3; ++frame) {
-        call(s);
-        frames::frameEnded(s);
-    }
-    test::exitWith(false);
-}
-
-// With ExitOnLastFrame the first call after the range ends the process with exit code 0, after the
-// trace was completed and closed.
-TEST(FrameRangeExit, EndsTheProcessAfterClosingACompleteTrace) {
-    const std::string path = test::scratchPath("range_exit.kalvoren");
-    EXPECT_EXIT(recordUntilTheProcessEnds(path), ::testing::ExitedWithCode(0), "");
-    std::vector<uint8_t> file = test::readFile(path);
-    ASSERT_GT(file.size(), 16u);
-    std::string problem;
-    std::vector<TraceItem> items = test::walkTrace(file, headerSize(file), &problem);
-    EXPECT_EQ(problem, "");
-    ASSERT_FALSE(items.empty());
-    EXPECT_EQ(describe(items, {{items[0].thread, "M"}}), "T:M r0 E");
 }
 
 } // namespace

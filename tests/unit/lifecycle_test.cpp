@@ -1,5 +1,6 @@
-// What exists once per process and once per thread: the module handle registry, the per-thread
-// call records, the host library paths and the settings record with its trace file.
+// What exists once per process: the module handle registry, the host library paths and the
+// settings record with its trace file. (Per-thread records and thread markers: roundtrip_test.cpp
+// and threads_program.)
 #include "core/lifecycle.h"
 #include "core/settings.h"
 #include "tests/unit/test_support.h"
@@ -7,9 +8,7 @@
 
 #include <gtest/gtest.h>
 
-#include <future>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace kv {
@@ -34,44 +33,6 @@ TEST(LibraryHandles, EachAddNeedsItsRelease) {
     EXPECT_TRUE(isLibraryHandle(b));
     ReleaseLibHandle(b);
     EXPECT_FALSE(isLibraryHandle(b));
-}
-
-// Every thread has a record of its own, named by its own thread id, made on first use, also for a
-// thread that was running before anything asked for records.
-TEST(ThreadRecords, EachThreadHasItsOwn) {
-    std::promise<void> mainHasOne;
-    std::shared_future<void> ready = mainHasOne.get_future().share();
-    struct Seen {
-        CallRecord *record = nullptr;
-        uint64_t recordThread = 0, thread = 0;
-        bool stable = false;
-    };
-    std::vector<Seen> seen(2);
-    std::vector<std::thread> threads;
-    for (Seen &s : seen)
-        threads.emplace_back([&s, ready] {
-            ready.wait();
-            s.thread = platform::threadId();
-            s.record = &threadRecord();
-            s.recordThread = s.record->threadId;
-            s.stable = &threadRecord() == s.record;
-            platform::runThreadCleanups();
-        });
-
-    CallRecord &mine = threadRecord();
-    EXPECT_EQ(&threadRecord(), &mine);
-    EXPECT_EQ(mine.threadId, platform::threadId());
-    mainHasOne.set_value();
-    for (auto &t : threads)
-        t.join();
-
-    for (const Seen &s : seen) {
-        EXPECT_TRUE(s.stable);
-        EXPECT_EQ(s.recordThread, s.thread);
-        EXPECT_NE(s.record, &mine);
-        EXPECT_NE(s.thread, mine.threadId);
-    }
-    EXPECT_NE(seen[0].thread, seen[1].thread);
 }
 
 // A Host path from the configuration is what the host tables use; the default search fills only

@@ -107,24 +107,8 @@ TEST_P(OutputStreamTest, ClientMemoryThatCannotBeReadIsWrittenAsZeros) {
     EXPECT_EQ(test::readFile(file), expected);
 }
 
-// The mapping starts with a few MiB and grows as needed; the file ends where the writing ended.
-TEST_P(OutputStreamTest, GrowsPastItsFirstChunk) {
-    const std::string file = path("growth");
-    auto out = openStream(file, GetParam());
-    ASSERT_TRUE(out);
-    std::vector<uint8_t> piece = pattern((1u << 20) + 1, 3);
-    std::vector<uint8_t> expected;
-    for (int i = 0; i < 9; ++i) {
-        ASSERT_TRUE(out->write(piece.data(), piece.size())) << "piece " << i;
-        expected.insert(expected.end(), piece.begin(), piece.end());
-    }
-    EXPECT_EQ(out->tell(), expected.size());
-    out->commit();
-    out->close();
-    EXPECT_TRUE(test::readFile(file) == expected);
-}
-
-// Far more than the mapped window: the window moves along, and earlier bytes can still be read
+// Far more than the mapped window (the mapping starts with a few MiB and grows as needed; the
+// file ends where the writing ended): the window moves along, and earlier bytes can still be read
 // back and patched (a record's length, a surface's size) wherever they lie.
 TEST_P(OutputStreamTest, WritesFarBeyondOneWindowAndPatchesBehindIt) {
     const std::string file = path("window");

@@ -165,9 +165,13 @@ TEST_P(RoundTrip, EveryRecordShapeReadsBackAsWritten) {
             // A call made by the recorder while it records gets no record of its own.
             RecordHandle nested = trace::begin(fn::glFlush::id);
             EXPECT_FALSE(nested);
+            EXPECT_EQ(nested.size(), 0u);
             trace::finish(nested);
+            // The nested begin took the recording lock and finishing its null handle keeps it.
+            EXPECT_EQ(trace::recordLock().count(), 2u);
+            EXPECT_EQ(trace::recordLock().owner(), platform::threadId());
             trace::finish(h);
-            // The nested begin kept its hold on the recording lock; give it back.
+            EXPECT_EQ(trace::recordLock().count(), 1u);
             trace::recordLock().unlock();
         }
 

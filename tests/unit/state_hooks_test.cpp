@@ -1,5 +1,8 @@
 // The shadow state as the OpenGL ES hooks keep it: each hook is run as the wrapper runs it after an
-// accepted host call, on a context made current in the EGL state (no driver involved).
+// accepted host call, on a context made current in the EGL state (no driver involved), plus the
+// context records themselves (version codes, share groups). Only the rules a real program would
+// rarely reach are here: the snapshot programs of tests/integration (replay_test.sh late) start
+// traces late and replay them to the pixels they drew, which checks the ordinary state as a whole.
 #include "entry/hooks.h"
 #include "state/context_state.h"
 #include "state/egl_state.h"
@@ -224,6 +227,16 @@ TEST_F(StateHooks, FramebufferAttachmentsAndRenderbuffers) {
     call<fn::glDrawBuffers>(1, static_cast<const GLenum *>(kUnreadable));
     EXPECT_EQ(2u, fb.drawBuffers.size());
 
+    // Beyond the sixteen colour slots, or on the default framebuffer: nothing.
+    call<fn::glFramebufferTexture2D>(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0 + 16, GL_TEXTURE_2D, 13, 0);
+    call<fn::glBindFramebuffer>(GL_READ_FRAMEBUFFER, 0);
+    call<fn::glFramebufferTexture2D>(GL_READ_FRAMEBUFFER, GL_COLOR_ATTACHMENT1, GL_TEXTURE_2D, 14, 0);
+    for (const AttachmentSlot &color : fb.color)
+        EXPECT_TRUE(color.name != 13 && color.name != 14);
+    // Deleting a texture leaves a renderbuffer of the same name attached.
+    call<fn::glDeleteTextures>(1, names + 1);
+    EXPECT_EQ(6u, fb.stencil.name);
+
     const GLuint doomed[] = {0, 6};
     call<fn::glDeleteRenderbuffers>(2, doomed);
     EXPECT_EQ(0u, state().renderbuffers.count(6));
@@ -320,8 +333,9 @@ TEST_F(StateHooks, ShaderSourceFollowsTheLengthRules) {
 TEST_F(StateHooks, ProgramsKeepWhatRelinkingNeeds) {
     CallCtx c;
     c.d.callHost = true;
-    GLuint program = 30;
+    GLuint program = 30, shader = 21;
     Hooks<fn::glCreateProgram>::after(c, program);
+    Hooks<fn::glCreateShader>::after(c, shader, GL_VERTEX_SHADER);
     call<fn::glAttachShader>(30, 21);
     call<fn::glBindAttribLocation>(30, 2, "position");
     const GLchar *varyings[] = {"outA", "outB"};
@@ -376,6 +390,11 @@ TEST_F(StateHooks, ProgramsKeepWhatRelinkingNeeds) {
     EXPECT_TRUE(record.uniformNames.empty());
     EXPECT_TRUE(record.uniformBlockNames.empty());
 
+    // A deleted shader lives while attached, a deleted program while in use.
+    call<fn::glDeleteShader>(21);
+    EXPECT_TRUE(shared().shaders.at(21).deleted);
+    call<fn::glDetachShader>(30, 21);
+    EXPECT_EQ(0u, shared().shaders.count(21));
     call<fn::glDeleteProgram>(30);
     EXPECT_TRUE(shared().programs.at(30).deleted);
     call<fn::glUseProgram>(0);
@@ -510,19 +529,137 @@ TEST_F(StateHooks, SamplersQueriesTransformFeedbackAndSyncs) {
     EXPECT_EQ(static_cast<GLenum>(GL_RGBA8), state().imageUnits.at(1).format);
 }
 
-TEST_F(StateHooks, SharedObjectsAreSeenByTheOtherContextsOfTheGroup) {
-    const EGLint attributes[] = {EGL_CONTEXT_CLIENT_VERSION, 3, EGL_NONE};
-    EGLContext otherContext = reinterpret_cast<EGLContext>(uintptr_t(0x5ca1f000));
-    auto other = egl::addContext(display(), nullptr, context_, otherContext, attributes, {});
-    GLuint names[1] = {70};
-    call<fn::glGenBuffers>(1, names);
-    call<fn::glBindBuffer>(GL_ARRAY_BUFFER, 70);
-    call<fn::glBufferData>(GL_ARRAY_BUFFER, 3, "abc", GL_STATIC_DRAW);
-    egl::threadState().current = other;
-    EXPECT_EQ(3u, other->es2->shared().buffers.at(70).contents.size());
-    EXPECT_EQ(0u, other->es2->bufferBinding(GL_ARRAY_BUFFER)); // bindings are the context's own
-    egl::threadState().current = record_;
-    egl::removeContext(display(), otherContext);
+// Indexed capabilities, layered attachments and separate vertex formats: rules of their own.
+TEST_F(StateHooks, IndexedCapabilitiesLayersAndSeparateFormats) {
+    call<fn::glEnablei>(GL_BLEND, 1);
+    call<fn::glEnablei>(GL_BLEND, 3);
+    call<fn::glEnablei>(GL_DEPTH_TEST, 0);
+    call<fn::glDisable>(GL_BLEND); // the plain call overrides the indexed entries of its capability
+    EXPECT_FALSE(state().capabilities.at(GL_BLEND));
+    EXPECT_EQ(0u, state().indexedCapabilities.count({GL_BLEND, 1}));
+    EXPECT_EQ(1u, state().indexedCapabilities.count({GL_DEPTH_TEST, 0}));
+
+    shared().textures[4].target = GL_TEXTURE_2D_ARRAY;
+    call<fn::glBindFramebuffer>(GL_FRAMEBUFFER, 1);
+    call<fn::glFramebufferTextureLayer>(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, 4, 1, 5);
+    const AttachmentSlot &slot = state().framebuffers.at(1).color[0];
+    EXPECT_EQ(static_cast<GLenum>(GL_TEXTURE_2D_ARRAY), slot.textureTarget); // the texture's target
+    EXPECT_EQ(5, slot.layer);
+    EXPECT_FALSE(slot.layered);
+    call<fn::glFramebufferTexture>(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, 4, 0);
+    EXPECT_EQ(-1, slot.layer);
+    EXPECT_TRUE(slot.layered);
+    call<fn::glFramebufferTexture2D>(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, 4, 0);
+    EXPECT_FALSE(slot.layered);
+
+    call<fn::glVertexAttribFormat>(0, 2, GL_INT, GL_FALSE, 8);
+    call<fn::glVertexAttribBinding>(0, 3);
+    call<fn::glBindVertexBuffer>(3, 11, 64, 24);
+    call<fn::glVertexBindingDivisor>(3, 4);
+    const VaoRecord &vao = state().currentVao();
+    EXPECT_EQ(3u, vao.attributeBinding.at(0));
+    EXPECT_EQ(8u, vao.attributes.at(0).relativeOffset);
+    EXPECT_EQ(11u, vao.bindings.at(3).buffer);
+    EXPECT_EQ(24u, vao.bindings.at(3).stride);
+    // glVertexAttribDivisor goes back to the attribute's own binding.
+    call<fn::glVertexAttribDivisor>(0, 1);
+    EXPECT_EQ(0u, vao.attributeBinding.at(0));
+    EXPECT_EQ(1u, vao.bindings.at(0).divisor);
+    EXPECT_EQ(4u, vao.bindings.at(3).divisor);
+}
+
+// Uniform values of array elements are kept per location and never overlap; they reach the
+// pipeline's active program when no program is in use.
+TEST_F(StateHooks, ArrayUniformValuesNeverOverlap) {
+    auto words = [](std::initializer_list<uint32_t> w) { return std::vector<uint32_t>(w); };
+    CEs2ContextState &s = state();
+    s.useProgram(3);
+    s.setUniform(0, 2, 1, 4, GL_FALSE, words({10, 11, 12, 13}));
+    s.setUniform(0, 3, 2, 1, GL_FALSE, words({21}));
+    const auto &uniforms = shared().programs.at(3).uniforms;
+    ASSERT_EQ(3u, uniforms.size());
+    EXPECT_EQ(words({10}), uniforms.at(2).words);
+    EXPECT_EQ(words({21}), uniforms.at(3).words);
+    EXPECT_EQ(2u, uniforms.at(3).call);
+    EXPECT_EQ(words({12, 13}), uniforms.at(4).words);
+    EXPECT_EQ(2, uniforms.at(4).count);
+    // Two-word elements, starting before the kept values and ending inside the last of them.
+    s.setUniform(0, 1, 5, 4, GL_TRUE, words({1, 1, 2, 2, 3, 3, 4, 4}));
+    ASSERT_EQ(2u, uniforms.size());
+    EXPECT_EQ(4, uniforms.at(1).count);
+    EXPECT_EQ(words({13}), uniforms.at(5).words);
+    EXPECT_EQ(1, uniforms.at(5).count);
+    s.linkProgram(3);
+    EXPECT_TRUE(uniforms.empty());
+    s.setUniform(0, -1, 1, 1, GL_FALSE, words({1})); // no location: nothing kept
+    EXPECT_TRUE(uniforms.empty());
+
+    s.useProgram(0);
+    call<fn::glBindProgramPipeline>(4);
+    call<fn::glActiveShaderProgram>(4, 8);
+    s.setUniform(0, 0, 1, 1, GL_FALSE, {7});
+    EXPECT_EQ(1u, shared().programs.at(8).uniforms.count(0));
+    s.useProgram(9); // a program in use comes first
+    s.setUniform(0, 0, 1, 1, GL_FALSE, {7});
+    EXPECT_EQ(1u, shared().programs.at(9).uniforms.count(0));
+}
+
+// The config decides the version, not the version asked for (ES2 on an ES3 config is ES3.0);
+// version 1, said or left unsaid, is ES1 whatever the config; without a renderable type, the newest.
+TEST(ContextRecords, VersionCodesAndShareGroups) {
+    const EGLint v1[] = {EGL_CONTEXT_CLIENT_VERSION, 1, EGL_NONE};
+    const EGLint v2[] = {EGL_CONTEXT_CLIENT_VERSION, 2, EGL_NONE};
+    const EGLint v3[] = {EGL_CONTEXT_CLIENT_VERSION, 3, EGL_NONE};
+    const EGLint v31[] = {EGL_CONTEXT_MINOR_VERSION_KHR, 1, EGL_CONTEXT_CLIENT_VERSION, 3, EGL_NONE};
+    const EGLint v32[] = {EGL_CONTEXT_CLIENT_VERSION, 3, EGL_CONTEXT_MINOR_VERSION_KHR, 2, EGL_NONE};
+    const EGLint es3 = EGL_OPENGL_ES3_BIT_KHR | EGL_OPENGL_ES2_BIT;
+    auto renderable = [](EGLint bits) {
+        return std::vector<EGLint>{EGL_RED_SIZE, 8, EGL_RENDERABLE_TYPE, bits, EGL_NONE};
+    };
+    const struct {
+        const EGLint *attributes;
+        std::vector<EGLint> config;
+        uint32_t code;
+    } cases[] = {
+        {v2, renderable(es3), 3},
+        {v3, renderable(es3), 3},
+        {v31, renderable(es3), 4},
+        {v32, renderable(es3), 5},
+        {v2, renderable(EGL_OPENGL_ES2_BIT), 2},
+        {v3, renderable(EGL_OPENGL_ES2_BIT), 2},
+        {v2, renderable(EGL_OPENGL_ES_BIT), 1},
+        {v3, {}, 5},
+        {v2, {EGL_RED_SIZE, 8, EGL_NONE}, 5},
+        {v1, renderable(es3), 1},
+        {nullptr, renderable(es3), 1},
+    };
+    for (size_t i = 0; i < sizeof(cases) / sizeof(cases[0]); ++i)
+        EXPECT_EQ(cases[i].code, egl::apiVersionCode(cases[i].attributes, cases[i].config)) << "case " << i;
+
+    // A share context of another display is no share context; the group outlives its maker. (That
+    // the contexts of a group see one another's objects: threads_program started late, in
+    // replay_test.sh.)
+    auto display = [](uintptr_t n) { return reinterpret_cast<EGLDisplay>(0x7e570000u + n); };
+    auto context = [](uintptr_t n) { return reinterpret_cast<EGLContext>(0x7c0e0000u + n); };
+    auto first = egl::addContext(display(1), nullptr, EGL_NO_CONTEXT, context(1), v3, {});
+    auto second = egl::addContext(display(1), nullptr, context(1), context(2), v3, {});
+    auto elsewhere = egl::addContext(display(2), nullptr, context(1), context(3), v3, {});
+    auto es1 = egl::addContext(display(1), nullptr, EGL_NO_CONTEXT, context(4), v1, {});
+    auto es1Shared = egl::addContext(display(1), nullptr, context(4), context(5), v1, {});
+    ASSERT_TRUE(first->es2 && second->es2 && elsewhere->es2 && es1->es1 && es1Shared->es1);
+    EXPECT_EQ(nullptr, es1->es2);
+    EXPECT_EQ(&es1->es1->shared(), &es1Shared->es1->shared()); // ES1 contexts share their objects too
+    EXPECT_EQ(first->es2->resources().get(), second->es2->resources().get());
+    EXPECT_NE(first->es2->resources().get(), elsewhere->es2->resources().get());
+    first->es2->shared().buffers[7];
+    egl::removeContext(display(1), context(1));
+    first.reset();
+    EXPECT_EQ(1u, second->es2->shared().buffers.count(7));
+    EXPECT_EQ(1, second->es2->resources().useCount());
+    egl::removeContext(display(1), context(2));
+    egl::removeContext(display(2), context(3));
+    egl::removeContext(display(1), context(4));
+    egl::removeContext(display(1), context(5));
 }
 
 } // namespace

@@ -146,11 +146,6 @@ std::string debuggerText() {
     return std::string(bytes.begin(), bytes.end());
 }
 
-void exitWith(bool ok) {
-    std::fflush(nullptr);
-    std::_Exit(ok ? 0 : 1);
-}
-
 // ---- Traces -----------------------------------------------------------------------------------
 
 std::vector<TraceItem> walkTrace(const std::vector<uint8_t> &file, uint64_t from, std::string *problem) {

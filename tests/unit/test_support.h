@@ -1,6 +1,6 @@
 // Helpers shared by the unit tests of the library's spine: a scratch directory, capture of what the
-// library writes to the console, memory that cannot be read, a lowered file size limit, trace
-// files opened on the process settings and a walker over the items of a trace.
+// library writes to the console, memory that cannot be read, limits of the system, trace files
+// opened on the process settings and a walker over the items of a trace.
 //
 // The test program reads its configuration from a file in the scratch directory (KALVOREN_CONFIG
 // is set before any test runs, unless the caller set it): every process matches the section "*",
@@ -97,21 +97,6 @@ private:
     size_t pageSize_ = 0;
 };
 
-// Lowers the size a file of this process may reach (SIGXFSZ ignored) until the object goes away.
-// active() is false where there is no such limit.
-class FileSizeLimit {
-public:
-    explicit FileSizeLimit(uint64_t bytes);
-    ~FileSizeLimit();
-    FileSizeLimit(const FileSizeLimit &) = delete;
-    FileSizeLimit &operator=(const FileSizeLimit &) = delete;
-    bool active() const { return active_; }
-
-private:
-    bool active_ = false;
-    uint64_t old_[2] = {};
-};
-
 // A file name that exists and always fails writes with "no space left", or empty where there is none.
 std::string alwaysFullDevice();
 // Lowers the address space this process may use to `bytes` (for good); false where the system
@@ -121,9 +106,6 @@ bool limitAddressSpace(uint64_t bytes);
 std::string endlessDevice();
 // Makes a FIFO at `path`; false where the system has none.
 bool makeFifo(const std::string &path);
-
-// Ends the process at once (no exit handlers) with code 0 when `ok`, else 1.
-[[noreturn]] void exitWith(bool ok);
 
 // ---- Traces -----------------------------------------------------------------------------------
 

@@ -2,7 +2,6 @@
 #include "tests/unit/test_support.h"
 
 #include <fcntl.h>
-#include <signal.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -57,33 +56,6 @@ void GuardedPages::revokeReadable() {
 
 GuardedPages::~GuardedPages() {
     ::munmap(base_, 2 * pageSize_);
-}
-
-namespace {
-struct sigaction g_oldXfsz;
-}
-
-FileSizeLimit::FileSizeLimit(uint64_t bytes) {
-    struct rlimit old;
-    if (::getrlimit(RLIMIT_FSIZE, &old) != 0) return;
-    old_[0] = old.rlim_cur;
-    old_[1] = old.rlim_max;
-    struct sigaction ignore = {};
-    ignore.sa_handler = SIG_IGN;
-    ::sigaction(SIGXFSZ, &ignore, &g_oldXfsz);
-    struct rlimit lowered = old;
-    lowered.rlim_cur = static_cast<rlim_t>(bytes);
-    active_ = ::setrlimit(RLIMIT_FSIZE, &lowered) == 0;
-    if (!active_) ::sigaction(SIGXFSZ, &g_oldXfsz, nullptr);
-}
-
-FileSizeLimit::~FileSizeLimit() {
-    if (!active_) return;
-    struct rlimit old;
-    old.rlim_cur = static_cast<rlim_t>(old_[0]);
-    old.rlim_max = static_cast<rlim_t>(old_[1]);
-    ::setrlimit(RLIMIT_FSIZE, &old);
-    ::sigaction(SIGXFSZ, &g_oldXfsz, nullptr);
 }
 
 std::string alwaysFullDevice() {

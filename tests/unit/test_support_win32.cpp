@@ -63,10 +63,6 @@ GuardedPages::~GuardedPages() {
     ::VirtualFree(base_, 0, MEM_RELEASE);
 }
 
-// Windows has no per-process file size limit.
-FileSizeLimit::FileSizeLimit(uint64_t) {}
-FileSizeLimit::~FileSizeLimit() {}
-
 bool limitAddressSpace(uint64_t) {
     return false;
 }

@@ -1,5 +1,6 @@
-// Writing call records into the trace: framing, blocks, thread markers, compression, the record
-// lock, and what happens when the file cannot take the bytes.
+// Writing call records into the trace, byte for byte: framing, blocks, compression, the mirror and a
+// full disk. (Thread markers, the nested record and the record lock are checked through the reader
+// in roundtrip_test.cpp; the file-size limit on a real program in tests/integration/survival.sh.)
 #include "trace/trace_writer.h"
 #include "core/settings.h"
 #include "tests/unit/test_support.h"
@@ -9,7 +10,6 @@
 
 #include <cstring>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace kv {
@@ -102,44 +102,6 @@ TEST(TraceWriter, FramesARecordWithItsBlocksInPlace) {
     EXPECT_EQ(items[1].payload.size(), logical - 2);
 }
 
-// A thread marker names the thread of the records that follow: one before the first record and one
-// at every change of thread, none between records of one thread.
-TEST(TraceWriter, MarksEveryChangeOfThread) {
-    test::TraceSession t(test::scratchPath("threads.kalvoren"));
-    ASSERT_TRUE(t.opened());
-    auto onThread = [](std::initializer_list<uint16_t> ids) {
-        uint64_t id = 0;
-        std::thread other([&] {
-            id = platform::threadId();
-            for (uint16_t record : ids)
-                recordMarked(record);
-            platform::runThreadCleanups();
-        });
-        other.join();
-        return std::to_string(id);
-    };
-    const std::string main = std::to_string(platform::threadId());
-    recordMarked(10);
-    recordMarked(11);
-    const std::string a = onThread({20, 21});
-    recordMarked(12);
-    const std::string b = onThread({30});
-
-    std::string problem;
-    std::vector<TraceItem> items = t.closeAndWalk(&problem);
-    EXPECT_EQ(problem, "");
-    std::string sequence;
-    for (const TraceItem &item : items) {
-        if (item.kind == TraceItem::ThreadMarker) {
-            sequence += " T:" + std::to_string(item.thread);
-        } else {
-            sequence += " " + std::to_string(item.id);
-            EXPECT_EQ(get<uint16_t>(item.payload, 0), item.id);
-        }
-    }
-    EXPECT_EQ(sequence, " T:" + main + " 10 11 T:" + a + " 20 21 T:" + main + " 12 T:" + b + " 30");
-}
-
 // With compression on, each compressible block is one zlib stream that inflates to the block; the
 // length field counts the stored bytes, and the file goes on right after the record.
 TEST(TraceWriter, StoresCompressibleBlocksAsZlibStreams) {
@@ -199,38 +161,6 @@ TEST(TraceWriter, StoresCompressibleBlocksAsZlibStreams) {
     ASSERT_EQ(p.size(), at + 5);
     EXPECT_EQ(std::string(p.begin() + static_cast<long>(at), p.begin() + static_cast<long>(at) + 4), "raw!");
     EXPECT_EQ(p[at + 4], 0x99);
-}
-
-// A call the recorder makes while it records gets no record of its own. Its begin still takes the
-// record lock, and finishing its null handle does not give it back: the thread keeps one more hold.
-TEST(TraceWriter, ANestedBeginGetsANullHandleAndKeepsTheLock) {
-    test::TraceSession t(test::scratchPath("nested.kalvoren"));
-    ASSERT_TRUE(t.opened());
-    platform::RecursiveLock &lock = trace::recordLock();
-
-    RecordHandle outer = trace::begin(40);
-    outer.u32(1);
-    RecordHandle inner = trace::begin(41);
-    EXPECT_FALSE(inner);
-    EXPECT_EQ(inner.size(), 0u);
-    EXPECT_EQ(lock.owner(), platform::threadId());
-    EXPECT_EQ(lock.count(), 2u);
-    trace::finish(inner);
-    EXPECT_EQ(lock.count(), 2u);
-    outer.u32(2);
-    trace::finish(outer);
-    EXPECT_EQ(lock.count(), 1u);
-    EXPECT_EQ(lock.owner(), platform::threadId());
-    lock.unlock();
-
-    std::string problem;
-    std::vector<TraceItem> items = t.closeAndWalk(&problem);
-    ASSERT_EQ(items.size(), 2u);
-    EXPECT_EQ(items[1].id, 40);
-    std::vector<uint8_t> expected;
-    put<uint32_t>(expected, 1);
-    put<uint32_t>(expected, 2);
-    EXPECT_EQ(items[1].payload, expected);
 }
 
 std::vector<uint8_t> g_mirrored;
@@ -296,33 +226,6 @@ TEST(TraceWriter, AFullDiskIsReportedAndRecordingGoesOn) {
     EXPECT_EQ(output.find("Size attempted: 0\n"), std::string::npos) << output;
     EXPECT_EQ(trace::recordLock().count(), 0u);
     EXPECT_NE(t.settings().traceFile, nullptr);
-}
-
-// The recorder never writes past the file-size limit (the system would end the process with a
-// signal): the record that would cross it is dropped whole, recording stops with a message, and
-// the file keeps exactly the records before it.
-TEST(TraceWriter, AFileSizeLimitStopsRecordingWithWholeRecords) {
-    const std::string path = test::scratchPath("limited.kalvoren");
-    test::TraceSession t(path);
-    ASSERT_TRUE(t.opened());
-    test::FileSizeLimit limit(6u << 20);
-    if (!limit.active()) GTEST_SKIP() << "no file size limit on this system";
-    std::string first, second;
-    recordIntoAFailingFile(t, 4u << 20, &first);
-    EXPECT_EQ(first, "") << "a record below the limit is written";
-    recordIntoAFailingFile(t, 4u << 20, &second);
-    EXPECT_NE(second.find("The trace reached the file-size limit; recording stops"), std::string::npos)
-        << second;
-    EXPECT_EQ(trace::recordLock().count(), 0u);
-    EXPECT_EQ(t.settings().traceFile, nullptr);
-    EXPECT_FALSE(t.settings().recordingEnabled);
-
-    std::string problem;
-    std::vector<TraceItem> items = test::walkTrace(test::readFile(path), t.headerEnd(), &problem);
-    EXPECT_EQ(problem, "");
-    ASSERT_EQ(items.size(), 3u) << "thread marker, the first block's record and the record after it";
-    EXPECT_EQ(items[1].id, 50);
-    EXPECT_EQ(items[2].id, 51);
 }
 
 } // namespace
