@@ -1029,10 +1029,7 @@ def emit_entries(funcs, families_wanted, tables, title, includes=('"core/call.h"
             names = ", ".join(p.name for p in f.params)
             table = host_table_of(f, tables)
             out.append(f"KV_EXPORT {f.ret} KV_APIENTRY {entry_name(f)}({args}) {{")
-            if table == "SClHost":
-                out.append(f"    return kv::ClEntry<{traits_name(f)}>::call({names});")
-            else:
-                out.append(f"    return kv::Entry<kv::{API_OF_TABLE[table]}, {traits_name(f)}>::call({names});")
+            out.append(f"    return kv::Entry<kv::{API_OF_TABLE[table]}, {traits_name(f)}>::call({names});")
             out.append("}")
         out.append(f"\n}} // namespace {ns}\n")
     return "\n".join(out) + "\n"

@@ -1,10 +1,13 @@
 // The call wrapper protocol, written once: every exported entry point is an instance of Entry.
 //
 //   mode 0 (disabled)      call the host function, nothing else
-//   modes 1 and 2          decide; call the host; read the host's error; run the function's hooks
+//   modes 1 and 2          decide; call the host; learn the call's status; run the function's hooks
 //                          (state updates, answers the library changes); write the call record
 //   any other mode         return without calling anything
 //
+// How a call's status is learnt is the API's status policy (Api::Status): OpenGL ES and EGL ask the
+// driver for its error after the call (QueriedError); OpenCL hands it back as the result or through
+// errcode_ret (entry/cl/cl_call.h).
 // What is special about one function lives in a specialisation of Hooks<F> (entry/*/hooks_*.h);
 // what its record holds is generated from the API description (F::write).
 #pragma once
@@ -120,6 +123,43 @@ struct TwoWay : std::false_type {};
 template <class Api>
 struct TwoWay<Api, std::void_t<decltype(Api::kTwoWay)>> : std::bool_constant<Api::kTwoWay> {};
 
+// Whether the profiler sees the API's calls (all but OpenCL's, which it does not count or edit).
+template <class Api, class = void>
+struct Profiled : std::true_type {};
+template <class Api>
+struct Profiled<Api, std::void_t<decltype(Api::kProfiled)>> : std::bool_constant<Api::kProfiled> {};
+
+// The status policy of the APIs whose driver keeps an error to be asked for after the call.
+template <class Api>
+struct QueriedError {
+    // A host without the function: the call has no effect and is answered with nothing.
+    template <class F, class... A>
+    static typename F::Ret missing(A...) {
+        return typename F::Ret();
+    }
+    // Makes the host call (`host(args...)`) and, when `check`, takes the error it left; the
+    // application's own glGetError / eglGetError is then answered from the copy kept here.
+    template <class F, class Host, class... A>
+    static auto call(CallCtx &c, bool check, Host &&host, A... args) {
+        auto result = host(args...);
+        if (check) {
+            c.error = Api::queryError();
+            c.failed = Api::failed(c.error);
+            Api::noteError(c.error);
+        }
+        return result;
+    }
+};
+
+template <class Api, class = void>
+struct StatusOf {
+    using type = QueriedError<Api>;
+};
+template <class Api>
+struct StatusOf<Api, std::void_t<typename Api::Status>> {
+    using type = typename Api::Status;
+};
+
 // No value, for functions that return nothing.
 struct Void {};
 
@@ -159,7 +199,7 @@ struct HookTarget {
     using type = F;
 };
 
-template <class Api, class F>
+template <class Api, class F, class Status = typename StatusOf<Api>::type>
 struct Entry {
     using Ret = typename F::Ret;
     using Value = ValueOf<Ret>;
@@ -181,16 +221,17 @@ struct Entry {
 private:
     // A host table entry is null when the host lacks the function: such a slot is never jumped
     // through.
-    KV_NOINLINE static Ret missing() {
+    template <class... A>
+    KV_NOINLINE static Ret missing(A... args) {
         static std::atomic<bool> reported{false};
         reportMissingHostFunction(F::name, reported);
-        return Ret();
+        return Status::template missing<F>(args...);
     }
 
     template <class... A>
     static Ret forward(A... args) {
         auto fn = Api::host().fn.*F::slot;
-        if (KV_UNLIKELY(!fn)) return missing();
+        if (KV_UNLIKELY(!fn)) return missing(args...);
         return fn(args...);
     }
 
@@ -213,7 +254,7 @@ private:
         // The arguments as slots are for the profiler only; without one they are not made.
         uint64_t slots[sizeof...(A) + 1];
         ParamDesc params{slots, static_cast<uint32_t>(sizeof...(A))};
-        if (KV_UNLIKELY(settings.profilingEnabled)) {
+        if (Profiled<Api>::value && KV_UNLIKELY(settings.profilingEnabled)) {
             uint32_t i = 0;
             ((slots[i++] = toSlot(args)), ...);
         }
@@ -241,23 +282,20 @@ private:
         c.error = Api::kSuccess;
         Value result{};
         // Under the profiler: an override may keep the call from the driver.
-        const bool profiled = KV_UNLIKELY(c.d.profiler != nullptr);
+        const bool profiled = Profiled<Api>::value && KV_UNLIKELY(c.d.profiler != nullptr);
         if (profiled && c.d.callHost) c.d.callHost = c.d.profiler->preCall(F::id, params);
         if (c.d.callHost) {
             if constexpr (!H::kReplacesHost) {
-                if (KV_UNLIKELY(!(Api::host().fn.*F::slot))) return missing();
+                if (KV_UNLIKELY(!(Api::host().fn.*F::slot))) return missing(args...);
             }
             Api::takeStrayError();
             if (tracked) H::before(c, args...);
             if constexpr (Api::kChecksContext) {
                 if (!tracked) Es1Api::extensionBefore(c, es1Args);
             }
-            result = callHost(c, args...);
-            if (H::kChecksError && c.d.checkErrors && tracked) {
-                c.error = Api::queryError();
-                c.failed = Api::failed(c.error);
-                Api::noteError(c.error);
-            }
+            result = Status::template call<F>(
+                c, H::kChecksError && c.d.checkErrors && tracked,
+                [&c](auto... passed) { return callHost(c, passed...); }, args...);
             if constexpr (Api::kChecksContext) {
                 if (!tracked) {
                     uint64_t resultSlot = 0;

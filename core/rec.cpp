@@ -60,6 +60,11 @@ void blob(RecordHandle &h, CallCtx &c, const void *data, uint64_t bytes, uint8_t
     // as the guarded read costs a system call.
     constexpr uint32_t kDirectLimit = 256;
     if ((flags & api::kHostRead) && data && n && n <= kDirectLimit && c.d.callHost && !c.failed) {
+        if (!(flags & api::kCompressible)) {
+            // Stored as they are either way: the bytes go with the record's own, no block.
+            h.append(data, n);
+            return;
+        }
         void *copy = h.scratch(n);
         std::memcpy(copy, data, n);
         h.addOwnBlock(n, copy, (flags & api::kCompressible) != 0);
@@ -77,6 +82,13 @@ void blob(RecordHandle &h, CallCtx &c, Blob b, uint8_t flags) {
     if (!c.d.recordData && !(flags & api::kAlways)) return;
     const uint32_t n = c.failed && !(flags & api::kAlways) ? 0 : boundedSize(h, b.bytes);
     h.u32(n);
+    // A small copy that is stored as it is goes with the record's own bytes (the file holds the
+    // same bytes as for a block, without the block's write).
+    constexpr uint32_t kInlineLimit = 256;
+    if (n <= kInlineLimit && !(flags & api::kCompressible)) {
+        h.append(b.copy, n);
+        return;
+    }
     h.addOwnBlock(n, b.copy, (flags & api::kCompressible) != 0);
 }
 

@@ -14,6 +14,7 @@ namespace kv {
 namespace detail {
 Settings *g_settings = nullptr;
 std::atomic<uint64_t> g_settingsPid{0};
+std::atomic<Settings *> g_readySettings{nullptr};
 
 namespace {
 NoDestructor<platform::Mutex> g_buildLock;
@@ -26,6 +27,12 @@ Settings &buildSettings() {
     platform::LockGuard<platform::Mutex> guard(*g_buildLock);
     uint64_t pid = platform::processId();
     if (g_settingsPid.load(std::memory_order_acquire) == pid) return *g_settings;
+    // A forked child builds its own settings (the check above sees its new process id).
+    static const bool forkHandled = [] {
+        platform::onForkChild([] { g_readySettings.store(nullptr, std::memory_order_release); });
+        return true;
+    }();
+    (void)forkHandled;
     t_building = true;
     // The trace that the process this one was forked from is writing.
     std::string parentTrace;
@@ -68,6 +75,7 @@ Settings &buildSettings() {
     platform::loadLibrary(platform::driverLibraryName(kHostEs2));
     platform::loadLibrary(platform::driverLibraryName(kHostEs1));
     g_settingsPid.store(pid, std::memory_order_release);
+    g_readySettings.store(&s, std::memory_order_release);
     t_building = false;
     return s;
 }
@@ -78,6 +86,7 @@ Settings &getSettings() {
 }
 
 void invalidateSettings() {
+    detail::g_readySettings.store(nullptr, std::memory_order_release);
     detail::g_settingsPid.store(0, std::memory_order_release);
 }
 

@@ -23,12 +23,15 @@ void closeFully(Settings &settings);
 namespace detail {
 extern Settings *g_settings;
 extern std::atomic<uint64_t> g_settingsPid;
+// The settings once built for this process; null before, in a forked child until it builds its own,
+// and after a full close. Every entry point reads it first, so it is one load and no process id.
+extern std::atomic<Settings *> g_readySettings;
 Settings &buildSettings();
 } // namespace detail
 
 KV_ALWAYS_INLINE Settings &fastSettings() {
-    if (KV_LIKELY(detail::g_settingsPid.load(std::memory_order_acquire) == platform::processId()))
-        return *detail::g_settings;
+    if (Settings *s = detail::g_readySettings.load(std::memory_order_acquire); KV_LIKELY(s != nullptr))
+        return *s;
     return detail::buildSettings();
 }
 

@@ -40,8 +40,9 @@ SEglHost::SEglHost() : SHostLib(hostLibraryPath(kHostEgl).c_str()) {
     resolveVersions(*this, &fn, groups, 2, kSEglHostGroupCount, warnings);
 }
 
-const SEglHost &SEglHost::get() {
+const SEglHost &SEglHost::resolve() {
     static const SEglHost *host = new SEglHost();
+    instance.store(host, std::memory_order_release);
     return *host;
 }
 
@@ -57,8 +58,9 @@ SEs1Host::SEs1Host() : SHostLib(hostLibraryPath(kHostEs1).c_str()) {
                   "Kalvoren ES1 - ERROR: failed to load entry points from host library\n");
 }
 
-const SEs1Host &SEs1Host::get() {
+const SEs1Host &SEs1Host::resolve() {
     static const SEs1Host *host = new SEs1Host();
+    instance.store(host, std::memory_order_release);
     return *host;
 }
 
@@ -71,8 +73,9 @@ GLESPPHost::GLESPPHost() : SHostLib(hostLibraryPath(kHostEs2).c_str()) {
     resolveVersions(*this, &fn, kGLESPPHostGroups, 1, kGLESPPHostGroupCount, warnings);
 }
 
-const GLESPPHost &GLESPPHost::get() {
+const GLESPPHost &GLESPPHost::resolve() {
     static const GLESPPHost *host = new GLESPPHost();
+    instance.store(host, std::memory_order_release);
     return *host;
 }
 
@@ -89,8 +92,9 @@ SGlesExtHost::SGlesExtHost() {
     }
 }
 
-const SGlesExtHost &SGlesExtHost::get() {
+const SGlesExtHost &SGlesExtHost::resolve() {
     static const SGlesExtHost *host = new SGlesExtHost();
+    instance.store(host, std::memory_order_release);
     return *host;
 }
 
@@ -105,8 +109,9 @@ SClHost::SClHost() : SHostLib(hostLibraryPath(kHostCl).c_str()) {
     quiet = 0;
 }
 
-const SClHost &SClHost::get() {
+const SClHost &SClHost::resolve() {
     static const SClHost *host = new SClHost();
+    instance.store(host, std::memory_order_release);
     return *host;
 }
 

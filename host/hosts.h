@@ -4,7 +4,22 @@
 
 #include "host/host_tables_autogen.h"
 
+#include <atomic>
+
 namespace kv {
+
+// The one table of a kind in the process, resolved on first use. get() is inline, one load, since
+// every forwarded call reads it.
+template <class T>
+struct ResolvedOnce {
+    static const T &get() {
+        const T *table = instance.load(std::memory_order_acquire);
+        return KV_LIKELY(table != nullptr) ? *table : T::resolve();
+    }
+
+protected:
+    static inline std::atomic<const T *> instance{nullptr};
+};
 
 // Resolves the version groups [first, count) of a table, in order. The groups are cumulative: the
 // first group with a missing function is reported (its warning, once) and ends the resolution; its
@@ -12,36 +27,36 @@ namespace kv {
 void resolveVersions(SHostLib &host, void *fns, const HostGroup *groups, uint32_t first, uint32_t count,
                      const char *const *warnings);
 
-struct SEglHost : SHostLib {
+struct SEglHost : SHostLib, ResolvedOnce<SEglHost> {
     SEglHostFns fn{};
     SEglHost();
-    static const SEglHost &get();
+    static const SEglHost &resolve();
 };
 
-struct SEs1Host : SHostLib {
+struct SEs1Host : SHostLib, ResolvedOnce<SEs1Host> {
     SEs1HostFns fn{};
     SEs1Host();
-    static const SEs1Host &get();
+    static const SEs1Host &resolve();
 };
 
-struct GLESPPHost : SHostLib {
+struct GLESPPHost : SHostLib, ResolvedOnce<GLESPPHost> {
     GLESPPHostFns fn{};
     GLESPPHost();
-    static const GLESPPHost &get();
+    static const GLESPPHost &resolve();
 };
 
 // The OpenGL ES extension functions, resolved by name through the host's eglGetProcAddress on first
 // use; a function the host does not offer stays null.
-struct SGlesExtHost {
+struct SGlesExtHost : ResolvedOnce<SGlesExtHost> {
     SGlesExtHostFns fn{};
     SGlesExtHost();
-    static const SGlesExtHost &get();
+    static const SGlesExtHost &resolve();
 };
 
-struct SClHost : SHostLib {
+struct SClHost : SHostLib, ResolvedOnce<SClHost> {
     SClHostFns fn{};
     SClHost();
-    static const SClHost &get();
+    static const SClHost &resolve();
 };
 
 } // namespace kv

@@ -1,8 +1,9 @@
-// The OpenCL entry points: the call wrapper protocol of core/call.h with the call's status in place
-// of an API error. A function returning cl_int returns its status; one with an errcode_ret stores it
-// there, and when the application passes no errcode_ret the wrapper passes a status of its own, so
-// that every call's status is known and recorded. The application's own pointer is what the record
-// shows, and a null one is never written through.
+// The OpenCL family in the call wrapper protocol of core/call.h: its entry points are
+// Entry<ClApi, F>, and what differs from the other families is the status policy below. A call's
+// status stands where other families record an error: a function returning cl_int returns it; one
+// with an errcode_ret stores it there, and when the application passes no errcode_ret the wrapper
+// passes a location of its own, so that every call's status is known and recorded. The
+// application's own pointer is what the record shows, and a null one is never written through.
 #pragma once
 
 #include "core/call.h"
@@ -34,28 +35,13 @@ struct IsInfoQuery<A0, A...> {
     }();
 };
 
-template <class F>
-struct ClEntry {
-    using Ret = typename F::Ret;
-    using H = Hooks<F>;
-    static_assert(!std::is_void_v<Ret>, "every OpenCL function returns a status, a handle or a pointer");
-
-    template <class... A>
-    static Ret call(A... args) {
-        Settings &settings = fastSettings();
-        const int32_t mode = settings.mode.load(std::memory_order_relaxed);
-        if (KV_LIKELY(mode == kModeRecording || mode == kModeProfiling)) return wrapped(settings, args...);
-        if (mode == kModeDisabled) return forward(args...);
-        return Ret();
-    }
-
-private:
+// The status of an OpenCL call: returned, or stored through errcode_ret.
+struct ClStatus {
     // A host without the function: the application hears CL_INVALID_OPERATION instead of a jump
     // through a null entry.
-    template <class... A>
-    KV_NOINLINE static Ret missing(A... args) {
-        static std::atomic<bool> reported{false};
-        reportMissingHostFunction(F::name, reported);
+    template <class F, class... A>
+    static typename F::Ret missing(A... args) {
+        using Ret = typename F::Ret;
         if constexpr (std::is_same_v<Ret, cl_int>) {
             return CL_INVALID_OPERATION;
         } else {
@@ -67,80 +53,49 @@ private:
         }
     }
 
-    template <class... A>
-    static Ret forward(A... args) {
-        auto fn = SClHost::get().fn.*F::slot;
-        if (KV_UNLIKELY(!fn)) return missing(args...);
-        return fn(args...);
-    }
-
-    template <class... A>
-    KV_NOINLINE static Ret wrapped(Settings &settings, A... args) {
-        CallCtx c;
-        c.id = F::id;
-        ParamDesc params{nullptr, static_cast<uint32_t>(sizeof...(A))};
-        setCurrentFunction(F::id);
-        fillDecision(settings, F::id, c.d, &params);
-        if (H::bypass(c, args...)) return forward(args...);
-
-        c.error = CL_SUCCESS;
-        Ret result{};
-        if (c.d.callHost) {
-            auto fn = SClHost::get().fn.*F::slot;
-            if (KV_UNLIKELY(!fn)) return missing(args...);
-            H::before(c, args...);
-            cl_int ownStatus = CL_SUCCESS;
-            std::tuple<A...> passed(args...);
-            if constexpr (F::statusArg >= 0) {
-                auto &location = std::get<F::statusArg>(passed);
-                if (!location) location = &ownStatus;
-            }
-            // An info query without a size location still has its size asked for, so that the
-            // record holds the bytes the host wrote rather than the whole buffer. The application
-            // passed none and none of its memory is written.
-            size_t ownSize = 0;
-            if constexpr (IsInfoQuery<A...>::value) {
-                constexpr size_t last = sizeof...(A) - 1;
-                if (!std::get<last>(passed) && std::get<last - 1>(passed)) {
-                    std::get<last>(passed) = &ownSize;
-                    c.scratch[capture::kInfoStatedFlag] = 1;
-                }
-            }
-            if constexpr (H::kReplacesHost)
-                result = std::apply([&c](auto... passedArgs) { return H::host(c, passedArgs...); }, passed);
-            else
-                result = std::apply(fn, passed);
-            if constexpr (std::is_same_v<Ret, cl_int>)
-                c.error = static_cast<uint32_t>(result);
-            else if constexpr (F::statusArg >= 0)
-                c.error = static_cast<uint32_t>(*std::get<F::statusArg>(passed));
-            if constexpr (IsInfoQuery<A...>::value) c.scratch[capture::kInfoStatedSize] = ownSize;
-            c.failed = static_cast<cl_int>(c.error) != CL_SUCCESS;
+    // The status is known whether or not errors are checked: it comes with the call.
+    template <class F, class Host, class... A>
+    static typename F::Ret call(CallCtx &c, bool, Host &&host, A... args) {
+        using Ret = typename F::Ret;
+        static_assert(!std::is_void_v<Ret>, "every OpenCL function returns a status, a handle or a pointer");
+        cl_int ownStatus = CL_SUCCESS;
+        std::tuple<A...> passed(args...);
+        if constexpr (F::statusArg >= 0) {
+            auto &location = std::get<F::statusArg>(passed);
+            if (!location) location = &ownStatus;
         }
-        H::after(c, result, args...);
-        c.result = toSlot(result);
-        if (c.d.record) {
-            RecordHandle h = trace::begin(F::id);
-            if (h) {
-                c.record = &h;
-                try {
-                    h.u32(c.error);
-                    rec::put<F::result>(h, result);
-                    F::write(h, c, args...);
-                } catch (...) {
-                    c.record = nullptr;
-                    trace::abandon(h);
-                    reportUnrecorded(F::id);
-                    H::done(c, result, args...);
-                    return result;
-                }
-                c.record = nullptr;
+        // An info query without a size location still has its size asked for, so that the
+        // record holds the bytes the host wrote rather than the whole buffer. The application
+        // passed none and none of its memory is written.
+        size_t ownSize = 0;
+        if constexpr (IsInfoQuery<A...>::value) {
+            constexpr size_t last = sizeof...(A) - 1;
+            if (!std::get<last>(passed) && std::get<last - 1>(passed)) {
+                std::get<last>(passed) = &ownSize;
+                c.scratch[capture::kInfoStatedFlag] = 1;
             }
-            trace::finish(h, &c.recordPosition);
         }
-        H::done(c, result, args...);
+        Ret result = std::apply(host, passed);
+        if constexpr (std::is_same_v<Ret, cl_int>)
+            c.error = static_cast<uint32_t>(result);
+        else if constexpr (F::statusArg >= 0)
+            c.error = static_cast<uint32_t>(*std::get<F::statusArg>(passed));
+        if constexpr (IsInfoQuery<A...>::value) c.scratch[capture::kInfoStatedSize] = ownSize;
+        c.failed = static_cast<cl_int>(c.error) != CL_SUCCESS;
         return result;
     }
+};
+
+// The OpenCL host table. The driver keeps no error between calls, and the profiler does not see
+// OpenCL calls.
+struct ClApi {
+    using Status = ClStatus;
+    static constexpr uint32_t kSuccess = CL_SUCCESS;
+    static constexpr bool kChecksContext = false;
+    static constexpr bool kProfiled = false;
+    static const SClHost &host() { return SClHost::get(); }
+    static void clearLastError() {}
+    static void takeStrayError() {}
 };
 
 } // namespace kv

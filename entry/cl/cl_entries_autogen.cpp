@@ -1056,316 +1056,316 @@ void clCreateEventFromEGLSyncKHR::write(RecordHandle &h, CallCtx &c, cl_context 
 namespace cl {
 
 KV_EXPORT cl_int KV_APIENTRY getPlatformIDs(cl_uint num_entries, cl_platform_id *platforms, cl_uint *num_platforms) {
-    return kv::ClEntry<kv::fn::clGetPlatformIDs>::call(num_entries, platforms, num_platforms);
+    return kv::Entry<kv::ClApi, kv::fn::clGetPlatformIDs>::call(num_entries, platforms, num_platforms);
 }
 KV_EXPORT cl_int KV_APIENTRY getPlatformInfo(cl_platform_id platform, cl_platform_info param_name, size_t param_value_size, void *param_value, size_t *param_value_size_ret) {
-    return kv::ClEntry<kv::fn::clGetPlatformInfo>::call(platform, param_name, param_value_size, param_value, param_value_size_ret);
+    return kv::Entry<kv::ClApi, kv::fn::clGetPlatformInfo>::call(platform, param_name, param_value_size, param_value, param_value_size_ret);
 }
 KV_EXPORT cl_int KV_APIENTRY getDeviceIDs(cl_platform_id platform, cl_device_type device_type, cl_uint num_entries, cl_device_id *devices, cl_uint *num_devices) {
-    return kv::ClEntry<kv::fn::clGetDeviceIDs>::call(platform, device_type, num_entries, devices, num_devices);
+    return kv::Entry<kv::ClApi, kv::fn::clGetDeviceIDs>::call(platform, device_type, num_entries, devices, num_devices);
 }
 KV_EXPORT cl_int KV_APIENTRY getDeviceInfo(cl_device_id device, cl_device_info param_name, size_t param_value_size, void *param_value, size_t *param_value_size_ret) {
-    return kv::ClEntry<kv::fn::clGetDeviceInfo>::call(device, param_name, param_value_size, param_value, param_value_size_ret);
+    return kv::Entry<kv::ClApi, kv::fn::clGetDeviceInfo>::call(device, param_name, param_value_size, param_value, param_value_size_ret);
 }
 KV_EXPORT cl_context KV_APIENTRY createContext(const cl_context_properties *properties, cl_uint num_devices, const cl_device_id *devices, void (CL_CALLBACK * pfn_notify)(const char * errinfo, const void * private_info, size_t cb, void * user_data), void *user_data, cl_int *errcode_ret) {
-    return kv::ClEntry<kv::fn::clCreateContext>::call(properties, num_devices, devices, pfn_notify, user_data, errcode_ret);
+    return kv::Entry<kv::ClApi, kv::fn::clCreateContext>::call(properties, num_devices, devices, pfn_notify, user_data, errcode_ret);
 }
 KV_EXPORT cl_context KV_APIENTRY createContextFromType(const cl_context_properties *properties, cl_device_type device_type, void (CL_CALLBACK * pfn_notify)(const char * errinfo, const void * private_info, size_t cb, void * user_data), void *user_data, cl_int *errcode_ret) {
-    return kv::ClEntry<kv::fn::clCreateContextFromType>::call(properties, device_type, pfn_notify, user_data, errcode_ret);
+    return kv::Entry<kv::ClApi, kv::fn::clCreateContextFromType>::call(properties, device_type, pfn_notify, user_data, errcode_ret);
 }
 KV_EXPORT cl_int KV_APIENTRY retainContext(cl_context context) {
-    return kv::ClEntry<kv::fn::clRetainContext>::call(context);
+    return kv::Entry<kv::ClApi, kv::fn::clRetainContext>::call(context);
 }
 KV_EXPORT cl_int KV_APIENTRY releaseContext(cl_context context) {
-    return kv::ClEntry<kv::fn::clReleaseContext>::call(context);
+    return kv::Entry<kv::ClApi, kv::fn::clReleaseContext>::call(context);
 }
 KV_EXPORT cl_int KV_APIENTRY getContextInfo(cl_context context, cl_context_info param_name, size_t param_value_size, void *param_value, size_t *param_value_size_ret) {
-    return kv::ClEntry<kv::fn::clGetContextInfo>::call(context, param_name, param_value_size, param_value, param_value_size_ret);
+    return kv::Entry<kv::ClApi, kv::fn::clGetContextInfo>::call(context, param_name, param_value_size, param_value, param_value_size_ret);
 }
 KV_EXPORT cl_command_queue KV_APIENTRY createCommandQueue(cl_context context, cl_device_id device, cl_command_queue_properties properties, cl_int *errcode_ret) {
-    return kv::ClEntry<kv::fn::clCreateCommandQueue>::call(context, device, properties, errcode_ret);
+    return kv::Entry<kv::ClApi, kv::fn::clCreateCommandQueue>::call(context, device, properties, errcode_ret);
 }
 KV_EXPORT cl_int KV_APIENTRY retainCommandQueue(cl_command_queue command_queue) {
-    return kv::ClEntry<kv::fn::clRetainCommandQueue>::call(command_queue);
+    return kv::Entry<kv::ClApi, kv::fn::clRetainCommandQueue>::call(command_queue);
 }
 KV_EXPORT cl_int KV_APIENTRY releaseCommandQueue(cl_command_queue command_queue) {
-    return kv::ClEntry<kv::fn::clReleaseCommandQueue>::call(command_queue);
+    return kv::Entry<kv::ClApi, kv::fn::clReleaseCommandQueue>::call(command_queue);
 }
 KV_EXPORT cl_int KV_APIENTRY getCommandQueueInfo(cl_command_queue command_queue, cl_command_queue_info param_name, size_t param_value_size, void *param_value, size_t *param_value_size_ret) {
-    return kv::ClEntry<kv::fn::clGetCommandQueueInfo>::call(command_queue, param_name, param_value_size, param_value, param_value_size_ret);
+    return kv::Entry<kv::ClApi, kv::fn::clGetCommandQueueInfo>::call(command_queue, param_name, param_value_size, param_value, param_value_size_ret);
 }
 KV_EXPORT cl_int KV_APIENTRY setCommandQueueProperty(cl_command_queue command_queue, cl_command_queue_properties properties, cl_bool enable, cl_command_queue_properties *old_properties) {
-    return kv::ClEntry<kv::fn::clSetCommandQueueProperty>::call(command_queue, properties, enable, old_properties);
+    return kv::Entry<kv::ClApi, kv::fn::clSetCommandQueueProperty>::call(command_queue, properties, enable, old_properties);
 }
 KV_EXPORT cl_mem KV_APIENTRY createBuffer(cl_context context, cl_mem_flags flags, size_t size, void *host_ptr, cl_int *errcode_ret) {
-    return kv::ClEntry<kv::fn::clCreateBuffer>::call(context, flags, size, host_ptr, errcode_ret);
+    return kv::Entry<kv::ClApi, kv::fn::clCreateBuffer>::call(context, flags, size, host_ptr, errcode_ret);
 }
 KV_EXPORT cl_mem KV_APIENTRY createSubBuffer(cl_mem buffer, cl_mem_flags flags, cl_buffer_create_type buffer_create_type, const void *buffer_create_info, cl_int *errcode_ret) {
-    return kv::ClEntry<kv::fn::clCreateSubBuffer>::call(buffer, flags, buffer_create_type, buffer_create_info, errcode_ret);
+    return kv::Entry<kv::ClApi, kv::fn::clCreateSubBuffer>::call(buffer, flags, buffer_create_type, buffer_create_info, errcode_ret);
 }
 KV_EXPORT cl_mem KV_APIENTRY createImage2D(cl_context context, cl_mem_flags flags, const cl_image_format *image_format, size_t image_width, size_t image_height, size_t image_row_pitch, void *host_ptr, cl_int *errcode_ret) {
-    return kv::ClEntry<kv::fn::clCreateImage2D>::call(context, flags, image_format, image_width, image_height, image_row_pitch, host_ptr, errcode_ret);
+    return kv::Entry<kv::ClApi, kv::fn::clCreateImage2D>::call(context, flags, image_format, image_width, image_height, image_row_pitch, host_ptr, errcode_ret);
 }
 KV_EXPORT cl_mem KV_APIENTRY createImage3D(cl_context context, cl_mem_flags flags, const cl_image_format *image_format, size_t image_width, size_t image_height, size_t image_depth, size_t image_row_pitch, size_t image_slice_pitch, void *host_ptr, cl_int *errcode_ret) {
-    return kv::ClEntry<kv::fn::clCreateImage3D>::call(context, flags, image_format, image_width, image_height, image_depth, image_row_pitch, image_slice_pitch, host_ptr, errcode_ret);
+    return kv::Entry<kv::ClApi, kv::fn::clCreateImage3D>::call(context, flags, image_format, image_width, image_height, image_depth, image_row_pitch, image_slice_pitch, host_ptr, errcode_ret);
 }
 KV_EXPORT cl_int KV_APIENTRY retainMemObject(cl_mem memobj) {
-    return kv::ClEntry<kv::fn::clRetainMemObject>::call(memobj);
+    return kv::Entry<kv::ClApi, kv::fn::clRetainMemObject>::call(memobj);
 }
 KV_EXPORT cl_int KV_APIENTRY releaseMemObject(cl_mem memobj) {
-    return kv::ClEntry<kv::fn::clReleaseMemObject>::call(memobj);
+    return kv::Entry<kv::ClApi, kv::fn::clReleaseMemObject>::call(memobj);
 }
 KV_EXPORT cl_int KV_APIENTRY getSupportedImageFormats(cl_context context, cl_mem_flags flags, cl_mem_object_type image_type, cl_uint num_entries, cl_image_format *image_formats, cl_uint *num_image_formats) {
-    return kv::ClEntry<kv::fn::clGetSupportedImageFormats>::call(context, flags, image_type, num_entries, image_formats, num_image_formats);
+    return kv::Entry<kv::ClApi, kv::fn::clGetSupportedImageFormats>::call(context, flags, image_type, num_entries, image_formats, num_image_formats);
 }
 KV_EXPORT cl_int KV_APIENTRY getMemObjectInfo(cl_mem memobj, cl_mem_info param_name, size_t param_value_size, void *param_value, size_t *param_value_size_ret) {
-    return kv::ClEntry<kv::fn::clGetMemObjectInfo>::call(memobj, param_name, param_value_size, param_value, param_value_size_ret);
+    return kv::Entry<kv::ClApi, kv::fn::clGetMemObjectInfo>::call(memobj, param_name, param_value_size, param_value, param_value_size_ret);
 }
 KV_EXPORT cl_int KV_APIENTRY getImageInfo(cl_mem image, cl_image_info param_name, size_t param_value_size, void *param_value, size_t *param_value_size_ret) {
-    return kv::ClEntry<kv::fn::clGetImageInfo>::call(image, param_name, param_value_size, param_value, param_value_size_ret);
+    return kv::Entry<kv::ClApi, kv::fn::clGetImageInfo>::call(image, param_name, param_value_size, param_value, param_value_size_ret);
 }
 KV_EXPORT cl_int KV_APIENTRY setMemObjectDestructorCallback(cl_mem memobj, void (CL_CALLBACK * pfn_notify)(cl_mem memobj, void * user_data), void *user_data) {
-    return kv::ClEntry<kv::fn::clSetMemObjectDestructorCallback>::call(memobj, pfn_notify, user_data);
+    return kv::Entry<kv::ClApi, kv::fn::clSetMemObjectDestructorCallback>::call(memobj, pfn_notify, user_data);
 }
 KV_EXPORT cl_sampler KV_APIENTRY createSampler(cl_context context, cl_bool normalized_coords, cl_addressing_mode addressing_mode, cl_filter_mode filter_mode, cl_int *errcode_ret) {
-    return kv::ClEntry<kv::fn::clCreateSampler>::call(context, normalized_coords, addressing_mode, filter_mode, errcode_ret);
+    return kv::Entry<kv::ClApi, kv::fn::clCreateSampler>::call(context, normalized_coords, addressing_mode, filter_mode, errcode_ret);
 }
 KV_EXPORT cl_int KV_APIENTRY retainSampler(cl_sampler sampler) {
-    return kv::ClEntry<kv::fn::clRetainSampler>::call(sampler);
+    return kv::Entry<kv::ClApi, kv::fn::clRetainSampler>::call(sampler);
 }
 KV_EXPORT cl_int KV_APIENTRY releaseSampler(cl_sampler sampler) {
-    return kv::ClEntry<kv::fn::clReleaseSampler>::call(sampler);
+    return kv::Entry<kv::ClApi, kv::fn::clReleaseSampler>::call(sampler);
 }
 KV_EXPORT cl_int KV_APIENTRY getSamplerInfo(cl_sampler sampler, cl_sampler_info param_name, size_t param_value_size, void *param_value, size_t *param_value_size_ret) {
-    return kv::ClEntry<kv::fn::clGetSamplerInfo>::call(sampler, param_name, param_value_size, param_value, param_value_size_ret);
+    return kv::Entry<kv::ClApi, kv::fn::clGetSamplerInfo>::call(sampler, param_name, param_value_size, param_value, param_value_size_ret);
 }
 KV_EXPORT cl_program KV_APIENTRY createProgramWithSource(cl_context context, cl_uint count, const char **strings, const size_t *lengths, cl_int *errcode_ret) {
-    return kv::ClEntry<kv::fn::clCreateProgramWithSource>::call(context, count, strings, lengths, errcode_ret);
+    return kv::Entry<kv::ClApi, kv::fn::clCreateProgramWithSource>::call(context, count, strings, lengths, errcode_ret);
 }
 KV_EXPORT cl_program KV_APIENTRY createProgramWithBinary(cl_context context, cl_uint num_devices, const cl_device_id *device_list, const size_t *lengths, const unsigned char **binaries, cl_int *binary_status, cl_int *errcode_ret) {
-    return kv::ClEntry<kv::fn::clCreateProgramWithBinary>::call(context, num_devices, device_list, lengths, binaries, binary_status, errcode_ret);
+    return kv::Entry<kv::ClApi, kv::fn::clCreateProgramWithBinary>::call(context, num_devices, device_list, lengths, binaries, binary_status, errcode_ret);
 }
 KV_EXPORT cl_int KV_APIENTRY retainProgram(cl_program program) {
-    return kv::ClEntry<kv::fn::clRetainProgram>::call(program);
+    return kv::Entry<kv::ClApi, kv::fn::clRetainProgram>::call(program);
 }
 KV_EXPORT cl_int KV_APIENTRY releaseProgram(cl_program program) {
-    return kv::ClEntry<kv::fn::clReleaseProgram>::call(program);
+    return kv::Entry<kv::ClApi, kv::fn::clReleaseProgram>::call(program);
 }
 KV_EXPORT cl_int KV_APIENTRY buildProgram(cl_program program, cl_uint num_devices, const cl_device_id *device_list, const char *options, void (CL_CALLBACK * pfn_notify)(cl_program program, void * user_data), void *user_data) {
-    return kv::ClEntry<kv::fn::clBuildProgram>::call(program, num_devices, device_list, options, pfn_notify, user_data);
+    return kv::Entry<kv::ClApi, kv::fn::clBuildProgram>::call(program, num_devices, device_list, options, pfn_notify, user_data);
 }
 KV_EXPORT cl_int KV_APIENTRY unloadCompiler() {
-    return kv::ClEntry<kv::fn::clUnloadCompiler>::call();
+    return kv::Entry<kv::ClApi, kv::fn::clUnloadCompiler>::call();
 }
 KV_EXPORT cl_int KV_APIENTRY getProgramInfo(cl_program program, cl_program_info param_name, size_t param_value_size, void *param_value, size_t *param_value_size_ret) {
-    return kv::ClEntry<kv::fn::clGetProgramInfo>::call(program, param_name, param_value_size, param_value, param_value_size_ret);
+    return kv::Entry<kv::ClApi, kv::fn::clGetProgramInfo>::call(program, param_name, param_value_size, param_value, param_value_size_ret);
 }
 KV_EXPORT cl_int KV_APIENTRY getProgramBuildInfo(cl_program program, cl_device_id device, cl_program_build_info param_name, size_t param_value_size, void *param_value, size_t *param_value_size_ret) {
-    return kv::ClEntry<kv::fn::clGetProgramBuildInfo>::call(program, device, param_name, param_value_size, param_value, param_value_size_ret);
+    return kv::Entry<kv::ClApi, kv::fn::clGetProgramBuildInfo>::call(program, device, param_name, param_value_size, param_value, param_value_size_ret);
 }
 KV_EXPORT cl_kernel KV_APIENTRY createKernel(cl_program program, const char *kernel_name, cl_int *errcode_ret) {
-    return kv::ClEntry<kv::fn::clCreateKernel>::call(program, kernel_name, errcode_ret);
+    return kv::Entry<kv::ClApi, kv::fn::clCreateKernel>::call(program, kernel_name, errcode_ret);
 }
 KV_EXPORT cl_int KV_APIENTRY createKernelsInProgram(cl_program program, cl_uint num_kernels, cl_kernel *kernels, cl_uint *num_kernels_ret) {
-    return kv::ClEntry<kv::fn::clCreateKernelsInProgram>::call(program, num_kernels, kernels, num_kernels_ret);
+    return kv::Entry<kv::ClApi, kv::fn::clCreateKernelsInProgram>::call(program, num_kernels, kernels, num_kernels_ret);
 }
 KV_EXPORT cl_int KV_APIENTRY retainKernel(cl_kernel kernel) {
-    return kv::ClEntry<kv::fn::clRetainKernel>::call(kernel);
+    return kv::Entry<kv::ClApi, kv::fn::clRetainKernel>::call(kernel);
 }
 KV_EXPORT cl_int KV_APIENTRY releaseKernel(cl_kernel kernel) {
-    return kv::ClEntry<kv::fn::clReleaseKernel>::call(kernel);
+    return kv::Entry<kv::ClApi, kv::fn::clReleaseKernel>::call(kernel);
 }
 KV_EXPORT cl_int KV_APIENTRY setKernelArg(cl_kernel kernel, cl_uint arg_index, size_t arg_size, const void *arg_value) {
-    return kv::ClEntry<kv::fn::clSetKernelArg>::call(kernel, arg_index, arg_size, arg_value);
+    return kv::Entry<kv::ClApi, kv::fn::clSetKernelArg>::call(kernel, arg_index, arg_size, arg_value);
 }
 KV_EXPORT cl_int KV_APIENTRY getKernelInfo(cl_kernel kernel, cl_kernel_info param_name, size_t param_value_size, void *param_value, size_t *param_value_size_ret) {
-    return kv::ClEntry<kv::fn::clGetKernelInfo>::call(kernel, param_name, param_value_size, param_value, param_value_size_ret);
+    return kv::Entry<kv::ClApi, kv::fn::clGetKernelInfo>::call(kernel, param_name, param_value_size, param_value, param_value_size_ret);
 }
 KV_EXPORT cl_int KV_APIENTRY getKernelWorkGroupInfo(cl_kernel kernel, cl_device_id device, cl_kernel_work_group_info param_name, size_t param_value_size, void *param_value, size_t *param_value_size_ret) {
-    return kv::ClEntry<kv::fn::clGetKernelWorkGroupInfo>::call(kernel, device, param_name, param_value_size, param_value, param_value_size_ret);
+    return kv::Entry<kv::ClApi, kv::fn::clGetKernelWorkGroupInfo>::call(kernel, device, param_name, param_value_size, param_value, param_value_size_ret);
 }
 KV_EXPORT cl_int KV_APIENTRY waitForEvents(cl_uint num_events, const cl_event *event_list) {
-    return kv::ClEntry<kv::fn::clWaitForEvents>::call(num_events, event_list);
+    return kv::Entry<kv::ClApi, kv::fn::clWaitForEvents>::call(num_events, event_list);
 }
 KV_EXPORT cl_int KV_APIENTRY getEventInfo(cl_event event, cl_event_info param_name, size_t param_value_size, void *param_value, size_t *param_value_size_ret) {
-    return kv::ClEntry<kv::fn::clGetEventInfo>::call(event, param_name, param_value_size, param_value, param_value_size_ret);
+    return kv::Entry<kv::ClApi, kv::fn::clGetEventInfo>::call(event, param_name, param_value_size, param_value, param_value_size_ret);
 }
 KV_EXPORT cl_event KV_APIENTRY createUserEvent(cl_context context, cl_int *errcode_ret) {
-    return kv::ClEntry<kv::fn::clCreateUserEvent>::call(context, errcode_ret);
+    return kv::Entry<kv::ClApi, kv::fn::clCreateUserEvent>::call(context, errcode_ret);
 }
 KV_EXPORT cl_int KV_APIENTRY retainEvent(cl_event event) {
-    return kv::ClEntry<kv::fn::clRetainEvent>::call(event);
+    return kv::Entry<kv::ClApi, kv::fn::clRetainEvent>::call(event);
 }
 KV_EXPORT cl_int KV_APIENTRY releaseEvent(cl_event event) {
-    return kv::ClEntry<kv::fn::clReleaseEvent>::call(event);
+    return kv::Entry<kv::ClApi, kv::fn::clReleaseEvent>::call(event);
 }
 KV_EXPORT cl_int KV_APIENTRY setUserEventStatus(cl_event event, cl_int execution_status) {
-    return kv::ClEntry<kv::fn::clSetUserEventStatus>::call(event, execution_status);
+    return kv::Entry<kv::ClApi, kv::fn::clSetUserEventStatus>::call(event, execution_status);
 }
 KV_EXPORT cl_int KV_APIENTRY setEventCallback(cl_event event, cl_int command_exec_callback_type, void (CL_CALLBACK * pfn_notify)(cl_event event, cl_int event_command_status, void * user_data), void *user_data) {
-    return kv::ClEntry<kv::fn::clSetEventCallback>::call(event, command_exec_callback_type, pfn_notify, user_data);
+    return kv::Entry<kv::ClApi, kv::fn::clSetEventCallback>::call(event, command_exec_callback_type, pfn_notify, user_data);
 }
 KV_EXPORT cl_int KV_APIENTRY getEventProfilingInfo(cl_event event, cl_profiling_info param_name, size_t param_value_size, void *param_value, size_t *param_value_size_ret) {
-    return kv::ClEntry<kv::fn::clGetEventProfilingInfo>::call(event, param_name, param_value_size, param_value, param_value_size_ret);
+    return kv::Entry<kv::ClApi, kv::fn::clGetEventProfilingInfo>::call(event, param_name, param_value_size, param_value, param_value_size_ret);
 }
 KV_EXPORT cl_int KV_APIENTRY flush(cl_command_queue command_queue) {
-    return kv::ClEntry<kv::fn::clFlush>::call(command_queue);
+    return kv::Entry<kv::ClApi, kv::fn::clFlush>::call(command_queue);
 }
 KV_EXPORT cl_int KV_APIENTRY finish(cl_command_queue command_queue) {
-    return kv::ClEntry<kv::fn::clFinish>::call(command_queue);
+    return kv::Entry<kv::ClApi, kv::fn::clFinish>::call(command_queue);
 }
 KV_EXPORT cl_int KV_APIENTRY enqueueReadBuffer(cl_command_queue command_queue, cl_mem buffer, cl_bool blocking_read, size_t offset, size_t size, void *ptr, cl_uint num_events_in_wait_list, const cl_event *event_wait_list, cl_event *event) {
-    return kv::ClEntry<kv::fn::clEnqueueReadBuffer>::call(command_queue, buffer, blocking_read, offset, size, ptr, num_events_in_wait_list, event_wait_list, event);
+    return kv::Entry<kv::ClApi, kv::fn::clEnqueueReadBuffer>::call(command_queue, buffer, blocking_read, offset, size, ptr, num_events_in_wait_list, event_wait_list, event);
 }
 KV_EXPORT cl_int KV_APIENTRY enqueueReadBufferRect(cl_command_queue command_queue, cl_mem buffer, cl_bool blocking_read, const size_t *buffer_origin, const size_t *host_origin, const size_t *region, size_t buffer_row_pitch, size_t buffer_slice_pitch, size_t host_row_pitch, size_t host_slice_pitch, void *ptr, cl_uint num_events_in_wait_list, const cl_event *event_wait_list, cl_event *event) {
-    return kv::ClEntry<kv::fn::clEnqueueReadBufferRect>::call(command_queue, buffer, blocking_read, buffer_origin, host_origin, region, buffer_row_pitch, buffer_slice_pitch, host_row_pitch, host_slice_pitch, ptr, num_events_in_wait_list, event_wait_list, event);
+    return kv::Entry<kv::ClApi, kv::fn::clEnqueueReadBufferRect>::call(command_queue, buffer, blocking_read, buffer_origin, host_origin, region, buffer_row_pitch, buffer_slice_pitch, host_row_pitch, host_slice_pitch, ptr, num_events_in_wait_list, event_wait_list, event);
 }
 KV_EXPORT cl_int KV_APIENTRY enqueueWriteBuffer(cl_command_queue command_queue, cl_mem buffer, cl_bool blocking_write, size_t offset, size_t size, const void *ptr, cl_uint num_events_in_wait_list, const cl_event *event_wait_list, cl_event *event) {
-    return kv::ClEntry<kv::fn::clEnqueueWriteBuffer>::call(command_queue, buffer, blocking_write, offset, size, ptr, num_events_in_wait_list, event_wait_list, event);
+    return kv::Entry<kv::ClApi, kv::fn::clEnqueueWriteBuffer>::call(command_queue, buffer, blocking_write, offset, size, ptr, num_events_in_wait_list, event_wait_list, event);
 }
 KV_EXPORT cl_int KV_APIENTRY enqueueWriteBufferRect(cl_command_queue command_queue, cl_mem buffer, cl_bool blocking_write, const size_t *buffer_origin, const size_t *host_origin, const size_t *region, size_t buffer_row_pitch, size_t buffer_slice_pitch, size_t host_row_pitch, size_t host_slice_pitch, const void *ptr, cl_uint num_events_in_wait_list, const cl_event *event_wait_list, cl_event *event) {
-    return kv::ClEntry<kv::fn::clEnqueueWriteBufferRect>::call(command_queue, buffer, blocking_write, buffer_origin, host_origin, region, buffer_row_pitch, buffer_slice_pitch, host_row_pitch, host_slice_pitch, ptr, num_events_in_wait_list, event_wait_list, event);
+    return kv::Entry<kv::ClApi, kv::fn::clEnqueueWriteBufferRect>::call(command_queue, buffer, blocking_write, buffer_origin, host_origin, region, buffer_row_pitch, buffer_slice_pitch, host_row_pitch, host_slice_pitch, ptr, num_events_in_wait_list, event_wait_list, event);
 }
 KV_EXPORT cl_int KV_APIENTRY enqueueCopyBuffer(cl_command_queue command_queue, cl_mem src_buffer, cl_mem dst_buffer, size_t src_offset, size_t dst_offset, size_t size, cl_uint num_events_in_wait_list, const cl_event *event_wait_list, cl_event *event) {
-    return kv::ClEntry<kv::fn::clEnqueueCopyBuffer>::call(command_queue, src_buffer, dst_buffer, src_offset, dst_offset, size, num_events_in_wait_list, event_wait_list, event);
+    return kv::Entry<kv::ClApi, kv::fn::clEnqueueCopyBuffer>::call(command_queue, src_buffer, dst_buffer, src_offset, dst_offset, size, num_events_in_wait_list, event_wait_list, event);
 }
 KV_EXPORT cl_int KV_APIENTRY enqueueCopyBufferRect(cl_command_queue command_queue, cl_mem src_buffer, cl_mem dst_buffer, const size_t *src_origin, const size_t *dst_origin, const size_t *region, size_t src_row_pitch, size_t src_slice_pitch, size_t dst_row_pitch, size_t dst_slice_pitch, cl_uint num_events_in_wait_list, const cl_event *event_wait_list, cl_event *event) {
-    return kv::ClEntry<kv::fn::clEnqueueCopyBufferRect>::call(command_queue, src_buffer, dst_buffer, src_origin, dst_origin, region, src_row_pitch, src_slice_pitch, dst_row_pitch, dst_slice_pitch, num_events_in_wait_list, event_wait_list, event);
+    return kv::Entry<kv::ClApi, kv::fn::clEnqueueCopyBufferRect>::call(command_queue, src_buffer, dst_buffer, src_origin, dst_origin, region, src_row_pitch, src_slice_pitch, dst_row_pitch, dst_slice_pitch, num_events_in_wait_list, event_wait_list, event);
 }
 KV_EXPORT cl_int KV_APIENTRY enqueueReadImage(cl_command_queue command_queue, cl_mem image, cl_bool blocking_read, const size_t *origin, const size_t *region, size_t row_pitch, size_t slice_pitch, void *ptr, cl_uint num_events_in_wait_list, const cl_event *event_wait_list, cl_event *event) {
-    return kv::ClEntry<kv::fn::clEnqueueReadImage>::call(command_queue, image, blocking_read, origin, region, row_pitch, slice_pitch, ptr, num_events_in_wait_list, event_wait_list, event);
+    return kv::Entry<kv::ClApi, kv::fn::clEnqueueReadImage>::call(command_queue, image, blocking_read, origin, region, row_pitch, slice_pitch, ptr, num_events_in_wait_list, event_wait_list, event);
 }
 KV_EXPORT cl_int KV_APIENTRY enqueueWriteImage(cl_command_queue command_queue, cl_mem image, cl_bool blocking_write, const size_t *origin, const size_t *region, size_t input_row_pitch, size_t input_slice_pitch, const void *ptr, cl_uint num_events_in_wait_list, const cl_event *event_wait_list, cl_event *event) {
-    return kv::ClEntry<kv::fn::clEnqueueWriteImage>::call(command_queue, image, blocking_write, origin, region, input_row_pitch, input_slice_pitch, ptr, num_events_in_wait_list, event_wait_list, event);
+    return kv::Entry<kv::ClApi, kv::fn::clEnqueueWriteImage>::call(command_queue, image, blocking_write, origin, region, input_row_pitch, input_slice_pitch, ptr, num_events_in_wait_list, event_wait_list, event);
 }
 KV_EXPORT cl_int KV_APIENTRY enqueueCopyImage(cl_command_queue command_queue, cl_mem src_image, cl_mem dst_image, const size_t *src_origin, const size_t *dst_origin, const size_t *region, cl_uint num_events_in_wait_list, const cl_event *event_wait_list, cl_event *event) {
-    return kv::ClEntry<kv::fn::clEnqueueCopyImage>::call(command_queue, src_image, dst_image, src_origin, dst_origin, region, num_events_in_wait_list, event_wait_list, event);
+    return kv::Entry<kv::ClApi, kv::fn::clEnqueueCopyImage>::call(command_queue, src_image, dst_image, src_origin, dst_origin, region, num_events_in_wait_list, event_wait_list, event);
 }
 KV_EXPORT cl_int KV_APIENTRY enqueueCopyImageToBuffer(cl_command_queue command_queue, cl_mem src_image, cl_mem dst_buffer, const size_t *src_origin, const size_t *region, size_t dst_offset, cl_uint num_events_in_wait_list, const cl_event *event_wait_list, cl_event *event) {
-    return kv::ClEntry<kv::fn::clEnqueueCopyImageToBuffer>::call(command_queue, src_image, dst_buffer, src_origin, region, dst_offset, num_events_in_wait_list, event_wait_list, event);
+    return kv::Entry<kv::ClApi, kv::fn::clEnqueueCopyImageToBuffer>::call(command_queue, src_image, dst_buffer, src_origin, region, dst_offset, num_events_in_wait_list, event_wait_list, event);
 }
 KV_EXPORT cl_int KV_APIENTRY enqueueCopyBufferToImage(cl_command_queue command_queue, cl_mem src_buffer, cl_mem dst_image, size_t src_offset, const size_t *dst_origin, const size_t *region, cl_uint num_events_in_wait_list, const cl_event *event_wait_list, cl_event *event) {
-    return kv::ClEntry<kv::fn::clEnqueueCopyBufferToImage>::call(command_queue, src_buffer, dst_image, src_offset, dst_origin, region, num_events_in_wait_list, event_wait_list, event);
+    return kv::Entry<kv::ClApi, kv::fn::clEnqueueCopyBufferToImage>::call(command_queue, src_buffer, dst_image, src_offset, dst_origin, region, num_events_in_wait_list, event_wait_list, event);
 }
 KV_EXPORT void * KV_APIENTRY enqueueMapBuffer(cl_command_queue command_queue, cl_mem buffer, cl_bool blocking_map, cl_map_flags map_flags, size_t offset, size_t size, cl_uint num_events_in_wait_list, const cl_event *event_wait_list, cl_event *event, cl_int *errcode_ret) {
-    return kv::ClEntry<kv::fn::clEnqueueMapBuffer>::call(command_queue, buffer, blocking_map, map_flags, offset, size, num_events_in_wait_list, event_wait_list, event, errcode_ret);
+    return kv::Entry<kv::ClApi, kv::fn::clEnqueueMapBuffer>::call(command_queue, buffer, blocking_map, map_flags, offset, size, num_events_in_wait_list, event_wait_list, event, errcode_ret);
 }
 KV_EXPORT void * KV_APIENTRY enqueueMapImage(cl_command_queue command_queue, cl_mem image, cl_bool blocking_map, cl_map_flags map_flags, const size_t *origin, const size_t *region, size_t *image_row_pitch, size_t *image_slice_pitch, cl_uint num_events_in_wait_list, const cl_event *event_wait_list, cl_event *event, cl_int *errcode_ret) {
-    return kv::ClEntry<kv::fn::clEnqueueMapImage>::call(command_queue, image, blocking_map, map_flags, origin, region, image_row_pitch, image_slice_pitch, num_events_in_wait_list, event_wait_list, event, errcode_ret);
+    return kv::Entry<kv::ClApi, kv::fn::clEnqueueMapImage>::call(command_queue, image, blocking_map, map_flags, origin, region, image_row_pitch, image_slice_pitch, num_events_in_wait_list, event_wait_list, event, errcode_ret);
 }
 KV_EXPORT cl_int KV_APIENTRY enqueueUnmapMemObject(cl_command_queue command_queue, cl_mem memobj, void *mapped_ptr, cl_uint num_events_in_wait_list, const cl_event *event_wait_list, cl_event *event) {
-    return kv::ClEntry<kv::fn::clEnqueueUnmapMemObject>::call(command_queue, memobj, mapped_ptr, num_events_in_wait_list, event_wait_list, event);
+    return kv::Entry<kv::ClApi, kv::fn::clEnqueueUnmapMemObject>::call(command_queue, memobj, mapped_ptr, num_events_in_wait_list, event_wait_list, event);
 }
 KV_EXPORT cl_int KV_APIENTRY enqueueNDRangeKernel(cl_command_queue command_queue, cl_kernel kernel, cl_uint work_dim, const size_t *global_work_offset, const size_t *global_work_size, const size_t *local_work_size, cl_uint num_events_in_wait_list, const cl_event *event_wait_list, cl_event *event) {
-    return kv::ClEntry<kv::fn::clEnqueueNDRangeKernel>::call(command_queue, kernel, work_dim, global_work_offset, global_work_size, local_work_size, num_events_in_wait_list, event_wait_list, event);
+    return kv::Entry<kv::ClApi, kv::fn::clEnqueueNDRangeKernel>::call(command_queue, kernel, work_dim, global_work_offset, global_work_size, local_work_size, num_events_in_wait_list, event_wait_list, event);
 }
 KV_EXPORT cl_int KV_APIENTRY enqueueTask(cl_command_queue command_queue, cl_kernel kernel, cl_uint num_events_in_wait_list, const cl_event *event_wait_list, cl_event *event) {
-    return kv::ClEntry<kv::fn::clEnqueueTask>::call(command_queue, kernel, num_events_in_wait_list, event_wait_list, event);
+    return kv::Entry<kv::ClApi, kv::fn::clEnqueueTask>::call(command_queue, kernel, num_events_in_wait_list, event_wait_list, event);
 }
 KV_EXPORT cl_int KV_APIENTRY enqueueNativeKernel(cl_command_queue command_queue, void (CL_CALLBACK * user_func)(void *), void *args, size_t cb_args, cl_uint num_mem_objects, const cl_mem *mem_list, const void **args_mem_loc, cl_uint num_events_in_wait_list, const cl_event *event_wait_list, cl_event *event) {
-    return kv::ClEntry<kv::fn::clEnqueueNativeKernel>::call(command_queue, user_func, args, cb_args, num_mem_objects, mem_list, args_mem_loc, num_events_in_wait_list, event_wait_list, event);
+    return kv::Entry<kv::ClApi, kv::fn::clEnqueueNativeKernel>::call(command_queue, user_func, args, cb_args, num_mem_objects, mem_list, args_mem_loc, num_events_in_wait_list, event_wait_list, event);
 }
 KV_EXPORT cl_int KV_APIENTRY enqueueMarker(cl_command_queue command_queue, cl_event *event) {
-    return kv::ClEntry<kv::fn::clEnqueueMarker>::call(command_queue, event);
+    return kv::Entry<kv::ClApi, kv::fn::clEnqueueMarker>::call(command_queue, event);
 }
 KV_EXPORT cl_int KV_APIENTRY enqueueWaitForEvents(cl_command_queue command_queue, cl_uint num_events, const cl_event *event_list) {
-    return kv::ClEntry<kv::fn::clEnqueueWaitForEvents>::call(command_queue, num_events, event_list);
+    return kv::Entry<kv::ClApi, kv::fn::clEnqueueWaitForEvents>::call(command_queue, num_events, event_list);
 }
 KV_EXPORT cl_int KV_APIENTRY enqueueBarrier(cl_command_queue command_queue) {
-    return kv::ClEntry<kv::fn::clEnqueueBarrier>::call(command_queue);
+    return kv::Entry<kv::ClApi, kv::fn::clEnqueueBarrier>::call(command_queue);
 }
 KV_EXPORT void * KV_APIENTRY getExtensionFunctionAddress(const char *func_name) {
-    return kv::ClEntry<kv::fn::clGetExtensionFunctionAddress>::call(func_name);
+    return kv::Entry<kv::ClApi, kv::fn::clGetExtensionFunctionAddress>::call(func_name);
 }
 KV_EXPORT cl_int KV_APIENTRY createSubDevices(cl_device_id in_device, const cl_device_partition_property *properties, cl_uint num_devices, cl_device_id *out_devices, cl_uint *num_devices_ret) {
-    return kv::ClEntry<kv::fn::clCreateSubDevices>::call(in_device, properties, num_devices, out_devices, num_devices_ret);
+    return kv::Entry<kv::ClApi, kv::fn::clCreateSubDevices>::call(in_device, properties, num_devices, out_devices, num_devices_ret);
 }
 KV_EXPORT cl_int KV_APIENTRY retainDevice(cl_device_id device) {
-    return kv::ClEntry<kv::fn::clRetainDevice>::call(device);
+    return kv::Entry<kv::ClApi, kv::fn::clRetainDevice>::call(device);
 }
 KV_EXPORT cl_int KV_APIENTRY releaseDevice(cl_device_id device) {
-    return kv::ClEntry<kv::fn::clReleaseDevice>::call(device);
+    return kv::Entry<kv::ClApi, kv::fn::clReleaseDevice>::call(device);
 }
 KV_EXPORT cl_mem KV_APIENTRY createImage(cl_context context, cl_mem_flags flags, const cl_image_format *image_format, const cl_image_desc *image_desc, void *host_ptr, cl_int *errcode_ret) {
-    return kv::ClEntry<kv::fn::clCreateImage>::call(context, flags, image_format, image_desc, host_ptr, errcode_ret);
+    return kv::Entry<kv::ClApi, kv::fn::clCreateImage>::call(context, flags, image_format, image_desc, host_ptr, errcode_ret);
 }
 KV_EXPORT cl_program KV_APIENTRY createProgramWithBuiltInKernels(cl_context context, cl_uint num_devices, const cl_device_id *device_list, const char *kernel_names, cl_int *errcode_ret) {
-    return kv::ClEntry<kv::fn::clCreateProgramWithBuiltInKernels>::call(context, num_devices, device_list, kernel_names, errcode_ret);
+    return kv::Entry<kv::ClApi, kv::fn::clCreateProgramWithBuiltInKernels>::call(context, num_devices, device_list, kernel_names, errcode_ret);
 }
 KV_EXPORT cl_int KV_APIENTRY compileProgram(cl_program program, cl_uint num_devices, const cl_device_id *device_list, const char *options, cl_uint num_input_headers, const cl_program *input_headers, const char **header_include_names, void (CL_CALLBACK * pfn_notify)(cl_program program, void * user_data), void *user_data) {
-    return kv::ClEntry<kv::fn::clCompileProgram>::call(program, num_devices, device_list, options, num_input_headers, input_headers, header_include_names, pfn_notify, user_data);
+    return kv::Entry<kv::ClApi, kv::fn::clCompileProgram>::call(program, num_devices, device_list, options, num_input_headers, input_headers, header_include_names, pfn_notify, user_data);
 }
 KV_EXPORT cl_program KV_APIENTRY linkProgram(cl_context context, cl_uint num_devices, const cl_device_id *device_list, const char *options, cl_uint num_input_programs, const cl_program *input_programs, void (CL_CALLBACK * pfn_notify)(cl_program program, void * user_data), void *user_data, cl_int *errcode_ret) {
-    return kv::ClEntry<kv::fn::clLinkProgram>::call(context, num_devices, device_list, options, num_input_programs, input_programs, pfn_notify, user_data, errcode_ret);
+    return kv::Entry<kv::ClApi, kv::fn::clLinkProgram>::call(context, num_devices, device_list, options, num_input_programs, input_programs, pfn_notify, user_data, errcode_ret);
 }
 KV_EXPORT cl_int KV_APIENTRY unloadPlatformCompiler(cl_platform_id platform) {
-    return kv::ClEntry<kv::fn::clUnloadPlatformCompiler>::call(platform);
+    return kv::Entry<kv::ClApi, kv::fn::clUnloadPlatformCompiler>::call(platform);
 }
 KV_EXPORT cl_int KV_APIENTRY getKernelArgInfo(cl_kernel kernel, cl_uint arg_indx, cl_kernel_arg_info param_name, size_t param_value_size, void *param_value, size_t *param_value_size_ret) {
-    return kv::ClEntry<kv::fn::clGetKernelArgInfo>::call(kernel, arg_indx, param_name, param_value_size, param_value, param_value_size_ret);
+    return kv::Entry<kv::ClApi, kv::fn::clGetKernelArgInfo>::call(kernel, arg_indx, param_name, param_value_size, param_value, param_value_size_ret);
 }
 KV_EXPORT cl_int KV_APIENTRY enqueueFillBuffer(cl_command_queue command_queue, cl_mem buffer, const void *pattern, size_t pattern_size, size_t offset, size_t size, cl_uint num_events_in_wait_list, const cl_event *event_wait_list, cl_event *event) {
-    return kv::ClEntry<kv::fn::clEnqueueFillBuffer>::call(command_queue, buffer, pattern, pattern_size, offset, size, num_events_in_wait_list, event_wait_list, event);
+    return kv::Entry<kv::ClApi, kv::fn::clEnqueueFillBuffer>::call(command_queue, buffer, pattern, pattern_size, offset, size, num_events_in_wait_list, event_wait_list, event);
 }
 KV_EXPORT cl_int KV_APIENTRY enqueueFillImage(cl_command_queue command_queue, cl_mem image, const void *fill_color, const size_t *origin, const size_t *region, cl_uint num_events_in_wait_list, const cl_event *event_wait_list, cl_event *event) {
-    return kv::ClEntry<kv::fn::clEnqueueFillImage>::call(command_queue, image, fill_color, origin, region, num_events_in_wait_list, event_wait_list, event);
+    return kv::Entry<kv::ClApi, kv::fn::clEnqueueFillImage>::call(command_queue, image, fill_color, origin, region, num_events_in_wait_list, event_wait_list, event);
 }
 KV_EXPORT cl_int KV_APIENTRY enqueueMigrateMemObjects(cl_command_queue command_queue, cl_uint num_mem_objects, const cl_mem *mem_objects, cl_mem_migration_flags flags, cl_uint num_events_in_wait_list, const cl_event *event_wait_list, cl_event *event) {
-    return kv::ClEntry<kv::fn::clEnqueueMigrateMemObjects>::call(command_queue, num_mem_objects, mem_objects, flags, num_events_in_wait_list, event_wait_list, event);
+    return kv::Entry<kv::ClApi, kv::fn::clEnqueueMigrateMemObjects>::call(command_queue, num_mem_objects, mem_objects, flags, num_events_in_wait_list, event_wait_list, event);
 }
 KV_EXPORT cl_int KV_APIENTRY enqueueMarkerWithWaitList(cl_command_queue command_queue, cl_uint num_events_in_wait_list, const cl_event *event_wait_list, cl_event *event) {
-    return kv::ClEntry<kv::fn::clEnqueueMarkerWithWaitList>::call(command_queue, num_events_in_wait_list, event_wait_list, event);
+    return kv::Entry<kv::ClApi, kv::fn::clEnqueueMarkerWithWaitList>::call(command_queue, num_events_in_wait_list, event_wait_list, event);
 }
 KV_EXPORT cl_int KV_APIENTRY enqueueBarrierWithWaitList(cl_command_queue command_queue, cl_uint num_events_in_wait_list, const cl_event *event_wait_list, cl_event *event) {
-    return kv::ClEntry<kv::fn::clEnqueueBarrierWithWaitList>::call(command_queue, num_events_in_wait_list, event_wait_list, event);
+    return kv::Entry<kv::ClApi, kv::fn::clEnqueueBarrierWithWaitList>::call(command_queue, num_events_in_wait_list, event_wait_list, event);
 }
 KV_EXPORT void * KV_APIENTRY getExtensionFunctionAddressForPlatform(cl_platform_id platform, const char *func_name) {
-    return kv::ClEntry<kv::fn::clGetExtensionFunctionAddressForPlatform>::call(platform, func_name);
+    return kv::Entry<kv::ClApi, kv::fn::clGetExtensionFunctionAddressForPlatform>::call(platform, func_name);
 }
 KV_EXPORT cl_mem KV_APIENTRY createFromGLBuffer(cl_context context, cl_mem_flags flags, cl_GLuint bufobj, cl_int *errcode_ret) {
-    return kv::ClEntry<kv::fn::clCreateFromGLBuffer>::call(context, flags, bufobj, errcode_ret);
+    return kv::Entry<kv::ClApi, kv::fn::clCreateFromGLBuffer>::call(context, flags, bufobj, errcode_ret);
 }
 KV_EXPORT cl_mem KV_APIENTRY createFromGLTexture2D(cl_context context, cl_mem_flags flags, cl_GLenum target, cl_GLint miplevel, cl_GLuint texture, cl_int *errcode_ret) {
-    return kv::ClEntry<kv::fn::clCreateFromGLTexture2D>::call(context, flags, target, miplevel, texture, errcode_ret);
+    return kv::Entry<kv::ClApi, kv::fn::clCreateFromGLTexture2D>::call(context, flags, target, miplevel, texture, errcode_ret);
 }
 KV_EXPORT cl_mem KV_APIENTRY createFromGLTexture3D(cl_context context, cl_mem_flags flags, cl_GLenum target, cl_GLint miplevel, cl_GLuint texture, cl_int *errcode_ret) {
-    return kv::ClEntry<kv::fn::clCreateFromGLTexture3D>::call(context, flags, target, miplevel, texture, errcode_ret);
+    return kv::Entry<kv::ClApi, kv::fn::clCreateFromGLTexture3D>::call(context, flags, target, miplevel, texture, errcode_ret);
 }
 KV_EXPORT cl_mem KV_APIENTRY createFromGLRenderbuffer(cl_context context, cl_mem_flags flags, cl_GLuint renderbuffer, cl_int *errcode_ret) {
-    return kv::ClEntry<kv::fn::clCreateFromGLRenderbuffer>::call(context, flags, renderbuffer, errcode_ret);
+    return kv::Entry<kv::ClApi, kv::fn::clCreateFromGLRenderbuffer>::call(context, flags, renderbuffer, errcode_ret);
 }
 KV_EXPORT cl_int KV_APIENTRY getGLObjectInfo(cl_mem memobj, cl_gl_object_type *gl_object_type, cl_GLuint *gl_object_name) {
-    return kv::ClEntry<kv::fn::clGetGLObjectInfo>::call(memobj, gl_object_type, gl_object_name);
+    return kv::Entry<kv::ClApi, kv::fn::clGetGLObjectInfo>::call(memobj, gl_object_type, gl_object_name);
 }
 KV_EXPORT cl_int KV_APIENTRY getGLTextureInfo(cl_mem memobj, cl_gl_texture_info param_name, size_t param_value_size, void *param_value, size_t *param_value_size_ret) {
-    return kv::ClEntry<kv::fn::clGetGLTextureInfo>::call(memobj, param_name, param_value_size, param_value, param_value_size_ret);
+    return kv::Entry<kv::ClApi, kv::fn::clGetGLTextureInfo>::call(memobj, param_name, param_value_size, param_value, param_value_size_ret);
 }
 KV_EXPORT cl_int KV_APIENTRY enqueueAcquireGLObjects(cl_command_queue command_queue, cl_uint num_objects, const cl_mem *mem_objects, cl_uint num_events_in_wait_list, const cl_event *event_wait_list, cl_event *event) {
-    return kv::ClEntry<kv::fn::clEnqueueAcquireGLObjects>::call(command_queue, num_objects, mem_objects, num_events_in_wait_list, event_wait_list, event);
+    return kv::Entry<kv::ClApi, kv::fn::clEnqueueAcquireGLObjects>::call(command_queue, num_objects, mem_objects, num_events_in_wait_list, event_wait_list, event);
 }
 KV_EXPORT cl_int KV_APIENTRY enqueueReleaseGLObjects(cl_command_queue command_queue, cl_uint num_objects, const cl_mem *mem_objects, cl_uint num_events_in_wait_list, const cl_event *event_wait_list, cl_event *event) {
-    return kv::ClEntry<kv::fn::clEnqueueReleaseGLObjects>::call(command_queue, num_objects, mem_objects, num_events_in_wait_list, event_wait_list, event);
+    return kv::Entry<kv::ClApi, kv::fn::clEnqueueReleaseGLObjects>::call(command_queue, num_objects, mem_objects, num_events_in_wait_list, event_wait_list, event);
 }
 KV_EXPORT cl_mem KV_APIENTRY createFromGLTexture(cl_context context, cl_mem_flags flags, cl_GLenum target, cl_GLint miplevel, cl_GLuint texture, cl_int *errcode_ret) {
-    return kv::ClEntry<kv::fn::clCreateFromGLTexture>::call(context, flags, target, miplevel, texture, errcode_ret);
+    return kv::Entry<kv::ClApi, kv::fn::clCreateFromGLTexture>::call(context, flags, target, miplevel, texture, errcode_ret);
 }
 KV_EXPORT cl_int KV_APIENTRY getGLContextInfoKHR(const cl_context_properties *properties, cl_gl_context_info param_name, size_t param_value_size, void *param_value, size_t *param_value_size_ret) {
-    return kv::ClEntry<kv::fn::clGetGLContextInfoKHR>::call(properties, param_name, param_value_size, param_value, param_value_size_ret);
+    return kv::Entry<kv::ClApi, kv::fn::clGetGLContextInfoKHR>::call(properties, param_name, param_value_size, param_value, param_value_size_ret);
 }
 KV_EXPORT cl_event KV_APIENTRY createEventFromGLsyncKHR(cl_context context, cl_GLsync sync, cl_int *errcode_ret) {
-    return kv::ClEntry<kv::fn::clCreateEventFromGLsyncKHR>::call(context, sync, errcode_ret);
+    return kv::Entry<kv::ClApi, kv::fn::clCreateEventFromGLsyncKHR>::call(context, sync, errcode_ret);
 }
 KV_EXPORT cl_mem KV_APIENTRY createFromEGLImageKHR(cl_context context, CLeglDisplayKHR egldisplay, CLeglImageKHR eglimage, cl_mem_flags flags, const cl_egl_image_properties_khr *properties, cl_int *errcode_ret) {
-    return kv::ClEntry<kv::fn::clCreateFromEGLImageKHR>::call(context, egldisplay, eglimage, flags, properties, errcode_ret);
+    return kv::Entry<kv::ClApi, kv::fn::clCreateFromEGLImageKHR>::call(context, egldisplay, eglimage, flags, properties, errcode_ret);
 }
 KV_EXPORT cl_int KV_APIENTRY enqueueAcquireEGLObjectsKHR(cl_command_queue command_queue, cl_uint num_objects, const cl_mem *mem_objects, cl_uint num_events_in_wait_list, const cl_event *event_wait_list, cl_event *event) {
-    return kv::ClEntry<kv::fn::clEnqueueAcquireEGLObjectsKHR>::call(command_queue, num_objects, mem_objects, num_events_in_wait_list, event_wait_list, event);
+    return kv::Entry<kv::ClApi, kv::fn::clEnqueueAcquireEGLObjectsKHR>::call(command_queue, num_objects, mem_objects, num_events_in_wait_list, event_wait_list, event);
 }
 KV_EXPORT cl_int KV_APIENTRY enqueueReleaseEGLObjectsKHR(cl_command_queue command_queue, cl_uint num_objects, const cl_mem *mem_objects, cl_uint num_events_in_wait_list, const cl_event *event_wait_list, cl_event *event) {
-    return kv::ClEntry<kv::fn::clEnqueueReleaseEGLObjectsKHR>::call(command_queue, num_objects, mem_objects, num_events_in_wait_list, event_wait_list, event);
+    return kv::Entry<kv::ClApi, kv::fn::clEnqueueReleaseEGLObjectsKHR>::call(command_queue, num_objects, mem_objects, num_events_in_wait_list, event_wait_list, event);
 }
 KV_EXPORT cl_event KV_APIENTRY createEventFromEGLSyncKHR(cl_context context, CLeglSyncKHR sync, CLeglDisplayKHR display, cl_int *errcode_ret) {
-    return kv::ClEntry<kv::fn::clCreateEventFromEGLSyncKHR>::call(context, sync, display, errcode_ret);
+    return kv::Entry<kv::ClApi, kv::fn::clCreateEventFromEGLSyncKHR>::call(context, sync, display, errcode_ret);
 }
 
 } // namespace cl
