@@ -213,8 +213,14 @@ bool Overrides::preCall(uint16_t id, const uint64_t *slots, uint32_t count) {
     return true;
 }
 
-void Overrides::postCall(uint16_t id, const uint64_t *slots, uint32_t count, bool failed) {
+void Overrides::postCall(uint16_t id, const uint64_t *slots, uint32_t count, uint64_t result, bool failed) {
     if (!active_) return;
+    // Programs are followed per share group, so every context's group is known from its creation.
+    if (id == fn::eglCreateContext::id && count >= 3)
+        shaders_.contextCreated(reinterpret_cast<void *>(static_cast<uintptr_t>(result)),
+                                reinterpret_cast<void *>(static_cast<uintptr_t>(slots[2])));
+    else if (id == fn::eglDestroyContext::id && count >= 2 && !failed && result)
+        shaders_.contextDestroyed(reinterpret_cast<void *>(static_cast<uintptr_t>(slots[1])));
     if (!failed &&
         (id == fn::glShaderSource::id || id == fn::glAttachShader::id || id == fn::glDetachShader::id ||
          id == fn::glLinkProgram::id || id == fn::glDeleteProgram::id))

@@ -56,9 +56,9 @@ public:
 
     // Before the host call: whether it is made; a draw gets the overrides applied.
     bool preCall(uint16_t id, const uint64_t *slots, uint32_t count);
-    // After the host call: a draw's overrides undone; the shaders and programs the application
-    // makes are followed for the shader overrides.
-    void postCall(uint16_t id, const uint64_t *slots, uint32_t count, bool failed);
+    // After the host call: a draw's overrides undone; the contexts, shaders and programs the
+    // application makes are followed for the shader overrides.
+    void postCall(uint16_t id, const uint64_t *slots, uint32_t count, uint64_t result, bool failed);
     // Whether the call ends or synchronises a frame (edits are applied there).
     bool framePoint(uint16_t id) const;
 

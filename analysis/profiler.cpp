@@ -42,6 +42,7 @@ Profiler::~Profiler() = default;
 
 void Profiler::processEnd() {
     platform::LockGuard<platform::Mutex> guard(linkLock_);
+    if (timeline_) timeline_->flushAll(link_.get());
     // The last counts, then the close message (sent when the link goes).
     if (link_ && settings_.softwareCounters) {
         uint32_t values[kCounterCount];
@@ -114,16 +115,20 @@ void Profiler::postCall(uint16_t id, const ParamDesc &params, uint64_t result, b
             egl.eglGetCurrentDisplay ? reinterpret_cast<uintptr_t>(egl.eglGetCurrentDisplay()) : 0;
         const uint64_t context =
             egl.eglGetCurrentContext ? reinterpret_cast<uintptr_t>(egl.eglGetCurrentContext()) : 0;
-        platform::LockGuard<platform::Mutex> guard(linkLock_);
-        if (link_) timeline_->send(*link_, id, begin, frame_, display, context);
+        if (timeline_->record(id, begin, frame_.load(std::memory_order_relaxed), display, context)) {
+            platform::LockGuard<platform::Mutex> guard(linkLock_);
+            timeline_->flushThread(link_.get());
+        }
     }
-    if (called) overrides_->postCall(id, params.slots, params.count, failed);
+    if (called) overrides_->postCall(id, params.slots, params.count, result, failed);
     if (settings_.softwareCounters) counters_->count(id, params.slots, params.count, failed || !called);
     if (id == swapIds_[0] || id == swapIds_[1]) frameEnd();
 }
 
 bool Profiler::frameEnd() {
     platform::LockGuard<platform::Mutex> guard(linkLock_);
+    // The frame's spans, every thread's, go before its counters.
+    if (timeline_) timeline_->flushAll(link_.get());
     ++frame_;
     if (!settings_.softwareCounters || !ensureLink()) return false;
     uint32_t values[kCounterCount];

@@ -11,6 +11,7 @@
 #include "net/counter_link.h"
 #include "platform/platform.h"
 
+#include <atomic>
 #include <memory>
 
 namespace kv {
@@ -40,7 +41,7 @@ private:
     std::unique_ptr<Counters> counters_;
     std::unique_ptr<Overrides> overrides_;
     std::unique_ptr<Timeline> timeline_;
-    uint32_t frame_ = 0; // frames ended, under the link's lock
+    std::atomic<uint32_t> frame_{0}; // frames ended
     std::unique_ptr<net::CCounterLink> link_;
     platform::Mutex linkLock_;
     bool ended_ = false;

@@ -115,7 +115,7 @@ struct ShaderShadows::Shadow {
     std::vector<std::pair<GLuint, GLuint>> blocks; // uniform block index in the application's, in the copy
 };
 
-struct ShaderShadows::Context {
+struct ShaderShadows::Group {
     struct ShaderText {
         GLenum type = 0;
         std::string source;
@@ -136,7 +136,13 @@ struct ShaderShadows::Context {
     std::map<GLuint, ShaderText> shaders;
     std::map<GLuint, Program> programs;
     GLuint flatShader[2] = {0, 0};
-    int es3 = -1; // whether the context has uniform blocks; -1 until asked
+};
+
+struct ShaderShadows::Context {
+    std::shared_ptr<Group> group = std::make_shared<Group>();
+    // Whether the context has uniform blocks and transform feedback; -1 until asked. Contexts of
+    // different versions can share objects, so this is the context's own.
+    int es3 = -1;
 };
 
 ShaderShadows::ShaderShadows() = default;
@@ -161,9 +167,29 @@ bool ShaderShadows::es3(Context &c) {
 ShaderShadows::Context &ShaderShadows::current() {
     void *key = nullptr;
     if (auto getContext = SEglHost::get().fn.eglGetCurrentContext) key = getContext();
+    // A context made before profiling began has a group of its own.
     std::unique_ptr<Context> &c = contexts_[key];
     if (!c) c.reset(new Context());
     return *c;
+}
+
+void ShaderShadows::contextCreated(void *context, void *shareWith) {
+    if (!context) return;
+    platform::LockGuard<platform::Mutex> guard(lock_);
+    std::unique_ptr<Context> &c = contexts_[context];
+    // A handle the driver gives again after a destroy names a new context.
+    c.reset(new Context());
+    if (!shareWith) return;
+    std::unique_ptr<Context> &other = contexts_[shareWith];
+    if (!other) other.reset(new Context());
+    c->group = other->group;
+}
+
+void ShaderShadows::contextDestroyed(void *context) {
+    if (!context) return;
+    platform::LockGuard<platform::Mutex> guard(lock_);
+    // The group's copies go with its last context in the driver, and here with the last entry.
+    contexts_.erase(context);
 }
 
 void ShaderShadows::postCall(uint16_t id, const uint64_t *slots, uint32_t count) {
@@ -173,14 +199,14 @@ void ShaderShadows::postCall(uint16_t id, const uint64_t *slots, uint32_t count)
     if (id == fn::glShaderSource::id) {
         if (count < 3 || slots[2] == 0 || !g.glGetShaderiv || !g.glGetShaderSource) return;
         platform::LockGuard<platform::Mutex> guard(lock_);
-        Context::ShaderText &s = current().shaders[first];
+        Group::ShaderText &s = current().group->shaders[first];
         GLint type = 0, length = 0;
         g.glGetShaderiv(first, GL_SHADER_TYPE, &type);
         g.glGetShaderiv(first, GL_SHADER_SOURCE_LENGTH, &length);
         // The joined text as the driver keeps it: the application's strings are not read again.
         std::string text(length > 0 ? static_cast<size_t>(length) : 0, '\0');
         if (length > 0) g.glGetShaderSource(first, length, nullptr, &text[0]);
-        s = Context::ShaderText();
+        s = Group::ShaderText();
         s.type = static_cast<GLenum>(type);
         s.source = text.c_str();
         s.version = shaderVersionClass(s.source);
@@ -188,15 +214,15 @@ void ShaderShadows::postCall(uint16_t id, const uint64_t *slots, uint32_t count)
     } else if (id == fn::glAttachShader::id || id == fn::glDetachShader::id) {
         if (count < 2) return;
         platform::LockGuard<platform::Mutex> guard(lock_);
-        std::vector<GLuint> &attached = current().programs[first].attached;
+        std::vector<GLuint> &attached = current().group->programs[first].attached;
         const GLuint shader = static_cast<GLuint>(slots[1]);
         for (size_t i = 0; i < attached.size(); ++i)
             if (attached[i] == shader) attached.erase(attached.begin() + static_cast<long>(i--));
         if (id == fn::glAttachShader::id) attached.push_back(shader);
     } else if (id == fn::glLinkProgram::id) {
         platform::LockGuard<platform::Mutex> guard(lock_);
-        Context &c = current();
-        Context::Program &p = c.programs[first];
+        Group &c = *current().group;
+        Group::Program &p = c.programs[first];
         // A relinked program gets new copies, made from what it is linked from now.
         for (Shadow *s : {&p.flat, &p.discardless}) {
             if (s->program) g.glDeleteProgram(s->program);
@@ -215,7 +241,7 @@ void ShaderShadows::postCall(uint16_t id, const uint64_t *slots, uint32_t count)
                 p.linked = false;
                 break;
             }
-            const Context::ShaderText &s = it->second;
+            const Group::ShaderText &s = it->second;
             if (s.type == GL_FRAGMENT_SHADER) {
                 p.fragmentVersion = s.version;
                 p.hasDiscardFree = s.rewritten;
@@ -226,7 +252,7 @@ void ShaderShadows::postCall(uint16_t id, const uint64_t *slots, uint32_t count)
         }
     } else if (id == fn::glDeleteProgram::id) {
         platform::LockGuard<platform::Mutex> guard(lock_);
-        Context &c = current();
+        Group &c = *current().group;
         auto it = c.programs.find(first);
         if (it == c.programs.end()) return;
         for (Shadow *s : {&it->second.flat, &it->second.discardless})
@@ -235,9 +261,10 @@ void ShaderShadows::postCall(uint16_t id, const uint64_t *slots, uint32_t count)
     }
 }
 
-bool ShaderShadows::build(Context &c, GLuint program, bool flat, Shadow &s) {
+bool ShaderShadows::build(Context &context, GLuint program, bool flat, Shadow &s) {
     const GLESPPHostFns &g = gl();
-    Context::Program &p = c.programs[program];
+    Group &c = *context.group;
+    Group::Program &p = c.programs[program];
     s.tried = true;
     GLuint fragment = 0;
     if (flat) {
@@ -308,7 +335,7 @@ bool ShaderShadows::build(Context &c, GLuint program, bool flat, Shadow &s) {
             if (from >= 0 && to >= 0) s.uniforms.push_back({type, from, to});
         }
     }
-    if (es3(c) && g.glGetActiveUniformBlockName && g.glGetUniformBlockIndex) {
+    if (es3(context) && g.glGetActiveUniformBlockName && g.glGetUniformBlockIndex) {
         GLint blocks = 0;
         g.glGetProgramiv(s.program, GL_ACTIVE_UNIFORM_BLOCKS, &blocks);
         for (GLint i = 0; i < blocks; ++i) {
@@ -411,9 +438,10 @@ bool ShaderShadows::substitute(bool flat, bool discardless, uint32_t *applicatio
     if (program == 0) return false;
     platform::LockGuard<platform::Mutex> guard(lock_);
     Context &c = current();
-    auto it = c.programs.find(program);
-    if (it == c.programs.end() || !it->second.linked) return false;
-    Context::Program &p = it->second;
+    Group &group = *c.group;
+    auto it = group.programs.find(program);
+    if (it == group.programs.end() || !it->second.linked) return false;
+    Group::Program &p = it->second;
     // The flat colour wins: it replaces the whole fragment stage, discards and all.
     Shadow *s = flat ? &p.flat : discardless && p.hasDiscardFree ? &p.discardless : nullptr;
     if (!s) return false;

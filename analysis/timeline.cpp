@@ -3,7 +3,7 @@
 #include "api/api.h"
 #include "platform/platform.h"
 
-#include <cstdio>
+#include <atomic>
 #include <cstring>
 
 namespace kv::analysis {
@@ -43,27 +43,128 @@ uint8_t Timeline::levelOf(const char *name, CallKind kind) {
     return 3;
 }
 
-Timeline::Timeline(uint32_t level, const Counters &kinds) : level_(level) {
+// ---- The per-thread span buffers -------------------------------------------------------------
+
+struct Timeline::Buffer {
+    // Taken by its thread for each span and by whoever sends it: uncontended but for a frame end.
+    platform::Mutex lock;
+    uint64_t thread = 0;
+    uint32_t markBytes = 0; // the leading "Thread" mark
+    uint32_t used = 0;      // 0: empty, the mark not written yet
+    uint32_t oldest = 0;    // link time of the first span
+    uint8_t bytes[kBufferBytes];
+};
+
+namespace {
+std::atomic<uint64_t> g_generations{0};
+// The calling thread's buffer of the timeline of `t_generation`: plain thread-locals, read on every
+// span without a guard.
+KV_FAST_THREAD_LOCAL uint64_t t_generation = 0;
+KV_FAST_THREAD_LOCAL void *t_buffer = nullptr;
+
+inline uint8_t *putU32(uint8_t *p, uint32_t v) {
+    p[0] = static_cast<uint8_t>(v);
+    p[1] = static_cast<uint8_t>(v >> 8);
+    p[2] = static_cast<uint8_t>(v >> 16);
+    p[3] = static_cast<uint8_t>(v >> 24);
+    return p + 4;
+}
+inline uint8_t *putHeader(uint8_t *p, uint8_t type, uint32_t length) {
+    return putU32(p, static_cast<uint32_t>(type) << 24 | length);
+}
+inline char *putText(char *p, const char *end, const char *text) {
+    while (*text && p < end)
+        *p++ = *text++;
+    return p;
+}
+inline char *putDecimal(char *p, const char *end, uint64_t v) {
+    char digits[20];
+    int n = 0;
+    do {
+        digits[n++] = static_cast<char>('0' + v % 10);
+        v /= 10;
+    } while (v);
+    while (n && p < end)
+        *p++ = digits[--n];
+    return p;
+}
+} // namespace
+
+Timeline::Timeline(uint32_t level, const Counters &kinds) : level_(level), generation_(++g_generations) {
     for (uint32_t id = 0; id < 65536; ++id)
         levels_[id] = levelOf(api::functionName(id), kinds.kind(static_cast<uint16_t>(id)));
 }
 
-bool Timeline::send(net::CCounterLink &link, uint16_t id, uint32_t begin, uint32_t frame, uint64_t display,
-                    uint64_t context) {
-    char text[160];
-    // The spans that follow a "Thread" mark are that thread's, up to the next such mark.
-    const uint64_t thread = platform::threadId();
-    if (thread != lastThread_) {
-        const int n = std::snprintf(text, sizeof text, "Thread %lu", static_cast<unsigned long>(thread));
-        if (!link.sendMark(text, static_cast<uint32_t>(n))) return false;
-        lastThread_ = thread;
+Timeline::~Timeline() = default;
+
+Timeline::Buffer *Timeline::threadBuffer() {
+    if (t_generation == generation_) return static_cast<Buffer *>(t_buffer);
+    // The thread's first span on this timeline: the one allocation it makes.
+    std::unique_ptr<Buffer> b(new Buffer());
+    b->thread = platform::threadId();
+    Buffer *raw = b.get();
+    {
+        platform::LockGuard<platform::Mutex> guard(buffersLock_);
+        buffers_.push_back(std::move(b));
     }
-    const char *name = api::functionName(id);
-    int n = std::snprintf(text, sizeof text, "%s, Display %lu, Context %lu", name ? name : "?",
-                          static_cast<unsigned long>(display), static_cast<unsigned long>(context));
-    if (n < 0) return false;
-    if (static_cast<size_t>(n) >= sizeof text) n = sizeof text - 1;
-    return link.sendProcessingBegin(text, static_cast<uint32_t>(n), frame, begin) && link.sendProcessingEnd();
+    t_generation = generation_;
+    t_buffer = raw;
+    return raw;
+}
+
+bool Timeline::record(uint16_t id, uint32_t begin, uint32_t frame, uint64_t display, uint64_t context) {
+    Buffer &b = *threadBuffer();
+    const uint32_t now = net::linkTime();
+    platform::LockGuard<platform::Mutex> guard(b.lock);
+    if (b.used == 0) {
+        // "Thread <n>", its time the first span's.
+        char *text = reinterpret_cast<char *>(b.bytes + 8);
+        char *end = putDecimal(putText(text, text + 32, "Thread "), text + 32, b.thread);
+        const uint32_t length = static_cast<uint32_t>(end - text);
+        putU32(putHeader(b.bytes, net::kLinkMark, 4 + length), begin);
+        b.markBytes = b.used = 8 + length;
+        b.oldest = begin;
+    }
+    uint8_t *p = b.bytes + b.used;
+    char *name = reinterpret_cast<char *>(p + 16);
+    const char *nameEnd = name + kNameBytes;
+    const char *function = api::functionName(id);
+    char *at = putText(name, nameEnd, function ? function : "?");
+    at = putDecimal(putText(at, nameEnd, ", Display "), nameEnd, display);
+    at = putDecimal(putText(at, nameEnd, ", Context "), nameEnd, context);
+    const uint32_t length = static_cast<uint32_t>(at - name);
+    p = putU32(putU32(putU32(putHeader(p, net::kLinkBegin, 12 + length), begin), frame), length);
+    p += length;
+    p = putU32(putHeader(p, net::kLinkEnd, 4), now);
+    b.used = static_cast<uint32_t>(p - b.bytes);
+    return b.used + kSpanBytes > kBufferBytes || now - b.oldest > kStaleMicroseconds;
+}
+
+void Timeline::flush(net::CCounterLink *link, Buffer &b) {
+    if (b.used == 0) return;
+    // The mark is left out when the link's last spans were this thread's already.
+    const uint32_t from = link && lastThread_ == b.thread ? b.markBytes : 0;
+    if (link && b.used > from && link->sendMessages(b.bytes + from, b.used - from)) lastThread_ = b.thread;
+    b.used = 0;
+}
+
+void Timeline::flushThread(net::CCounterLink *link) {
+    Buffer &b = *threadBuffer();
+    platform::LockGuard<platform::Mutex> guard(b.lock);
+    flush(link, b);
+}
+
+void Timeline::flushAll(net::CCounterLink *link) {
+    platform::LockGuard<platform::Mutex> guard(buffersLock_);
+    for (const std::unique_ptr<Buffer> &b : buffers_) {
+        platform::LockGuard<platform::Mutex> bufferGuard(b->lock);
+        flush(link, *b);
+    }
+}
+
+void Timeline::linkMade() {
+    flushAll(nullptr);
+    lastThread_ = 0;
 }
 
 } // namespace kv::analysis

@@ -239,6 +239,16 @@ bool CCounterLink::sendProcessingEnd() {
     return send(kLinkEnd, p);
 }
 
+bool CCounterLink::sendMessages(const uint8_t *bytes, uint32_t length) {
+    receiveStep();
+    if (!connected_) return false;
+    if (!path_->write(bytes, length)) {
+        broken();
+        return false;
+    }
+    return true;
+}
+
 bool CCounterLink::defineItems(const LinkItem *items, uint32_t count) {
     receiveStep();
     items_.assign(items, items + count);

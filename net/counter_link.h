@@ -63,6 +63,8 @@ public:
     // A processing begin that happened at `time` (link time), sent later.
     bool sendProcessingBegin(const char *text, uint32_t length, uint32_t frame, uint32_t time);
     bool sendProcessingEnd();
+    // Messages framed by the caller (a batch of timeline marks and spans), written as they are.
+    bool sendMessages(const uint8_t *bytes, uint32_t length);
     bool defineItems(const LinkItem *items, uint32_t count);
     // The next edited item, newest first: its index, data length and data (valid until the next
     // receive step). False when no edit is waiting.

@@ -3,8 +3,10 @@
  * a buffer upload, uniforms, a quad of a second program (top left) placed by a vertex-shader
  * uniform whose fragment shader discards its left part, and a glReadPixels of the frame kept in
  * PREFIX.N.rgba. Every quad faces front (counter-clockwise); the program leaves face culling off.
+ * With --shared the shaders, programs and texture are made in one context and the frames drawn in
+ * a second context created sharing with it.
  *
- *   overrides_program [--frames N] [--dump PREFIX] [--sleep MS] */
+ *   overrides_program [--frames N] [--dump PREFIX] [--sleep MS] [--shared] */
 #define _POSIX_C_SOURCE 200809L /* nanosleep */
 
 #include "examples/headless_egl.h"
@@ -32,11 +34,17 @@ static void quad(GLint position, float x0, float y0, float x1, float y1, float z
 
 int main(int argc, char **argv) {
     int frames = 4, sleepMs = 0;
+    int shared = 0;
     const char *dump = NULL;
-    for (int i = 1; i + 1 < argc; i += 2) {
-        if (strcmp(argv[i], "--frames") == 0) frames = atoi(argv[i + 1]);
-        if (strcmp(argv[i], "--dump") == 0) dump = argv[i + 1];
-        if (strcmp(argv[i], "--sleep") == 0) sleepMs = atoi(argv[i + 1]);
+    for (int i = 1; i < argc; ++i) {
+        if (strcmp(argv[i], "--shared") == 0) shared = 1;
+        if (i + 1 == argc) break;
+        if (strcmp(argv[i], "--frames") == 0)
+            frames = atoi(argv[++i]);
+        else if (strcmp(argv[i], "--dump") == 0)
+            dump = argv[++i];
+        else if (strcmp(argv[i], "--sleep") == 0)
+            sleepMs = atoi(argv[++i]);
     }
     HeadlessEgl egl;
     if (!headlessEglOpen(&egl, 2, kSize, kSize, 24)) return 1;
@@ -84,6 +92,20 @@ int main(int argc, char **argv) {
     glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_NEAREST);
     GLuint buffer;
     glGenBuffers(1, &buffer);
+    EGLContext drawing = EGL_NO_CONTEXT;
+    if (shared) {
+        /* The objects are the share group's; bindings, the current program and the enabled
+         * arrays are the new context's own. */
+        const EGLint attributes[] = {EGL_CONTEXT_CLIENT_VERSION, 2, EGL_NONE};
+        drawing = eglCreateContext(egl.display, egl.config, egl.context, attributes);
+        if (drawing == EGL_NO_CONTEXT || !eglMakeCurrent(egl.display, egl.surface, egl.surface, drawing)) {
+            fprintf(stderr, "cannot make a sharing context current (0x%x)\n", eglGetError());
+            return 1;
+        }
+        glUseProgram(program);
+        glEnableVertexAttribArray((GLuint)position);
+        glBindTexture(GL_TEXTURE_2D, texture);
+    }
 
     static unsigned char pixels[kSize * kSize * 4];
     for (int frame = 0; frame < frames; ++frame) {
@@ -127,6 +149,10 @@ int main(int argc, char **argv) {
         }
     }
     printf("overrides_program: %d frames\n", frames);
+    if (shared) {
+        eglMakeCurrent(egl.display, egl.surface, egl.surface, egl.context);
+        eglDestroyContext(egl.display, drawing);
+    }
     headlessEglClose(&egl);
     return 0;
 }

@@ -27,7 +27,8 @@ profiled() {
     (cd "$name" && "$kalvoren" perf --wait 30 --csv counters.csv "$@" >perf.out 2>perf.err) &
     local perf=$!
     sleep 0.2
-    (cd "$name" && LD_LIBRARY_PATH=$build/lib "$program" --frames $frames --sleep 40 --dump frame >app.out 2>app.err)
+    (cd "$name" && LD_LIBRARY_PATH=$build/lib "$program" --frames $frames --sleep 40 --dump frame ${program_args:-} \
+        >app.out 2>app.err)
     wait $perf
 }
 
@@ -109,6 +110,8 @@ profiled back '"CullingMode": 2'
 profiled tiny '"Force2x2Textures": true' --set "Force 2x2 textures=0@3"
 profiled reads '"DisableFBAccess": true' --set "Disable frame buffer accesses=0@3"
 profiled flat '"ForceFlatColourFrag": true' --set "Force flat colour frag shader=0@3"
+# The same with the programs linked in one context and drawn in a second one sharing them.
+program_args=--shared profiled shared '"ForceFlatColourFrag": true' --set "Force flat colour frag shader=0@3"
 profiled discard '"DisableAlphaTest": true' --set "Disable discard / alpha test=0@3"
 # The configuration's "*" section sets a culling mode, the program's own an unknown one: the
 # program's value is read as 0 (app defined), so nothing is culled.
@@ -163,19 +166,20 @@ check('back', first('back') == ref, "back-face culling changed front faces")
 check('sections', first('sections') == ref, "a CullingMode above 3 was not taken as 0")
 # Flat colours: every pixel a program draws has that program's one colour, blended or not, its
 # discards gone; the second program (top left, placed by a vertex-shader uniform) has another.
-flat = first('flat')
-one = {px(flat, x, y) for x, y in [(10, 10), (28, 28), (55, 55), (55, 10)]}
-two = {px(flat, x, y) for x, y in [(4, 52), (18, 52)]}
-check('flat', len(one) == 1 and len(two) == 1 and one != two and clear not in one | two,
-      f"first program {one}, second {two}")
-check('flat', px(flat, 1, 52) == clear and px(flat, 24, 52) == clear, "the second program's quad moved")
+for name in ['flat', 'shared']:
+    flat = first(name)
+    one = {px(flat, x, y) for x, y in [(10, 10), (28, 28), (55, 55), (55, 10)]}
+    two = {px(flat, x, y) for x, y in [(4, 52), (18, 52)]}
+    check(name, len(one) == 1 and len(two) == 1 and one != two and clear not in one | two,
+          f"first program {one}, second {two}")
+    check(name, px(flat, 1, 52) == clear and px(flat, 24, 52) == clear, "the second program's quad moved")
 # Discard-free: what the second program discarded is magenta, the rest of the frame its own.
 nodiscard = first('discard')
 check('discard', px(ref, 4, 52) == clear and px(nodiscard, 4, 52) == (255, 0, 255, 255),
       f"discarded pixel is {px(nodiscard, 4, 52)}")
 check('discard', all(px(nodiscard, x, y) == px(ref, x, y) for x in range(S) for y in range(S)
                      if not (x < 12 and 40 <= y <= 62)), "pixels outside the discarded part changed")
-for name in ['draws', 'viewport', 'depth', 'blending', 'front', 'tiny', 'reads', 'flat', 'discard']:
+for name in ['draws', 'viewport', 'depth', 'blending', 'front', 'tiny', 'reads', 'flat', 'shared', 'discard']:
     check(name, first(name) != ref, "the override changed nothing")
     check(name, last(name) == load(f'ref.{frames - 1}.rgba'), "switched off, the frame is not the application's own")
 if bad: sys.exit("overrides: " + "; ".join(bad))

@@ -1,9 +1,11 @@
 // The software counters and the override items' edits, on the calls as the wrapper hands them over
 // (argument slots by function id): the published quirks of counters 15, 20 and 21, primitives by
-// mode, and the culling item's text.
+// mode, and the culling item's text; the function timeline's spans as a server receives them.
 #include "analysis/counters.h"
 #include "analysis/overrides.h"
+#include "analysis/timeline.h"
 #include "core/functions_autogen.h"
+#include "platform/platform.h"
 
 #include <gtest/gtest.h>
 
@@ -102,6 +104,82 @@ TEST(ProfilingOverrides, CullingEditsAndItemText) {
     EXPECT_EQ(parse(""), -1);
     EXPECT_STREQ(kItemNames[kItemCullingMode], "Kalvoren.Culling mode");
     EXPECT_STREQ(kItemNames[kItemDisableDraws], "Kalvoren.Disable draw calls");
+}
+
+// Spans from two threads, each thread's gathered in its own buffer, reach the server whole: a
+// "Thread" mark, then that thread's begin/end pairs; the mark is left out when the same thread's
+// spans follow one another on the link, and a buffer asks to go out before it can overflow.
+TEST(ProfilingTimeline, EachThreadsSpansGoOutWholeBehindItsMark) {
+    const std::string base = "KvTestTimeline" + std::to_string(platform::processId());
+    auto *serverPath = new net::CDataPathSharedMem(true, base);
+    net::CCounterServer server(std::unique_ptr<net::CDataPath>(serverPath), 7);
+    ASSERT_TRUE(server.listen());
+    net::CCounterLink link("Kalvoren", 8, [base] {
+        return std::unique_ptr<net::CDataPath>(new net::CDataPathSharedMem(false, base));
+    });
+    for (int i = 0; i < 400 && !server.connected(); ++i) {
+        link.poll();
+        ASSERT_TRUE(server.poll());
+    }
+    ASSERT_TRUE(link.connected());
+    server.events.clear();
+
+    Counters kinds;
+    Timeline timeline(3, kinds);
+    ASSERT_TRUE(timeline.covers(fn::glUniform4f::id));
+    const uint32_t begin = net::linkTime();
+    for (int i = 0; i < 3; ++i)
+        EXPECT_FALSE(timeline.record(fn::glDrawArrays::id, begin, 4, 1, 0x5A5A));
+    uint64_t otherThread = 0;
+    std::thread other([&] {
+        otherThread = platform::threadId();
+        timeline.record(fn::glFlush::id, begin, 5, 18446744073709551615ull, 0);
+        timeline.record(fn::glFlush::id, begin, 5, 18446744073709551615ull, 0);
+        timeline.flushThread(&link);
+    });
+    other.join();
+    timeline.flushAll(&link);
+    timeline.record(fn::glDrawArrays::id, begin, 6, 1, 0x5A5A);
+    timeline.flushThread(&link);
+    for (int i = 0; i < 50 && server.events.size() < 15; ++i)
+        ASSERT_TRUE(server.poll());
+
+    const std::string draw = "glDrawArrays, Display 1, Context 23130";
+    const std::string flush = "glFlush, Display 18446744073709551615, Context 0";
+    const std::string mainMark = "Thread " + std::to_string(platform::threadId());
+    const std::string otherMark = "Thread " + std::to_string(otherThread);
+    const std::vector<std::pair<uint8_t, std::string>> want = {
+        {net::kLinkMark, otherMark}, {net::kLinkBegin, flush}, {net::kLinkEnd, ""},
+        {net::kLinkBegin, flush},    {net::kLinkEnd, ""},      {net::kLinkMark, mainMark},
+        {net::kLinkBegin, draw},     {net::kLinkEnd, ""},      {net::kLinkBegin, draw},
+        {net::kLinkEnd, ""},         {net::kLinkBegin, draw},  {net::kLinkEnd, ""},
+        {net::kLinkBegin, draw},     {net::kLinkEnd, ""}};
+    ASSERT_EQ(server.events.size(), want.size());
+    for (size_t i = 0; i < want.size(); ++i) {
+        const net::CCounterServer::Event &e = server.events[i];
+        EXPECT_EQ(e.type, want[i].first) << i;
+        EXPECT_EQ(e.text, want[i].second) << i;
+        if (e.type == net::kLinkBegin) {
+            EXPECT_EQ(e.time, begin) << i;
+            EXPECT_EQ(e.frame, i < 5 ? 5u : i < 12 ? 4u : 6u) << i;
+        }
+        if (e.type == net::kLinkEnd) {
+            EXPECT_LT(e.time - begin, 60000000u) << i;
+        }
+    }
+
+    // A full buffer asks to go out while the next span still fits.
+    uint32_t spans = 0;
+    while (!timeline.record(fn::glDrawArrays::id, net::linkTime(), 7, 1, 2))
+        ASSERT_LT(++spans, Timeline::kBufferBytes / 24);
+    EXPECT_GT(spans, 100u);
+    timeline.flushThread(nullptr); // no link: dropped
+    server.events.clear();
+    timeline.record(fn::glDrawArrays::id, net::linkTime(), 7, 1, 2);
+    timeline.flushThread(&link);
+    for (int i = 0; i < 50 && server.events.size() < 2; ++i)
+        ASSERT_TRUE(server.poll());
+    EXPECT_EQ(server.events.size(), 2u); // the same thread as the link's last spans: no mark
 }
 
 } // namespace
