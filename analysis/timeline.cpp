@@ -8,6 +8,9 @@
 
 namespace kv::analysis {
 
+using net::putHeader;
+using net::putU32;
+
 namespace {
 bool oneOf(const char *name, std::initializer_list<const char *> names) {
     for (const char *n : names)
@@ -62,16 +65,6 @@ std::atomic<uint64_t> g_generations{0};
 KV_FAST_THREAD_LOCAL uint64_t t_generation = 0;
 KV_FAST_THREAD_LOCAL void *t_buffer = nullptr;
 
-inline uint8_t *putU32(uint8_t *p, uint32_t v) {
-    p[0] = static_cast<uint8_t>(v);
-    p[1] = static_cast<uint8_t>(v >> 8);
-    p[2] = static_cast<uint8_t>(v >> 16);
-    p[3] = static_cast<uint8_t>(v >> 24);
-    return p + 4;
-}
-inline uint8_t *putHeader(uint8_t *p, uint8_t type, uint32_t length) {
-    return putU32(p, static_cast<uint32_t>(type) << 24 | length);
-}
 inline char *putText(char *p, const char *end, const char *text) {
     while (*text && p < end)
         *p++ = *text++;

@@ -199,6 +199,30 @@ struct HookTarget {
     using type = F;
 };
 
+// Writes the record of one call of F: its error (c.error), its result and its arguments. A record
+// that cannot be made (memory ran out in a capture) is dropped whole and the lock given back, and
+// the answer is false: the application gets its answer either way.
+template <class F, class R, class... A>
+bool writeRecord(CallCtx &c, const R &result, A... args) {
+    RecordHandle h = trace::begin(F::id);
+    if (h) {
+        c.record = &h;
+        try {
+            h.u32(c.error);
+            if constexpr (F::result != api::Type::None) rec::put<F::result>(h, result);
+            F::write(h, c, args...);
+        } catch (...) {
+            c.record = nullptr;
+            trace::abandon(h);
+            reportUnrecorded(F::id);
+            return false;
+        }
+        c.record = nullptr;
+    }
+    trace::finish(h, &c.recordPosition);
+    return true;
+}
+
 template <class Api, class F, class Status = typename StatusOf<Api>::type>
 struct Entry {
     using Ret = typename F::Ret;
@@ -318,29 +342,12 @@ private:
             if (c.d.callHost) Api::template track<F>(c, args...);
         }
         if constexpr (!std::is_void_v<Ret>) c.result = toSlot(result);
-        if (c.d.record) {
-            RecordHandle h = trace::begin(F::id);
-            if (h) {
-                c.record = &h;
-                // A record that cannot be made (memory ran out in a capture) is dropped whole, and
-                // the lock is given back: the application gets its answer either way.
-                try {
-                    h.u32(c.error);
-                    if constexpr (!std::is_void_v<Ret>) rec::put<F::result>(h, result);
-                    F::write(h, c, args...);
-                } catch (...) {
-                    c.record = nullptr;
-                    trace::abandon(h);
-                    reportUnrecorded(F::id);
-                    H::done(c, result, args...);
-                    if constexpr (!std::is_void_v<Ret>)
-                        return result;
-                    else
-                        return;
-                }
-                c.record = nullptr;
-            }
-            trace::finish(h, &c.recordPosition);
+        if (c.d.record && !writeRecord<F>(c, result, args...)) {
+            H::done(c, result, args...);
+            if constexpr (!std::is_void_v<Ret>)
+                return result;
+            else
+                return;
         }
         if (tracked) H::done(c, result, args...);
         if constexpr (!std::is_void_v<Ret>) return result;

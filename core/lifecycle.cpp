@@ -49,9 +49,10 @@ void EntryRoutine::threadDetach() {
 void EntryRoutine::processDetach() {
     announceEntry();
     platform::consoleOut("Kalvoren: DLL_PROCESS_DETACH\r\n");
-    if (detail::g_settings && detail::g_settingsPid.load() == processId() &&
-        detail::g_settings->mode.load() == kModeRecording) {
-        Settings &s = *detail::g_settings;
+    // The settings this process built (none in a child forked from a recording process).
+    Settings *ready = detail::g_readySettings.load();
+    if (ready && ready->mode.load() == kModeRecording) {
+        Settings &s = *ready;
         // The process ends while recording: the recording ends here, cleanly. A thread that ends
         // the process from inside a record (exit from a signal handler) leaves that record out:
         // the file is cut after the last whole one, with no end marker behind a half.
@@ -67,9 +68,7 @@ void EntryRoutine::processDetach() {
         // rebuilt settings record would open the finished trace again and truncate it.
         s.mode = kModeDisabled;
     }
-    if (detail::g_settings && detail::g_settingsPid.load() == processId() &&
-        detail::g_settings->mode.load() == kModeProfiling && detail::g_settings->profiler)
-        detail::g_settings->profiler->processEnd();
+    if (ready && ready->mode.load() == kModeProfiling && ready->profiler) ready->profiler->processEnd();
     records::detachThread();
     debugOutput("Kalvoren: Trace finished.\r\n");
 }

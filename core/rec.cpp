@@ -8,6 +8,10 @@
 namespace kv::rec {
 
 namespace {
+// Up to this many bytes, a copy is small enough to go with the record's own bytes when it is
+// stored as it is (the file holds the same bytes as for a block, without the block's write), and
+// the bytes the driver has just read are copied directly rather than through a guarded read.
+constexpr uint32_t kSmallCopy = 256;
 
 // No record may grow past what its 32-bit length field can state.
 uint32_t boundedSize(RecordHandle &h, uint64_t bytes) {
@@ -58,16 +62,14 @@ void blob(RecordHandle &h, CallCtx &c, const void *data, uint64_t bytes, uint8_t
     h.u32(n);
     // A few bytes the driver has just read in a call it accepted are readable: copied directly,
     // as the guarded read costs a system call.
-    constexpr uint32_t kDirectLimit = 256;
-    if ((flags & api::kHostRead) && data && n && n <= kDirectLimit && c.d.callHost && !c.failed) {
+    if ((flags & api::kHostRead) && data && n && n <= kSmallCopy && c.d.callHost && !c.failed) {
         if (!(flags & api::kCompressible)) {
-            // Stored as they are either way: the bytes go with the record's own, no block.
             h.append(data, n);
             return;
         }
         void *copy = h.scratch(n);
         std::memcpy(copy, data, n);
-        h.addOwnBlock(n, copy, (flags & api::kCompressible) != 0);
+        h.addOwnBlock(n, copy, true);
         return;
     }
     h.addBlock(n, data, (flags & api::kCompressible) != 0);
@@ -82,10 +84,7 @@ void blob(RecordHandle &h, CallCtx &c, Blob b, uint8_t flags) {
     if (!c.d.recordData && !(flags & api::kAlways)) return;
     const uint32_t n = c.failed && !(flags & api::kAlways) ? 0 : boundedSize(h, b.bytes);
     h.u32(n);
-    // A small copy that is stored as it is goes with the record's own bytes (the file holds the
-    // same bytes as for a block, without the block's write).
-    constexpr uint32_t kInlineLimit = 256;
-    if (n <= kInlineLimit && !(flags & api::kCompressible)) {
+    if (n <= kSmallCopy && !(flags & api::kCompressible)) {
         h.append(b.copy, n);
         return;
     }

@@ -13,7 +13,6 @@ namespace kv {
 
 namespace detail {
 Settings *g_settings = nullptr;
-std::atomic<uint64_t> g_settingsPid{0};
 std::atomic<Settings *> g_readySettings{nullptr};
 
 namespace {
@@ -25,15 +24,16 @@ thread_local bool t_building = false;
 Settings &buildSettings() {
     if (t_building) return *g_settings;
     platform::LockGuard<platform::Mutex> guard(*g_buildLock);
-    uint64_t pid = platform::processId();
-    if (g_settingsPid.load(std::memory_order_acquire) == pid) return *g_settings;
-    // A forked child builds its own settings (the check above sees its new process id).
+    // Built by the thread that held the lock before this one.
+    if (Settings *ready = g_readySettings.load(std::memory_order_acquire)) return *ready;
+    // A forked child builds its own settings: the ready ones are the parent's.
     static const bool forkHandled = [] {
         platform::onForkChild([] { g_readySettings.store(nullptr, std::memory_order_release); });
         return true;
     }();
     (void)forkHandled;
     t_building = true;
+    const uint64_t pid = platform::processId();
     // The trace that the process this one was forked from is writing.
     std::string parentTrace;
     if (!g_settings) {
@@ -74,7 +74,6 @@ Settings &buildSettings() {
     // Keep the OpenGL ES libraries loaded for the rest of the process.
     platform::loadLibrary(platform::driverLibraryName(kHostEs2));
     platform::loadLibrary(platform::driverLibraryName(kHostEs1));
-    g_settingsPid.store(pid, std::memory_order_release);
     g_readySettings.store(&s, std::memory_order_release);
     t_building = false;
     return s;
@@ -87,7 +86,6 @@ Settings &getSettings() {
 
 void invalidateSettings() {
     detail::g_readySettings.store(nullptr, std::memory_order_release);
-    detail::g_settingsPid.store(0, std::memory_order_release);
 }
 
 void closeFully(Settings &s) {

@@ -22,7 +22,6 @@ void closeFully(Settings &settings);
 
 namespace detail {
 extern Settings *g_settings;
-extern std::atomic<uint64_t> g_settingsPid;
 // The settings once built for this process; null before, in a forked child until it builds its own,
 // and after a full close. Every entry point reads it first, so it is one load and no process id.
 extern std::atomic<Settings *> g_readySettings;

@@ -3,17 +3,15 @@
 // the driver. Shared by the ES2/3 and the ES1 snapshots.
 #pragma once
 
-#include "base/messages.h"
 #include "core/call.h"
 #include "state/egl_state.h"
-#include "trace/trace_writer.h"
 
 #include <memory>
 #include <utility>
 
 namespace kv::snapshot {
 
-// A record of F with the given error and result.
+// A record of F with the given error and result, written as the wrapper writes it.
 template <class F, class R, class... A>
 void callR(uint32_t error, R result, A... args) {
     CallCtx c;
@@ -22,23 +20,7 @@ void callR(uint32_t error, R result, A... args) {
     c.d.recordData = true;
     c.error = error;
     if constexpr (F::result != api::Type::None) c.result = toSlot(result);
-    RecordHandle h = trace::begin(F::id);
-    if (!h) {
-        trace::finish(h);
-        return;
-    }
-    c.record = &h;
-    try {
-        h.u32(error);
-        if constexpr (F::result != api::Type::None) rec::put<F::result>(h, result);
-        F::write(h, c, args...);
-    } catch (...) {
-        trace::abandon(h);
-        reportUnrecorded(F::id);
-        return;
-    }
-    c.record = nullptr;
-    trace::finish(h);
+    writeRecord<F>(c, result, args...);
 }
 
 // An OpenGL ES call that succeeded and returns nothing.

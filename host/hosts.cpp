@@ -40,12 +40,6 @@ SEglHost::SEglHost() : SHostLib(hostLibraryPath(kHostEgl).c_str()) {
     resolveVersions(*this, &fn, groups, 2, kSEglHostGroupCount, warnings);
 }
 
-const SEglHost &SEglHost::resolve() {
-    static const SEglHost *host = new SEglHost();
-    instance.store(host, std::memory_order_release);
-    return *host;
-}
-
 SEs1Host::SEs1Host() : SHostLib(hostLibraryPath(kHostEs1).c_str()) {
     if (!module) {
         msg::emit(msg::kDebugger | msg::kOut, "", "Could not load OGLES host library.\n");
@@ -58,12 +52,6 @@ SEs1Host::SEs1Host() : SHostLib(hostLibraryPath(kHostEs1).c_str()) {
                   "Kalvoren ES1 - ERROR: failed to load entry points from host library\n");
 }
 
-const SEs1Host &SEs1Host::resolve() {
-    static const SEs1Host *host = new SEs1Host();
-    instance.store(host, std::memory_order_release);
-    return *host;
-}
-
 GLESPPHost::GLESPPHost() : SHostLib(hostLibraryPath(kHostEs2).c_str()) {
     resolveGroup(kGLESPPHostGroups[0], &fn);
     if (failed()) return;
@@ -71,12 +59,6 @@ GLESPPHost::GLESPPHost() : SHostLib(hostLibraryPath(kHostEs2).c_str()) {
                                            "Warning failed to find OGLES 3.1 functions",
                                            "Warning failed to find OGLES 3.2 functions"};
     resolveVersions(*this, &fn, kGLESPPHostGroups, 1, kGLESPPHostGroupCount, warnings);
-}
-
-const GLESPPHost &GLESPPHost::resolve() {
-    static const GLESPPHost *host = new GLESPPHost();
-    instance.store(host, std::memory_order_release);
-    return *host;
 }
 
 SGlesExtHost::SGlesExtHost() {
@@ -92,12 +74,6 @@ SGlesExtHost::SGlesExtHost() {
     }
 }
 
-const SGlesExtHost &SGlesExtHost::resolve() {
-    static const SGlesExtHost *host = new SGlesExtHost();
-    instance.store(host, std::memory_order_release);
-    return *host;
-}
-
 SClHost::SClHost() : SHostLib(hostLibraryPath(kHostCl).c_str()) {
     resolveGroup(kSClHostGroups[0], &fn);
     // The GL sharing functions are optional. The extension entries are filled when an application
@@ -107,12 +83,6 @@ SClHost::SClHost() : SHostLib(hostLibraryPath(kHostCl).c_str()) {
     resolveGroup(kSClHostGroups[1], &fn);
     resolveGroup(kSClHostGroups[2], &fn);
     quiet = 0;
-}
-
-const SClHost &SClHost::resolve() {
-    static const SClHost *host = new SClHost();
-    instance.store(host, std::memory_order_release);
-    return *host;
 }
 
 } // namespace kv

@@ -8,16 +8,22 @@
 
 namespace kv {
 
-// The one table of a kind in the process, resolved on first use. get() is inline, one load, since
-// every forwarded call reads it.
+// The one table of a kind in the process, resolved on first use (never freed: entry points of
+// other threads may still read it while the process ends). get() is inline, one load, since every
+// forwarded call reads it.
 template <class T>
 struct ResolvedOnce {
     static const T &get() {
         const T *table = instance.load(std::memory_order_acquire);
-        return KV_LIKELY(table != nullptr) ? *table : T::resolve();
+        return KV_LIKELY(table != nullptr) ? *table : resolve();
     }
 
-protected:
+private:
+    KV_NOINLINE static const T &resolve() {
+        static const T *table = new T();
+        instance.store(table, std::memory_order_release);
+        return *table;
+    }
     static inline std::atomic<const T *> instance{nullptr};
 };
 
@@ -30,19 +36,16 @@ void resolveVersions(SHostLib &host, void *fns, const HostGroup *groups, uint32_
 struct SEglHost : SHostLib, ResolvedOnce<SEglHost> {
     SEglHostFns fn{};
     SEglHost();
-    static const SEglHost &resolve();
 };
 
 struct SEs1Host : SHostLib, ResolvedOnce<SEs1Host> {
     SEs1HostFns fn{};
     SEs1Host();
-    static const SEs1Host &resolve();
 };
 
 struct GLESPPHost : SHostLib, ResolvedOnce<GLESPPHost> {
     GLESPPHostFns fn{};
     GLESPPHost();
-    static const GLESPPHost &resolve();
 };
 
 // The OpenGL ES extension functions, resolved by name through the host's eglGetProcAddress on first
@@ -50,13 +53,11 @@ struct GLESPPHost : SHostLib, ResolvedOnce<GLESPPHost> {
 struct SGlesExtHost : ResolvedOnce<SGlesExtHost> {
     SGlesExtHostFns fn{};
     SGlesExtHost();
-    static const SGlesExtHost &resolve();
 };
 
 struct SClHost : SHostLib, ResolvedOnce<SClHost> {
     SClHostFns fn{};
     SClHost();
-    static const SClHost &resolve();
 };
 
 } // namespace kv

@@ -38,9 +38,21 @@ uint32_t linkTime() {
     return static_cast<uint32_t>(ticks / frequency * 1000000u + ticks % frequency * 1000000u / frequency);
 }
 
+uint8_t *putU32(uint8_t *out, uint32_t v) {
+    out[0] = static_cast<uint8_t>(v);
+    out[1] = static_cast<uint8_t>(v >> 8);
+    out[2] = static_cast<uint8_t>(v >> 16);
+    out[3] = static_cast<uint8_t>(v >> 24);
+    return out + 4;
+}
+
+uint8_t *putHeader(uint8_t *out, uint8_t type, uint32_t length) {
+    return putU32(out, static_cast<uint32_t>(type) << 24 | length);
+}
+
 void putU32(std::vector<uint8_t> &out, uint32_t v) {
-    const uint8_t b[4] = {static_cast<uint8_t>(v), static_cast<uint8_t>(v >> 8),
-                          static_cast<uint8_t>(v >> 16), static_cast<uint8_t>(v >> 24)};
+    uint8_t b[4];
+    putU32(b, v);
     out.insert(out.end(), b, b + 4);
 }
 
@@ -51,7 +63,9 @@ void putBytes(std::vector<uint8_t> &out, const void *p, size_t n) {
 
 bool frameMessage(std::vector<uint8_t> &out, uint8_t type, const std::vector<uint8_t> &payload) {
     if (payload.size() > kLinkMaxPayload) return false;
-    putU32(out, static_cast<uint32_t>(type) << 24 | static_cast<uint32_t>(payload.size()));
+    uint8_t header[4];
+    putHeader(header, type, static_cast<uint32_t>(payload.size()));
+    putBytes(out, header, 4);
     putBytes(out, payload.data(), payload.size());
     return true;
 }
@@ -217,14 +231,10 @@ bool CCounterLink::sendMark(const char *text, uint32_t length) {
 }
 
 bool CCounterLink::sendProcessingBegin(const char *text, uint32_t length, uint32_t frame) {
-    return sendProcessingBegin(text, length, frame, linkTime());
-}
-
-bool CCounterLink::sendProcessingBegin(const char *text, uint32_t length, uint32_t frame, uint32_t time) {
     receiveStep();
     if (!connected_) return false;
     std::vector<uint8_t> p;
-    putU32(p, time);
+    putU32(p, linkTime());
     putU32(p, frame);
     putU32(p, length);
     putBytes(p, text, length);

@@ -45,6 +45,10 @@ uint32_t linkTime();
 bool frameMessage(std::vector<uint8_t> &out, uint8_t type, const std::vector<uint8_t> &payload);
 void putU32(std::vector<uint8_t> &out, uint32_t v);
 void putBytes(std::vector<uint8_t> &out, const void *p, size_t n);
+// The same framing in place, for messages built in a fixed buffer (the timeline's spans): each
+// returns the byte after what it wrote. The caller keeps `length` within kLinkMaxPayload.
+uint8_t *putU32(uint8_t *out, uint32_t v);
+uint8_t *putHeader(uint8_t *out, uint8_t type, uint32_t length);
 
 // The library's end.
 class CCounterLink {
@@ -60,8 +64,6 @@ public:
 
     bool sendMark(const char *text, uint32_t length);
     bool sendProcessingBegin(const char *text, uint32_t length, uint32_t frame);
-    // A processing begin that happened at `time` (link time), sent later.
-    bool sendProcessingBegin(const char *text, uint32_t length, uint32_t frame, uint32_t time);
     bool sendProcessingEnd();
     // Messages framed by the caller (a batch of timeline marks and spans), written as they are.
     bool sendMessages(const uint8_t *bytes, uint32_t length);

@@ -320,9 +320,7 @@ void CNetworkServer::beginRecordedTrace(Settings &s) {
     sendText("Saving Render State...\n");
     // Forwarding stays on: the snapshot writes its records without calling through a wrapper, and
     // a call another thread makes meanwhile must still reach the driver.
-    s.snapshotInProgress = true;
     frames::saveRenderState(s, true);
-    s.snapshotInProgress = false;
     sendText("Saving Render State... Done\n");
 }
 

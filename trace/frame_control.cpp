@@ -26,41 +26,34 @@ void report(const char *fmt, int value) {
     msg::info(fmt, value);
 }
 
-// Runs `body` while the snapshot is written. The snapshot writes its records itself and never
-// reaches the host through a wrapper, so forwarding stays on: a process-wide switch would also keep
-// the calls other threads make meanwhile from the driver, and they must see what they see untraced.
-template <class Body>
-void withSnapshotInProgress(Settings &s, Body body) {
+// With the snapshot turn held, so that the in-progress flag is the writer's alone. The snapshot
+// writes its records itself and never reaches the host through a wrapper, so forwarding stays on:
+// a process-wide switch would also keep the calls other threads make meanwhile from the driver, and
+// they must see what they see untraced.
+void writeState(Settings &s, bool full) {
+    if (!full && !ownStateDue()) return;
     s.snapshotInProgress = true;
-    body();
+    trace::writeSnapshotMarker();
+    if (SnapshotWriter writer = g_snapshotWriter.load()) writer(full);
+    if (full) g_snapshots.fetch_add(1, std::memory_order_acq_rel);
+    t_stateSaved = g_snapshots.load(std::memory_order_acquire);
+    trace::writeSnapshotMarker();
     s.snapshotInProgress = false;
 }
+
 } // namespace
 
 void setSnapshotWriter(SnapshotWriter writer) {
     g_snapshotWriter.store(writer);
 }
 
-namespace {
-// With the snapshot turn held.
-void writeState(bool full) {
-    if (!full && !ownStateDue()) return;
-    trace::writeSnapshotMarker();
-    if (SnapshotWriter writer = g_snapshotWriter.load()) writer(full);
-    if (full) g_snapshots.fetch_add(1, std::memory_order_acq_rel);
-    t_stateSaved = g_snapshots.load(std::memory_order_acquire);
-    trace::writeSnapshotMarker();
-}
-} // namespace
-
-void saveRenderState(Settings &, bool full) {
+void saveRenderState(Settings &s, bool full) {
     std::lock_guard<std::mutex> turn(g_snapshotTurn);
-    writeState(full);
+    writeState(s, full);
 }
 
 void saveOwnState(Settings &s) {
-    if (!ownStateDue()) return;
-    withSnapshotInProgress(s, [&] { saveRenderState(s, false); });
+    if (ownStateDue()) saveRenderState(s, false);
 }
 
 bool shouldRecord(Settings &s) {
@@ -88,11 +81,11 @@ bool shouldRecord(Settings &s) {
             std::lock_guard<std::mutex> turn(g_snapshotTurn);
             if (s.snapshotPending.load()) {
                 if (s.debugLevel >= 2) msg::info("Saving Render State");
-                withSnapshotInProgress(s, [&] { writeState(true); });
+                writeState(s, true);
                 s.snapshotPending = false;
             } else {
                 // A thread's first recorded call after the full snapshot brings its own state.
-                withSnapshotInProgress(s, [&] { writeState(false); });
+                writeState(s, false);
             }
         }
         if (f == s.endFrame && s.debugLevel >= 1 && static_cast<int32_t>(f) != s.lastReportedFrame) {
