@@ -245,8 +245,9 @@ int recordCommand(const std::vector<std::string> &args) {
     platform::setEnv(platform::librarySearchVariable(),
                      search.empty() ? libDir : libDir + platform::pathListSeparator() + search);
 
-    // A trace left from an earlier run must not pass for this run's.
-    std::remove(output.c_str());
+    // A trace left from an earlier run must not pass for this run's. Only a file is removed: an
+    // output named after a device or a pipe (/dev/null) is written to, never deleted.
+    if (platform::fileExists(output)) std::remove(output.c_str());
 
     std::string error;
     int status = platform::runProgram(o.program, &error);

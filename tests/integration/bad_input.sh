@@ -27,4 +27,8 @@ if ! "$build/bin/kalvoren" info "$work/bad.kalvoren" >"$work/info.txt" 2>&1; the
     cat "$work/info.txt"
     exit 1
 fi
+# An output that is not a file (a pipe here, /dev/null for a user) is left where it is.
+mkfifo "$work/pipe"
+"$build/bin/kalvoren" record --no-info -o "$work/pipe" -- true >/dev/null 2>&1
+[ -p "$work/pipe" ] || { echo "FAIL: kalvoren record removed the pipe named as its output"; exit 1; }
 echo "ok: $(grep -c . "$work/plain.txt") answers the same with and without the library"
