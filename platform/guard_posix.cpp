@@ -556,7 +556,8 @@ bool MappedFile::grow(uint64_t need) {
     // Steps of a quarter of the file, 4 to 32 MiB: few system calls, and a short tail of zeros
     // after a death that runs none of our code.
     uint64_t step = std::min<uint64_t>(std::max<uint64_t>(capacity_ / 4, 4ull << 20), 32ull << 20);
-    uint64_t target = std::max(need, capacity_ + step);
+    // Whole 64 KiB steps keep the file's end, and so the pages mapped in ahead, on page bounds.
+    uint64_t target = (std::max(need, capacity_ + step) + 0xFFFF) & ~uint64_t(0xFFFF);
     const uint64_t limit = fileSizeLimit();
     if (need > limit) {
         failure_ = Failure::SizeLimit;
@@ -627,7 +628,8 @@ uint8_t *MappedFile::span(uint64_t offset, size_t *available) {
 #ifndef MADV_POPULATE_WRITE
         constexpr int MADV_POPULATE_WRITE = 23; // Linux 5.14; older kernels refuse it
 #endif
-        uint64_t from = std::max(prefaulted_, offset & ~uint64_t(4095));
+        // The system maps in from a page's start only: a range that starts inside a page is refused.
+        uint64_t from = std::max(prefaulted_, offset) & ~uint64_t(4095);
         uint64_t to = std::min<uint64_t>(end, from + (1ull << 20));
         madvise(window_ + (from - windowStart_), static_cast<size_t>(to - from), MADV_POPULATE_WRITE);
         prefaulted_ = to;
