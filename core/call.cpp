@@ -52,6 +52,7 @@ void fillDecision(Settings &s, uint16_t id, CallDecision &d, ParamDesc *params) 
             d.record = frames::shouldRecord(s);
         d.saveFrameBuffer = d.record && s.saveFrameBuffer;
         d.recordData = (d.record || d.beforeStartFrame) ? s.recordData : false;
+        d.compress = s.useCompression;
         d.disableBinaries = s.disableBinaries;
         d.disableBlobCache = s.disableBlobCache;
         d.uniformBufferOffsetAlignment = s.uniformBufferOffsetAlignment;

@@ -25,6 +25,8 @@ struct CallDecision {
     bool beforeStartFrame = false;
     bool record = false;
     bool recordData = false;
+    // Compressible blocks are compressed (else they are stored as they are, like inline bytes).
+    bool compress = false;
     bool saveFrameBuffer = false;
     uint32_t clientBufferRecordFrequency = 0;
     bool disableBinaries = false;

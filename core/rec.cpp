@@ -63,7 +63,7 @@ void blob(RecordHandle &h, CallCtx &c, const void *data, uint64_t bytes, uint8_t
     // A few bytes the driver has just read in a call it accepted are readable: copied directly,
     // as the guarded read costs a system call.
     if ((flags & api::kHostRead) && data && n && n <= kSmallCopy && c.d.callHost && !c.failed) {
-        if (!(flags & api::kCompressible)) {
+        if (!(flags & api::kCompressible) || !c.d.compress) {
             h.append(data, n);
             return;
         }
@@ -84,7 +84,7 @@ void blob(RecordHandle &h, CallCtx &c, Blob b, uint8_t flags) {
     if (!c.d.recordData && !(flags & api::kAlways)) return;
     const uint32_t n = c.failed && !(flags & api::kAlways) ? 0 : boundedSize(h, b.bytes);
     h.u32(n);
-    if (n <= kSmallCopy && !(flags & api::kCompressible)) {
+    if (n <= kSmallCopy && (!(flags & api::kCompressible) || !c.d.compress)) {
         h.append(b.copy, n);
         return;
     }

@@ -40,6 +40,11 @@ public:
     // True when a record's length is best written last (kUnfinishedLength until then): the
     // mapped stream, whose bytes reach the file as they are written.
     virtual bool writesLengthLast() const { return false; }
+    // A record of n bytes at once, its length field at `lengthAt` within them holding
+    // kUnfinishedLength, written and committed with `length` put in last; `*start` receives where
+    // it begins. False, with nothing written, when the stream has no room ready for it: the caller
+    // then writes it piece by piece.
+    virtual bool writeWhole(const uint8_t *, size_t, size_t, uint32_t, uint64_t *) { return false; }
     virtual StreamFailure failure() const { return StreamFailure::None; }
     virtual void close() = 0;
     virtual bool isOpen() const = 0;

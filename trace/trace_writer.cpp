@@ -288,6 +288,16 @@ void onStreamFailure(Settings &s) {
     }
 }
 
+// Puts the thread marker in the room before a record's length field; returns where the record's
+// bytes now start.
+uint32_t putThreadMarker(uint8_t *bytes, uint64_t thread) {
+    putU32(bytes, 8);
+    uint16_t id = format::kThreadMarkerId;
+    std::memcpy(bytes + 4, &id, 2);
+    std::memcpy(bytes + 6, &thread, 8);
+    return 0;
+}
+
 } // namespace
 
 void abandon(RecordHandle handle) {
@@ -317,6 +327,24 @@ void finish(RecordHandle handle, uint64_t *lengthPosition) {
         g_recordLock->unlock();
         return;
     }
+    uint32_t end = r.inlineBytes.size();
+    if (r.blocks.empty() && out && s.recordingEnabled && !s.networkStreaming) {
+        // A record of inline bytes alone (most calls) goes out in one copy where the stream has
+        // room ready for it.
+        uint8_t *bytes = r.inlineBytes.data();
+        uint32_t from = kMarkerBytes;
+        if (r.threadId != s.lastThread) from = putThreadMarker(bytes, r.threadId);
+        putU32(bytes + kMarkerBytes, format::kUnfinishedLength);
+        uint64_t start = 0;
+        if (out->writeWhole(bytes + from, end - from, kMarkerBytes - from, end - kPrefixBytes - 2, &start)) {
+            s.lastThread = r.threadId;
+            s.bytesWritten += end - from;
+            if (lengthPosition) *lengthPosition = start + (kMarkerBytes - from);
+            r.inRecord = false;
+            g_recordLock->unlock();
+            return;
+        }
+    }
     const uint64_t writtenBefore = s.bytesWritten;
     const uint64_t threadBefore = s.lastThread;
     const uint64_t recordStart = tell(s);
@@ -325,14 +353,9 @@ void finish(RecordHandle handle, uint64_t *lengthPosition) {
 
     // The thread marker, when the thread changed, goes out with the record's first bytes.
     uint32_t from = kMarkerBytes;
-    uint64_t thread = r.threadId;
-    if (thread != s.lastThread) {
-        s.lastThread = thread;
-        putU32(bytes, 8);
-        uint16_t id = format::kThreadMarkerId;
-        std::memcpy(bytes + 4, &id, 2);
-        std::memcpy(bytes + 6, &thread, 8);
-        from = 0;
+    if (r.threadId != s.lastThread) {
+        s.lastThread = r.threadId;
+        from = putThreadMarker(bytes, r.threadId);
     }
     // Where the bytes reach the file as they are written, the length goes in last: a record cut
     // short by the death of its process still says it is unfinished.
@@ -355,7 +378,6 @@ void finish(RecordHandle handle, uint64_t *lengthPosition) {
             block.compressible && s.useCompression ? writeCompressed(s, block) : writeRaw(s, block);
         blockBytes += block.size;
     }
-    uint32_t end = r.inlineBytes.size();
     if (end > inlinePos) write(s, bytes + inlinePos, end - inlinePos, 1);
 
     uint64_t storedTotal = (end - kPrefixBytes) + storedBlocks;
