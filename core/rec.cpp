@@ -24,6 +24,11 @@ uint32_t boundedSize(RecordHandle &h, uint64_t bytes) {
     return static_cast<uint32_t>(bytes);
 }
 
+// Bytes stored as they are: inline, where a block would hold the same bytes in the file.
+bool storedAsIs(const CallCtx &c, uint8_t flags) {
+    return !(flags & api::kCompressible) || !c.d.compress;
+}
+
 template <class T>
 uint32_t countAttribs(const T *list) {
     if (!list) return 0;
@@ -63,7 +68,7 @@ void blob(RecordHandle &h, CallCtx &c, const void *data, uint64_t bytes, uint8_t
     // A few bytes the driver has just read in a call it accepted are readable: copied directly,
     // as the guarded read costs a system call.
     if ((flags & api::kHostRead) && data && n && n <= kSmallCopy && c.d.callHost && !c.failed) {
-        if (!(flags & api::kCompressible) || !c.d.compress) {
+        if (storedAsIs(c, flags)) {
             h.append(data, n);
             return;
         }
@@ -84,7 +89,7 @@ void blob(RecordHandle &h, CallCtx &c, Blob b, uint8_t flags) {
     if (!c.d.recordData && !(flags & api::kAlways)) return;
     const uint32_t n = c.failed && !(flags & api::kAlways) ? 0 : boundedSize(h, b.bytes);
     h.u32(n);
-    if (n <= kSmallCopy && (!(flags & api::kCompressible) || !c.d.compress)) {
+    if (n <= kSmallCopy && storedAsIs(c, flags)) {
         h.append(b.copy, n);
         return;
     }

@@ -288,9 +288,10 @@ void onStreamFailure(Settings &s) {
     }
 }
 
-// Puts the thread marker in the room before a record's length field; returns where the record's
-// bytes now start.
-uint32_t putThreadMarker(uint8_t *bytes, uint64_t thread) {
+// Where a record's bytes start in its inline bytes: at the length field, or, when the thread
+// changed, at the thread marker put in the room before it.
+uint32_t recordFrom(uint8_t *bytes, uint64_t thread, uint64_t lastThread) {
+    if (thread == lastThread) return kMarkerBytes;
     putU32(bytes, 8);
     uint16_t id = format::kThreadMarkerId;
     std::memcpy(bytes + 4, &id, 2);
@@ -332,8 +333,7 @@ void finish(RecordHandle handle, uint64_t *lengthPosition) {
         // A record of inline bytes alone (most calls) goes out in one copy where the stream has
         // room ready for it.
         uint8_t *bytes = r.inlineBytes.data();
-        uint32_t from = kMarkerBytes;
-        if (r.threadId != s.lastThread) from = putThreadMarker(bytes, r.threadId);
+        const uint32_t from = recordFrom(bytes, r.threadId, s.lastThread);
         putU32(bytes + kMarkerBytes, format::kUnfinishedLength);
         uint64_t start = 0;
         if (out->writeWhole(bytes + from, end - from, kMarkerBytes - from, end - kPrefixBytes - 2, &start)) {
@@ -352,11 +352,8 @@ void finish(RecordHandle handle, uint64_t *lengthPosition) {
     uint8_t *bytes = r.inlineBytes.data();
 
     // The thread marker, when the thread changed, goes out with the record's first bytes.
-    uint32_t from = kMarkerBytes;
-    if (r.threadId != s.lastThread) {
-        s.lastThread = r.threadId;
-        from = putThreadMarker(bytes, r.threadId);
-    }
+    const uint32_t from = recordFrom(bytes, r.threadId, s.lastThread);
+    s.lastThread = r.threadId;
     // Where the bytes reach the file as they are written, the length goes in last: a record cut
     // short by the death of its process still says it is unfinished.
     const bool lengthLast = out && out->writesLengthLast();
