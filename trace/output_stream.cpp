@@ -113,16 +113,11 @@ public:
     bool write(const void *bytes, size_t n) override {
         // Large blocks (gathered vertex data) go by the file write, as application memory does:
         // see writeDirect.
-        if (n >= kDirectBlock) {
-            size_t taken = 0;
-            if (!file_.writeDirect(pos_, bytes, n, &taken) ||
-                !copyAt(pos_ + taken, static_cast<const uint8_t *>(bytes) + taken, n - taken))
-                return false;
-        } else if (uint8_t *dst = file_.fastSpan(pos_, n)) {
+        uint8_t *dst = n < kDirectBlock ? file_.fastSpan(pos_, n) : nullptr;
+        if (dst)
             std::memcpy(dst, bytes, n);
-        } else if (!copyAt(pos_, bytes, n)) {
+        else if (!writeOutside(pos_, bytes, n, n >= kDirectBlock))
             return false;
-        }
         advance(n);
         return true;
     }
@@ -150,7 +145,7 @@ public:
         bool faulted = false;
         size_t done = 0;
         // Large blocks (buffer and image contents) go by the file write: see writeDirect.
-        if (n >= kDirectBlock) {
+        if (n >= kDirectBlock || (large_ && !file_.fastSpan(pos_, n))) {
             if (!file_.writeDirect(pos_, src, n, &done)) return false;
             *readable = done;
             advance(done);
@@ -178,7 +173,7 @@ public:
             std::memcpy(dst, bytes, n);
             return true;
         }
-        return copyAt(position, bytes, n);
+        return writeOutside(position, bytes, n, false);
     }
 
     uint64_t tell() override { return pos_; }
@@ -202,8 +197,13 @@ public:
     }
     // The mapping is shared with the file: what is written is already the kernel's to keep.
     bool flush() override { return file_.isOpen() && file_.failure() == platform::MappedFile::Failure::None; }
-    void commit() override { file_.commit(end_); }
+    void commit() override {
+        large_ = false;
+        file_.commit(end_);
+    }
+    void beginRecord(uint64_t bytes) override { large_ = bytes >= kDirectBlock; }
     void abandon(uint64_t position) override {
+        large_ = false;
         if (position > end_) return;
         pos_ = end_ = position;
     }
@@ -242,6 +242,14 @@ private:
         }
         return true;
     }
+    // Bytes for a place the window has not made ready. A large record's bytes there (its start,
+    // its end, its length) go by the file write as its blocks do: readying pages of the mapping
+    // that the file write fills anyway costs more than the whole record.
+    bool writeOutside(uint64_t position, const void *bytes, size_t n, bool direct) {
+        size_t taken = 0;
+        if ((direct || large_) && !file_.writeDirect(position, bytes, n, &taken)) return false;
+        return copyAt(position + taken, static_cast<const uint8_t *>(bytes) + taken, n - taken);
+    }
     void advance(size_t n) {
         pos_ += n;
         if (pos_ > end_) end_ = pos_;
@@ -252,6 +260,7 @@ private:
     platform::MappedFile file_;
     uint64_t pos_ = 0;
     uint64_t end_ = 0;
+    bool large_ = false; // the record being written is large: see writeOutside
 };
 
 } // namespace

@@ -45,6 +45,9 @@ public:
     // it begins. False, with nothing written, when the stream has no room ready for it: the caller
     // then writes it piece by piece.
     virtual bool writeWhole(const uint8_t *, size_t, size_t, uint32_t, uint64_t *) { return false; }
+    // The record written piece by piece from here to the next commit or abandon holds `bytes` in
+    // all: a large one may take another way into the file than many small ones.
+    virtual void beginRecord(uint64_t bytes) { (void)bytes; }
     virtual StreamFailure failure() const { return StreamFailure::None; }
     virtual void close() = 0;
     virtual bool isOpen() const = 0;

@@ -345,6 +345,7 @@ void finish(RecordHandle handle, uint64_t *lengthPosition) {
             return;
         }
     }
+    if (out) out->beginRecord(r.logicalSize);
     const uint64_t writtenBefore = s.bytesWritten;
     const uint64_t threadBefore = s.lastThread;
     const uint64_t recordStart = tell(s);

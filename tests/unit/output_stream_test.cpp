@@ -118,18 +118,34 @@ TEST_P(OutputStreamTest, WritesFarBeyondOneWindowAndPatchesBehindIt) {
     const int pieces = static_cast<int>((platform::MappedFile::kWindow * 3) / piece.size()) + 1;
     for (int i = 0; i < pieces; ++i)
         ASSERT_TRUE(out->write(piece.data(), piece.size())) << "piece " << i;
-    const uint64_t total = uint64_t(pieces) * piece.size();
+    const uint64_t pieceBytes = uint64_t(pieces) * piece.size();
     ASSERT_TRUE(out->patch(10, "PATCH", 5));
     uint8_t back[5] = {};
     ASSERT_TRUE(out->read(10, back, 5));
     EXPECT_EQ(std::memcmp(back, "PATCH", 5), 0);
-    EXPECT_EQ(out->tell(), total);
+    EXPECT_EQ(out->tell(), pieceBytes);
     out->commit();
+    // A large record's small pieces (which may go in another way than the window) and a small
+    // record after it land where they belong.
+    constexpr size_t kBlock = 70000;
+    out->beginRecord(kBlock + 8);
+    ASSERT_TRUE(out->write("head", 4));
+    ASSERT_TRUE(out->write(piece.data(), kBlock));
+    ASSERT_TRUE(out->write("tail", 4));
+    ASSERT_TRUE(out->patch(pieceBytes, "HEAD", 4));
+    out->commit();
+    ASSERT_TRUE(out->write("next", 4));
+    out->commit();
+    const uint64_t total = pieceBytes + kBlock + 12;
+    EXPECT_EQ(out->tell(), total);
     out->close();
     std::vector<uint8_t> written = test::readFile(file);
     ASSERT_EQ(written.size(), total);
     EXPECT_EQ(std::memcmp(written.data() + 10, "PATCH", 5), 0);
-    EXPECT_EQ(std::memcmp(written.data() + total - piece.size(), piece.data(), piece.size()), 0);
+    EXPECT_EQ(std::memcmp(written.data() + pieceBytes - piece.size(), piece.data(), piece.size()), 0);
+    EXPECT_EQ(std::memcmp(written.data() + pieceBytes, "HEAD", 4), 0);
+    EXPECT_EQ(std::memcmp(written.data() + pieceBytes + 4, piece.data(), kBlock), 0);
+    EXPECT_EQ(std::memcmp(written.data() + pieceBytes + 4 + kBlock, "tailnext", 8), 0);
 }
 
 // Two recorders never share a file: the second is refused before anything of the first is lost.
