@@ -37,4 +37,5 @@ awk '
 echo "ratio: to the direct call into the test host; for the draws, to the same draw from a buffer object;"
 echo "for capture-*, the column ns/call holds MB/s of 4096-vertex client-array draws and the ratio is that rate"
 echo "as a share of a plain memcpy of the same bytes (capture-memcpy) in the same process; capture-fwrite"
-echo "writes the same bytes to a file of their own (fresh file pages, as a trace's)"
+echo "writes the same bytes to a file of their own (fresh file pages, as a trace's); capture-memcpy-fresh copies"
+echo "them into memory not touched before (what first stores to fresh pages cost on this machine)"
