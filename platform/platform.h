@@ -62,6 +62,8 @@ std::vector<std::string> librarySearchDirectories();
 // True when both paths name the same file (same device and inode / same file index).
 bool sameFile(const std::string &a, const std::string &b);
 bool fileExists(const std::string &path);
+// True when anything is at `path`: a file, a directory, a device or a pipe.
+bool pathExists(const std::string &path);
 std::string currentDirectory();
 // The driver library file names of this platform, by API: 0 EGL, 1 OpenGL ES 1, 2 OpenGL ES 2/3,
 // 3 OpenCL.

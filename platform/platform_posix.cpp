@@ -161,6 +161,11 @@ bool fileExists(const std::string &path) {
     return stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
 }
 
+bool pathExists(const std::string &path) {
+    struct stat st;
+    return stat(path.c_str(), &st) == 0;
+}
+
 std::string currentDirectory() {
     char buffer[PATH_MAX];
     return getcwd(buffer, sizeof(buffer)) ? std::string(buffer) : std::string();

@@ -105,6 +105,10 @@ bool fileExists(const std::string &path) {
     return attributes != INVALID_FILE_ATTRIBUTES && !(attributes & FILE_ATTRIBUTE_DIRECTORY);
 }
 
+bool pathExists(const std::string &path) {
+    return GetFileAttributesA(path.c_str()) != INVALID_FILE_ATTRIBUTES;
+}
+
 std::string currentDirectory() {
     char buffer[MAX_PATH];
     DWORD n = GetCurrentDirectoryA(sizeof(buffer), buffer);

@@ -247,6 +247,7 @@ int recordCommand(const std::vector<std::string> &args) {
 
     // A trace left from an earlier run must not pass for this run's. Only a file is removed: an
     // output named after a device or a pipe (/dev/null) is written to, never deleted.
+    const bool notAFile = platform::pathExists(output) && !platform::fileExists(output);
     if (platform::fileExists(output)) std::remove(output.c_str());
 
     std::string error;
@@ -258,6 +259,12 @@ int recordCommand(const std::vector<std::string> &args) {
         return kExitNoProgram;
     }
 
+    if (notAFile) {
+        // What went to a device or a pipe cannot be looked at again here.
+        std::fprintf(stderr, "kalvoren: the trace went to '%s', which is not a file: it is not read back\n",
+                     output.c_str());
+        return status;
+    }
     if (!platform::fileExists(output)) {
         complain(
             "no trace was written to '%s': did the program load its EGL, OpenGL ES or OpenCL libraries from "

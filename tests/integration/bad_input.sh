@@ -29,6 +29,7 @@ if ! "$build/bin/kalvoren" info "$work/bad.kalvoren" >"$work/info.txt" 2>&1; the
 fi
 # An output that is not a file (a pipe here, /dev/null for a user) is left where it is.
 mkfifo "$work/pipe"
-"$build/bin/kalvoren" record --no-info -o "$work/pipe" -- true >/dev/null 2>&1
+"$build/bin/kalvoren" record -o "$work/pipe" -- true >/dev/null 2>"$work/pipe.txt"
 [ -p "$work/pipe" ] || { echo "FAIL: kalvoren record removed the pipe named as its output"; exit 1; }
+grep -q "which is not a file" "$work/pipe.txt" || { echo "FAIL: a pipe as the output was not said to be one"; cat "$work/pipe.txt"; exit 1; }
 echo "ok: $(grep -c . "$work/plain.txt") answers the same with and without the library"
