@@ -111,13 +111,7 @@ public:
     platform::MappedFile::Open open(const char *path) { return file_.create(path); }
 
     bool write(const void *bytes, size_t n) override {
-        // Large blocks (gathered vertex data) go by the file write, as application memory does:
-        // see writeDirect.
-        uint8_t *dst = n < kDirectBlock ? file_.fastSpan(pos_, n) : nullptr;
-        if (dst)
-            std::memcpy(dst, bytes, n);
-        else if (!writeOutside(pos_, bytes, n, n >= kDirectBlock))
-            return false;
+        if (!put(pos_, bytes, n)) return false;
         advance(n);
         return true;
     }
@@ -144,8 +138,7 @@ public:
         const uint8_t *src = static_cast<const uint8_t *>(bytes);
         bool faulted = false;
         size_t done = 0;
-        // Large blocks (buffer and image contents) go by the file write: see writeDirect.
-        if (n >= kDirectBlock || (large_ && !file_.fastSpan(pos_, n))) {
+        if (byFileWrite(pos_, n)) {
             if (!file_.writeDirect(pos_, src, n, &done)) return false;
             *readable = done;
             advance(done);
@@ -169,11 +162,7 @@ public:
 
     bool patch(uint64_t position, const void *bytes, size_t n) override {
         if (position + n > end_) return false;
-        if (uint8_t *dst = file_.fastSpan(position, n)) {
-            std::memcpy(dst, bytes, n);
-            return true;
-        }
-        return writeOutside(position, bytes, n, false);
+        return put(position, bytes, n);
     }
 
     uint64_t tell() override { return pos_; }
@@ -242,12 +231,22 @@ private:
         }
         return true;
     }
-    // Bytes for a place the window has not made ready. A large record's bytes there (its start,
-    // its end, its length) go by the file write as its blocks do: readying pages of the mapping
-    // that the file write fills anyway costs more than the whole record.
-    bool writeOutside(uint64_t position, const void *bytes, size_t n, bool direct) {
+    // Whether bytes for [position, position + n) go by the file write (see writeDirect) rather than
+    // through the window: large blocks (gathered vertex data, buffer contents), and the small
+    // pieces of a large record (its start, its end, its length) where the window has no pages
+    // ready, since readying pages that the file write fills anyway costs more than the record.
+    bool byFileWrite(uint64_t position, size_t n) const {
+        return n >= kDirectBlock || (large_ && !file_.fastSpan(position, n));
+    }
+    // Our own bytes, by the way byFileWrite chooses.
+    bool put(uint64_t position, const void *bytes, size_t n) {
         size_t taken = 0;
-        if ((direct || large_) && !file_.writeDirect(position, bytes, n, &taken)) return false;
+        if (byFileWrite(position, n)) {
+            if (!file_.writeDirect(position, bytes, n, &taken)) return false;
+        } else if (uint8_t *dst = file_.fastSpan(position, n)) {
+            std::memcpy(dst, bytes, n);
+            return true;
+        }
         return copyAt(position + taken, static_cast<const uint8_t *>(bytes) + taken, n - taken);
     }
     void advance(size_t n) {
@@ -260,7 +259,7 @@ private:
     platform::MappedFile file_;
     uint64_t pos_ = 0;
     uint64_t end_ = 0;
-    bool large_ = false; // the record being written is large: see writeOutside
+    bool large_ = false; // the record being written is large: see byFileWrite
 };
 
 } // namespace

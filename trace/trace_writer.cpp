@@ -299,12 +299,16 @@ uint32_t recordFrom(uint8_t *bytes, uint64_t thread, uint64_t lastThread) {
     return 0;
 }
 
+// Ends the thread's record, written or not, and gives the lock back.
+void release(CallRecord &r) {
+    r.inRecord = false;
+    g_recordLock->unlock();
+}
+
 } // namespace
 
 void abandon(RecordHandle handle) {
-    if (!handle) return;
-    handle.record()->inRecord = false;
-    g_recordLock->unlock();
+    if (handle) release(*handle.record());
 }
 
 void finish(RecordHandle handle, uint64_t *lengthPosition) {
@@ -315,8 +319,7 @@ void finish(RecordHandle handle, uint64_t *lengthPosition) {
     Settings *open = g_streamSettings;
     if (KV_UNLIKELY(!open)) {
         // No trace is open (it was closed while the record was made): nothing to write.
-        r.inRecord = false;
-        g_recordLock->unlock();
+        release(r);
         return;
     }
     Settings &s = *open;
@@ -324,8 +327,7 @@ void finish(RecordHandle handle, uint64_t *lengthPosition) {
     if (KV_UNLIKELY(out && out->failure() != StreamFailure::None)) {
         // The stream cannot take more (a full disk): the record fails at once, as cheaply as that.
         reportWriteFailure(r.logicalSize + 4);
-        r.inRecord = false;
-        g_recordLock->unlock();
+        release(r);
         return;
     }
     uint32_t end = r.inlineBytes.size();
@@ -340,8 +342,7 @@ void finish(RecordHandle handle, uint64_t *lengthPosition) {
             s.lastThread = r.threadId;
             s.bytesWritten += end - from;
             if (lengthPosition) *lengthPosition = start + (kMarkerBytes - from);
-            r.inRecord = false;
-            g_recordLock->unlock();
+            release(r);
             return;
         }
     }
