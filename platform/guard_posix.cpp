@@ -301,6 +301,7 @@ struct ActiveTrace {
     std::atomic<int> cutDepth{0};         // handlers between cutting the file and growing it back
     std::atomic<uint64_t> cutter{0};      // the thread that cut it
     std::atomic<bool> mappingLost{false}; // the file shrank under the mapping, not by us
+    std::atomic<uint64_t> cuts{0};        // see MappedFile::cuts
 };
 ActiveTrace g_trace;
 
@@ -329,6 +330,7 @@ bool cutTrace() {
     int fd = g_trace.fd.load(std::memory_order_acquire);
     if (g_trace.cutDepth.fetch_add(1) == 0) {
         g_trace.cutter.store(selfKey());
+        g_trace.cuts.fetch_add(1);
         if (ftruncate(fd, static_cast<off_t>(g_trace.committed.load())) != 0) {
         }
     }
@@ -540,6 +542,7 @@ MappedFile::Open MappedFile::create(const char *path) {
     g_trace.committed.store(0);
     g_trace.capacity.store(0);
     g_trace.owner.store(static_cast<uint64_t>(getpid()));
+    cutCount_ = &g_trace.cuts;
     g_trace.fd.store(fd, std::memory_order_release);
     installEndingHandlers();
     if (!grow(1) || !mapWindow(0)) {
@@ -667,6 +670,18 @@ bool MappedFile::writeDirect(uint64_t offset, const void *src, size_t n, size_t 
         fastEnd_ = 0;
         return false;
     }
+    return true;
+}
+
+bool MappedFile::cutShort() {
+    struct stat st;
+    // Our own ending handlers cut the file for a moment and grow it back.
+    if (failure_ != Failure::None || g_trace.cutDepth.load() > 0 || fstat(static_cast<int>(fd_), &st) != 0 ||
+        static_cast<uint64_t>(st.st_size) >= capacity_)
+        return failure_ == Failure::CutShort;
+    g_trace.mappingLost.store(true);
+    failure_ = Failure::CutShort;
+    fastEnd_ = 0;
     return true;
 }
 

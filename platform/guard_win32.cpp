@@ -256,6 +256,11 @@ bool MappedFile::writeDirect(uint64_t, const void *, size_t, size_t *taken) {
     return failure_ == Failure::None && fd_ != -1;
 }
 
+bool MappedFile::cutShort() {
+    // The file is opened without sharing its deletion or writing: no other program can cut it.
+    return false;
+}
+
 void MappedFile::commit(uint64_t end) {
     committed_ = end;
     g_trace.committed.store(end, std::memory_order_release);

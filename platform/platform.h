@@ -287,9 +287,17 @@ public:
     // write apart, none): the caller writes the rest through span(). False when the file cannot
     // grow or the write failed; failure() says why.
     bool writeDirect(uint64_t offset, const void *src, size_t n, size_t *taken);
+    // True when another program cut the file short. A store into the window past the file's end
+    // faults and says so, but a file write would quietly grow the file again: writers that are
+    // about to use writeDirect ask first. failure() is then CutShort and every later write fails.
+    bool cutShort();
     // Everything before `end` is complete: an ending cuts the file there.
     void commit(uint64_t end);
     uint64_t committed() const { return committed_; }
+    // How often the ending handlers have cut the file to its committed records. When the process
+    // lives on after one (its own signal handler returned), the bytes of a record that was being
+    // written are gone, and that record must be written again.
+    uint64_t cuts() const { return cutCount_ ? cutCount_->load(std::memory_order_acquire) : 0; }
     Failure failure() const;
     // Cuts the file to `finalSize`, unmaps and closes.
     void close(uint64_t finalSize);
@@ -311,6 +319,7 @@ private:
     Failure failure_ = Failure::None;
     intptr_t fd_ = -1;
     intptr_t mapping_ = 0;
+    const std::atomic<uint64_t> *cutCount_ = nullptr; // where the ending handlers count their cuts
 };
 
 // The largest file this process may write (the file-size resource limit); UINT64_MAX when there

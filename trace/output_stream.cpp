@@ -120,6 +120,7 @@ public:
                     uint64_t *start) override {
         uint8_t *dst = file_.fastSpan(pos_, n);
         if (!dst) return false;
+        const uint64_t cuts = file_.cuts();
         std::memcpy(dst, bytes, n);
         // The length goes in after the rest: a death between the two leaves an unfinished record.
         std::atomic_signal_fence(std::memory_order_seq_cst);
@@ -130,7 +131,9 @@ public:
         *start = pos_;
         advance(n);
         file_.commit(end_);
-        return true;
+        if (KV_LIKELY(file_.cuts() == cuts)) return true;
+        abandon(*start);
+        return false;
     }
 
     bool writeClient(const void *bytes, size_t n, size_t *readable) override {
@@ -190,12 +193,18 @@ public:
         large_ = false;
         file_.commit(end_);
     }
-    void beginRecord(uint64_t bytes) override { large_ = bytes >= kDirectBlock; }
+    void beginRecord(uint64_t bytes) override {
+        large_ = bytes >= kDirectBlock;
+        // A large record goes in mostly by the file write, which does not notice a cut file.
+        if (large_) file_.cutShort();
+    }
     void abandon(uint64_t position) override {
         large_ = false;
         if (position > end_) return;
         pos_ = end_ = position;
+        if (position < file_.committed()) file_.commit(position);
     }
+    uint64_t cuts() const override { return file_.cuts(); }
     bool writesLengthLast() const override { return true; }
     StreamFailure failure() const override {
         switch (file_.failure()) {

@@ -42,12 +42,16 @@ public:
     virtual bool writesLengthLast() const { return false; }
     // A record of n bytes at once, its length field at `lengthAt` within them holding
     // kUnfinishedLength, written and committed with `length` put in last; `*start` receives where
-    // it begins. False, with nothing written, when the stream has no room ready for it: the caller
-    // then writes it piece by piece.
+    // it begins. False, with nothing written, when the stream has no room ready for it or the file
+    // was cut under it: the caller then writes it piece by piece.
     virtual bool writeWhole(const uint8_t *, size_t, size_t, uint32_t, uint64_t *) { return false; }
     // The record written piece by piece from here to the next commit or abandon holds `bytes` in
     // all: a large one may take another way into the file than many small ones.
     virtual void beginRecord(uint64_t bytes) { (void)bytes; }
+    // How often the file was cut under the writer by an ending of the process that the process
+    // lived through (see platform::MappedFile::cuts): a record written across a change of this
+    // count is written again.
+    virtual uint64_t cuts() const { return 0; }
     virtual StreamFailure failure() const { return StreamFailure::None; }
     virtual void close() = 0;
     virtual bool isOpen() const = 0;

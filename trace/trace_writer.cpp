@@ -346,60 +346,70 @@ void finish(RecordHandle handle, uint64_t *lengthPosition) {
             return;
         }
     }
-    if (out) out->beginRecord(r.logicalSize);
     const uint64_t writtenBefore = s.bytesWritten;
     const uint64_t threadBefore = s.lastThread;
     const uint64_t recordStart = tell(s);
-    g_writeFailed = false;
     uint8_t *bytes = r.inlineBytes.data();
-
-    // The thread marker, when the thread changed, goes out with the record's first bytes.
-    const uint32_t from = recordFrom(bytes, r.threadId, s.lastThread);
-    s.lastThread = r.threadId;
     // Where the bytes reach the file as they are written, the length goes in last: a record cut
     // short by the death of its process still says it is unfinished.
     const bool lengthLast = out && out->writesLengthLast();
-    putU32(bytes + kMarkerBytes, lengthLast ? format::kUnfinishedLength : r.logicalSize - 2);
+    // Written again, in its place, when an ending of the process that the process lived through
+    // (its own signal handler returned) cut the file while the record was written.
+    for (int attempt = 0;; ++attempt) {
+        const uint64_t cuts = out ? out->cuts() : 0;
+        if (out) out->beginRecord(r.logicalSize);
+        g_writeFailed = false;
 
-    const uint64_t lengthAt = recordStart + (kMarkerBytes - from);
-    if (lengthPosition) *lengthPosition = lengthAt;
+        // The thread marker, when the thread changed, goes out with the record's first bytes.
+        const uint32_t from = recordFrom(bytes, r.threadId, s.lastThread);
+        s.lastThread = r.threadId;
+        putU32(bytes + kMarkerBytes, lengthLast ? format::kUnfinishedLength : r.logicalSize - 2);
 
-    // Inline bytes up to each block's place, then the block; the inline index of a logical offset
-    // is the offset less the block bytes before it, after the prefix.
-    uint32_t inlinePos = from;
-    uint32_t blockBytes = 0;
-    uint64_t storedBlocks = 0;
-    for (const SDataBlock &block : r.blocks) {
-        uint32_t upTo = kPrefixBytes + block.position - blockBytes;
-        if (upTo > inlinePos) write(s, bytes + inlinePos, upTo - inlinePos, 1);
-        inlinePos = upTo;
-        storedBlocks +=
-            block.compressible && s.useCompression ? writeCompressed(s, block) : writeRaw(s, block);
-        blockBytes += block.size;
-    }
-    if (end > inlinePos) write(s, bytes + inlinePos, end - inlinePos, 1);
+        const uint64_t lengthAt = recordStart + (kMarkerBytes - from);
+        if (lengthPosition) *lengthPosition = lengthAt;
 
-    uint64_t storedTotal = (end - kPrefixBytes) + storedBlocks;
-    if (!g_writeFailed && (lengthLast || storedTotal != r.logicalSize)) {
-        uint8_t length[4];
-        putU32(length, static_cast<uint32_t>(storedTotal - 2));
-        if (s.traceFile && !s.traceFile->patch(lengthAt, length, 4)) g_writeFailed = true;
-    }
+        // Inline bytes up to each block's place, then the block; the inline index of a logical
+        // offset is the offset less the block bytes before it, after the prefix.
+        uint32_t inlinePos = from;
+        uint32_t blockBytes = 0;
+        uint64_t storedBlocks = 0;
+        for (const SDataBlock &block : r.blocks) {
+            uint32_t upTo = kPrefixBytes + block.position - blockBytes;
+            if (upTo > inlinePos) write(s, bytes + inlinePos, upTo - inlinePos, 1);
+            inlinePos = upTo;
+            storedBlocks +=
+                block.compressible && s.useCompression ? writeCompressed(s, block) : writeRaw(s, block);
+            blockBytes += block.size;
+        }
+        if (end > inlinePos) write(s, bytes + inlinePos, end - inlinePos, 1);
 
-    r.inRecord = false;
-    if (s.traceFile && !g_writeFailed && !s.traceFile->flush()) {
-        // The record's bytes were only buffered: it is the record that could not be written.
-        reportWriteFailure(s.bytesWritten - writtenBefore);
-        g_writeFailed = true;
-    }
-    if (KV_UNLIKELY(g_writeFailed)) {
-        // A record is in the file whole or not at all.
-        if (s.traceFile) s.traceFile->abandon(recordStart);
+        uint64_t storedTotal = (end - kPrefixBytes) + storedBlocks;
+        if (!g_writeFailed && (lengthLast || storedTotal != r.logicalSize)) {
+            uint8_t length[4];
+            putU32(length, static_cast<uint32_t>(storedTotal - 2));
+            if (s.traceFile && !s.traceFile->patch(lengthAt, length, 4)) g_writeFailed = true;
+        }
+
+        r.inRecord = false;
+        if (s.traceFile && !g_writeFailed && !s.traceFile->flush()) {
+            // The record's bytes were only buffered: it is the record that could not be written.
+            reportWriteFailure(s.bytesWritten - writtenBefore);
+            g_writeFailed = true;
+        }
+        if (KV_UNLIKELY(g_writeFailed)) {
+            // A record is in the file whole or not at all.
+            if (s.traceFile) s.traceFile->abandon(recordStart);
+            s.bytesWritten = writtenBefore;
+            s.lastThread = threadBefore;
+            onStreamFailure(s);
+            break;
+        }
+        if (!s.traceFile) break;
+        s.traceFile->commit();
+        if (KV_LIKELY(s.traceFile->cuts() == cuts) || attempt == 3) break;
+        s.traceFile->abandon(recordStart);
         s.bytesWritten = writtenBefore;
         s.lastThread = threadBefore;
-        onStreamFailure(s);
-    } else if (s.traceFile) {
-        s.traceFile->commit();
     }
     g_recordLock->unlock();
 }
