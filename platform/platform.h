@@ -64,6 +64,7 @@ bool sameFile(const std::string &a, const std::string &b);
 bool fileExists(const std::string &path);
 // True when anything is at `path`: a file, a directory, a device or a pipe.
 bool pathExists(const std::string &path);
+bool isDirectory(const std::string &path);
 std::string currentDirectory();
 // The driver library file names of this platform, by API: 0 EGL, 1 OpenGL ES 1, 2 OpenGL ES 2/3,
 // 3 OpenCL.

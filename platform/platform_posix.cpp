@@ -166,6 +166,11 @@ bool pathExists(const std::string &path) {
     return stat(path.c_str(), &st) == 0;
 }
 
+bool isDirectory(const std::string &path) {
+    struct stat st;
+    return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
 std::string currentDirectory() {
     char buffer[PATH_MAX];
     return getcwd(buffer, sizeof(buffer)) ? std::string(buffer) : std::string();

@@ -109,6 +109,11 @@ bool pathExists(const std::string &path) {
     return GetFileAttributesA(path.c_str()) != INVALID_FILE_ATTRIBUTES;
 }
 
+bool isDirectory(const std::string &path) {
+    DWORD attributes = GetFileAttributesA(path.c_str());
+    return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY);
+}
+
 std::string currentDirectory() {
     char buffer[MAX_PATH];
     DWORD n = GetCurrentDirectoryA(sizeof(buffer), buffer);

@@ -211,6 +211,11 @@ int recordCommand(const std::vector<std::string> &args) {
     if (rc != kExitOk) return rc;
 
     std::string output = platform::absolutePath(o.output.empty() ? defaultOutput(o.program[0]) : o.output);
+    if (platform::isDirectory(output)) {
+        // The library could not open it, and the program would run for nothing.
+        complain("'%s' is a directory: give the trace a file name (-o DIR/NAME.kalvoren)", output.c_str());
+        return kExitUsage;
+    }
     Json::Value root(Json::objectValue);
     if (!o.config.empty() && !readConfig(o.config, root)) return kExitUsage;
     if (!mergeSettings(root, o, output)) return kExitUsage;
