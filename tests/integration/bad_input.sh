@@ -32,4 +32,8 @@ mkfifo "$work/pipe"
 "$build/bin/kalvoren" record -o "$work/pipe" -- true >/dev/null 2>"$work/pipe.txt"
 [ -p "$work/pipe" ] || { echo "FAIL: kalvoren record removed the pipe named as its output"; exit 1; }
 grep -q "which is not a file" "$work/pipe.txt" || { echo "FAIL: a pipe as the output was not said to be one"; cat "$work/pipe.txt"; exit 1; }
+# A directory is refused before the program runs.
+"$build/bin/kalvoren" record -o "$work" -- true >/dev/null 2>"$work/dir.txt" &&
+    { echo "FAIL: kalvoren record took a directory as its output"; exit 1; }
+grep -q "is a directory" "$work/dir.txt" || { echo "FAIL: a directory as the output was not said to be one"; cat "$work/dir.txt"; exit 1; }
 echo "ok: $(grep -c . "$work/plain.txt") answers the same with and without the library"
