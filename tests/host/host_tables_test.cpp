@@ -4,7 +4,6 @@
 #include "core/settings.h"
 #include "host/hosts.h"
 #include "state/egl_config.h"
-#include "state/egl_state.h"
 #include "platform/platform.h"
 #include "tests/host/host_test_support.h"
 #include "tests/host/test_host.h"
@@ -14,18 +13,15 @@
 #include <cstring>
 #include <set>
 #include <string>
-#include <vector>
 
 using namespace kvth::test;
 
 namespace {
 
-LibraryConfig hosts(const std::string &egl, const std::string &es2) {
-    LibraryConfig config;
-    config.eglHost = egl;
+void useHosts(const std::string &egl, const std::string &es2) {
+    LibraryConfig config = recording(egl);
     config.es2Host = es2;
-    config.traceFile = workPath("trace.kalvoren");
-    return config;
+    useConfig(config);
 }
 
 // The tables as an entry point reaches them: the settings (which read the configuration) first.
@@ -43,12 +39,6 @@ void *entryAt(const void *fns, const kv::HostSymbol &symbol) {
     void *entry = nullptr;
     std::memcpy(&entry, static_cast<const uint8_t *>(fns) + symbol.offset, sizeof(entry));
     return entry;
-}
-
-const kv::HostGroup &group(const kv::HostGroup *groups, uint32_t count, const char *label) {
-    for (uint32_t g = 0; g < count; ++g)
-        if (std::strcmp(groups[g].label, label) == 0) return groups[g];
-    std::abort();
 }
 
 // In the child: every entry of the group holds the host's own function of that name.
@@ -82,108 +72,88 @@ bool isModuleOf(kv::platform::ModuleHandle module, const std::string &path) {
 
 class HostLibraryLoading : public FreshProcessTest {};
 
-TEST_F(HostLibraryLoading, SecondCandidateLoadsWhenTheFirstIsMissing) {
-    const std::string eglList = workPath("missing-egl.so") + ";" + testHostPath();
-    const std::string es2List = workPath("missing-gles.so") + ";" + testHostPath();
-    useConfig(hosts(eglList, es2List));
-    KVTH_EXPECT_CHILD_PASSES([&] {
-        const kv::SEglHost &egl = eglTable();
-        KVTH_CHILD_CHECK(!egl.failed());
-        KVTH_CHILD_CHECK(isModuleOf(egl.module, testHostPath()));
-        checkGroupResolved(egl, &egl.fn, kv::kSEglHostGroups[0]);
-        const kv::GLESPPHost &es2 = es2Table();
-        KVTH_CHILD_CHECK(!es2.failed());
-        KVTH_CHILD_CHECK(isModuleOf(es2.module, testHostPath()));
-        checkGroupResolved(es2, &es2.fn, kv::kGLESPPHostGroups[0]);
-    });
-    const std::string console = childConsole();
-    EXPECT_EQ(1u, countOf(console, "Loading host library '" + eglList + "'")) << console;
-    EXPECT_EQ(1u, countOf(console, "Host library '" + eglList + "' loaded")) << console;
-    EXPECT_EQ(1u, countOf(console, "Host library '" + es2List + "' loaded")) << console;
-    EXPECT_EQ(0u, countOf(console, "Could not load host library")) << console;
-}
-
-TEST_F(HostLibraryLoading, EachCandidateIsRetriedWithoutItsLastCharacter) {
-    // The first candidate fails with and without its last character, the second loads without it.
-    const std::string eglList = workPath("missing-egl.so") + "x;" + testHostPath() + "x";
-    const std::string es2List = testHostPath() + "~";
-    useConfig(hosts(eglList, es2List));
-    KVTH_EXPECT_CHILD_PASSES([&] {
-        const kv::SEglHost &egl = eglTable();
-        KVTH_CHILD_CHECK(!egl.failed());
-        KVTH_CHILD_CHECK(isModuleOf(egl.module, testHostPath()));
-        const kv::GLESPPHost &es2 = es2Table();
-        KVTH_CHILD_CHECK(!es2.failed());
-        KVTH_CHILD_CHECK(isModuleOf(es2.module, testHostPath()));
-    });
-    EXPECT_EQ(0u, countOf(childConsole(), "Could not load host library")) << childConsole();
-}
-
-TEST_F(HostLibraryLoading, NoCandidateLoadingLeavesTheTableEmptyAndFailed) {
-    const std::string eglList = workPath("missing-1.so") + ";" + workPath("missing-2.so");
-    useConfig(hosts(eglList, testHostPath()));
-    KVTH_EXPECT_CHILD_PASSES([&] {
-        const kv::SEglHost &egl = eglTable();
-        KVTH_CHILD_CHECK(egl.failed());
-        KVTH_CHILD_CHECK(egl.module == nullptr);
-        for (uint32_t g = 0; g < kv::kSEglHostGroupCount; ++g)
-            checkGroupNull(&egl.fn, kv::kSEglHostGroups[g]);
-    });
-    const std::string console = childConsole();
-    EXPECT_EQ(1u, countOf(console, "ERROR: Could not load host library '" + eglList + "'")) << console;
-    EXPECT_EQ(0u, countOf(console, "Warning failed to find")) << console;
+// Each candidate of a list is tried in order, and again without its last character.
+TEST_F(HostLibraryLoading, TheFirstCandidateThatLoadsFillsTheTableElseItIsEmptyAndFailed) {
+    const std::string missing = workPath("missing-egl.so");
+    const struct {
+        const char *name;
+        std::string egl, es2;
+    } cases[] = {
+        {"the second candidate", missing + ";" + testHostPath(),
+         workPath("missing-gles.so;") + testHostPath()},
+        {"without the last character", missing + "x;" + testHostPath() + "x", testHostPath() + "~"},
+        {"nothing loads", missing + ";" + workPath("missing-2.so"), testHostPath()},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        const bool loads = &c != &cases[2];
+        useHosts(c.egl, c.es2);
+        KVTH_EXPECT_CHILD_PASSES([&] {
+            const kv::SEglHost &egl = eglTable();
+            KVTH_CHILD_CHECK(egl.failed() == !loads);
+            KVTH_CHILD_CHECK(loads ? isModuleOf(egl.module, testHostPath()) : egl.module == nullptr);
+            for (uint32_t g = 0; g < (loads ? 1 : kv::kSEglHostGroupCount); ++g)
+                loads ? checkGroupResolved(egl, &egl.fn, kv::kSEglHostGroups[g])
+                      : checkGroupNull(&egl.fn, kv::kSEglHostGroups[g]);
+            const kv::GLESPPHost &es2 = es2Table();
+            KVTH_CHILD_CHECK(!es2.failed());
+            KVTH_CHILD_CHECK(isModuleOf(es2.module, testHostPath()));
+            checkGroupResolved(es2, &es2.fn, kv::kGLESPPHostGroups[0]);
+        });
+        const std::string console = childConsole();
+        EXPECT_EQ(loads ? 0u : 1u, countOf(console, "Could not load host library")) << console;
+        EXPECT_EQ(loads ? 0u : 1u, countOf(console, "ERROR: Could not load host library '" + c.egl + "'"));
+        EXPECT_EQ(loads ? 1u : 0u, countOf(console, "Host library '" + c.egl + "' loaded")) << console;
+        EXPECT_EQ(0u, countOf(console, "Warning failed to find")) << console;
+    }
 }
 
 // ---- Version groups ---------------------------------------------------------------------------
 
 class HostVersionGroups : public FreshProcessTest {};
 
-TEST_F(HostVersionGroups, CompleteHostsFillEveryGroupAndEglExtensionsComeFromItsGetProcAddress) {
-    useConfig(hosts(testHostPath(), testHostPath()));
-    KVTH_EXPECT_CHILD_PASSES([&] {
-        const kv::SEglHost &egl = eglTable();
-        KVTH_CHILD_CHECK(!egl.failed());
-        for (uint32_t g = 0; g < kv::kSEglHostGroupCount; ++g)
-            checkGroupResolved(egl, &egl.fn, kv::kSEglHostGroups[g]);
-        // Every extension was asked of the host's eglGetProcAddress, and nothing else.
-        const kv::HostGroup &extensions = group(kv::kSEglHostGroups, kv::kSEglHostGroupCount, "extensions");
-        std::set<std::string> asked;
-        const uint16_t getProcAddress = kvth_function_id("eglGetProcAddress");
-        KvthCall call;
-        for (uint32_t i = 0; kvth_log_entry(i, &call); ++i)
-            if (call.id == getProcAddress)
-                asked.insert(reinterpret_cast<const char *>(static_cast<uintptr_t>(call.arguments[0])));
-        std::set<std::string> expected;
-        for (uint32_t i = 0; i < extensions.count; ++i)
-            expected.insert(extensions.symbols[i].name);
-        KVTH_CHILD_CHECK(asked == expected);
-        const kv::GLESPPHost &es2 = es2Table();
-        KVTH_CHILD_CHECK(!es2.failed());
-        for (uint32_t g = 0; g < kv::kGLESPPHostGroupCount; ++g)
-            checkGroupResolved(es2, &es2.fn, kv::kGLESPPHostGroups[g]);
-    });
-    EXPECT_EQ(0u, countOf(childConsole(), "Warning failed to find")) << childConsole();
-    EXPECT_EQ(0u, countOf(childConsole(), "Error getting function")) << childConsole();
-}
-
-TEST_F(HostVersionGroups, EglHostWithoutVersion12KeepsVersions10And11) {
-    useConfig(hosts(egl11HostPath(), testHostPath()));
-    KVTH_EXPECT_CHILD_PASSES([&] {
-        const kv::SEglHost &egl = eglTable();
-        KVTH_CHILD_CHECK(!egl.failed());
-        KVTH_CHILD_CHECK(isModuleOf(egl.module, egl11HostPath()));
-        const kv::HostGroup *groups = kv::kSEglHostGroups;
-        const uint32_t count = kv::kSEglHostGroupCount;
-        checkGroupResolved(egl, &egl.fn, group(groups, count, "core"));
-        checkGroupResolved(egl, &egl.fn, group(groups, count, "extensions"));
-        checkGroupResolved(egl, &egl.fn, group(groups, count, "egl11"));
-        checkGroupNull(&egl.fn, group(groups, count, "egl12"));
-        checkGroupNull(&egl.fn, group(groups, count, "egl15"));
-    });
-    const std::string console = childConsole();
-    EXPECT_EQ(1u, countOf(console, "Warning failed to find EGL 1.2 functions")) << console;
-    EXPECT_EQ(0u, countOf(console, "Warning failed to find EGL 1.1 functions")) << console;
-    EXPECT_EQ(0u, countOf(console, "Warning failed to find EGL 1.5 functions")) << console;
+// A complete host fills every group, its EGL extensions from its eglGetProcAddress; an EGL 1.1 host
+// keeps versions 1.0 and 1.1 and leaves the later groups empty.
+TEST_F(HostVersionGroups, EveryGroupTheHostHasIsFilledAndTheOthersLeftEmpty) {
+    for (bool complete : {true, false}) {
+        SCOPED_TRACE(complete ? "complete host" : "EGL 1.1 host");
+        const std::string host = complete ? testHostPath() : egl11HostPath();
+        useHosts(host, testHostPath());
+        KVTH_EXPECT_CHILD_PASSES([&] {
+            const kv::SEglHost &egl = eglTable();
+            KVTH_CHILD_CHECK(!egl.failed());
+            KVTH_CHILD_CHECK(isModuleOf(egl.module, host));
+            for (uint32_t g = 0; g < kv::kSEglHostGroupCount; ++g) {
+                const kv::HostGroup &group = kv::kSEglHostGroups[g];
+                if (complete ||
+                    (std::strcmp(group.label, "egl12") != 0 && std::strcmp(group.label, "egl15") != 0))
+                    checkGroupResolved(egl, &egl.fn, group);
+                else
+                    checkGroupNull(&egl.fn, group);
+                if (!complete || std::strcmp(group.label, "extensions") != 0) continue;
+                // Every extension was asked of the host's eglGetProcAddress, and nothing else.
+                std::set<std::string> asked, expected;
+                KvthCall call;
+                for (uint32_t i = 0; kvth_log_entry(i, &call); ++i)
+                    if (call.id == kvth_function_id("eglGetProcAddress"))
+                        asked.insert(
+                            reinterpret_cast<const char *>(static_cast<uintptr_t>(call.arguments[0])));
+                for (uint32_t i = 0; i < group.count; ++i)
+                    expected.insert(group.symbols[i].name);
+                KVTH_CHILD_CHECK(asked == expected);
+            }
+            const kv::GLESPPHost &es2 = es2Table();
+            KVTH_CHILD_CHECK(!es2.failed());
+            for (uint32_t g = 0; g < kv::kGLESPPHostGroupCount; ++g)
+                checkGroupResolved(es2, &es2.fn, kv::kGLESPPHostGroups[g]);
+        });
+        const std::string console = childConsole();
+        EXPECT_EQ(complete ? 0u : 1u, countOf(console, "Warning failed to find")) << console;
+        EXPECT_EQ(complete ? 0u : 1u, countOf(console, "Warning failed to find EGL 1.2 functions"))
+            << console;
+        // (the EGL 1.2 functions, each named)
+        EXPECT_EQ(complete ? 0u : 5u, countOf(console, "Error getting function")) << console;
+    }
 }
 
 // ---- Describing an EGL config -------------------------------------------------------------------
@@ -191,14 +161,13 @@ TEST_F(HostVersionGroups, EglHostWithoutVersion12KeepsVersions10And11) {
 class ConfigCapture : public FreshProcessTest {};
 
 TEST_F(ConfigCapture, AsksForEveryAttributeInOrderAndKeepsWhatTheHostAnswers) {
-    useConfig(hosts(testHostPath(), testHostPath()));
+    useHosts(testHostPath(), testHostPath());
     KVTH_EXPECT_CHILD_PASSES([] {
         eglTable();
-        EGLDisplay display = reinterpret_cast<EGLDisplay>(uintptr_t(0xD15));
-        EGLConfig config = reinterpret_cast<EGLConfig>(uintptr_t(kKvthConfig));
+        const auto display = reinterpret_cast<EGLDisplay>(uintptr_t(0xD15));
+        const auto config = reinterpret_cast<EGLConfig>(uintptr_t(kKvthConfig));
         std::vector<EGLint> list = kv::egl::captureConfigAttributes(display, config);
-        // Pairs in the order they are asked for (this host knows 34 of the 36), then
-        // EGL_NONE.
+        // Pairs in the order they are asked for (this host knows 34 of the 36), then EGL_NONE.
         KVTH_CHILD_CHECK_EQ(69u, list.size());
         KVTH_CHILD_CHECK(list.back() == EGL_NONE);
         size_t next = 0;
@@ -207,38 +176,16 @@ TEST_F(ConfigCapture, AsksForEveryAttributeInOrderAndKeepsWhatTheHostAnswers) {
                 ++next;
             KVTH_CHILD_CHECK(next < 36);
         }
-        bool renderable = false;
-        for (size_t i = 0; i + 1 < list.size(); i += 2)
-            renderable |= list[i] == EGL_RENDERABLE_TYPE;
-        KVTH_CHILD_CHECK(renderable);
-        // The list decides a context's version: ES 2 asked for on an ES 3 config is 3.0.
-        const EGLint v2[] = {EGL_CONTEXT_CLIENT_VERSION, 2, EGL_NONE};
-        KVTH_CHILD_CHECK_EQ(3u, kv::egl::apiVersionCode(v2, list));
-        // A null display asks nothing.
+        // A null display asks nothing; a host that answers nothing gives EGL_NONE alone.
         KVTH_CHILD_CHECK(kv::egl::captureConfigAttributes(EGL_NO_DISPLAY, config) ==
                          std::vector<EGLint>{EGL_NONE});
-    });
-    // The two it does not know are named by their numbers.
-    const std::string console = childConsole();
-    EXPECT_EQ(2u, countOf(console, "Failed to query for attribute")) << console;
-    EXPECT_EQ(1u, countOf(console, "Failed to query for attribute 0x3043")) << console;
-    EXPECT_EQ(1u, countOf(console, "Failed to query for attribute 0x307F")) << console;
-}
-
-TEST_F(ConfigCapture, AHostThatAnswersNothingGivesEglNoneAlone) {
-    useConfig(hosts(testHostPath(), testHostPath()));
-    KVTH_EXPECT_CHILD_PASSES([] {
-        eglTable();
         kvth_set_result("eglGetConfigAttrib", EGL_FALSE);
-        std::vector<EGLint> list =
-            kv::egl::captureConfigAttributes(reinterpret_cast<EGLDisplay>(uintptr_t(0xD15)),
-                                             reinterpret_cast<EGLConfig>(uintptr_t(kKvthConfig)));
-        KVTH_CHILD_CHECK(list == std::vector<EGLint>{EGL_NONE});
-        // Without EGL_RENDERABLE_TYPE a context of version 2 or 3 is taken for ES 3.2.
-        const EGLint v3[] = {EGL_CONTEXT_CLIENT_VERSION, 3, EGL_NONE};
-        KVTH_CHILD_CHECK_EQ(5u, kv::egl::apiVersionCode(v3, list));
+        KVTH_CHILD_CHECK(kv::egl::captureConfigAttributes(display, config) == std::vector<EGLint>{EGL_NONE});
     });
+    // Each attribute the host does not answer is named, by its number when it has no name here.
     const std::string console = childConsole();
-    EXPECT_EQ(36u, countOf(console, "Failed to query for attribute ")) << console;
+    EXPECT_EQ(2u + 36u, countOf(console, "Failed to query for attribute ")) << console;
+    EXPECT_EQ(2u, countOf(console, "Failed to query for attribute 0x3043")) << console;
+    EXPECT_EQ(2u, countOf(console, "Failed to query for attribute 0x307F")) << console;
     EXPECT_EQ(1u, countOf(console, "Failed to query for attribute EGL_ALPHA_SIZE")) << console;
 }

@@ -2,7 +2,6 @@
 
 #include "platform/process.h"
 #include "tests/common/json_text.h"
-#include "trace/format.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -10,63 +9,31 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <memory>
 
 namespace fs = std::filesystem;
 
 namespace kvth::test {
 
-namespace {
-
-std::string currentTestName() {
+std::string workPath(const std::string &name) {
+    static std::string test, dir;
     const ::testing::TestInfo *info = ::testing::UnitTest::GetInstance()->current_test_info();
-    std::string name = info ? std::string(info->test_suite_name()) + "." + info->name() : "no-test";
-    for (char &c : name)
+    std::string current = info ? std::string(info->test_suite_name()) + "." + info->name() : "no-test";
+    for (char &c : current)
         if (c == '/' || c == '\\') c = '_';
-    return name;
-}
-
-void appendLine(const std::string &path, const std::string &line) {
-    std::ofstream out(path, std::ios::binary | std::ios::app);
-    out << line << "\n";
-}
-
-} // namespace
-
-// ---- Files ------------------------------------------------------------------------------------
-
-const std::string &workDir() {
-    static std::string test;
-    static std::string dir;
-    std::string name = currentTestName();
-    if (name != test) {
-        test = name;
-        fs::path path = fs::current_path() / "kvth-work" / name;
+    if (current != test) {
+        test = current;
+        fs::path path = fs::current_path() / "kvth-work" / current;
         std::error_code ignored;
         fs::remove_all(path, ignored);
         fs::create_directories(path);
         dir = path.generic_string();
     }
-    return dir;
-}
-
-std::string workPath(const std::string &name) {
-    return workDir() + "/" + name;
+    return dir + "/" + name;
 }
 
 std::string readText(const std::string &path) {
     std::ifstream in(path, std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-std::vector<uint8_t> readBytes(const std::string &path) {
-    std::string text = readText(path);
-    return std::vector<uint8_t>(text.begin(), text.end());
-}
-
-bool fileExists(const std::string &path) {
-    std::error_code ignored;
-    return fs::exists(path, ignored);
 }
 
 size_t countOf(const std::string &text, const std::string &needle) {
@@ -76,25 +43,24 @@ size_t countOf(const std::string &text, const std::string &needle) {
     return n;
 }
 
-// ---- The library's configuration --------------------------------------------------------------
+LibraryConfig recording(const std::string &host, uint32_t endFrame) {
+    LibraryConfig config;
+    config.eglHost = config.es2Host = host;
+    config.endFrame = endFrame;
+    return config;
+}
 
 void useConfig(const LibraryConfig &c) {
-    std::string json = "{\n  \"*\": {\n";
-    json += std::string("    \"Enabled\": ") + (c.enabled ? "true" : "false") + ",\n";
-    json += "    \"Host\": {";
-    std::string hosts;
-    if (!c.eglHost.empty()) hosts += "\"EglLibraryPath\": " + kv::test::jsonQuoted(c.eglHost);
-    if (!c.es2Host.empty())
-        hosts += (hosts.empty() ? "" : ", ") + ("\"Es2LibraryPath\": " + kv::test::jsonQuoted(c.es2Host));
-    json += hosts + "},\n";
-    json += "    \"Tracing\": {\"OutputFilename\": " + kv::test::jsonQuoted(c.traceFile) +
-            ", \"UseCompression\": " + (c.compression ? "true" : "false") +
-            ", \"EndFrame\": " + std::to_string(c.endFrame) + (c.tracing.empty() ? "" : ", " + c.tracing) +
-            "}";
-    if (!c.internal.empty()) json += ",\n    \"Internal\": {" + c.internal + "}";
-    json += "\n  }\n}\n";
-    std::string path = workPath("kalvorenconfig.json");
-    std::ofstream(path, std::ios::binary) << json;
+    using kv::test::jsonQuoted;
+    std::string json = std::string("{\"*\": {\"Enabled\": ") + (c.enabled ? "true" : "false") +
+                       ", \"Host\": {\"EglLibraryPath\": " + jsonQuoted(c.eglHost) +
+                       ", \"Es2LibraryPath\": " + jsonQuoted(c.es2Host) +
+                       "}, \"Tracing\": {\"OutputFilename\": " + jsonQuoted(workPath("trace.kalvoren")) +
+                       ", \"EndFrame\": " + std::to_string(c.endFrame) +
+                       (c.tracing.empty() ? "" : ", " + c.tracing) + "}";
+    if (!c.internal.empty()) json += ", \"Internal\": {" + c.internal + "}";
+    const std::string path = workPath("kalvorenconfig.json");
+    std::ofstream(path, std::ios::binary) << json << "}}\n";
     kv::platform::setEnv("KALVOREN_CONFIG", path);
     kv::platform::setEnv("KALVOREN_NO_MESSAGE_BOX", "1");
 }
@@ -105,7 +71,6 @@ std::string testHostPath() {
 std::string egl11HostPath() {
     return KVTH_HOST_EGL11_PATH;
 }
-
 std::string noExtensionHostPath() {
     return KVTH_HOST_NOEXT_PATH;
 }
@@ -119,15 +84,16 @@ std::string gles2FrontPath() {
     return KVTH_GLES2_FRONT_PATH;
 }
 
-// ---- Scenarios in a fresh process --------------------------------------------------------------
-
 void FreshProcessTest::SetUp() {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
 }
 
-void captureConsole() {
-    std::string path = workPath("console.txt");
+void inChild(const std::function<void()> &scenario) {
+    const std::string path = workPath("console.txt");
     if (!std::freopen(path.c_str(), "a", stdout) || !std::freopen(path.c_str(), "a", stderr)) std::abort();
+    scenario();
+    std::fflush(nullptr);
+    std::exit(0);
 }
 
 std::string childConsole() {
@@ -135,107 +101,55 @@ std::string childConsole() {
 }
 
 void childFailure(const char *file, int line, const std::string &text) {
-    appendLine(workPath("failures.txt"), std::string(file) + ":" + std::to_string(line) + ": " + text);
+    std::ofstream(workPath("failures.txt"), std::ios::binary | std::ios::app)
+        << file << ":" << line << ": " << text << "\n";
 }
 
 void expectChildChecksPassed() {
-    std::string failures = readText(workPath("failures.txt"));
-    size_t start = 0;
-    while (start < failures.size()) {
-        size_t end = failures.find('\n', start);
-        if (end == std::string::npos) end = failures.size();
-        ADD_FAILURE() << "in the child: " << failures.substr(start, end - start);
-        start = end + 1;
-    }
-}
-
-void inChild(const std::function<void()> &scenario) {
-    captureConsole();
-    scenario();
-    endChild();
-}
-
-void endChild() {
-    std::fflush(nullptr);
-    std::exit(0);
+    std::ifstream failures(workPath("failures.txt"), std::ios::binary);
+    for (std::string line; std::getline(failures, line);)
+        ADD_FAILURE() << "in the child: " << line;
 }
 
 bool exitedWithMinusOne(int status) {
     return ::testing::ExitedWithCode(-1)(status) || ::testing::ExitedWithCode(255)(status);
 }
 
-// ---- Trace files ------------------------------------------------------------------------------
-
-uint32_t TraceRecord::u32(size_t at) const {
-    uint32_t v = 0;
-    if (at + 4 <= payload.size()) std::memcpy(&v, payload.data() + at, 4);
-    return v;
-}
-
-std::vector<const TraceRecord *> TraceWalk::withId(uint16_t id) const {
-    std::vector<const TraceRecord *> out;
-    for (const TraceRecord &r : records)
-        if (r.id == id) out.push_back(&r);
+std::vector<const kv::reader::Entry *> Trace::withId(uint16_t id) const {
+    std::vector<const kv::reader::Entry *> out;
+    for (const kv::reader::Entry &e : calls)
+        if (e.id == id) out.push_back(&e);
     return out;
 }
 
-TraceWalk walkTrace(const std::string &path) {
-    TraceWalk walk;
-    std::vector<uint8_t> bytes = readBytes(path);
-    size_t at = 0;
-    auto take = [&](size_t n) -> const uint8_t * {
-        if (bytes.size() - at < n) return nullptr;
-        const uint8_t *p = bytes.data() + at;
-        at += n;
-        return p;
-    };
-    auto fail = [&](const std::string &text) {
-        walk.problem = text + " at offset " + std::to_string(at);
-        return walk;
-    };
+Trace readTrace() {
+    Trace t;
+    std::string error;
+    auto reader = kv::reader::Reader::openFile(workPath("trace.kalvoren"), &error);
+    t.problems = error;
+    if (!reader) return t;
+    t.opened = true;
+    reader->keepBlockBytes(true);
+    for (kv::reader::Entry e; reader->next(e);)
+        if (e.kind == kv::reader::Entry::Kind::Call) t.calls.push_back(e);
+    t.ending = reader->ending();
+    for (const kv::reader::Problem &p : reader->problems())
+        t.problems += kv::reader::describe(p) + "\n";
+    return t;
+}
 
-    const uint8_t *magic = take(sizeof(kv::format::kMagic));
-    if (!magic || std::memcmp(magic, kv::format::kMagic, sizeof(kv::format::kMagic)) != 0)
-        return fail("no trace header");
-    if (!take(8)) return fail("header cut short"); // byte order mark, version
-    const uint8_t *flags = take(2);                // flags, frame buffers saved
-    if (!flags) return fail("header cut short");
-    walk.flags = flags[0];
-    for (int text = 0; text < 3; ++text) { // recorder version, platform, description
-        const uint8_t *length = take(1);
-        if (!length || !take(*length ? *length : 1)) return fail("header text cut short");
-    }
-    if (!take(1 + 4 + 4 + 4)) return fail("header cut short"); // network, frames, constant
-    const uint8_t *tableLength = take(1);
-    if (!tableLength || !take(*tableLength)) return fail("type table cut short");
-    if (!take(1 + kv::format::kReservedBytes + 8)) return fail("reserved block cut short");
-    walk.headerSize = at;
+const kv::reader::Arg &arg(const kv::reader::Entry &e, const char *field) {
+    for (const kv::reader::Arg &a : e.args)
+        if (std::strcmp(a.field->name, field) == 0) return a;
+    ADD_FAILURE() << "no argument " << field;
+    static const kv::reader::Arg none;
+    return none;
+}
 
-    while (at < bytes.size()) {
-        size_t left = bytes.size() - at;
-        if (left == sizeof(kv::format::kEndMarker) &&
-            std::memcmp(bytes.data() + at, kv::format::kEndMarker, left) == 0) {
-            walk.endMarker = true;
-            at = bytes.size();
-            break;
-        }
-        TraceRecord r;
-        r.offset = at;
-        const uint8_t *frame = take(kv::format::kFrameHeaderSize);
-        if (!frame) return fail("record frame cut short");
-        uint32_t length = 0;
-        std::memcpy(&length, frame, 4);
-        std::memcpy(&r.id, frame + 4, 2);
-        const uint8_t *payload = take(length);
-        if (!payload)
-            return fail("record " + std::to_string(walk.records.size()) + " (id " + std::to_string(r.id) +
-                        ") claims " + std::to_string(length) + " bytes, " +
-                        std::to_string(bytes.size() - at) + " are left");
-        r.payload.assign(payload, payload + length);
-        walk.records.push_back(std::move(r));
-    }
-    walk.whole = true;
-    return walk;
+std::vector<uint8_t> blockBytes(const kv::reader::Entry &e, int32_t block) {
+    if (block < 0) return {};
+    const kv::reader::Block &b = e.blocks[static_cast<size_t>(block)];
+    return std::vector<uint8_t>(e.bytes(b), e.bytes(b) + b.size);
 }
 
 } // namespace kvth::test

@@ -4,7 +4,10 @@
 
 #include <cstring>
 #include <mutex>
+#include <optional>
+#include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace kvth {
@@ -76,11 +79,8 @@ const ConfigAttribute kConfigAttributes[] = {
     {EGL_FRAMEBUFFER_TARGET_ANDROID, EGL_TRUE},
 };
 
-// What a function does beyond being logged: sets `result` and returns true when it answers.
-using Behaviour = bool (*)(const uint64_t *args, uint32_t count, uint64_t &result);
-
-struct State {
-    std::mutex lock;
+// What kvth_reset forgets.
+struct Programmed {
     bool logging = true;
     std::vector<KvthCall> log;
     uint32_t counts[kIdLimit] = {};
@@ -92,22 +92,37 @@ struct State {
     EGLint width = 64;
     EGLint height = 64;
     GLuint nextName = 1;
-    Behaviour behaviours[kIdLimit] = {};
-    Family families[kIdLimit] = {};
     std::string glExtensions = kGlExtensionList;
     std::vector<std::string> glExtensionNames;
     std::vector<std::pair<uint32_t, int32_t>> integers;
     uint8_t pixelSeed = 0;
     bool pixelsProgrammed = false; // glReadPixels writes only when asked to (its pointer may be an offset)
-    uint32_t unknownGlError = GL_NO_ERROR;
-    int32_t unknownEglError = EGL_SUCCESS;
     int64_t unknownIntegers[10] = {};
     double unknownFloats[2] = {};
+};
+
+struct State;
+// What a function does beyond being logged (with the state locked): its answer, if it has one.
+using Answer = std::optional<uint64_t>;
+using Behaviour = Answer (*)(State &s, const uint64_t *args);
+
+struct State : Programmed {
+    std::mutex lock;
+    Behaviour behaviours[kIdLimit] = {};
+    Family families[kIdLimit] = {};
 };
 
 State &state() {
     static State *s = new State();
     return *s;
+}
+
+// Runs `f` on the state, locked.
+template <class F>
+auto locked(F f) {
+    State &s = state();
+    std::lock_guard<std::mutex> guard(s.lock);
+    return f(s);
 }
 
 const Function *findFunction(const char *name) {
@@ -123,46 +138,18 @@ const Function *findFunction(uint16_t id) {
     return nullptr;
 }
 
-template <class T>
-T *pointerArg(uint64_t slotValue) {
-    return reinterpret_cast<T *>(static_cast<uintptr_t>(slotValue));
-}
-
-// Called with the state locked.
-void raiseError(Family family, uint32_t error) {
-    State &s = state();
+void raiseError(State &s, Family family, uint32_t error) {
     if (family == kEgl)
         s.eglError = static_cast<EGLint>(error);
     else if (s.glError == GL_NO_ERROR)
         s.glError = error; // GL keeps the first error until it is read
 }
 
-// ---- Behaviours (each runs with the state locked) --------------------------------------------
-
-bool glGetErrorBehaviour(const uint64_t *, uint32_t, uint64_t &result) {
-    State &s = state();
-    result = s.glError;
-    s.glError = GL_NO_ERROR;
-    return true;
-}
-
-bool eglGetErrorBehaviour(const uint64_t *, uint32_t, uint64_t &result) {
-    State &s = state();
-    result = static_cast<uint32_t>(s.eglError);
-    s.eglError = EGL_SUCCESS;
-    return true;
-}
-
-void splitExtensions() {
-    State &s = state();
+void splitExtensions(State &s) {
     s.glExtensionNames.clear();
-    size_t start = 0;
-    while (start < s.glExtensions.size()) {
-        size_t end = s.glExtensions.find(' ', start);
-        if (end == std::string::npos) end = s.glExtensions.size();
-        if (end > start) s.glExtensionNames.push_back(s.glExtensions.substr(start, end - start));
-        start = end + 1;
-    }
+    std::istringstream words(s.glExtensions);
+    for (std::string word; words >> word;)
+        s.glExtensionNames.push_back(word);
 }
 
 } // namespace
@@ -174,24 +161,19 @@ extern "C" {
 
 static GLuint KV_APIENTRY glKvthUnknownEXT(GLint a, GLfloat x, GLint b, GLint c, GLint d, GLint e, GLint f,
                                            GLint g, GLint h, GLint i, GLdouble y, GLint j) {
-    kvth::State &s = kvth::state();
-    std::lock_guard<std::mutex> guard(s.lock);
-    const int64_t integers[10] = {a, b, c, d, e, f, g, h, i, j};
-    std::memcpy(s.unknownIntegers, integers, sizeof(integers));
-    s.unknownFloats[0] = x;
-    s.unknownFloats[1] = y;
-    if (s.unknownGlError != GL_NO_ERROR && s.glError == GL_NO_ERROR) s.glError = s.unknownGlError;
-    s.unknownGlError = GL_NO_ERROR;
+    kvth::locked([&](kvth::State &s) {
+        const int64_t integers[10] = {a, b, c, d, e, f, g, h, i, j};
+        std::memcpy(s.unknownIntegers, integers, sizeof(integers));
+        s.unknownFloats[0] = x;
+        s.unknownFloats[1] = y;
+    });
     return static_cast<GLuint>(a + b + c + d + e + f + g + h + i + j + static_cast<GLint>(x) +
                                static_cast<GLint>(y));
 }
 
 static EGLBoolean KV_APIENTRY eglKvthUnknownEXT(EGLDisplay, EGLint) {
-    kvth::State &s = kvth::state();
-    std::lock_guard<std::mutex> guard(s.lock);
-    s.eglError = s.unknownEglError;
-    s.unknownEglError = EGL_SUCCESS;
-    return s.eglError == EGL_SUCCESS ? EGL_TRUE : EGL_FALSE;
+    kvth::locked([](kvth::State &s) { s.eglError = EGL_SUCCESS; });
+    return EGL_TRUE;
 }
 
 } // extern "C"
@@ -200,152 +182,127 @@ namespace kvth {
 
 namespace {
 
-bool eglGetProcAddressBehaviour(const uint64_t *args, uint32_t, uint64_t &result) {
-    const char *name = pointerArg<const char>(args[0]);
-    const Function *f = findFunction(name);
-    result = f ? toSlot(f->address) : 0;
-    if (name && std::strcmp(name, "glKvthUnknownEXT") == 0) result = toSlot(&glKvthUnknownEXT);
-    if (name && std::strcmp(name, "eglKvthUnknownEXT") == 0) result = toSlot(&eglKvthUnknownEXT);
-    return true;
+Answer glGetErrorBehaviour(State &s, const uint64_t *) {
+    return std::exchange(s.glError, GL_NO_ERROR);
 }
 
-bool glGetIntegervBehaviour(const uint64_t *args, uint32_t, uint64_t &) {
-    State &s = state();
-    GLint *out = pointerArg<GLint>(args[1]);
+Answer eglGetErrorBehaviour(State &s, const uint64_t *) {
+    return static_cast<uint32_t>(std::exchange(s.eglError, EGL_SUCCESS));
+}
+
+Answer eglGetProcAddressBehaviour(State &, const uint64_t *args) {
+    const std::string name = args[0] ? fromSlot<const char *>(args[0]) : "";
+    if (name == "glKvthUnknownEXT") return toSlot(&glKvthUnknownEXT);
+    if (name == "eglKvthUnknownEXT") return toSlot(&eglKvthUnknownEXT);
+    const Function *f = findFunction(name.c_str());
+    return f ? toSlot(f->address) : 0;
+}
+
+Answer glGetIntegervBehaviour(State &s, const uint64_t *args) {
+    GLint *out = fromSlot<GLint *>(args[1]);
     const auto pname = static_cast<uint32_t>(args[0]);
-    if (!out) return false;
-    if (pname == GL_NUM_EXTENSIONS) *out = static_cast<GLint>(s.glExtensionNames.size());
+    if (out && pname == GL_NUM_EXTENSIONS) *out = static_cast<GLint>(s.glExtensionNames.size());
     for (const auto &answer : s.integers)
-        if (answer.first == pname) *out = answer.second;
-    return false;
+        if (out && answer.first == pname) *out = answer.second;
+    return std::nullopt;
 }
 
-bool glReadPixelsBehaviour(const uint64_t *args, uint32_t, uint64_t &) {
-    State &s = state();
-    auto *pixels = pointerArg<uint8_t>(args[6]);
+Answer glReadPixelsBehaviour(State &s, const uint64_t *args) {
+    auto *pixels = fromSlot<uint8_t *>(args[6]);
     const auto width = static_cast<GLsizei>(args[2]), height = static_cast<GLsizei>(args[3]);
     if (s.pixelsProgrammed && pixels && width > 0 && height > 0 && static_cast<GLenum>(args[4]) == GL_RGBA)
         for (size_t i = 0; i < size_t(width) * size_t(height) * 4; ++i)
             pixels[i] = static_cast<uint8_t>(s.pixelSeed + i);
-    return false;
+    return std::nullopt;
 }
 
-bool glGetTexLevelParameterivBehaviour(const uint64_t *args, uint32_t, uint64_t &) {
-    State &s = state();
-    GLint *out = pointerArg<GLint>(args[3]);
+Answer glGetTexLevelParameterivBehaviour(State &s, const uint64_t *args) {
+    GLint *out = fromSlot<GLint *>(args[3]);
     const auto pname = static_cast<GLenum>(args[2]);
     if (out && pname == GL_TEXTURE_WIDTH) *out = s.width;
     if (out && pname == GL_TEXTURE_HEIGHT) *out = s.height;
-    return false;
+    return std::nullopt;
 }
 
-bool eglQueryStringBehaviour(const uint64_t *args, uint32_t, uint64_t &result) {
+Answer eglQueryStringBehaviour(State &s, const uint64_t *args) {
     const char *text = kvth_egl_string(static_cast<EGLint>(args[1]));
-    if (!text) raiseError(kEgl, EGL_BAD_PARAMETER);
-    result = toSlot(text);
-    return true;
+    if (!text) raiseError(s, kEgl, EGL_BAD_PARAMETER);
+    return toSlot(text);
 }
 
-bool glGetStringBehaviour(const uint64_t *args, uint32_t, uint64_t &result) {
-    const char *text = static_cast<GLenum>(args[0]) == GL_EXTENSIONS
-                           ? state().glExtensions.c_str()
-                           : kvth_gl_string(static_cast<GLenum>(args[0]));
-    if (!text) raiseError(kGles, GL_INVALID_ENUM);
-    result = toSlot(text);
-    return true;
+Answer glGetStringBehaviour(State &s, const uint64_t *args) {
+    const auto name = static_cast<GLenum>(args[0]);
+    const char *text = name == GL_EXTENSIONS ? s.glExtensions.c_str() : kvth_gl_string(name);
+    if (!text) raiseError(s, kGles, GL_INVALID_ENUM);
+    return toSlot(text);
 }
 
-bool glGetStringiBehaviour(const uint64_t *args, uint32_t, uint64_t &result) {
-    State &s = state();
-    if (static_cast<GLenum>(args[0]) != GL_EXTENSIONS) {
-        raiseError(kGles, GL_INVALID_ENUM);
-        result = 0;
-    } else if (static_cast<GLuint>(args[1]) >= s.glExtensionNames.size()) {
-        raiseError(kGles, GL_INVALID_VALUE);
-        result = 0;
-    } else {
-        result = toSlot(s.glExtensionNames[static_cast<GLuint>(args[1])].c_str());
-    }
-    return true;
+Answer glGetStringiBehaviour(State &s, const uint64_t *args) {
+    const auto index = static_cast<GLuint>(args[1]);
+    if (static_cast<GLenum>(args[0]) != GL_EXTENSIONS)
+        raiseError(s, kGles, GL_INVALID_ENUM);
+    else if (index >= s.glExtensionNames.size())
+        raiseError(s, kGles, GL_INVALID_VALUE);
+    else
+        return toSlot(s.glExtensionNames[index].c_str());
+    return 0;
 }
 
-bool eglInitializeBehaviour(const uint64_t *args, uint32_t, uint64_t &result) {
-    if (EGLint *major = pointerArg<EGLint>(args[1])) *major = 1;
-    if (EGLint *minor = pointerArg<EGLint>(args[2])) *minor = kEglMinor;
-    result = EGL_TRUE;
-    return true;
+Answer eglInitializeBehaviour(State &, const uint64_t *args) {
+    if (EGLint *major = fromSlot<EGLint *>(args[1])) *major = 1;
+    if (EGLint *minor = fromSlot<EGLint *>(args[2])) *minor = kEglMinor;
+    return EGL_TRUE;
 }
 
 // eglGetConfigs(dpy, configs, size, num) and eglChooseConfig(dpy, attribs, configs, size, num).
-bool answerConfigs(uint64_t configsArg, uint64_t sizeArg, uint64_t numArg, uint64_t &result) {
-    auto *num = pointerArg<EGLint>(numArg);
+Answer answerConfigs(State &s, const uint64_t *args) {
+    auto *num = fromSlot<EGLint *>(args[3]);
     if (!num) {
-        raiseError(kEgl, EGL_BAD_PARAMETER);
-        result = EGL_FALSE;
-        return true;
+        raiseError(s, kEgl, EGL_BAD_PARAMETER);
+        return EGL_FALSE;
     }
-    auto *configs = pointerArg<EGLConfig>(configsArg);
-    const EGLint size = static_cast<EGLint>(sizeArg);
+    auto *configs = fromSlot<EGLConfig *>(args[1]);
+    const EGLint size = static_cast<EGLint>(args[2]);
     *num = configs ? (size > 0 ? 1 : 0) : 1;
-    if (configs && size > 0) configs[0] = pointerArg<void>(kKvthConfig);
-    result = EGL_TRUE;
-    return true;
+    if (configs && size > 0) configs[0] = fromSlot<void *>(kKvthConfig);
+    return EGL_TRUE;
 }
 
-bool eglGetConfigsBehaviour(const uint64_t *args, uint32_t, uint64_t &result) {
-    return answerConfigs(args[1], args[2], args[3], result);
-}
-
-bool eglChooseConfigBehaviour(const uint64_t *args, uint32_t, uint64_t &result) {
-    return answerConfigs(args[2], args[3], args[4], result);
-}
-
-bool eglGetConfigAttribBehaviour(const uint64_t *args, uint32_t, uint64_t &result) {
-    result = EGL_FALSE;
+Answer eglGetConfigAttribBehaviour(State &s, const uint64_t *args) {
     if (args[1] != kKvthConfig) {
-        raiseError(kEgl, EGL_BAD_CONFIG);
-        return true;
+        raiseError(s, kEgl, EGL_BAD_CONFIG);
+        return EGL_FALSE;
     }
-    const EGLint name = static_cast<EGLint>(args[2]);
     for (const ConfigAttribute &a : kConfigAttributes) {
-        if (a.name != name) continue;
-        if (EGLint *value = pointerArg<EGLint>(args[3])) *value = a.value;
-        result = EGL_TRUE;
-        return true;
+        if (a.name != static_cast<EGLint>(args[2])) continue;
+        if (EGLint *value = fromSlot<EGLint *>(args[3])) *value = a.value;
+        return EGL_TRUE;
     }
-    raiseError(kEgl, EGL_BAD_ATTRIBUTE);
-    return true;
+    raiseError(s, kEgl, EGL_BAD_ATTRIBUTE);
+    return EGL_FALSE;
 }
 
-bool eglQuerySurfaceBehaviour(const uint64_t *args, uint32_t, uint64_t &result) {
-    State &s = state();
+Answer eglQuerySurfaceBehaviour(State &s, const uint64_t *args) {
     const EGLint name = static_cast<EGLint>(args[2]);
-    EGLint answer = name == EGL_WIDTH ? s.width : name == EGL_HEIGHT ? s.height : 0;
-    if (EGLint *value = pointerArg<EGLint>(args[3])) *value = answer;
-    result = EGL_TRUE;
-    return true;
+    if (EGLint *value = fromSlot<EGLint *>(args[3]))
+        *value = name == EGL_WIDTH ? s.width : name == EGL_HEIGHT ? s.height : 0;
+    return EGL_TRUE;
 }
 
 // glGenBuffers(n, names) and every other glGen* of that shape.
-bool genNamesBehaviour(const uint64_t *args, uint32_t, uint64_t &) {
-    State &s = state();
+Answer genNamesBehaviour(State &s, const uint64_t *args) {
     const GLsizei n = static_cast<GLsizei>(args[0]);
-    if (n < 0) {
-        raiseError(kGles, GL_INVALID_VALUE);
-        return false;
-    }
-    if (GLuint *names = pointerArg<GLuint>(args[1]))
+    if (n < 0) raiseError(s, kGles, GL_INVALID_VALUE);
+    if (GLuint *names = fromSlot<GLuint *>(args[1]))
         for (GLsizei i = 0; i < n; ++i)
             names[i] = s.nextName++;
-    return false;
+    return std::nullopt;
 }
 
-struct NamedBehaviour {
+const struct {
     const char *name;
     Behaviour behaviour;
-};
-
-const NamedBehaviour kBehaviours[] = {
+} kBehaviours[] = {
     {"glGetError", &glGetErrorBehaviour},
     {"eglGetError", &eglGetErrorBehaviour},
     {"eglGetProcAddress", &eglGetProcAddressBehaviour},
@@ -353,8 +310,8 @@ const NamedBehaviour kBehaviours[] = {
     {"glGetString", &glGetStringBehaviour},
     {"glGetStringi", &glGetStringiBehaviour},
     {"eglInitialize", &eglInitializeBehaviour},
-    {"eglGetConfigs", &eglGetConfigsBehaviour},
-    {"eglChooseConfig", &eglChooseConfigBehaviour},
+    {"eglGetConfigs", &answerConfigs},
+    {"eglChooseConfig", [](State &s, const uint64_t *args) { return answerConfigs(s, args + 1); }},
     {"eglGetConfigAttrib", &eglGetConfigAttribBehaviour},
     {"eglQuerySurface", &eglQuerySurfaceBehaviour},
     {"glGetIntegerv", &glGetIntegervBehaviour},
@@ -372,9 +329,9 @@ void prepare() {
             if (std::strncmp(f.name, "glGen", 5) == 0 && f.arity == 2)
                 s.behaviours[f.id] = &genNamesBehaviour;
         }
-        for (const NamedBehaviour &b : kBehaviours)
+        for (const auto &b : kBehaviours)
             if (const Function *f = findFunction(b.name)) s.behaviours[f->id] = b.behaviour;
-        splitExtensions();
+        splitExtensions(s);
         return true;
     }();
     (void)prepared;
@@ -397,88 +354,51 @@ uint64_t dispatch(uint16_t id, const uint64_t *arguments, uint32_t count, uint64
     // EGL reports the error of the thread's latest call; OpenGL ES keeps its first error until
     // it is read.
     if (s.families[id] == kEgl && s.behaviours[id] != &eglGetErrorBehaviour) s.eglError = EGL_SUCCESS;
-    uint64_t result = fallback;
-    if (Behaviour b = s.behaviours[id]) {
-        uint64_t answer = 0;
-        if (b(arguments, count, answer)) result = answer;
-    }
-    if (s.programmed[id]) result = s.results[id];
-    if (uint32_t error = s.raise[id]) {
-        s.raise[id] = 0;
-        raiseError(s.families[id], error);
-    }
-    return result;
+    Answer answer = s.behaviours[id] ? s.behaviours[id](s, arguments) : std::nullopt;
+    if (uint32_t error = std::exchange(s.raise[id], 0)) raiseError(s, s.families[id], error);
+    return s.programmed[id] ? s.results[id] : answer.value_or(fallback);
 }
 
 } // namespace kvth
 
-using kvth::state;
+using kvth::locked;
+using kvth::State;
 
 extern "C" {
 
 KVTH_API void kvth_reset(void) {
     kvth::prepare();
-    auto &s = state();
-    std::lock_guard<std::mutex> guard(s.lock);
-    s.log.clear();
-    std::memset(s.counts, 0, sizeof(s.counts));
-    std::memset(s.programmed, 0, sizeof(s.programmed));
-    std::memset(s.results, 0, sizeof(s.results));
-    std::memset(s.raise, 0, sizeof(s.raise));
-    s.glError = GL_NO_ERROR;
-    s.eglError = EGL_SUCCESS;
-    s.width = 64;
-    s.height = 64;
-    s.nextName = 1;
-    s.logging = true;
-    s.glExtensions = kvth::kGlExtensionList;
-    kvth::splitExtensions();
-    s.integers.clear();
-    s.pixelSeed = 0;
-    s.pixelsProgrammed = false;
-    s.unknownGlError = GL_NO_ERROR;
-    s.unknownEglError = EGL_SUCCESS;
+    locked([](State &s) {
+        static_cast<kvth::Programmed &>(s) = kvth::Programmed();
+        kvth::splitExtensions(s);
+    });
 }
 
 KVTH_API void kvth_set_gl_extensions(const char *extensions) {
     kvth::prepare();
-    auto &s = state();
-    std::lock_guard<std::mutex> guard(s.lock);
-    s.glExtensions = extensions ? extensions : kvth::kGlExtensionList;
-    kvth::splitExtensions();
+    locked([&](State &s) {
+        s.glExtensions = extensions ? extensions : kvth::kGlExtensionList;
+        kvth::splitExtensions(s);
+    });
 }
 
 KVTH_API void kvth_set_integer(uint32_t pname, int32_t value) {
-    auto &s = state();
-    std::lock_guard<std::mutex> guard(s.lock);
-    s.integers.emplace_back(pname, value);
+    locked([&](State &s) { s.integers.emplace_back(pname, value); });
 }
 
 KVTH_API void kvth_set_pixel_seed(uint8_t seed) {
-    auto &s = state();
-    std::lock_guard<std::mutex> guard(s.lock);
-    s.pixelSeed = seed;
-    s.pixelsProgrammed = true;
-}
-
-KVTH_API void kvth_raise_unknown_error(uint32_t glError, int32_t eglError) {
-    auto &s = state();
-    std::lock_guard<std::mutex> guard(s.lock);
-    s.unknownGlError = glError;
-    s.unknownEglError = eglError;
+    locked([&](State &s) { s.pixelSeed = seed, s.pixelsProgrammed = true; });
 }
 
 KVTH_API void kvth_unknown_arguments(int64_t *integers, double *floats) {
-    auto &s = state();
-    std::lock_guard<std::mutex> guard(s.lock);
-    std::memcpy(integers, s.unknownIntegers, sizeof(s.unknownIntegers));
-    std::memcpy(floats, s.unknownFloats, sizeof(s.unknownFloats));
+    locked([&](State &s) {
+        std::memcpy(integers, s.unknownIntegers, sizeof(s.unknownIntegers));
+        std::memcpy(floats, s.unknownFloats, sizeof(s.unknownFloats));
+    });
 }
 
 KVTH_API void kvth_set_logging(int enabled) {
-    auto &s = state();
-    std::lock_guard<std::mutex> guard(s.lock);
-    s.logging = enabled != 0;
+    locked([&](State &s) { s.logging = enabled != 0; });
 }
 
 KVTH_API uint16_t kvth_function_id(const char *name) {
@@ -497,82 +417,51 @@ KVTH_API void *kvth_function_address(const char *name) {
 }
 
 KVTH_API void kvth_set_result(const char *name, uint64_t value) {
-    uint16_t id = kvth_function_id(name);
-    if (!id) return;
-    auto &s = state();
-    std::lock_guard<std::mutex> guard(s.lock);
-    s.programmed[id] = true;
-    s.results[id] = value;
+    if (uint16_t id = kvth_function_id(name))
+        locked([&](State &s) { s.programmed[id] = true, s.results[id] = value; });
 }
 
 KVTH_API void kvth_raise_error_on(const char *name, uint32_t error) {
-    uint16_t id = kvth_function_id(name);
-    if (!id) return;
     kvth::prepare();
-    auto &s = state();
-    std::lock_guard<std::mutex> guard(s.lock);
-    s.raise[id] = error;
+    if (uint16_t id = kvth_function_id(name)) locked([&](State &s) { s.raise[id] = error; });
 }
 
 KVTH_API void kvth_set_surface_size(int32_t width, int32_t height) {
-    auto &s = state();
-    std::lock_guard<std::mutex> guard(s.lock);
-    s.width = width;
-    s.height = height;
+    locked([&](State &s) { s.width = width, s.height = height; });
 }
 
 KVTH_API uint32_t kvth_log_size(void) {
-    auto &s = state();
-    std::lock_guard<std::mutex> guard(s.lock);
-    return static_cast<uint32_t>(s.log.size());
+    return locked([](State &s) { return static_cast<uint32_t>(s.log.size()); });
 }
 
 KVTH_API int kvth_log_entry(uint32_t index, KvthCall *out) {
-    auto &s = state();
-    std::lock_guard<std::mutex> guard(s.lock);
-    if (index >= s.log.size() || !out) return 0;
-    *out = s.log[index];
-    return 1;
+    return locked([&](State &s) {
+        if (index >= s.log.size() || !out) return 0;
+        *out = s.log[index];
+        return 1;
+    });
 }
 
 KVTH_API uint32_t kvth_call_count(const char *name) {
-    uint16_t id = kvth_function_id(name);
-    if (!id) return 0;
-    auto &s = state();
-    std::lock_guard<std::mutex> guard(s.lock);
-    return s.counts[id];
+    const uint16_t id = kvth_function_id(name);
+    return id ? locked([&](State &s) { return s.counts[id]; }) : 0;
 }
 
 KVTH_API const char *kvth_egl_string(int32_t name) {
-    switch (name) {
-    case EGL_VENDOR:
-        return "Kalvoren test host";
-    case EGL_VERSION:
-        return kvth::kEglVersion;
-    case EGL_EXTENSIONS:
-        return kvth::kEglExtensions;
-    case EGL_CLIENT_APIS:
-        return "OpenGL_ES";
-    default:
-        return nullptr;
-    }
+    return name == EGL_VENDOR        ? "Kalvoren test host"
+           : name == EGL_VERSION     ? kvth::kEglVersion
+           : name == EGL_EXTENSIONS  ? kvth::kEglExtensions
+           : name == EGL_CLIENT_APIS ? "OpenGL_ES"
+                                     : nullptr;
 }
 
 KVTH_API const char *kvth_gl_string(uint32_t name) {
-    switch (name) {
-    case GL_VENDOR:
-        return "Kalvoren";
-    case GL_RENDERER:
-        return "Kalvoren test host";
-    case GL_VERSION:
-        return "OpenGL ES 3.2 Kalvoren test host";
-    case GL_SHADING_LANGUAGE_VERSION:
-        return "OpenGL ES GLSL ES 3.20";
-    case GL_EXTENSIONS:
-        return kvth::kGlExtensionList;
-    default:
-        return nullptr;
-    }
+    return name == GL_VENDOR                     ? "Kalvoren"
+           : name == GL_RENDERER                 ? "Kalvoren test host"
+           : name == GL_VERSION                  ? "OpenGL ES 3.2 Kalvoren test host"
+           : name == GL_SHADING_LANGUAGE_VERSION ? "OpenGL ES GLSL ES 3.20"
+           : name == GL_EXTENSIONS               ? kvth::kGlExtensionList
+                                                 : nullptr;
 }
 
 } // extern "C"

@@ -78,9 +78,7 @@ KVTH_API void kvth_set_pixel_seed(uint8_t seed);
 
 // Two functions no catalogue knows, offered by the host's eglGetProcAddress like extensions:
 // glKvthUnknownEXT returns the sum of its integer arguments plus its floats truncated, and records
-// its arguments for kvth_unknown_arguments; eglKvthUnknownEXT returns EGL_TRUE. Both raise what
-// kvth_raise_unknown_error programs, once.
-KVTH_API void kvth_raise_unknown_error(uint32_t glError, int32_t eglError);
+// its arguments for kvth_unknown_arguments; eglKvthUnknownEXT returns EGL_TRUE.
 // The last arguments glKvthUnknownEXT received: a..j then x, y.
 KVTH_API void kvth_unknown_arguments(int64_t *integers, double *floats);
 

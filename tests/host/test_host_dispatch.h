@@ -49,15 +49,10 @@ inline R fromSlot(uint64_t v) {
 uint64_t dispatch(uint16_t id, const uint64_t *arguments, uint32_t count, uint64_t fallback);
 
 template <class R>
-inline R call(uint16_t id, std::initializer_list<uint64_t> arguments) {
-    uint64_t result = dispatch(id, arguments.begin(), static_cast<uint32_t>(arguments.size()), 0);
+inline R call(uint16_t id, std::initializer_list<uint64_t> arguments, uint64_t fallback = 0) {
+    const uint64_t result =
+        dispatch(id, arguments.begin(), static_cast<uint32_t>(arguments.size()), fallback);
     if constexpr (!std::is_void_v<R>) return fromSlot<R>(result);
-}
-
-template <class R>
-inline R call(uint16_t id, std::initializer_list<uint64_t> arguments, R fallback) {
-    return fromSlot<R>(
-        dispatch(id, arguments.begin(), static_cast<uint32_t>(arguments.size()), toSlot(fallback)));
 }
 
 } // namespace kvth
