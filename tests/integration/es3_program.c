@@ -5,47 +5,13 @@
  *   es3_program [--frames N] */
 #include "examples/headless_egl.h"
 #include <GLES3/gl31.h>
+#include "tests/common/gl_program.h"
 
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
 enum { kWidth = 64, kHeight = 48, kInstances = 5 };
-
-static GLuint shader(GLenum type, const char *source) {
-    GLuint s = glCreateShader(type);
-    glShaderSource(s, 1, &source, NULL);
-    glCompileShader(s);
-    GLint ok = 0;
-    glGetShaderiv(s, GL_COMPILE_STATUS, &ok);
-    if (!ok) {
-        char log[1024];
-        glGetShaderInfoLog(s, sizeof(log), NULL, log);
-        fprintf(stderr, "shader: %s\n", log);
-        exit(1);
-    }
-    return s;
-}
-
-static GLuint link(GLuint program) {
-    glLinkProgram(program);
-    GLint ok = 0;
-    glGetProgramiv(program, GL_LINK_STATUS, &ok);
-    if (!ok) {
-        char log[1024];
-        glGetProgramInfoLog(program, sizeof(log), NULL, log);
-        fprintf(stderr, "program: %s\n", log);
-        exit(1);
-    }
-    return program;
-}
-
-static GLuint program(const char *vs, const char *fs) {
-    GLuint p = glCreateProgram();
-    glAttachShader(p, shader(GL_VERTEX_SHADER, vs));
-    glAttachShader(p, shader(GL_FRAGMENT_SHADER, fs));
-    return link(p);
-}
 
 /* Positions of a fan of triangles, computed on the GPU. */
 static const char *kCompute =
@@ -106,15 +72,13 @@ int main(int argc, char **argv) {
     if (!eglMakeCurrent(egl.display, egl.surface, egl.surface, egl.context)) return 1;
 
     GLuint compute = glCreateProgram();
-    glAttachShader(compute, shader(GL_COMPUTE_SHADER, kCompute));
-    link(compute);
-    GLuint feedback = glCreateProgram();
-    glAttachShader(feedback, shader(GL_VERTEX_SHADER, kFeedbackVs));
-    glAttachShader(feedback, shader(GL_FRAGMENT_SHADER, kFeedbackFs));
+    glAttachShader(compute, compileShader(GL_COMPUTE_SHADER, kCompute));
+    linkProgram(compute);
+    GLuint feedback = attachShaders(kFeedbackVs, kFeedbackFs);
     const char *varyings[] = {"moved"};
     glTransformFeedbackVaryings(feedback, 1, varyings, GL_INTERLEAVED_ATTRIBS);
-    link(feedback);
-    GLuint scene = program(kSceneVs, kSceneFs);
+    linkProgram(feedback);
+    GLuint scene = linkProgram(attachShaders(kSceneVs, kSceneFs));
 
     GLuint buffers[5];
     glGenBuffers(5, buffers);

@@ -10,6 +10,7 @@
  *   snapshot_program [--frames N] */
 #include "examples/headless_egl.h"
 #include <GLES3/gl31.h>
+#include "tests/common/gl_program.h"
 
 #include <stdint.h>
 #include <stdio.h>
@@ -17,34 +18,6 @@
 #include <string.h>
 
 enum { kWidth = 96, kHeight = 64, kSize = 8 };
-
-static GLuint shader(GLenum type, const char *source) {
-    GLuint s = glCreateShader(type);
-    glShaderSource(s, 1, &source, NULL);
-    glCompileShader(s);
-    GLint ok = 0;
-    glGetShaderiv(s, GL_COMPILE_STATUS, &ok);
-    if (!ok) {
-        char log[1024];
-        glGetShaderInfoLog(s, sizeof(log), NULL, log);
-        fprintf(stderr, "shader: %s\n%s\n", log, source);
-        exit(1);
-    }
-    return s;
-}
-
-static GLuint link(GLuint program) {
-    glLinkProgram(program);
-    GLint ok = 0;
-    glGetProgramiv(program, GL_LINK_STATUS, &ok);
-    if (!ok) {
-        char log[1024];
-        glGetProgramInfoLog(program, sizeof(log), NULL, log);
-        fprintf(stderr, "program: %s\n", log);
-        exit(1);
-    }
-    return program;
-}
 
 /* A quad over the rectangle `rect` (x0, y0, x1, y1 in clip space). */
 static const char *kQuadVs = "#version 310 es\n"
@@ -62,10 +35,7 @@ static GLuint quadProgram(const char *body) {
         fs, sizeof(fs),
         "#version 310 es\nprecision highp float;\nprecision highp int;\nin vec2 uv;\nout vec4 colour;\n%s",
         body);
-    GLuint p = glCreateProgram();
-    glAttachShader(p, shader(GL_VERTEX_SHADER, kQuadVs));
-    glAttachShader(p, shader(GL_FRAGMENT_SHADER, fs));
-    return link(p);
+    return linkProgram(attachShaders(kQuadVs, fs));
 }
 
 static void cell(GLuint program, int index, int frame) {
@@ -134,17 +104,17 @@ int main(int argc, char **argv) {
     glTexStorage2D(GL_TEXTURE_2D, 1, GL_DEPTH24_STENCIL8, kSize * 2, kSize * 2);
     glTexParameteri(GL_TEXTURE_2D, GL_DEPTH_STENCIL_TEXTURE_MODE, GL_STENCIL_INDEX);
     GLuint slant = glCreateProgram();
-    glAttachShader(slant,
-                   shader(GL_VERTEX_SHADER,
-                          "#version 310 es\n"
-                          "uniform float turn;\n"
-                          "void main() {\n"
-                          "  vec2 p = vec2(float(gl_VertexID & 1), float(gl_VertexID >> 1)) * 2.4 - 1.2;\n"
-                          "  gl_Position = vec4(p.x + turn, p.y, p.x * 0.7 - p.y * 0.2, 1.0);\n"
-                          "}\n"));
-    glAttachShader(slant, shader(GL_FRAGMENT_SHADER, "#version 310 es\nprecision mediump float;\n"
-                                                     "out vec4 c;\nvoid main() { c = vec4(1.0); }\n"));
-    link(slant);
+    glAttachShader(
+        slant, compileShader(GL_VERTEX_SHADER,
+                             "#version 310 es\n"
+                             "uniform float turn;\n"
+                             "void main() {\n"
+                             "  vec2 p = vec2(float(gl_VertexID & 1), float(gl_VertexID >> 1)) * 2.4 - 1.2;\n"
+                             "  gl_Position = vec4(p.x + turn, p.y, p.x * 0.7 - p.y * 0.2, 1.0);\n"
+                             "}\n"));
+    glAttachShader(slant, compileShader(GL_FRAGMENT_SHADER, "#version 310 es\nprecision mediump float;\n"
+                                                            "out vec4 c;\nvoid main() { c = vec4(1.0); }\n"));
+    linkProgram(slant);
     GLuint fbo;
     glGenFramebuffers(1, &fbo);
     glBindFramebuffer(GL_FRAMEBUFFER, fbo);
@@ -249,17 +219,18 @@ int main(int argc, char **argv) {
     /* A transform feedback object with its own buffer: each frame captures a moving triangle and
      * draws what it captured. */
     GLuint capture = glCreateProgram();
+    glAttachShader(capture, compileShader(GL_VERTEX_SHADER,
+                                          "#version 310 es\n"
+                                          "uniform float t;\nout vec4 p;\n"
+                                          "void main() { p = vec4(0.2 + 0.1 * float(gl_VertexID) + t, "
+                                          "-0.9 + 0.3 * float(gl_VertexID & 1), 0.0, 1.0); "
+                                          "gl_Position = p; }\n"));
     glAttachShader(capture,
-                   shader(GL_VERTEX_SHADER, "#version 310 es\n"
-                                            "uniform float t;\nout vec4 p;\n"
-                                            "void main() { p = vec4(0.2 + 0.1 * float(gl_VertexID) + t, "
-                                            "-0.9 + 0.3 * float(gl_VertexID & 1), 0.0, 1.0); "
-                                            "gl_Position = p; }\n"));
-    glAttachShader(capture, shader(GL_FRAGMENT_SHADER, "#version 310 es\nprecision mediump float;\n"
-                                                       "out vec4 c;\nvoid main() { c = vec4(1.0); }\n"));
+                   compileShader(GL_FRAGMENT_SHADER, "#version 310 es\nprecision mediump float;\n"
+                                                     "out vec4 c;\nvoid main() { c = vec4(1.0); }\n"));
     const char *varyings[] = {"p"};
     glTransformFeedbackVaryings(capture, 1, varyings, GL_INTERLEAVED_ATTRIBS);
-    link(capture);
+    linkProgram(capture);
     GLuint captured;
     glGenBuffers(1, &captured);
     glBindBuffer(GL_ARRAY_BUFFER, captured);
@@ -271,12 +242,14 @@ int main(int argc, char **argv) {
     glBindBufferBase(GL_TRANSFORM_FEEDBACK_BUFFER, 0, captured);
     glBindTransformFeedback(GL_TRANSFORM_FEEDBACK, 0);
     GLuint drawCaptured = glCreateProgram();
-    glAttachShader(drawCaptured, shader(GL_VERTEX_SHADER, "#version 310 es\nlayout(location = 0) in vec4 p;\n"
-                                                          "void main() { gl_Position = p; }\n"));
-    glAttachShader(drawCaptured, shader(GL_FRAGMENT_SHADER,
-                                        "#version 310 es\nprecision mediump float;\n"
-                                        "out vec4 c;\nvoid main() { c = vec4(0.1, 0.9, 0.3, 1.0); }\n"));
-    link(drawCaptured);
+    glAttachShader(drawCaptured,
+                   compileShader(GL_VERTEX_SHADER, "#version 310 es\nlayout(location = 0) in vec4 p;\n"
+                                                   "void main() { gl_Position = p; }\n"));
+    glAttachShader(drawCaptured,
+                   compileShader(GL_FRAGMENT_SHADER,
+                                 "#version 310 es\nprecision mediump float;\n"
+                                 "out vec4 c;\nvoid main() { c = vec4(0.1, 0.9, 0.3, 1.0); }\n"));
+    linkProgram(drawCaptured);
     GLuint vao;
     glGenVertexArrays(1, &vao);
     glBindVertexArray(vao);

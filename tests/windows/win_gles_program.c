@@ -20,6 +20,7 @@
 
 #include <EGL/egl.h>
 #include <GLES3/gl3.h>
+#include "tests/common/gl_program.h"
 
 #include <stdint.h>
 #include <stdio.h>
@@ -121,37 +122,11 @@ static void closeWindow(Window *w) {
     DestroyWindow(w->window);
 }
 
-static GLuint compile(GLenum type, const char *source) {
-    GLuint shader = glCreateShader(type);
-    glShaderSource(shader, 1, &source, NULL);
-    glCompileShader(shader);
-    GLint ok = 0;
-    glGetShaderiv(shader, GL_COMPILE_STATUS, &ok);
-    if (!ok) {
-        char log[1024] = "";
-        glGetShaderInfoLog(shader, sizeof(log), NULL, log);
-        fprintf(stderr, "shader: %s\n", log);
-        exit(1);
-    }
-    return shader;
-}
-
 static GLuint link(const char *vs, const char *fs, const char *attribute0, const char *attribute1) {
-    GLuint program = glCreateProgram();
-    glAttachShader(program, compile(GL_VERTEX_SHADER, vs));
-    glAttachShader(program, compile(GL_FRAGMENT_SHADER, fs));
+    GLuint program = attachShaders(vs, fs);
     if (attribute0) glBindAttribLocation(program, 0, attribute0);
     if (attribute1) glBindAttribLocation(program, 1, attribute1);
-    glLinkProgram(program);
-    GLint ok = 0;
-    glGetProgramiv(program, GL_LINK_STATUS, &ok);
-    if (!ok) {
-        char log[1024] = "";
-        glGetProgramInfoLog(program, sizeof(log), NULL, log);
-        fprintf(stderr, "link: %s\n", log);
-        exit(1);
-    }
-    return program;
+    return linkProgram(program);
 }
 
 /* Reads the frame back, writes it to DIR/NAME-frame-N.rgba and prints its hash; 1 on a GL error
