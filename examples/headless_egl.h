@@ -19,7 +19,7 @@ typedef struct {
     EGLContext context;
 } HeadlessEgl;
 
-/* Makes an OpenGL ES `version` (2 or 3) context current on a width x height pbuffer with 8-bit
+/* Makes an OpenGL ES `version` (1, 2 or 3) context current on a width x height pbuffer with 8-bit
  * colour channels and `depthBits` of depth. Returns 0 (and says why) when it cannot. */
 static inline int headlessEglOpen(HeadlessEgl *egl, int version, int width, int height, int depthBits) {
     PFNEGLGETPLATFORMDISPLAYEXTPROC getPlatformDisplay =
@@ -35,7 +35,9 @@ static inline int headlessEglOpen(HeadlessEgl *egl, int version, int width, int 
     const EGLint configAttributes[] = {EGL_SURFACE_TYPE,
                                        EGL_PBUFFER_BIT,
                                        EGL_RENDERABLE_TYPE,
-                                       version >= 3 ? EGL_OPENGL_ES3_BIT : EGL_OPENGL_ES2_BIT,
+                                       version >= 3   ? EGL_OPENGL_ES3_BIT
+                                       : version == 2 ? EGL_OPENGL_ES2_BIT
+                                                      : EGL_OPENGL_ES_BIT,
                                        EGL_RED_SIZE,
                                        8,
                                        EGL_GREEN_SIZE,

@@ -43,36 +43,8 @@ static GLuint makeTexture(int seed) {
 int main(int argc, char **argv) {
     int frames = argc > 1 ? atoi(argv[1]) : 3;
     FILE *out = argc > 2 ? fopen(argv[2], "wb") : NULL;
-    PFNEGLGETPLATFORMDISPLAYEXTPROC getPlatformDisplay =
-        (PFNEGLGETPLATFORMDISPLAYEXTPROC)eglGetProcAddress("eglGetPlatformDisplayEXT");
-    EGLDisplay display = getPlatformDisplay
-                             ? getPlatformDisplay(EGL_PLATFORM_SURFACELESS_MESA, EGL_DEFAULT_DISPLAY, NULL)
-                             : eglGetDisplay(EGL_DEFAULT_DISPLAY);
-    if (!eglInitialize(display, NULL, NULL)) return 1;
-    const EGLint configAttributes[] = {EGL_SURFACE_TYPE,
-                                       EGL_PBUFFER_BIT,
-                                       EGL_RENDERABLE_TYPE,
-                                       EGL_OPENGL_ES_BIT,
-                                       EGL_RED_SIZE,
-                                       8,
-                                       EGL_GREEN_SIZE,
-                                       8,
-                                       EGL_BLUE_SIZE,
-                                       8,
-                                       EGL_ALPHA_SIZE,
-                                       8,
-                                       EGL_DEPTH_SIZE,
-                                       16,
-                                       EGL_NONE};
-    EGLConfig config;
-    EGLint count = 0;
-    if (!eglChooseConfig(display, configAttributes, &config, 1, &count) || count < 1) return 1;
-    const EGLint surfaceAttributes[] = {EGL_WIDTH, kSize, EGL_HEIGHT, kSize, EGL_NONE};
-    EGLSurface surface = eglCreatePbufferSurface(display, config, surfaceAttributes);
-    eglBindAPI(EGL_OPENGL_ES_API);
-    const EGLint contextAttributes[] = {EGL_CONTEXT_CLIENT_VERSION, 1, EGL_NONE};
-    EGLContext context = eglCreateContext(display, config, EGL_NO_CONTEXT, contextAttributes);
-    if (!eglMakeCurrent(display, surface, surface, context)) return 1;
+    HeadlessEgl egl;
+    if (!headlessEglOpen(&egl, 1, kSize, kSize, 16)) return 1;
     printf("%s | %s\n", (const char *)glGetString(GL_VERSION), (const char *)glGetString(GL_RENDERER));
 
     /* The client arrays. */
@@ -222,7 +194,7 @@ int main(int argc, char **argv) {
         glGetFloatv(GL_MODELVIEW_MATRIX, modelview);
         glReadPixels(0, 0, kSize, kSize, GL_RGBA, GL_UNSIGNED_BYTE, pixels);
         if (out) fwrite(pixels, 1, kSize * kSize * 4, out);
-        eglSwapBuffers(display, surface);
+        eglSwapBuffers(egl.display, egl.surface);
     }
     /* An invalid enum: the driver's error, seen by the program exactly once. */
     glEnable(0x1234);
@@ -232,9 +204,6 @@ int main(int argc, char **argv) {
     free(pixels);
     glDeleteBuffers(2, buffers);
     glDeleteTextures(2, textures);
-    eglMakeCurrent(display, EGL_NO_SURFACE, EGL_NO_SURFACE, EGL_NO_CONTEXT);
-    eglDestroyContext(display, context);
-    eglDestroySurface(display, surface);
-    eglTerminate(display);
+    headlessEglClose(&egl);
     return first == GL_INVALID_ENUM && second == GL_NO_ERROR ? 0 : 2;
 }
